@@ -1,0 +1,50 @@
+/*
+ * vael_apps.h - start and stop the library, and the umbrella header.
+ *
+ * A process calls vael_apps_init (or vael_apps_init_multik for a host with
+ * several instances) once before any other call, and vael_apps_fini once at
+ * the end, after every PM is destroyed.
+ */
+#ifndef VAEL_APPS_H
+#define VAEL_APPS_H
+
+#include "vael/vael_list.h"
+#include "vael/vael_pm.h"
+#include "vael/vael_pmglob.h"
+#include "vael/vael_thin_nfa.h"
+#include "vael/vael_us_adaptor.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The host's control channel. A host without one passes null functions. */
+/* ioctl(number, record) performs one request, 0 on success. */
+typedef int (*vael_apps_ioctl_fn)(int number, void *record);
+typedef int (*vael_apps_get_ioctl_num_fn)(void);
+typedef int (*vael_apps_ioctl_multik_fn)(int number, void *record, int instance);
+typedef int (*vael_apps_get_instance_range_fn)(int *first, int *last);
+
+typedef struct vael_apps_callbacks {
+    vael_apps_ioctl_fn ioctl;
+    vael_apps_get_ioctl_num_fn get_ioctl_num;
+} vael_apps_callbacks;
+
+typedef struct vael_apps_callbacks_multik {
+    vael_apps_ioctl_fn ioctl;
+    vael_apps_get_ioctl_num_fn get_ioctl_num;
+    vael_apps_ioctl_multik_fn ioctl_multik;
+    vael_apps_get_instance_range_fn get_instance_range;
+} vael_apps_callbacks_multik;
+
+/* Result 0 or -1. A null callbacks record is taken as a host without a
+ * control channel. */
+int vael_apps_init(const vael_apps_callbacks *callbacks);
+int vael_apps_init_multik(const vael_apps_callbacks_multik *callbacks);
+void vael_apps_fini(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VAEL_APPS_H */

@@ -1,0 +1,140 @@
+/*
+ * vael_pm.h - the pattern matcher: pattern lists, compile, run, destroy.
+ *
+ * A caller fills a vael_pm_patterns list, compiles it into one PM with
+ * vael_pm_compile, runs the PM over data with vael_pm_exec_ex from any number
+ * of threads, and receives one callback per match with the user's pattern id
+ * and the offset of the match's last byte. Details of a failed compile come
+ * back in a vael_pm_error; run-time failures are -1 and a line in the debug
+ * log.
+ */
+#ifndef VAEL_PM_H
+#define VAEL_PM_H
+
+#include <stdint.h>
+
+#include "vael/vael_list.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VAEL_OK 0
+#define VAEL_ERROR (-1)
+
+/* Pattern flags: one word that serves as the user's pattern flags, as compile
+ * flags, and, with the compiler's bits added, as the flags of a string handed
+ * to a first-tier engine. */
+#define VAEL_PM_DIGITLESS         0x00001000u /* all digits compare equal */
+#define VAEL_PM_NO_HISTORY        0x00008000u /* second tier sees the present buffer only */
+#define VAEL_PM_NEED_TIER2        0x00010000u /* a first-tier hit is only a candidate */
+#define VAEL_PM_LSS_END_ANCHOR    0x00040000u /* the hit counts only at the very end of the data */
+#define VAEL_PM_LSS_START_ANCHOR  0x00080000u /* the hit counts only when the string starts the data */
+#define VAEL_PM_LSS_KEEP_ANCHORS  0x00100000u /* find the LSS with anchors left in place */
+#define VAEL_PM_MULTI_LSS         0x00200000u /* more than one LSS candidate */
+#define VAEL_PM_BOUNDED_LEFT      0x00400000u /* bounded pattern with an open left side */
+#define VAEL_PM_LITERAL_LSS       0x00800000u /* a final state's hint is the string's own length */
+#define VAEL_PM_VERIFY_SYNTAX     0x01000000u /* a syntax verification is running */
+#define VAEL_PM_USE_REM           0x02000000u /* second tier is the library's own regex machine */
+#define VAEL_PM_BOUND             0x04000000u /* whole words only */
+#define VAEL_PM_UTF8              0x08000000u /* the pattern is UTF-8 */
+#define VAEL_PM_CASELESS          0x10000000u /* match without regard to case */
+#define VAEL_PM_LITERAL           0x20000000u /* a user's LSS is taken byte by byte */
+#define VAEL_PM_SHORT_LSS         0x40000000u /* the minimum LSS length does not apply */
+#define VAEL_PM_CONTINUOUS_WORD   0x80000000u /* a word is one continuous phrase */
+
+/* Exec flags. Only the bits of VAEL_PM_EXEC_TIER1_MASK reach a first tier. */
+#define VAEL_PM_EXEC_LAST_BUFFER        0x00000001u /* this chunk ends the data */
+#define VAEL_PM_EXEC_PRESENT_BUFFER     0x00000002u /* this chunk is the present buffer */
+#define VAEL_PM_EXEC_CIRCUMFLEX         0x02000000u /* '^' also at the start of the present buffer */
+#define VAEL_PM_EXEC_CIRCUMFLEX_ONLY    0x04000000u /* '^' only at the start of the present buffer */
+#define VAEL_PM_EXEC_MATCH_START        0x08000000u /* the user wants the match start offset */
+#define VAEL_PM_EXEC_FIRST_MATCH_ONLY   0x10000000u /* stop an engine at its first hit */
+#define VAEL_PM_EXEC_ALL_MATCHES        0x20000000u /* every hit, not only the first per pattern */
+#define VAEL_PM_EXEC_FROM_PM            0x40000000u /* set by the frame for a first tier */
+#define VAEL_PM_EXEC_TIER1_MASK         0x6e000000u
+
+/* Values of vael_pm_error.error_type. */
+#define VAEL_PM_ERROR_ILLEGAL   0 /* the pattern or rule is illegal: show its text to the author */
+#define VAEL_PM_ERROR_INTERNAL  1 /* internal failure or out of memory */
+#define VAEL_PM_ERROR_COMPLEX   2 /* the pattern is too complex */
+
+/* Details of a failed compile. The caller owns the record; error_string is a
+ * constant text of the library, null when no message was set. The first
+ * message set wins, so the deepest failure that speaks is what is seen. */
+typedef struct vael_pm_error {
+    int32_t pattern_id;       /* user's id of the pattern at fault, -1 when none */
+    uint32_t error_type;      /* VAEL_PM_ERROR_* */
+    const char *error_string; /* constant text, or null */
+    uint32_t error_index;     /* position in the pattern, 0 when unknown */
+} vael_pm_error;
+
+void vael_pm_error_init(vael_pm_error *err);
+void vael_pm_error_set_details(vael_pm_error *err, uint32_t type, const char *text);
+void vael_pm_error_set_details2(vael_pm_error *err, uint32_t type, const char *text, int32_t pattern_id);
+void vael_pm_error_set_details3(vael_pm_error *err, uint32_t type, const char *text, int32_t pattern_id,
+                                uint32_t index);
+void vael_pm_error_set_pattern_id(vael_pm_error *err, int32_t pattern_id);
+void vael_pm_error_dump(const vael_pm_error *err);
+
+typedef struct vael_pm_handle vael_pm_handle; /* a compiled PM */
+typedef struct vael_vbuf vael_vbuf;           /* a virtual buffer: history before the present buffer */
+typedef struct vael_pm_mask vael_pm_mask;     /* which patterns of a PM may report */
+typedef lst_list vael_pm_patterns;            /* the user's pattern list */
+
+/* The match callback: the user's pattern id and the offset of the match's last
+ * byte, counted from the start of the data (the vbuf first, then buf). Writing
+ * 0 in *keep_going ends the run with result 0; a non-zero result ends the run
+ * and is returned by the exec call. */
+typedef int (*vael_pm_match_cb)(vael_pm_handle *pm, int32_t pattern_id, void *user_arg, const unsigned char *buf,
+                                uint32_t len, uint32_t offset, vael_vbuf *vbuf, int *keep_going);
+/* The extended callback adds the hit's two extra words; the second is the
+ * match start when VAEL_PM_EXEC_MATCH_START was asked. */
+typedef int (*vael_pm_ext_match_cb)(vael_pm_handle *pm, int32_t pattern_id, void *user_arg,
+                                    const unsigned char *buf, uint32_t len, uint32_t offset, vael_vbuf *vbuf,
+                                    int *keep_going, uint32_t *extra);
+
+/* Pattern lists. The list keeps copies; the caller's memory is not kept. */
+vael_pm_patterns *vael_pm_patterns_create(void);
+int vael_pm_patterns_add_simple_pattern(vael_pm_patterns *patterns, const char *str, uint32_t len, int32_t id,
+                                        uint32_t flags);
+void vael_pm_patterns_destroy(vael_pm_patterns *patterns);
+
+/* Compile. caller names the user in logs and reports and must outlive the
+ * PM. match_cb may be null: hits then only count. */
+vael_pm_handle *vael_pm_compile(vael_pm_patterns *patterns, vael_pm_match_cb match_cb, uint32_t flags,
+                                vael_pm_error *err, const char *caller);
+vael_pm_handle *vael_pm_compile_with_wm(vael_pm_patterns *patterns, vael_pm_match_cb match_cb, uint32_t flags,
+                                        vael_pm_error *err, const char *caller);
+vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_patterns *patterns, vael_pm_match_cb match_cb,
+                                   uint32_t flags, vael_pm_error *err, const char *caller);
+/* Drops one reference; destroys the PM at the last. Null is allowed. */
+void vael_pm_destroy(vael_pm_handle *pm);
+
+/* Run. Result 0, -1, or the non-zero value a callback returned. */
+int vael_pm_exec_ex(vael_pm_handle *pm, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, vael_pm_mask *mask,
+                    void *user_arg, uint32_t exec_flags);
+int vael_pm_exec_ex2(vael_pm_handle *pm, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf,
+                     vael_pm_mask *mask, void *user_arg, uint32_t exec_flags, uint32_t back_offset);
+int vael_pm_set_extended_match_cb(vael_pm_handle *pm, vael_pm_ext_match_cb cb);
+
+/* Masks: a fresh mask silences every pattern until its bits are set. */
+vael_pm_mask *vael_pm_mask_create(vael_pm_handle *pm);
+int vael_pm_mask_set(vael_pm_mask *mask, int32_t pattern_id);
+int vael_pm_mask_unset(vael_pm_mask *mask, int32_t pattern_id);
+void vael_pm_mask_destroy(vael_pm_mask *mask);
+vael_pm_mask *vael_pm_mask_dup(const vael_pm_mask *mask);
+int vael_pm_mask_and(vael_pm_mask *dst, const vael_pm_mask *src);
+int vael_pmglob_mask_is_set(const vael_pm_mask *mask, uint32_t internal_id);
+
+/* Tunables, read at compile time. */
+extern int vael_pm_min_lss_size;                                /* default 1 */
+extern int vael_pm_stats_take_exec_time;                        /* default 0 */
+extern int vael_pm_default_back_offset_to_search_match_start; /* default 200 */
+extern int vael_pm_tier1_use_thin_nfa;                          /* default 1 */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VAEL_PM_H */

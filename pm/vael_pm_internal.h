@@ -1,0 +1,218 @@
+/*
+ * vael_pm_internal.h - the PM as the frame and the engines see it: the
+ * handle, its per-pattern entries, the mask, the run context of a direct
+ * delivery, and the two tier tables through which the frame reaches every
+ * engine. A PM stores row numbers of these tables, never engine types.
+ */
+#ifndef VAEL_PM_INTERNAL_H
+#define VAEL_PM_INTERNAL_H
+
+#include <stdint.h>
+
+#include "pm/vael_pm_stats.h"
+#include "vael/vael_pm.h"
+#include "vael/vael_pmglob.h"
+#include "vael/vael_us_adaptor.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VAEL_PM_MAX_INSTANCES 32
+#define VAEL_PM_MAX_TIER1 2
+
+/* Rows of pm_tier1_funcs, and the value of an empty slot of a PM. */
+#define VAEL_PM_TIER1_WM 0
+#define VAEL_PM_TIER1_STRING 1
+#define VAEL_PM_TIER1_NUM 2
+#define VAEL_PM_TIER1_NONE 2
+
+/* Rows of pm_tier2_funcs, and the value of an entry without a second tier. */
+#define VAEL_PM_TIER2_REM 0
+#define VAEL_PM_TIER2_PCRE 1
+#define VAEL_PM_TIER2_KW 2
+#define VAEL_PM_TIER2_NUM 3
+#define VAEL_PM_TIER2_NONE 3
+
+/* tier2_flags of a row. */
+#define VAEL_PM_TIER2_NEEDS_FLAT 0x1u   /* cannot walk a virtual buffer */
+#define VAEL_PM_TIER2_USER_TEXT 0x2u    /* compiles the user's own text */
+#define VAEL_PM_TIER2_REUSABLE 0x4u     /* a handle can be taken over on update */
+
+/* The magic of a live PM reads "nimp" in memory, "efmp" once destroyed. */
+#define VAEL_PM_MAGIC_ALIVE 0x706d696eu
+#define VAEL_PM_MAGIC_DEAD 0x706d6665u
+
+/* Pattern types of vael_pm_one_pattern. */
+#define VAEL_PM_TYPE_PATTERN 0
+#define VAEL_PM_TYPE_KW 1
+#define VAEL_PM_TYPE_WORD 2
+
+typedef struct vael_vbuf_iter vael_vbuf_iter;
+
+/* The context of a direct delivery to the user: one per tier of a run. The
+ * user's keep_going pointer points at ctx.keep_going. */
+typedef struct vael_pm_exec_cb_ctx vael_pm_exec_cb_ctx;
+typedef int (*vael_pm_exec_deliver_fn)(vael_pm_exec_cb_ctx *ctx, uint32_t offset, uint32_t *extra,
+                                       int32_t pattern_id);
+struct vael_pm_exec_cb_ctx {
+    vael_pm_exec_deliver_fn fn;
+    void *user_arg;
+    vael_pm_handle *pm;
+    int keep_going;
+    int32_t pattern_id;
+    const unsigned char *buf;
+    uint32_t len;
+    vael_vbuf *vbuf;
+    uint32_t cb_time; /* microseconds spent in the user's callback */
+};
+
+typedef struct vael_pm_tier1_funcs {
+    const char *name;
+    void *(*compile)(vael_pmglob_patterns *list, uint32_t compile_flags, vael_pm_error *err);
+    int (*exec)(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start, lst_list **queue,
+                uint32_t exec_flags, const vael_pm_mask *mask, vael_pm_exec_cb_ctx *ctx);
+    void *(*duplicate)(void *h);
+    uint32_t (*get_serialize_size)(void *h);
+    int (*serialize)(void *h, unsigned char **position, uint32_t *space_left);
+    void *(*deserialize)(const unsigned char **position, uint32_t *space_left, vael_vbuf *vbuf,
+                         vael_vbuf_iter *iter);
+    int (*is_valid)(void *h);
+    void (*destroy)(void *h);
+    void (*stats_print)(void *h, int level);
+    vael_pm_stats_common *(*get_common_stats)(void *h);
+    void (*dump)(void *h, int format);
+} vael_pm_tier1_funcs;
+
+typedef struct vael_pm_tier2_funcs {
+    const char *name;
+    uint32_t tier2_flags;
+    void *(*compile)(vael_pmglob_string *text, uint32_t compile_flags, uint32_t pattern_flags, vael_pm_error *err);
+    int (*exec)(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start, lst_list **queue,
+                uint32_t exec_flags, vael_pm_exec_cb_ctx *ctx);
+    int (*has_start_anchor)(void *h);
+    uint32_t (*find_match_start)(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf,
+                                 uint32_t exec_flags, vael_pmglob_match_data *hit, uint32_t back_offset,
+                                 uint32_t pattern_flags);
+    void *(*duplicate)(void *h);
+    uint32_t (*get_serialize_size)(void *h);
+    int (*serialize)(void *h, unsigned char **position, uint32_t *space_left);
+    void *(*deserialize)(const unsigned char **position, uint32_t *space_left, vael_vbuf *vbuf,
+                         vael_vbuf_iter *iter);
+    int (*is_valid)(void *h);
+    void (*destroy)(void *h);
+    void (*stats_print)(void *h, int level);
+    vael_pm_stats_common *(*get_common_stats)(void *h);
+    void (*dump)(void *h, int format);
+} vael_pm_tier2_funcs;
+
+extern vael_pm_tier1_funcs pm_tier1_funcs[VAEL_PM_TIER1_NUM];
+extern vael_pm_tier2_funcs pm_tier2_funcs[VAEL_PM_TIER2_NUM];
+
+/* One user pattern. */
+typedef struct vael_pm_one_pattern {
+    vael_pmglob_string *lss; /* may be null */
+    vael_pmglob_string *re;  /* may be null */
+    int32_t id;              /* user's id */
+    uint32_t match_len;      /* length of a match when known, else 0 */
+    uint32_t flags;
+    uint32_t type;           /* VAEL_PM_TYPE_* */
+} vael_pm_one_pattern;
+
+/* The PM's entry for one pattern; its index is the internal id. */
+typedef struct vael_pm_array_one_handle {
+    uint32_t lss_size;
+    unsigned char *lss_str; /* owned, no terminator */
+    uint32_t tier1_matches; /* first-tier hits */
+    uint32_t matches;       /* hits delivered to the callback */
+    uint32_t re_size;
+    unsigned char *re_str;  /* owned, no terminator; null without a second tier */
+    uint32_t type;
+    int32_t id;             /* user's id */
+    uint32_t match_len;
+    uint32_t flags;
+    uint32_t tier2_type;    /* row of pm_tier2_funcs, VAEL_PM_TIER2_NONE when none */
+    void *tier2_h;
+} vael_pm_array_one_handle;
+
+typedef struct vael_pm_tier1_slot {
+    uint32_t tier1_type; /* row of pm_tier1_funcs, VAEL_PM_TIER1_NONE when empty */
+    void *tier1_h;
+} vael_pm_tier1_slot;
+
+/* The PM statistics block, seven words in this order. */
+typedef struct vael_pm_stats_block {
+    uint32_t num_patterns;
+    uint32_t memory;
+    uint32_t num_tier2_compiled;
+    uint32_t compile_time;
+    uint32_t serialize_time;
+    uint32_t deserialize_time;
+    uint32_t update_time;
+} vael_pm_stats_block;
+
+struct vael_pm_handle {
+    unsigned char uuid[16];
+    uint32_t refcount;
+    uint32_t magic;
+    vael_pm_match_cb match_cb[VAEL_PM_MAX_INSTANCES];
+    vael_pm_ext_match_cb ext_match_cb[VAEL_PM_MAX_INSTANCES];
+    uint32_t flags;
+    vael_pm_tier1_slot tier1[VAEL_PM_MAX_TIER1];
+    uint32_t num_tier2;
+    vael_pm_array_one_handle *pm_array;
+    vael_pm_stats_block stats;
+    int32_t pm_id;
+    vael_pm_handle *next;
+    const char *name;
+};
+
+struct vael_pm_mask {
+    vael_pm_handle *pm;
+    uint32_t mask_size; /* words of 32 bits */
+    uint32_t mask[];    /* bit i % 32 of word i / 32 is internal id i */
+};
+
+/* The process-wide PM list and its mutex, as pointers so that a host can
+ * hand one record to another instance. */
+typedef struct vael_pm_global_data_t {
+    vael_mutex **lock;
+    int *lock_init;
+    vael_pm_handle **list;
+} vael_pm_global_data_t;
+extern vael_pm_global_data_t vael_pm_global_data;
+void vael_pm_set_global_data(const vael_pm_global_data_t *data);
+void vael_pm_get_global_data(vael_pm_global_data_t *data);
+
+int vael_pm_init(void);
+void vael_pm_fini(void);
+int vael_tier1_init(void);
+void vael_tier1_fini(void);
+int vael_tier2_init(void);
+void vael_tier2_fini(void);
+int vael_pm_list_lock_init(void);
+void vael_pm_list_lock_destroy(void);
+
+/* Pattern records. */
+vael_pm_one_pattern *vael_pm_patterns_one_pattern_create(const unsigned char *lss, uint32_t lss_len,
+                                                         const unsigned char *re, uint32_t re_len, int32_t id,
+                                                         uint32_t match_len, uint32_t flags, uint32_t type);
+void vael_pm_patterns_one_pattern_destroy(vael_pm_one_pattern *p);
+
+int vael_pm_exec_call_on_match(vael_pm_handle *pm, int32_t pattern_id, void *user_arg, const unsigned char *buf,
+                               uint32_t len, uint32_t offset, vael_vbuf *vbuf, int *keep_going, uint32_t *extra,
+                               const char *tier);
+
+/* Engines' init functions fill one row each. */
+int vael_thin_nfa_init(vael_pm_tier1_funcs *row);
+void vael_thin_nfa_fini(void);
+
+void vael_pmglob_uuid_build(unsigned char *uuid);
+void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t time, int32_t pid);
+int vael_pm_validate(vael_pm_handle *pm);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VAEL_PM_INTERNAL_H */

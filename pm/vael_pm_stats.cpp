@@ -1,0 +1,32 @@
+// vael_pm_stats.cpp - each engine's statistics record: the memory and time
+// of its compile. Runs are not counted in this build; the run updates are
+// kept so that every engine reports its runs in one place.
+
+#include "pm/vael_pm_stats.h"
+
+extern "C" int vael_pm_stats_common_init(vael_pm_stats_common *stats) {
+    if (!stats)
+        return -1;
+    stats->memory = 0;
+    stats->compile_time = 0;
+    return 0;
+}
+
+extern "C" void vael_pm_stats_common_free(vael_pm_stats_common *stats) {}
+
+extern "C" void vael_pm_stats_common_update_compile(vael_pm_stats_common *stats, uint32_t memory, uint32_t time,
+                                                    int mode) {
+    if (!stats)
+        return;
+    if (mode == VAEL_PM_STATS_COMPILE_MEMORY || mode == VAEL_PM_STATS_COMPILE_BOTH)
+        stats->memory = memory;
+    if (mode == VAEL_PM_STATS_COMPILE_TIME || mode == VAEL_PM_STATS_COMPILE_BOTH)
+        stats->compile_time = time;
+}
+
+extern "C" void vael_pm_stats_common_update_exec(vael_pm_stats_common *stats, uint32_t len, uint32_t matches) {}
+
+extern "C" void vael_pm_stats_common_update_exec_time(vael_pm_stats_common *stats, uint32_t total,
+                                                      uint32_t cb_time) {}
+
+extern "C" uint32_t vael_pm_stats_common_get_serialize_size(void) { return 8; }

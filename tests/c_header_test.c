@@ -1,0 +1,41 @@
+/* Compiles the public headers as C99 and runs the plain road through them. */
+#include <stdio.h>
+#include <string.h>
+
+#include "vael/vael_apps.h"
+
+static int hits;
+
+static int on_match(vael_pm_handle *pm, int32_t pattern_id, void *user_arg, const unsigned char *buf, uint32_t len,
+                    uint32_t offset, vael_vbuf *vbuf, int *keep_going) {
+    (void)pm, (void)user_arg, (void)buf, (void)len, (void)vbuf, (void)keep_going;
+    if (pattern_id == 7 && offset == 7)
+        hits++;
+    return 0;
+}
+
+int main(void) {
+    const char *text = "GET /etc/passwd";
+    vael_pm_error err;
+    vael_pm_patterns *patterns;
+    vael_pm_handle *pm;
+    int rc;
+
+    if (vael_apps_init(NULL) != 0)
+        return 1;
+    patterns = vael_pm_patterns_create();
+    if (!patterns || vael_pm_patterns_add_simple_pattern(patterns, "/etc", 4, 7, 0) != 0)
+        return 2;
+    pm = vael_pm_compile(patterns, on_match, 0, &err, "c-test");
+    vael_pm_patterns_destroy(patterns);
+    if (!pm)
+        return 3;
+    rc = vael_pm_exec_ex(pm, (const unsigned char *)text, (uint32_t)strlen(text), NULL, NULL, NULL, 0);
+    vael_pm_destroy(pm);
+    vael_apps_fini();
+    if (rc != 0 || hits != 1) {
+        fprintf(stderr, "rc %d hits %d\n", rc, hits);
+        return 4;
+    }
+    return 0;
+}

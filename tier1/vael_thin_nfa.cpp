@@ -1,0 +1,285 @@
+// vael_thin_nfa.cpp - the Thin NFA handle and its run over a stream.
+//
+// A run walks the BNFA one byte at a time and queues a match record for each
+// pattern that ends at a position. The scan of a piece spends its time in the
+// fast loop, which touches per byte only the input, one table word and one
+// compare against the end of the full non-finite region; partial states and
+// finite states are handled outside it. A run keeps its state in a record on
+// the caller's stack, so one handle serves any number of threads.
+
+#include <cstring>
+
+#include "runtime/vael_runtime.h"
+#include "tier1/vael_thin_nfa_internal.h"
+
+namespace {
+
+constexpr const char *kThinTopics = "K_THINNFA | K_PM";
+
+// The state of one vael_thin_nfa_exec call.
+struct vael_thin_nfa_run_state {
+    const vael_thin_nfa *nfa;
+    const uint32_t *state; // current state, a pointer into the BNFA
+    lst_list **matches;
+    const vael_pm_mask *mask;
+    uint32_t piece_offset; // stream offset of the first byte of the piece being scanned
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- handle
+
+extern "C" int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags,
+                                            uint32_t len) {
+    vael_thin_nfa_pattern_id **link = head;
+    for (; *link; link = &(*link)->next)
+        if ((*link)->id == id)
+            return 0;
+    auto *p = static_cast<vael_thin_nfa_pattern_id *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_pattern_id)));
+    if (!p) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate pattern id\n");
+        return -1;
+    }
+    *p = vael_thin_nfa_pattern_id{nullptr, id, flags, len};
+    *link = p;
+    return 0;
+}
+
+extern "C" void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head) {
+    while (head) {
+        vael_thin_nfa_pattern_id *next = head->next;
+        VAEL_PM_KFREE(head, sizeof *head);
+        head = next;
+    }
+}
+
+extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
+    if (!nfa)
+        return;
+    if (nfa->bnfa)
+        VAEL_PM_KFREE(nfa->bnfa, nfa->bnfa_size);
+    vael_pm_stats_common_free(&nfa->stats.common);
+    if (nfa->pattern_ids) {
+        for (uint32_t i = 0; i < nfa->state_num; i++)
+            vael_thin_nfa_free_pattern_ids(nfa->pattern_ids[i]);
+        VAEL_PM_KFREE(nfa->pattern_ids, sizeof(vael_thin_nfa_pattern_id *) * nfa->state_num);
+    }
+    VAEL_PM_KFREE(nfa, sizeof *nfa);
+}
+
+extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size) {
+    auto *nfa = static_cast<vael_thin_nfa *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa)));
+    if (!nfa)
+        return nullptr;
+    std::memset(nfa, 0, sizeof *nfa);
+    nfa->state_num = state_num;
+    nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC(bnfa_size));
+    if (!nfa->bnfa) {
+        vael_thin_nfa_destroy(nfa);
+        return nullptr;
+    }
+    nfa->bnfa_size = bnfa_size;
+    nfa->bnfa_full_size = bnfa_full_size;
+    size_t ids_bytes = sizeof(vael_thin_nfa_pattern_id *) * state_num;
+    nfa->pattern_ids = static_cast<vael_thin_nfa_pattern_id **>(VAEL_PM_KMALLOC(ids_bytes));
+    if (!nfa->pattern_ids) {
+        vael_thin_nfa_destroy(nfa);
+        return nullptr;
+    }
+    std::memset(nfa->pattern_ids, 0, ids_bytes);
+    if (vael_pm_stats_common_init(&nfa->stats.common) != 0) {
+        vael_thin_nfa_destroy(nfa);
+        return nullptr;
+    }
+    nfa->stats.num_states = 0;
+    nfa->stats.num_final_states = 0;
+    return nfa;
+}
+
+extern "C" vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa) {
+    return nfa ? &nfa->stats.common : nullptr;
+}
+
+// ---------------------------------------------------------------- matches
+
+namespace {
+
+int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_id *pattern, uint32_t flags,
+                                uint32_t end_offset) {
+    vael_pmglob_match_data *record = vael_pmglob_match_data_alloc();
+    if (!record) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate match data for ID %d\n", (int)pattern->id);
+        return -1;
+    }
+    // A pattern that goes on to a second tier is reported once per run.
+    bool keep_all = (flags & VAEL_PM_EXEC_ALL_MATCHES) && !(pattern->flags & VAEL_PM_NEED_TIER2);
+    vael_pmglob_match_data_set(record, (int32_t)pattern->id, end_offset, keep_all ? VAEL_PMGLOB_MATCH_KEEP_ALL : 0,
+                               pattern->len, nullptr);
+    int rc = vael_pmglob_match_data_enqueue(matches, record);
+    if (rc == 0)
+        return 0;
+    vael_pmglob_match_data_free(record);
+    if (rc == 1)
+        return 0;
+    VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to enqueue match data for ID %d\n", (int)pattern->id);
+    return -1;
+}
+
+// Queues every pattern of a finite state that passes the mask and anchors.
+// `consumed` counts the piece's bytes up to and including the match's last.
+int vael_thin_nfa_handle_match(vael_thin_nfa_run_state *run, const uint32_t *state, uint32_t consumed,
+                               uint32_t piece_length, uint32_t flags) {
+    uint32_t end_offset = run->piece_offset + consumed - 1;
+    bool at_data_end = consumed == piece_length && (flags & VAEL_PM_EXEC_LAST_BUFFER);
+    for (const vael_thin_nfa_pattern_id *p = run->nfa->pattern_ids[*state >> BNFA_STATE_ID_SHIFT]; p; p = p->next) {
+        if (run->mask && !vael_pmglob_mask_is_set(run->mask, p->id))
+            continue;
+        if ((p->flags & VAEL_PM_LSS_START_ANCHOR) && end_offset != p->len - 1)
+            continue;
+        if ((p->flags & VAEL_PM_LSS_END_ANCHOR) && !at_data_end)
+            continue;
+        if (vael_thin_nfa_enqueue_match(run->matches, p, flags, end_offset) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- scan
+
+// One step by one (already translated) byte: a full state resolves any byte
+// with one load; a partial state without the byte falls to its fail state
+// without consuming it. The chain ends in a full state at the latest at the
+// root.
+inline const uint32_t *step(const uint32_t *bnfa, const uint32_t *state, unsigned char byte) {
+    for (;;) {
+        if (!(*state & BNFA_STATE_PARTIAL))
+            return bnfa + state[1 + byte];
+        if (const uint32_t *next = vael_thin_nfa_get_next_state(state, bnfa, byte))
+            return next;
+        state = bnfa + (state[1] >> 8);
+    }
+}
+
+template <bool kXlate>
+int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                                  uint32_t flags, const unsigned char *xlation_tab) {
+    if (length == 0)
+        return 0;
+    const uint32_t *bnfa = run->nfa->bnfa;
+    const uint32_t *full_end = bnfa + run->nfa->bnfa_full_size / 4;
+    const unsigned char *p = data;
+    const unsigned char *end = data + length;
+    auto next_byte = [&]() -> unsigned char { return kXlate ? xlation_tab[*p++] : *p++; };
+
+    // The state the run stood in was examined at the end of the last piece.
+    const uint32_t *s = step(bnfa, run->state, next_byte());
+    while (p < end) {
+        if (*s & BNFA_STATE_FINITE) {
+            if (vael_thin_nfa_handle_match(run, s, (uint32_t)(p - data), length, flags) != 0)
+                return -1;
+        }
+        s = step(bnfa, s, next_byte());
+        if (p == end)
+            break;
+        // Full, non-finite states: raw bytes straight into the table.
+        while (s < full_end) {
+            s = bnfa + s[1 + *p++];
+            if (p == end)
+                goto done;
+        }
+        // Partial states that are not finite.
+        while ((*s & BNFA_STATE_KIND_MASK) == BNFA_STATE_PARTIAL) {
+            s = step(bnfa, s, next_byte());
+            if (p == end)
+                goto done;
+        }
+    }
+done:
+    if (*s & BNFA_STATE_FINITE) {
+        if (vael_thin_nfa_handle_match(run, s, length, length, flags) != 0)
+            return -1;
+    }
+    run->state = s;
+    return 0;
+}
+
+int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                               uint32_t flags) {
+    return vael_thin_nfa_exec_one_buf_ex<false>(run, data, length, flags, nullptr);
+}
+
+int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                                     uint32_t flags) {
+    return vael_thin_nfa_exec_one_buf_ex<true>(run, data, length, flags, run->nfa->xlation_tab);
+}
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_exec(vael_thin_nfa *nfa, const unsigned char *buffer, uint32_t length,
+                                  vael_vbuf *vbuf, uint32_t offset, lst_list **matches, uint32_t flags,
+                                  const vael_pm_mask *mask) {
+    bool have_flat = buffer && length;
+    if (!nfa || !matches || (!have_flat && !vbuf)) {
+        VAEL_ASSERT(0, "Illegal arguments");
+        return -1;
+    }
+    auto scan = (nfa->flags & THIN_NFA_FLAG_XLATION) ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf;
+    vael_thin_nfa_run_state run = {nfa, nfa->bnfa, matches, mask, 0};
+    uint32_t scanned = 0;
+    int rc = 0;
+
+    if (!have_flat) {
+        // Streams with history are scanned by the virtual-buffer road.
+        VAEL_ASSERT(0, "Illegal arguments");
+        rc = -1;
+    } else if (offset > run.piece_offset) {
+        uint32_t skip = offset - run.piece_offset;
+        if (skip > length) {
+            VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Offset %d too large, vbuf size %d, buffer size %d\n",
+                     (int)offset, (int)length, 0);
+            rc = -1;
+        } else {
+            run.piece_offset = offset;
+            rc = scan(&run, buffer + skip, length - skip, flags | VAEL_PM_EXEC_LAST_BUFFER);
+            scanned += length - skip;
+        }
+    } else {
+        rc = scan(&run, buffer, length, flags | VAEL_PM_EXEC_LAST_BUFFER);
+        scanned += length;
+    }
+    vael_pm_stats_common_update_exec(&nfa->stats.common, scanned, (uint32_t)lst_nelements(*matches));
+    return rc;
+}
+
+// ---------------------------------------------------------------- table row
+
+namespace {
+
+void *thin_compile(vael_pmglob_patterns *list, uint32_t flags, vael_pm_error *err) {
+    return vael_thin_nfa_compile(list, flags, err);
+}
+
+int thin_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start, lst_list **queue,
+              uint32_t exec_flags, const vael_pm_mask *mask, vael_pm_exec_cb_ctx *) {
+    return vael_thin_nfa_exec(static_cast<vael_thin_nfa *>(h), buf, len, vbuf, start, queue, exec_flags, mask);
+}
+
+void thin_destroy(void *h) { vael_thin_nfa_destroy(static_cast<vael_thin_nfa *>(h)); }
+
+vael_pm_stats_common *thin_common_stats(void *h) {
+    return vael_thin_nfa_get_common_stats(static_cast<vael_thin_nfa *>(h));
+}
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_init(vael_pm_tier1_funcs *row) {
+    *row = vael_pm_tier1_funcs{};
+    row->name = "Thin NFA";
+    row->compile = thin_compile;
+    row->exec = thin_exec;
+    row->destroy = thin_destroy;
+    row->get_common_stats = thin_common_stats;
+    return 0;
+}
+
+extern "C" void vael_thin_nfa_fini(void) {}

@@ -1,0 +1,121 @@
+/*
+ * vael_thin_nfa_internal.h - the Thin NFA handle and the binary automaton
+ * (BNFA), shared by the run, the compile and the build.
+ *
+ * The BNFA is one array of 32-bit words; every position in it is a word
+ * offset, and a state is named by its offset, never by its ID. Three regions
+ * follow each other with nothing between:
+ *
+ *   [ full non-finite states, ascending ID ][ every other state, ascending ID ]
+ *   ^ offset 0: the initial state           ^ byte bnfa_full_size
+ *
+ * so one pointer comparison tells the fast loop that a state is full and has
+ * no match: it may stay in its loop.
+ *
+ * Every state starts with a header word:
+ *
+ *   bit 0      BNFA_STATE_FINITE   some pattern ends here
+ *   bit 1      BNFA_STATE_PARTIAL  partial state; clear means full
+ *   bits 2-7   zero
+ *   bits 8-31  state ID, the index into pattern_ids
+ *
+ * A full state (257 words) follows with 256 entries, one per raw input byte,
+ * each the offset of the next state; fail transitions are folded in at build
+ * time, and with a translation table the entry of every byte equals that of
+ * its canonical byte, so the fast loop needs no translation.
+ *
+ * A partial state (2 + n words) follows with:
+ *
+ *   partial header   bits 0-7 n (0..255)   bits 8-31 offset of the fail state
+ *   transition i     bits 0-7 byte         bits 8-31 offset of the next state
+ *
+ * with transitions sorted by strictly ascending (canonical) byte.
+ */
+#ifndef VAEL_THIN_NFA_INTERNAL_H
+#define VAEL_THIN_NFA_INTERNAL_H
+
+#include <stdint.h>
+
+#include "pm/vael_pm_internal.h"
+#include "vael/vael_thin_nfa.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define BNFA_STATE_FINITE 0x1u
+#define BNFA_STATE_PARTIAL 0x2u
+#define BNFA_STATE_KIND_MASK 0x3u
+#define BNFA_STATE_ID_SHIFT 8
+#define BNFA_FULL_STATE_WORDS 257u
+#define BNFA_FULL_STATE_BYTES (4u * BNFA_FULL_STATE_WORDS)
+#define BNFA_PARTIAL_HEADER_BYTES 8u
+/* A partial state with more transitions than this is searched by halves. */
+#define BNFA_LINEAR_SEARCH_MAX 6u
+
+/* Bit 0 of vael_thin_nfa.flags: xlation_tab is in force. */
+#define THIN_NFA_FLAG_XLATION 0x1u
+
+/* A pattern that ends in a state; a state's list holds the pattern that ends
+ * exactly there first, then those ending as its proper suffixes. */
+typedef struct vael_thin_nfa_pattern_id {
+    struct vael_thin_nfa_pattern_id *next;
+    uint32_t id;    /* the id to report */
+    uint32_t flags; /* the string's LSS flags */
+    uint32_t len;   /* length in bytes */
+} vael_thin_nfa_pattern_id;
+
+typedef struct vael_thin_nfa_stats {
+    vael_pm_stats_common common;
+    uint32_t num_states;
+    uint32_t num_final_states;
+} vael_thin_nfa_stats;
+
+struct vael_thin_nfa {
+    uint32_t *bnfa;                         /* the automaton; the initial state at offset 0 */
+    uint32_t bnfa_size;                     /* bytes */
+    uint32_t bnfa_full_size;                /* bytes of the leading full non-finite region */
+    uint32_t flags;                         /* THIN_NFA_FLAG_* */
+    uint32_t state_num;
+    vael_thin_nfa_pattern_id **pattern_ids; /* per state ID; null for a state that is not finite */
+    vael_thin_nfa_stats stats;
+    unsigned char xlation_tab[256];         /* input byte to canonical byte; zero when unused */
+};
+
+vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size);
+/* Appends {id, flags, len} unless the id is in the list already: the first
+ * entry of an id keeps its flags and length. 0 or -1. */
+int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags, uint32_t len);
+void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
+vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
+
+/* The state reached by an explicit transition of a partial state, or null. */
+static inline const uint32_t *vael_thin_nfa_get_next_state(const uint32_t *state, const uint32_t *bnfa,
+                                                           unsigned char byte) {
+    uint32_t n = state[1] & 0xffu;
+    const uint32_t *trans = state + 2;
+    if (n <= BNFA_LINEAR_SEARCH_MAX) {
+        for (uint32_t i = 0; i < n; i++)
+            if ((trans[i] & 0xffu) == byte)
+                return bnfa + (trans[i] >> 8);
+        return 0;
+    }
+    int low = 0, high = (int)n - 1;
+    while (low <= high) {
+        int middle = (low + high) / 2;
+        uint32_t b = trans[middle] & 0xffu;
+        if (b < byte)
+            low = middle + 1;
+        else if (b > byte)
+            high = middle - 1;
+        else
+            return bnfa + (trans[middle] >> 8);
+    }
+    return 0;
+}
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VAEL_THIN_NFA_INTERNAL_H */
