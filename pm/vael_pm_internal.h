@@ -13,6 +13,7 @@
 #include "vael/vael_pm.h"
 #include "vael/vael_pmglob.h"
 #include "vael/vael_us_adaptor.h"
+#include "vael/vael_vbuf.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -48,7 +49,6 @@ extern "C" {
 #define VAEL_PM_TYPE_KW 1
 #define VAEL_PM_TYPE_WORD 2
 
-typedef struct vael_vbuf_iter vael_vbuf_iter;
 
 /* The context of a direct delivery to the user: one per tier of a run. The
  * user's keep_going pointer points at ctx.keep_going. */

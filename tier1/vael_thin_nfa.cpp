@@ -218,33 +218,61 @@ int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigne
 extern "C" int vael_thin_nfa_exec(vael_thin_nfa *nfa, const unsigned char *buffer, uint32_t length,
                                   vael_vbuf *vbuf, uint32_t offset, lst_list **matches, uint32_t flags,
                                   const vael_pm_mask *mask) {
-    bool have_flat = buffer && length;
-    if (!nfa || !matches || (!have_flat && !vbuf)) {
+    if (!nfa || !matches || ((!buffer || !length) && !vbuf)) {
         VAEL_ASSERT(0, "Illegal arguments");
         return -1;
     }
+    // With history, an empty present buffer is no buffer: the end of the
+    // data is then the vbuf's last block.
+    bool have_flat = buffer && length;
     auto scan = (nfa->flags & THIN_NFA_FLAG_XLATION) ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf;
     vael_thin_nfa_run_state run = {nfa, nfa->bnfa, matches, mask, 0};
     uint32_t scanned = 0;
     int rc = 0;
 
-    if (!have_flat) {
-        // Streams with history are scanned by the virtual-buffer road.
-        VAEL_ASSERT(0, "Illegal arguments");
-        rc = -1;
-    } else if (offset > run.piece_offset) {
-        uint32_t skip = offset - run.piece_offset;
-        if (skip > length) {
-            VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Offset %d too large, vbuf size %d, buffer size %d\n",
-                     (int)offset, (int)length, 0);
-            rc = -1;
+    if (vbuf) {
+        uint32_t vbuf_size = vael_vbuf_size(vbuf);
+        if (vbuf_size <= offset) {
+            run.piece_offset = vbuf_size;
         } else {
+            // The automaton's state carries from piece to piece, so a pattern
+            // that spans blocks is found.
             run.piece_offset = offset;
-            rc = scan(&run, buffer + skip, length - skip, flags | VAEL_PM_EXEC_LAST_BUFFER);
-            scanned += length - skip;
+            vael_vbuf_iter iter = {nullptr, 0};
+            const unsigned char *piece;
+            uint32_t piece_len;
+            while (vael_vbuf_iterate(vbuf, &iter, offset, &piece, &piece_len)) {
+                uint32_t piece_flags = flags;
+                if (!have_flat && vael_vbuf_is_in_last_buffer(vbuf, run.piece_offset + piece_len - 1))
+                    piece_flags |= VAEL_PM_EXEC_LAST_BUFFER;
+                if (scan(&run, piece, piece_len, piece_flags) != 0) {
+                    rc = -1;
+                    break;
+                }
+                run.piece_offset += piece_len;
+                scanned += piece_len;
+            }
         }
-    } else {
-        rc = scan(&run, buffer, length, flags | VAEL_PM_EXEC_LAST_BUFFER);
+    }
+
+    if (rc == 0 && have_flat) {
+        if (offset > run.piece_offset) {
+            uint32_t skip = offset - run.piece_offset;
+            if (skip > length) {
+                // The sizes go in as flat length, then vbuf size, against the
+                // text's labels; tools that parse this line expect that order.
+                VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Offset %d too large, vbuf size %d, buffer size %d\n",
+                         (int)offset, (int)length, vbuf ? (int)vael_vbuf_size(vbuf) : 0);
+                rc = -1;
+                length = 0;
+            } else {
+                buffer += skip;
+                length -= skip;
+                run.piece_offset = offset;
+            }
+        }
+        if (rc == 0)
+            rc = scan(&run, buffer, length, flags | VAEL_PM_EXEC_LAST_BUFFER);
         scanned += length;
     }
     vael_pm_stats_common_update_exec(&nfa->stats.common, scanned, (uint32_t)lst_nelements(*matches));

@@ -13,6 +13,7 @@
 #include "vael/vael_pmglob.h"
 #include "vael/vael_thin_nfa.h"
 #include "vael/vael_us_adaptor.h"
+#include "vael/vael_vbuf.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -13,14 +13,13 @@
 
 #include <stdint.h>
 
+#include "vael/vael_defs.h"
 #include "vael/vael_list.h"
+#include "vael/vael_vbuf.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-#define VAEL_OK 0
-#define VAEL_ERROR (-1)
 
 /* Pattern flags: one word that serves as the user's pattern flags, as compile
  * flags, and, with the compiler's bits added, as the flags of a string handed
@@ -78,7 +77,6 @@ void vael_pm_error_set_pattern_id(vael_pm_error *err, int32_t pattern_id);
 void vael_pm_error_dump(const vael_pm_error *err);
 
 typedef struct vael_pm_handle vael_pm_handle; /* a compiled PM */
-typedef struct vael_vbuf vael_vbuf;           /* a virtual buffer: history before the present buffer */
 typedef struct vael_pm_mask vael_pm_mask;     /* which patterns of a PM may report */
 typedef lst_list vael_pm_patterns;            /* the user's pattern list */
 

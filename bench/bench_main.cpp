@@ -1,0 +1,188 @@
+// bench_main.cpp - vael-bench: the Thin NFA and the PM against a full-table
+// Aho-Corasick and Vectorscan, on literal sets of 100, 1,000 and 10,000.
+//
+// Before anything is timed, every engine's matches on every set are compared
+// (check.h); a disagreement ends the run with a non-zero exit. Each benchmark
+// takes the set size as its argument. Scans cover the whole 16 MiB corpus in
+// 64 KiB buffers per iteration and report bytes per second and the matches
+// of one pass; compiles report time and the size of what they built.
+//
+// Besides Google Benchmark's own flags, --summary prints one table of all
+// figures after the run (summary.h).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+#include "check.h"
+#include "corpus.h"
+#include "engines.h"
+#include "full_ac.h"
+#include "summary.h"
+#include "vectorscan_peer.h"
+
+namespace vael_bench {
+namespace {
+
+void all_set_sizes(benchmark::internal::Benchmark *b) {
+    for (int size : kSetSizes)
+        b->Arg(size);
+}
+
+int set_size(const benchmark::State &state) {
+    return static_cast<int>(state.range(0));
+}
+
+// Shared by every scan benchmark: one corpus pass per iteration.
+template <typename Scan>
+void run_scan(benchmark::State &state, Scan &&scan) {
+    uint64_t matches = 0;
+    for (auto _ : state) {
+        const MatchTally tally = scan();
+        matches = tally.count;
+        benchmark::DoNotOptimize(matches);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(corpus().size()));
+    state.counters["matches"] = static_cast<double>(matches);
+}
+
+void BM_ThinNfaCompile(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    for (auto _ : state) {
+        vael_thin_nfa *nfa = compile_thin_nfa(set.pmglob_list);
+        state.PauseTiming();
+        vael_thin_nfa_destroy(nfa);
+        state.ResumeTiming();
+    }
+    if (bnfa_size_known())
+        state.counters["bnfa_bytes"] = static_cast<double>(set.bnfa_bytes);
+    state.counters["engine_bytes"] = static_cast<double>(set.engine_bytes);
+}
+
+void BM_PmCompile(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    for (auto _ : state) {
+        vael_pm_handle *pm = compile_pm(set.pm_patterns);
+        state.PauseTiming();
+        vael_pm_destroy(pm);
+        state.ResumeTiming();
+    }
+}
+
+// The realistic case: matches are rare and the caller wants each literal once.
+void BM_PmExec(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    run_scan(state, [&] { return scan_pm(set.pm, 0); });
+}
+
+void BM_PmExecAllMatches(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    run_scan(state, [&] { return scan_pm(set.pm, VAEL_PM_EXEC_ALL_MATCHES); });
+}
+
+// The engine alone, called with the flags the PM frame passes it.
+void BM_ThinNfaExec(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM); });
+}
+
+void BM_FullAcBuild(benchmark::State &state) {
+    const std::vector<Literal> &literals = literal_set(set_size(state));
+    size_t memory = 0;
+    size_t states = 0;
+    for (auto _ : state) {
+        auto ac = std::make_unique<FullAc>(literals);
+        memory = ac->memory_bytes();
+        states = ac->states();
+        state.PauseTiming();  // freeing a large table is not part of the build
+        ac.reset();
+        state.ResumeTiming();
+    }
+    state.counters["memory_bytes"] = static_cast<double>(memory);
+    state.counters["states"] = static_cast<double>(states);
+}
+
+void BM_FullAcScan(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    run_scan(state, [&] { return scan_full_ac(*set.full_ac); });
+}
+
+#ifdef VAEL_HAVE_VECTORSCAN
+void BM_VectorscanCompile(benchmark::State &state) {
+    const std::vector<Literal> &literals = literal_set(set_size(state));
+    size_t database = 0;
+    for (auto _ : state) {
+        auto vs = std::make_unique<Vectorscan>(literals);
+        database = vs->database_bytes();
+        state.PauseTiming();
+        vs.reset();
+        state.ResumeTiming();
+    }
+    state.counters["database_bytes"] = static_cast<double>(database);
+}
+
+void BM_VectorscanScan(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    run_scan(state, [&] { return scan_vectorscan(*set.vectorscan); });
+}
+#endif
+
+BENCHMARK(BM_ThinNfaCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PmCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PmExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PmExecAllMatches)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FullAcBuild)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FullAcScan)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+#ifdef VAEL_HAVE_VECTORSCAN
+BENCHMARK(BM_VectorscanCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VectorscanScan)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+#endif
+
+// Removes our own flag from argv; Google Benchmark rejects flags it does not know.
+bool take_flag(int &argc, char **argv, const char *flag) {
+    bool found = false;
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], flag) == 0)
+            found = true;
+        else
+            argv[kept++] = argv[i];
+    }
+    argc = kept;
+    argv[argc] = nullptr;
+    return found;
+}
+
+}  // namespace
+}  // namespace vael_bench
+
+int main(int argc, char **argv) {
+    using namespace vael_bench;
+    const bool summary = take_flag(argc, argv, "--summary");
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return EXIT_FAILURE;
+    if (vael_apps_init(nullptr) != 0) {
+        std::fprintf(stderr, "vael-bench: vael_apps_init failed\n");
+        return EXIT_FAILURE;
+    }
+
+    check_all_sets();
+
+    if (summary) {
+        SummaryReporter reporter;
+        benchmark::RunSpecifiedBenchmarks(&reporter);
+        reporter.print_table(std::cout);
+    } else {
+        benchmark::RunSpecifiedBenchmarks();
+    }
+
+    release_engine_sets();
+    vael_apps_fini();
+    benchmark::Shutdown();
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,201 @@
+// engines.cpp - building the engines of a literal set and scanning the corpus
+// with each (see engines.h).
+//
+// A library failure here is fatal: a benchmark of an engine that did not
+// compile or run would only print meaningless numbers.
+#include "engines.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+
+// The BNFA size lives in the engine's private record; a build whose tree has
+// that header reports it, any other falls back to the memory account.
+#if __has_include("tier1/vael_thin_nfa_internal.h")
+#include "tier1/vael_thin_nfa_internal.h"
+#define VAEL_BENCH_SEES_BNFA 1
+#endif
+
+namespace vael_bench {
+namespace {
+
+[[noreturn]] void fail(const char *what) {
+    std::fprintf(stderr, "vael-bench: %s\n", what);
+    std::exit(EXIT_FAILURE);
+}
+
+[[noreturn]] void fail_compile(const char *what, const vael_pm_error &err) {
+    std::fprintf(stderr, "vael-bench: %s failed: %s (pattern id %d, type %u)\n", what,
+                 err.error_string ? err.error_string : "no message", err.pattern_id, err.error_type);
+    std::exit(EXIT_FAILURE);
+}
+
+int tally_match(vael_pm_handle *, int32_t id, void *user_arg, const unsigned char *, uint32_t, uint32_t offset,
+                vael_vbuf *, int *) {
+    static_cast<MatchTally *>(user_arg)->add(id, offset);
+    return 0;
+}
+
+// Runs scan_buffer(tally, buf, len) over every chunk of the corpus.
+template <typename ScanBuffer>
+MatchTally scan_corpus(ScanBuffer &&scan_buffer) {
+    const std::vector<unsigned char> &data = corpus();
+    MatchTally tally;
+    for (size_t base = 0; base < data.size(); base += kChunkSize) {
+        tally.chunk_base = base;
+        const size_t len = data.size() - base < kChunkSize ? data.size() - base : kChunkSize;
+        scan_buffer(tally, data.data() + base, len);
+    }
+    return tally;
+}
+
+std::array<std::unique_ptr<EngineSet>, std::size(kSetSizes)> built_sets;
+
+}  // namespace
+
+EngineSet::EngineSet(int size) : literals(literal_set(size)) {
+    pmglob_list = make_pmglob_list(literals);
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    thin_nfa = compile_thin_nfa(pmglob_list);
+    engine_bytes = vael_pmglob_memory_get_alloc_total() - before;
+#ifdef VAEL_BENCH_SEES_BNFA
+    bnfa_bytes = static_cast<size_t>(thin_nfa->bnfa_size);
+#endif
+    pm_patterns = make_pm_patterns(literals);
+    pm = compile_pm(pm_patterns);
+    full_ac = std::make_unique<FullAc>(literals);
+#ifdef VAEL_HAVE_VECTORSCAN
+    vectorscan = std::make_unique<Vectorscan>(literals);
+#endif
+}
+
+EngineSet::~EngineSet() {
+    vael_pm_destroy(pm);
+    vael_pm_patterns_destroy(pm_patterns);
+    vael_thin_nfa_destroy(thin_nfa);
+    vael_pmglob_patterns_destroy(pmglob_list);
+}
+
+EngineSet &engine_set(int size) {
+    for (size_t i = 0; i < built_sets.size(); ++i) {
+        if (kSetSizes[i] != size)
+            continue;
+        if (!built_sets[i])
+            built_sets[i] = std::make_unique<EngineSet>(size);
+        return *built_sets[i];
+    }
+    fail("no such literal set");
+}
+
+void release_engine_sets() {
+    for (auto &set : built_sets)
+        set.reset();
+}
+
+bool bnfa_size_known() {
+#ifdef VAEL_BENCH_SEES_BNFA
+    return true;
+#else
+    return false;
+#endif
+}
+
+vael_pmglob_patterns *make_pmglob_list(const std::vector<Literal> &literals) {
+    vael_pmglob_patterns *list = vael_pmglob_patterns_create();
+    if (!list)
+        fail("vael_pmglob_patterns_create failed");
+    for (const Literal &literal : literals) {
+        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(literal.bytes.data()),
+                                                          static_cast<uint32_t>(literal.bytes.size()), literal.id, 0);
+        if (!s || vael_pmglob_patterns_add(list, s) != VAEL_OK)
+            fail("building the pmglob list failed");
+        vael_pmglob_string_destroy(s);
+    }
+    return list;
+}
+
+vael_pm_patterns *make_pm_patterns(const std::vector<Literal> &literals) {
+    vael_pm_patterns *patterns = vael_pm_patterns_create();
+    if (!patterns)
+        fail("vael_pm_patterns_create failed");
+    for (const Literal &literal : literals) {
+        if (vael_pm_patterns_add_simple_pattern(patterns, literal.bytes.data(),
+                                                static_cast<uint32_t>(literal.bytes.size()), literal.id, 0) != VAEL_OK)
+            fail("vael_pm_patterns_add_simple_pattern failed");
+    }
+    return patterns;
+}
+
+vael_thin_nfa *compile_thin_nfa(vael_pmglob_patterns *list) {
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    vael_thin_nfa *nfa = vael_thin_nfa_compile(list, 0, &err);
+    if (!nfa)
+        fail_compile("vael_thin_nfa_compile", err);
+    return nfa;
+}
+
+vael_pm_handle *compile_pm(vael_pm_patterns *patterns) {
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    vael_pm_handle *pm = vael_pm_compile(patterns, tally_match, 0, &err, "vael-bench");
+    if (!pm)
+        fail_compile("vael_pm_compile", err);
+    return pm;
+}
+
+MatchTally scan_pm(vael_pm_handle *pm, uint32_t exec_flags) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        if (vael_pm_exec_ex(pm, buf, static_cast<uint32_t>(len), nullptr, nullptr, &tally, exec_flags) != 0)
+            fail("vael_pm_exec_ex failed");
+    });
+}
+
+MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        lst_list *queue = nullptr;
+        if (vael_thin_nfa_exec(nfa, buf, static_cast<uint32_t>(len), nullptr, 0, &queue, exec_flags, nullptr) != 0)
+            fail("vael_thin_nfa_exec failed");
+        if (!queue)
+            return;
+        uintptr_t value = 0;
+        for (lst_cursor c = lst_iterate(queue, nullptr, &value); c; c = lst_iterate(queue, c, &value)) {
+            const auto *hit = reinterpret_cast<const vael_pmglob_match_data *>(value);
+            tally.add(hit->id, hit->offset);
+        }
+        lst_destroy(queue);  // frees the match records too
+    });
+}
+
+MatchTally scan_full_ac(const FullAc &ac) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        ac.scan(buf, len, [&tally](int32_t id, uint32_t end) { tally.add(id, end); });
+    });
+}
+
+MatchTally scan_full_ac_first_per_buffer(const FullAc &ac, size_t literal_count) {
+    // The scan reports in end order, so the first report of an id in a buffer
+    // is its first end offset there.
+    std::vector<size_t> seen_in(literal_count + 1, SIZE_MAX);
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        ac.scan(buf, len, [&](int32_t id, uint32_t end) {
+            if (seen_in[id] == tally.chunk_base)
+                return;
+            seen_in[id] = tally.chunk_base;
+            tally.add(id, end);
+        });
+    });
+}
+
+#ifdef VAEL_HAVE_VECTORSCAN
+MatchTally scan_vectorscan(Vectorscan &vs) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        auto on_match = [&tally](int32_t id, uint32_t end) {
+            tally.add(id, end);
+        };
+        vs.scan(buf, len, on_match);
+    });
+}
+#endif
+
+}  // namespace vael_bench
