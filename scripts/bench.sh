@@ -12,38 +12,12 @@ set -euo pipefail
 
 cd "$(dirname "$0")/.."
 
-as_root() {
-  if [ "$(id -u)" -eq 0 ]; then
-    "$@"
-  elif command -v sudo >/dev/null 2>&1; then
-    sudo "$@"
-  else
-    echo "bench.sh: need root (or sudo) to install: $*" >&2
-    return 1
-  fi
-}
-
-missing=()
-for pkg in cmake g++ libbenchmark-dev pkg-config libvectorscan-dev; do
-  dpkg -s "$pkg" >/dev/null 2>&1 || missing+=("$pkg")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "bench.sh: installing ${missing[*]}" >&2
-  export DEBIAN_FRONTEND=noninteractive
-  as_root apt-get update -q
-  required=()
-  for pkg in "${missing[@]}"; do
-    [ "$pkg" = libvectorscan-dev ] || required+=("$pkg")
-  done
-  if [ ${#required[@]} -gt 0 ]; then
-    as_root apt-get install -y -q "${required[@]}"
-  fi
-  # Vectorscan is not built for every architecture; the benchmark runs without it.
-  if [[ " ${missing[*]} " == *" libvectorscan-dev "* ]]; then
-    as_root apt-get install -y -q libvectorscan-dev ||
-      echo "bench.sh: libvectorscan-dev not installable here; Vectorscan columns will be n/a" >&2
-  fi
-fi
+# shellcheck source=scripts/common.sh
+. scripts/common.sh
+install_missing cmake g++ make pkg-config libbenchmark-dev
+# Vectorscan is not built for every architecture; the benchmark runs without it.
+install_missing libvectorscan-dev ||
+  echo "bench.sh: libvectorscan-dev not installable here; Vectorscan columns will be n/a" >&2
 
 cmake --preset bench
 cmake --build --preset bench -j"$(nproc)" --target vael-bench

@@ -102,7 +102,7 @@ TEST(Vbuf, ResetAndDestroyReleaseInOrder) {
 }
 
 TEST(Vbuf, ConcatMayExceedMaximumUntilNextAdd) {
-    Fixture f(10), g(10);
+    Fixture g(10), f(10); // g's bytes must outlive f, which ends up holding them
     f.add("abcdefgh");
     g.add("ijklmn");
     vael_vbuf_concat(f.vbuf, g.vbuf);

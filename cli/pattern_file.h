@@ -1,0 +1,73 @@
+// pattern_file.h - the reader of vael-scan's pattern files.
+//
+// A pattern file holds one pattern per line:
+//
+//     ID<TAB>TEXT
+//     ID<TAB>KIND<TAB>TEXT
+//
+// ID is a decimal signed 32-bit integer. TEXT is taken byte for byte except
+// for the escapes \xHH (exactly two hex digits), \t, \n, \r and \\; any other
+// backslash sequence is an error. A raw TAB never appears inside TEXT, so the
+// number of TAB-separated fields tells the two forms apart. KIND "str" (the
+// default) is a plain string; "re", "word", "kw" and "kw-nohistory" are
+// reserved for pattern kinds vael-scan does not handle yet.
+//
+// A line whose first byte is '#' is a comment, a line of only whitespace is
+// skipped, and one trailing '\r' is dropped from every line so that files
+// written with CRLF line ends read the same.
+#ifndef VAEL_CLI_PATTERN_FILE_H
+#define VAEL_CLI_PATTERN_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vael::cli {
+
+// What a pattern's bytes mean. Only plain strings exist today; the reserved
+// kind names are rejected by the reader until they get an entry here.
+enum class PatternKind { str };
+
+struct PatternRecord {
+    std::size_t line = 0;  // 1-based line in the file
+    std::int32_t id = 0;   // the user's id, reported with every match
+    PatternKind kind = PatternKind::str;
+    std::string bytes;  // the text with its escapes resolved; never empty
+
+    friend bool operator==(const PatternRecord &, const PatternRecord &) = default;
+};
+
+struct PatternFileError {
+    std::size_t line = 0;  // 1-based line at fault; 0 when the file as a whole failed
+    std::string message;   // without file name or line number
+
+    friend bool operator==(const PatternFileError &, const PatternFileError &) = default;
+};
+
+// Either every record of a file or its first error, never a mix: a caller
+// compiles nothing from a file that has an error anywhere.
+struct PatternFileResult {
+    std::vector<PatternRecord> records;
+    std::optional<PatternFileError> error;
+
+    bool ok() const { return !error.has_value(); }
+};
+
+// Parses the whole text of a pattern file.
+PatternFileResult parse_pattern_text(std::string_view text);
+
+// Reads and parses a pattern file. A file that cannot be read gives an error
+// on line 0 whose message is the system's reason.
+PatternFileResult read_pattern_file(const std::string &path);
+
+// Renders bytes for an error message: printable ASCII and well-formed UTF-8
+// as they are, every other byte as \xHH, so that a message never carries
+// control bytes to the terminal. Input longer than 60 bytes is cut with "...".
+std::string printable(std::string_view bytes);
+
+}  // namespace vael::cli
+
+#endif  // VAEL_CLI_PATTERN_FILE_H

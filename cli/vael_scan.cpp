@@ -1,0 +1,390 @@
+// vael-scan - scan files for the patterns of a pattern file.
+//
+// The pattern file is read and compiled once; every input file is then read
+// whole and scanned as one buffer. Output and exit status follow grep: a line
+// per match (or a count per file), 0 when something matched, 1 when nothing
+// did, 2 on any error.
+#include <cerrno>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "vael/vael_apps.h"
+
+#include "pattern_file.h"
+#include "read_file.h"
+
+namespace {
+
+using vael::cli::PatternRecord;
+
+constexpr const char *kProgram = "vael-scan";
+constexpr const char *kCaller = "vael-scan";  // names this user in the library's logs
+
+constexpr int kExitMatch = 0;
+constexpr int kExitNoMatch = 1;
+constexpr int kExitError = 2;
+
+// Offsets reach the callback as 32-bit numbers, so one buffer is at most this big.
+constexpr std::size_t kMaxBuffer = UINT32_MAX;
+
+struct Options {
+    std::string pattern_file;
+    std::vector<std::string> inputs;
+    bool all_matches = false;
+    bool count_only = false;
+    bool quiet = false;
+    bool help = false;
+    std::uint32_t compile_flags = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Command line. Every option is one row of kOptions; the parser and the help
+// text both work from the table, so a new option is one more row.
+
+using ApplyFn = std::optional<std::string> (*)(Options &, std::string_view value);
+
+struct OptionRow {
+    char short_name;             // '\0' when the option has no short form
+    std::string_view long_name;  // empty when the option has no long form
+    std::string_view value_name; // empty when the option takes no value
+    std::string_view help;
+    ApplyFn apply;
+};
+
+constexpr OptionRow kOptions[] = {
+    {'p', "patterns", "FILE", "read the patterns from FILE (required)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (!o.pattern_file.empty()) return "only one pattern file may be given";
+         if (v.empty()) return "empty pattern file name";
+         o.pattern_file = v;
+         return std::nullopt;
+     }},
+    {'\0', "all", "", "report every occurrence, not only the first of each pattern",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.all_matches = true;
+         return std::nullopt;
+     }},
+    {'\0', "count", "", "print FILE:COUNT for each file instead of the matches",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.count_only = true;
+         return std::nullopt;
+     }},
+    {'q', "quiet", "", "print nothing; stop at the first match (exit status only)",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.quiet = true;
+         return std::nullopt;
+     }},
+    {'i', "caseless", "", "match without regard to ASCII case",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.compile_flags |= VAEL_PM_CASELESS;
+         return std::nullopt;
+     }},
+    {'\0', "digitless", "", "let every digit match every other digit",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.compile_flags |= VAEL_PM_DIGITLESS;
+         return std::nullopt;
+     }},
+    {'h', "help", "", "show this help and exit",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.help = true;
+         return std::nullopt;
+     }},
+};
+
+const OptionRow *find_short(char name) {
+    for (const auto &row : kOptions)
+        if (row.short_name != '\0' && row.short_name == name) return &row;
+    return nullptr;
+}
+
+const OptionRow *find_long(std::string_view name) {
+    for (const auto &row : kOptions)
+        if (!row.long_name.empty() && row.long_name == name) return &row;
+    return nullptr;
+}
+
+std::string display_name(const OptionRow &row) {
+    return row.long_name.empty() ? std::string{'-', row.short_name} : "--" + std::string(row.long_name);
+}
+
+// Accepts "-p FILE", "-pFILE", "--patterns FILE", "--patterns=FILE", clusters
+// of short flags ("-qi") and "--" before file names that start with '-'.
+// Returns the message for a bad command line.
+std::optional<std::string> parse_command_line(int argc, char **argv, Options &options) {
+    bool only_files = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (only_files || arg.size() < 2 || arg[0] != '-') {
+            options.inputs.emplace_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            only_files = true;
+            continue;
+        }
+
+        if (arg.starts_with("--")) {
+            const std::string_view body = arg.substr(2);
+            const std::size_t eq = body.find('=');
+            const std::string_view name = body.substr(0, eq);
+            const OptionRow *row = find_long(name);
+            if (row == nullptr) return "unknown option '--" + std::string(name) + "'";
+            std::string_view value;
+            if (row->value_name.empty()) {
+                if (eq != std::string_view::npos) return "option '" + display_name(*row) + "' takes no value";
+            } else if (eq != std::string_view::npos) {
+                value = body.substr(eq + 1);
+            } else if (i + 1 < argc) {
+                value = argv[++i];
+            } else {
+                return "option '" + display_name(*row) + "' needs a value";
+            }
+            if (auto error = row->apply(options, value)) return error;
+            continue;
+        }
+
+        for (std::size_t k = 1; k < arg.size(); ++k) {
+            const OptionRow *row = find_short(arg[k]);
+            if (row == nullptr) return "unknown option '-" + vael::cli::printable(arg.substr(k, 1)) + "'";
+            if (row->value_name.empty()) {
+                if (auto error = row->apply(options, {})) return error;
+                continue;
+            }
+            std::string_view value;
+            if (k + 1 < arg.size()) {
+                value = arg.substr(k + 1);
+            } else if (i + 1 < argc) {
+                value = argv[++i];
+            } else {
+                return "option '-" + std::string(1, arg[k]) + "' needs a value";
+            }
+            if (auto error = row->apply(options, value)) return error;
+            break;
+        }
+    }
+    return std::nullopt;
+}
+
+void print_help(std::FILE *out) {
+    std::fprintf(out,
+                 "Usage: %s -p PATTERN_FILE [OPTION]... FILE...\n"
+                 "Scan each FILE, read whole as one buffer, for the patterns of PATTERN_FILE.\n"
+                 "Prints one line per match, FILE:END_OFFSET:ID, where END_OFFSET is the\n"
+                 "offset of the match's last byte and ID the pattern's id.\n"
+                 "\n"
+                 "Options:\n",
+                 kProgram);
+    for (const auto &row : kOptions) {
+        std::string left = row.short_name != '\0' ? std::string{'-', row.short_name} : "  ";
+        if (!row.long_name.empty()) {
+            left += row.short_name != '\0' ? ", --" : "  --";
+            left += row.long_name;
+            if (!row.value_name.empty()) left += "=" + std::string(row.value_name);
+        } else if (!row.value_name.empty()) {
+            left += " " + std::string(row.value_name);
+        }
+        std::fprintf(out, "  %-22s %.*s\n", left.c_str(), static_cast<int>(row.help.size()), row.help.data());
+    }
+    std::fprintf(out,
+                 "\n"
+                 "Pattern file: one pattern per line, ID<TAB>TEXT or ID<TAB>KIND<TAB>TEXT.\n"
+                 "ID is a signed 32-bit decimal number; KIND is 'str' (the default).\n"
+                 "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
+                 "written \\t. Lines starting with '#' and blank lines are skipped.\n"
+                 "\n"
+                 "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
+}
+
+// ---------------------------------------------------------------------------
+// The library, held in owners that release in the right order: the PM before
+// the pattern list, both before vael_apps_fini.
+
+class Library {
+public:
+    Library() : ok_(vael_apps_init(nullptr) == 0) {}
+    Library(const Library &) = delete;
+    Library &operator=(const Library &) = delete;
+    ~Library() {
+        if (ok_) vael_apps_fini();
+    }
+    bool ok() const { return ok_; }
+
+private:
+    bool ok_;
+};
+
+struct PatternsDeleter {
+    void operator()(vael_pm_patterns *p) const { vael_pm_patterns_destroy(p); }
+};
+struct PmDeleter {
+    void operator()(vael_pm_handle *p) const { vael_pm_destroy(p); }
+};
+using PatternsPtr = std::unique_ptr<vael_pm_patterns, PatternsDeleter>;
+using PmPtr = std::unique_ptr<vael_pm_handle, PmDeleter>;
+
+void report(const std::string &where, const std::string &what) {
+    std::fprintf(stderr, "%s: %s: %s\n", kProgram, where.c_str(), what.c_str());
+}
+
+std::string where_in(const std::string &file, std::size_t line) { return file + ":" + std::to_string(line); }
+
+const PatternRecord *find_record(const std::vector<PatternRecord> &records, std::int32_t id) {
+    for (const auto &record : records)
+        if (record.id == id) return &record;
+    return nullptr;
+}
+
+// Names the pattern a failed compile blames, by its line, when the library
+// names one; -1 is the library's "no pattern".
+void report_compile_error(const Options &options, const std::vector<PatternRecord> &records,
+                          const vael_pm_error &err) {
+    std::string why = err.error_string != nullptr ? err.error_string : "no reason given";
+    if (err.error_type == VAEL_PM_ERROR_INTERNAL) why += " (internal error)";
+    if (err.error_type == VAEL_PM_ERROR_COMPLEX) why += " (too complex)";
+
+    const PatternRecord *record = err.pattern_id != -1 ? find_record(records, err.pattern_id) : nullptr;
+    if (record == nullptr) {
+        report(options.pattern_file, "cannot compile the patterns: " + why);
+        return;
+    }
+    std::string what = "cannot compile pattern " + std::to_string(record->id) + " '" +
+                       vael::cli::printable(record->bytes) + "'";
+    if (err.error_index != 0) what += " at byte " + std::to_string(err.error_index);
+    report(where_in(options.pattern_file, record->line), what + ": " + why);
+}
+
+// ---------------------------------------------------------------------------
+// Scanning.
+
+struct ScanState {
+    const Options &options;
+    const std::string &file;
+    std::uint64_t matches = 0;
+};
+
+int on_match(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const unsigned char *, std::uint32_t,
+             std::uint32_t offset, vael_vbuf *, int *keep_going) {
+    auto &state = *static_cast<ScanState *>(user_arg);
+    ++state.matches;
+    if (state.options.quiet) {
+        *keep_going = 0;  // the exit status is known
+    } else if (!state.options.count_only) {
+        std::printf("%s:%" PRIu32 ":%" PRId32 "\n", state.file.c_str(), offset, pattern_id);
+    }
+    return 0;
+}
+
+int run(const Options &options) {
+    const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
+    if (!parsed.ok()) {
+        const auto &error = *parsed.error;
+        report(error.line == 0 ? options.pattern_file : where_in(options.pattern_file, error.line), error.message);
+        return kExitError;
+    }
+    if (parsed.records.empty()) {
+        report(options.pattern_file, "no patterns");
+        return kExitError;
+    }
+
+    Library library;
+    if (!library.ok()) {
+        std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
+        return kExitError;
+    }
+
+    PatternsPtr patterns(vael_pm_patterns_create());
+    if (!patterns) {
+        std::fprintf(stderr, "%s: out of memory\n", kProgram);
+        return kExitError;
+    }
+    for (const auto &record : parsed.records) {
+        if (vael_pm_patterns_add_simple_pattern(patterns.get(), record.bytes.data(),
+                                                static_cast<std::uint32_t>(record.bytes.size()), record.id,
+                                                0) != 0) {
+            report(where_in(options.pattern_file, record.line),
+                   "cannot add pattern " + std::to_string(record.id));
+            return kExitError;
+        }
+    }
+
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    PmPtr pm(vael_pm_compile(patterns.get(), on_match, options.compile_flags, &err, kCaller));
+    if (!pm) {
+        report_compile_error(options, parsed.records, err);
+        return kExitError;
+    }
+
+    const std::uint32_t exec_flags = options.all_matches ? VAEL_PM_EXEC_ALL_MATCHES : 0;
+    bool any_match = false;
+    bool any_error = false;
+    std::string data;
+    for (const auto &file : options.inputs) {
+        if (auto error = vael::cli::read_whole_file(file, data, kMaxBuffer)) {
+            report(file, *error);
+            any_error = true;
+            continue;
+        }
+        ScanState state{options, file};
+        // The library refuses an empty buffer as a bad argument; no pattern
+        // is empty, so an empty file simply has no matches.
+        if (!data.empty() &&
+            vael_pm_exec_ex(pm.get(), reinterpret_cast<const unsigned char *>(data.data()),
+                            static_cast<std::uint32_t>(data.size()), nullptr, nullptr, &state, exec_flags) != 0) {
+            report(file, "scan failed");
+            any_error = true;
+            continue;
+        }
+        if (state.matches > 0) {
+            any_match = true;
+            // As grep -q: a match settles the status, even after an error.
+            if (options.quiet) return kExitMatch;
+        }
+        if (options.count_only && !options.quiet) std::printf("%s:%" PRIu64 "\n", file.c_str(), state.matches);
+    }
+
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "%s: write error: %s\n", kProgram, std::strerror(errno));
+        return kExitError;
+    }
+    if (any_error) return kExitError;
+    return any_match ? kExitMatch : kExitNoMatch;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    auto usage_error = parse_command_line(argc, argv, options);
+    if (!usage_error && !options.help) {
+        if (options.pattern_file.empty())
+            usage_error = "no pattern file given (use -p PATTERN_FILE)";
+        else if (options.inputs.empty())
+            usage_error = "no input files";
+    }
+    if (usage_error) {
+        std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, usage_error->c_str(),
+                     kProgram);
+        return kExitError;
+    }
+    if (options.help) {
+        print_help(stdout);
+        return std::fflush(stdout) == 0 ? kExitMatch : kExitError;
+    }
+
+    try {
+        return run(options);
+    } catch (const std::exception &e) {
+        // Chiefly std::bad_alloc for an input too large for memory.
+        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        return kExitError;
+    }
+}
