@@ -57,7 +57,7 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
     if (!nfa)
         return;
     if (nfa->bnfa)
-        VAEL_PM_KFREE(nfa->bnfa, nfa->bnfa_size);
+        VAEL_PM_KFREE(nfa->bnfa, (size_t)nfa->bnfa_size + BNFA_READ_PAD);
     vael_pm_stats_common_free(&nfa->stats.common);
     if (nfa->pattern_ids) {
         for (uint32_t i = 0; i < nfa->state_num; i++)
@@ -73,11 +73,12 @@ extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa
         return nullptr;
     std::memset(nfa, 0, sizeof *nfa);
     nfa->state_num = state_num;
-    nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC(bnfa_size));
+    nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC((size_t)bnfa_size + BNFA_READ_PAD));
     if (!nfa->bnfa) {
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
+    std::memset(reinterpret_cast<unsigned char *>(nfa->bnfa) + bnfa_size, 0, BNFA_READ_PAD);
     nfa->bnfa_size = bnfa_size;
     nfa->bnfa_full_size = bnfa_full_size;
     size_t ids_bytes = sizeof(vael_thin_nfa_pattern_id *) * state_num;
@@ -174,27 +175,18 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
     // The state the run stood in was examined at the end of the last piece.
     const uint32_t *s = step(bnfa, run->state, next_byte());
     while (p < end) {
+        // Every state reached is examined here once. Full states that are
+        // not finite lie below full_end: raw bytes straight into the table.
+        if (__builtin_expect(s < full_end, 1)) {
+            s = bnfa + s[1 + *p++];
+            continue;
+        }
         if (*s & BNFA_STATE_FINITE) {
             if (vael_thin_nfa_handle_match(run, s, (uint32_t)(p - data), length, flags) != 0)
                 return -1;
         }
         s = step(bnfa, s, next_byte());
-        if (p == end)
-            break;
-        // Full, non-finite states: raw bytes straight into the table.
-        while (s < full_end) {
-            s = bnfa + s[1 + *p++];
-            if (p == end)
-                goto done;
-        }
-        // Partial states that are not finite.
-        while ((*s & BNFA_STATE_KIND_MASK) == BNFA_STATE_PARTIAL) {
-            s = step(bnfa, s, next_byte());
-            if (p == end)
-                goto done;
-        }
     }
-done:
     if (*s & BNFA_STATE_FINITE) {
         if (vael_thin_nfa_handle_match(run, s, length, length, flags) != 0)
             return -1;

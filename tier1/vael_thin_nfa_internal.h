@@ -35,6 +35,9 @@
 #define VAEL_THIN_NFA_INTERNAL_H
 
 #include <stdint.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "pm/vael_pm_internal.h"
 #include "vael/vael_thin_nfa.h"
@@ -89,17 +92,40 @@ int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, u
 void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
 vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
 
-/* The state reached by an explicit transition of a partial state, or null. */
+/* The BNFA's memory runs this many bytes past bnfa_size, zeroed, so that a
+ * search may load a partial state's transitions 16 bytes at a time without a
+ * bound check; what lies past the transitions is masked off. */
+#define BNFA_READ_PAD 64u
+
+/* The state reached by an explicit transition of a partial state, or null.
+ * Up to 8 transitions are compared all at once (two 16-byte loads and one
+ * mask), which gives the same answer as a linear scan without its
+ * unpredictable early exit; more than 6 would be binary searched, more than
+ * 8 are. */
 static inline const uint32_t *vael_thin_nfa_get_next_state(const uint32_t *state, const uint32_t *bnfa,
                                                            unsigned char byte) {
     uint32_t n = state[1] & 0xffu;
     const uint32_t *trans = state + 2;
+#if defined(__SSE2__) && !defined(VAEL_NO_SIMD_SEARCH)
+    if (n <= 8) {
+        const __m128i key = _mm_set1_epi32(byte);
+        const __m128i low = _mm_set1_epi32(0xff);
+        __m128i a = _mm_loadu_si128((const __m128i *)trans);
+        __m128i b = _mm_loadu_si128((const __m128i *)(trans + 4));
+        unsigned hit = (unsigned)_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_and_si128(a, low), key))) |
+                       ((unsigned)_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_and_si128(b, low), key)))
+                        << 4);
+        hit &= (1u << n) - 1u;
+        return hit ? bnfa + (trans[__builtin_ctz(hit)] >> 8) : 0;
+    }
+#else
     if (n <= BNFA_LINEAR_SEARCH_MAX) {
         for (uint32_t i = 0; i < n; i++)
             if ((trans[i] & 0xffu) == byte)
                 return bnfa + (trans[i] >> 8);
         return 0;
     }
+#endif
     int low = 0, high = (int)n - 1;
     while (low <= high) {
         int middle = (low + high) / 2;
