@@ -4,6 +4,7 @@
 // whole and scanned as one buffer. Output and exit status follow grep: a line
 // per match (or a count per file), 0 when something matched, 1 when nothing
 // did, 2 on any error.
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdint>
@@ -43,6 +44,7 @@ struct Options {
     bool quiet = false;
     bool help = false;
     std::uint32_t compile_flags = 0;
+    std::uint32_t block_size = 0;  // 0: each file is one flat buffer
 };
 
 // ---------------------------------------------------------------------------
@@ -90,6 +92,18 @@ constexpr OptionRow kOptions[] = {
     {'\0', "digitless", "", "let every digit match every other digit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.compile_flags |= VAEL_PM_DIGITLESS;
+         return std::nullopt;
+     }},
+    {'\0', "block-size", "N", "scan each file as a stream of N-byte blocks (a virtual buffer)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         std::uint64_t n = 0;
+         for (char c : v) {
+             if (c < '0' || c > '9' || (n = n * 10 + (c - '0')) > UINT32_MAX) n = UINT64_MAX;
+             if (n == UINT64_MAX) break;
+         }
+         if (v.empty() || n == 0 || n == UINT64_MAX)
+             return "bad block size '" + vael::cli::printable(v) + "' (a number from 1 to 4294967295)";
+         o.block_size = static_cast<std::uint32_t>(n);
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -176,7 +190,8 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
 void print_help(std::FILE *out) {
     std::fprintf(out,
                  "Usage: %s -p PATTERN_FILE [OPTION]... FILE...\n"
-                 "Scan each FILE, read whole as one buffer, for the patterns of PATTERN_FILE.\n"
+                 "Scan each FILE, read whole as one buffer (or as a stream of blocks with\n"
+                 "--block-size), for the patterns of PATTERN_FILE.\n"
                  "Prints one line per match, FILE:END_OFFSET:ID, where END_OFFSET is the\n"
                  "offset of the match's last byte and ID the pattern's id.\n"
                  "\n"
@@ -227,6 +242,10 @@ struct PatternsDeleter {
 struct PmDeleter {
     void operator()(vael_pm_handle *p) const { vael_pm_destroy(p); }
 };
+struct VbufDeleter {
+    void operator()(vael_vbuf *v) const { vael_vbuf_destroy(v); }
+};
+using VbufPtr = std::unique_ptr<vael_vbuf, VbufDeleter>;
 using PatternsPtr = std::unique_ptr<vael_pm_patterns, PatternsDeleter>;
 using PmPtr = std::unique_ptr<vael_pm_handle, PmDeleter>;
 
@@ -282,6 +301,25 @@ int on_match(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const un
     return 0;
 }
 
+// Scans one file's bytes: flat, or as a virtual buffer of blocks that point
+// into `data` followed by an empty present buffer, as a stream inspector
+// would hand over the pieces of a stream. Both give the same matches.
+int scan(vael_pm_handle *pm, const Options &options, std::string &data, ScanState &state) {
+    const std::uint32_t exec_flags = options.all_matches ? VAEL_PM_EXEC_ALL_MATCHES : 0;
+    if (options.block_size == 0)
+        return vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(data.data()),
+                               static_cast<std::uint32_t>(data.size()), nullptr, nullptr, &state, exec_flags);
+    VbufPtr vbuf(vael_vbuf_create(UINT32_MAX, 0));
+    if (!vbuf) return -1;
+    for (std::size_t offset = 0; offset < data.size(); offset += options.block_size) {
+        const std::size_t len = std::min<std::size_t>(options.block_size, data.size() - offset);
+        if (vael_vbuf_add_buffer_ex(vbuf.get(), data.data() + offset, static_cast<std::uint32_t>(len), nullptr,
+                                    nullptr) != 0)
+            return -1;
+    }
+    return vael_pm_exec_ex(pm, nullptr, 0, vbuf.get(), nullptr, &state, exec_flags);
+}
+
 int run(const Options &options) {
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
@@ -323,7 +361,6 @@ int run(const Options &options) {
         return kExitError;
     }
 
-    const std::uint32_t exec_flags = options.all_matches ? VAEL_PM_EXEC_ALL_MATCHES : 0;
     bool any_match = false;
     bool any_error = false;
     std::string data;
@@ -336,9 +373,7 @@ int run(const Options &options) {
         ScanState state{options, file};
         // The library refuses an empty buffer as a bad argument; no pattern
         // is empty, so an empty file simply has no matches.
-        if (!data.empty() &&
-            vael_pm_exec_ex(pm.get(), reinterpret_cast<const unsigned char *>(data.data()),
-                            static_cast<std::uint32_t>(data.size()), nullptr, nullptr, &state, exec_flags) != 0) {
+        if (!data.empty() && scan(pm.get(), options, data, state) != 0) {
             report(file, "scan failed");
             any_error = true;
             continue;

@@ -233,6 +233,22 @@ TEST_F(VaelScan, AgreesWithBruteForceSearch) {
     const auto p = write("p.txt", pattern_file);
     EXPECT_EQ(run({"-p", p, f}).out, expected_first);
     EXPECT_EQ(run({"--all", "-p", p, f}).out, expected_all);
+    // As a stream of blocks, patterns spanning several blocks included.
+    for (const char *block : {"1", "2", "5", "1500"}) {
+        EXPECT_EQ(run({"--block-size", block, "-p", p, f}).out, expected_first) << block;
+        EXPECT_EQ(run({"--all", "--block-size", block, "-p", p, f}).out, expected_all) << block;
+    }
+}
+
+TEST_F(VaelScan, BlockSizeMustBeAPositiveNumber) {
+    const auto p = write("p.txt", "1	ab\n");
+    const auto f = write("f", "ab");
+    for (const char *bad : {"0", "-3", "x", "4294967296", ""}) {
+        const auto r = run({"--block-size", bad, "-p", p, f});
+        EXPECT_EQ(r.status, 2) << bad;
+        EXPECT_NE(r.err.find("bad block size"), std::string::npos) << bad;
+    }
+    EXPECT_EQ(run({"--block-size=4294967295", "-p", p, f}).status, 0);
 }
 
 // ---------------------------------------------------------------------------
