@@ -44,11 +44,22 @@ extern "C" {
 /* Prints "Assert at (file:line)", then the reason, then calls qx_panic_ex,
  * which returns: the caller's next statement runs. */
 void vael_assert_fail(const char *file, int line, const char *format, ...) __attribute__((format(printf, 3, 4)));
+/* Prints "QX-1: func: reason (file:line)" and calls qx_panic_ex. */
+void vael_soft_assert_fail(const char *func, const char *reason, const char *file, int line);
 #ifdef __cplusplus
 }
 #endif
 
-/* Hard assertion with a plain reason text. */
+/* Soft assertion: a check that costs nothing unless qx_assert_on is set, for
+ * conditions a production build trusts. The condition is not evaluated when
+ * the switch is off. */
+#define VAEL_SOFT_ASSERT(cond, reason)                                                    \
+    do {                                                                                  \
+        if (qx_assert_on && !(cond))                                                      \
+            vael_soft_assert_fail(__func__, (reason), __FILE__, __LINE__);                \
+    } while (0)
+
+/* Hard assertion with a plain reason text: checked and reported always. */
 #define VAEL_ASSERT(cond, text)                                                           \
     do {                                                                                  \
         if (!(cond))                                                                      \

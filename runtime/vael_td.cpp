@@ -129,8 +129,21 @@ extern "C" void tdVFunc(int module, unsigned mask, int no_prefix, const char *fo
     int used = 0;
     if (!no_prefix)
         used = std::snprintf(line, sizeof line, "vael[%d]: ", module);
-    std::vsnprintf(line + used, sizeof line - used, format, args);
-    emit(line);
+    va_list copy;
+    va_copy(copy, args);
+    int len = std::vsnprintf(line + used, sizeof line - used, format, args);
+    if (len >= 0 && (size_t)len >= sizeof line - used && !g_sink.load(std::memory_order_acquire)) {
+        // Too long for the buffer: straight to the stream, still whole. A
+        // sink gets the line cut at the buffer's size.
+        flockfile(stderr);
+        if (!no_prefix)
+            std::fprintf(stderr, "vael[%d]: ", module);
+        std::vfprintf(stderr, format, copy);
+        funlockfile(stderr);
+    } else {
+        emit(line);
+    }
+    va_end(copy);
 }
 
 extern "C" void tdFunc(int module, unsigned mask, int no_prefix, const char *format, ...) {
