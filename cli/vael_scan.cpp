@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -45,6 +46,9 @@ struct Options {
     bool help = false;
     std::uint32_t compile_flags = 0;
     std::uint32_t block_size = 0;  // 0: each file is one flat buffer
+    std::string debug_topics;      // as VAEL_DEBUG: "pm thinnfa", "memory,pm"
+    std::string debug_level;       // as VAEL_DEBUG_LEVEL; empty: NOTICE
+    bool memory = false;
 };
 
 // ---------------------------------------------------------------------------
@@ -104,6 +108,27 @@ constexpr OptionRow kOptions[] = {
          if (v.empty() || n == 0 || n == UINT64_MAX)
              return "bad block size '" + vael::cli::printable(v) + "' (a number from 1 to 4294967295)";
          o.block_size = static_cast<std::uint32_t>(n);
+         return std::nullopt;
+     }},
+    {'\0', "debug", "TOPICS", "turn on the library's debug topics (as VAEL_DEBUG: e.g. 'pm,thinnfa')",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (v.empty()) return "empty debug topic list";
+         o.debug_topics = v;
+         return std::nullopt;
+     }},
+    {'\0', "debug-level", "LEVEL", "level of --debug: NONE, ERR, WRN, NOTICE (default) or INFO",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         for (const char *level : {"NONE", "ERR", "WRN", "NOTICE", "INFO"}) {
+             if (v.size() == std::strlen(level) && ::strncasecmp(v.data(), level, v.size()) == 0) {
+                 o.debug_level = v;
+                 return std::nullopt;
+             }
+         }
+         return "bad debug level '" + vael::cli::printable(v) + "' (NONE, ERR, WRN, NOTICE or INFO)";
+     }},
+    {'\0', "memory", "", "print the memory the compiled patterns hold (to standard error)",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.memory = true;
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -338,6 +363,10 @@ int run(const Options &options) {
         return kExitError;
     }
 
+    if (!options.debug_topics.empty())
+        vael_us_adaptor_set_debug_flags(options.debug_topics.c_str(),
+                                        options.debug_level.empty() ? nullptr : options.debug_level.c_str(), "K_");
+
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
         std::fprintf(stderr, "%s: out of memory\n", kProgram);
@@ -360,6 +389,12 @@ int run(const Options &options) {
         report_compile_error(options, parsed.records, err);
         return kExitError;
     }
+    // The PM keeps nothing of the list; what the PM account holds from here
+    // on is the compiled PM alone.
+    patterns.reset();
+    if (options.memory)
+        std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the compiled patterns (%zu patterns)\n",
+                     kProgram, vael_pmglob_memory_get_alloc_total(), parsed.records.size());
 
     bool any_match = false;
     bool any_error = false;

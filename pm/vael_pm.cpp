@@ -437,6 +437,8 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
     vael_time_get_hrtime(&end);
     pm->stats.memory = (uint32_t)(vael_pmglob_memory_get_alloc_total() - baseline);
     pm->stats.compile_time = vael_time_diff_usec(&start, &end);
+    VAEL_LOG(VAEL_DBG_NOTICE, "K_PM", "%s: PM %d (%s): %u patterns, %u bytes, compiled in %u usec\n", pm->pm_id,
+             caller ? caller : "", pm->stats.num_patterns, pm->stats.memory, pm->stats.compile_time);
     return pm;
 }
 

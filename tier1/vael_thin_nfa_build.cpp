@@ -165,6 +165,8 @@ extern "C" vael_thin_nfa *vael_thin_nfa_build_bnfa(vael_thin_nfa_comp *comp) {
         }
         nfa->stats.num_states = comp->state_num;
         nfa->stats.num_final_states = comp->finite_state_num;
+        VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: %u states, %u final, BNFA %u bytes of which %u in full states\n",
+                 nfa->state_num, nfa->stats.num_final_states, nfa->bnfa_size, nfa->bnfa_full_size);
     }
     VAEL_KFREE(layout.offsets, sizeof(uint32_t) * layout.states);
     return nfa;

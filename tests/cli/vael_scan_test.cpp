@@ -467,3 +467,36 @@ TEST_F(VaelScan, BundledSamples) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Diagnostics: the library's debug topics and the memory figure.
+
+TEST_F(VaelScan, DebugTopicsReachStandardError) {
+    const auto p = write("p.txt", "1\tneedle\n");
+    const auto f = write("f", "a needle");
+    const auto quiet = run({"-p", p, f});
+    EXPECT_EQ(quiet.err, "");
+    const auto r = run({"--debug", "pm,thinnfa", "-p", p, f});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, f + ":7:1\n");
+    EXPECT_NE(r.err.find("vael_pm_compile_ex: PM "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("vael_thin_nfa_build_bnfa: 7 states"), std::string::npos) << r.err;
+    // Below the level of those notes, nothing is printed.
+    EXPECT_EQ(run({"--debug", "pm,thinnfa", "--debug-level", "err", "-p", p, f}).err, "");
+    const auto bad = run({"--debug-level", "loud", "-p", p, f});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("bad debug level 'loud'"), std::string::npos);
+}
+
+TEST_F(VaelScan, MemoryReportsThePmAccount) {
+    const auto p = write("p.txt", "1\tneedle\n2\thaystack\n");
+    const auto f = write("f", "no match here");
+    const auto r = run({"--memory", "-p", p, f});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    const std::string prefix = "vael-scan: memory: ";
+    ASSERT_EQ(r.err.rfind(prefix, 0), 0u) << r.err;
+    const long bytes = std::stol(r.err.substr(prefix.size()));
+    EXPECT_GT(bytes, 1028); // at least the root's full table
+    EXPECT_NE(r.err.find("(2 patterns)"), std::string::npos);
+}
