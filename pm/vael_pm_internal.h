@@ -199,6 +199,10 @@ vael_pm_one_pattern *vael_pm_patterns_one_pattern_create(const unsigned char *ls
                                                          uint32_t match_len, uint32_t flags, uint32_t type);
 void vael_pm_patterns_one_pattern_destroy(vael_pm_one_pattern *p);
 
+/* Element cells of every match queue, shared by all runs; cells stay in it
+ * for the next run (lst_pool_drain gives them back). */
+extern uintptr_t vael_pmglob_match_data_lst_elems_pool;
+
 int vael_pm_exec_call_on_match(vael_pm_handle *pm, int32_t pattern_id, void *user_arg, const unsigned char *buf,
                                uint32_t len, uint32_t offset, vael_vbuf *vbuf, int *keep_going, uint32_t *extra,
                                const char *tier);
@@ -209,6 +213,9 @@ void vael_thin_nfa_fini(void);
 
 void vael_pmglob_uuid_build(unsigned char *uuid);
 void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t time, int32_t pid);
+/* 0 when the 16 bytes are equal, 1 when not, -1 with a null. */
+int vael_pmglob_uuid_cmp(const unsigned char *a, const unsigned char *b);
+void vael_pmglob_uuid_cpy(unsigned char *dst, const unsigned char *src);
 int vael_pm_validate(vael_pm_handle *pm);
 
 #ifdef __cplusplus
