@@ -1,5 +1,6 @@
 // vael_pm.cpp - the frame of the pattern matcher: the tier tables, the
-// process-wide PM list, and the compile, run and destroy of a PM.
+// process-wide PM list, the user's pattern lists with their metadata, and the
+// compile, run and destroy of a PM.
 //
 // A PM reaches its engines only through the rows of pm_tier1_funcs and
 // pm_tier2_funcs; it stores row numbers. Engines report hits into a queue and
@@ -9,6 +10,7 @@
 #include <cstring>
 
 #include "pm/vael_pm_internal.h"
+#include "pm/vael_pm_strings.h"
 #include "runtime/vael_runtime.h"
 #include "vael/vael_thin_nfa.h"
 
@@ -22,7 +24,12 @@ int vael_pm_tier1_use_thin_nfa = 1;
 
 // Texts handed to the caller in vael_pm_error.
 static const char kLssTooShort[] = "The pattern's LSS is too short";
-static const char kUnsupportedPattern[] = "The pattern needs an engine that is not in this build";
+static const char kNeedsWordMatcher[] = "Words need the word matcher, which is not in this build";
+static const char kNeedsTier2[] =
+    "The pattern needs a second tier (regular expression, keyword rule or whole-word match), which is not in this "
+    "build";
+static const char kNeedsCaseCheck[] =
+    "A case-sensitive pattern among caseless ones needs a second tier to check its case, which is not in this build";
 static const char kNoStringEngine[] = "No first-tier string engine is available";
 static const char kOutOfMemory[] = "Out of memory";
 
@@ -151,6 +158,270 @@ extern "C" void vael_pm_fini(void) {
         kInitSteps[i].fini();
     if (*vael_pm_global_data.list)
         VAEL_LOG(VAEL_DBG_WRN, "K_WARNING | K_PM", "%s: Called while PMs exists.\n");
+}
+
+// ---------------------------------------------------------------- pattern records
+
+// The metadata names, in the order they are tried; a row matches by prefix.
+const vael_pm_metadata_flag vael_pm_metadata_flags[] = {
+    {"caseless", 8, VAEL_PM_CASELESS, 1},
+    {"case", 4, VAEL_PM_CASELESS, -1},
+    {"literal", 7, VAEL_PM_LITERAL, 1},
+    {"shortlss", 8, VAEL_PM_SHORT_LSS, 1},
+    {"bound", 5, VAEL_PM_BOUND, 1},
+    {nullptr, 0, 0, 0},
+};
+
+extern "C" int vael_pm_patterns_parse_metadata(const char **lss, uint32_t *lss_len, const char **pattern,
+                                               uint32_t *pattern_len, uint32_t *flags, int allow_lss) {
+    const char *p = *pattern;
+    uint32_t n = *pattern_len;
+    if (n == 0 || p[0] != '{')
+        return VAEL_OK;
+    bool lss_seen = false;
+    for (;;) {
+        p++, n--; // the '{' or the ';' before the next item
+        if (allow_lss && !lss_seen && n >= 5 && std::memcmp(p, "LSS(", 4) == 0 && lss && lss_len) {
+            const char *close = pm_strnchr(p + 4, n - 4, ')');
+            if (!close) {
+                VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: no closing braces for LSS flag\n");
+                return VAEL_ERROR;
+            }
+            *lss = p + 4;
+            *lss_len = (uint32_t)(close - (p + 4));
+            lss_seen = true;
+            n -= (uint32_t)(close + 1 - p);
+            p = close + 1;
+        } else {
+            const vael_pm_metadata_flag *row = vael_pm_metadata_flags;
+            while (row->name && !(n > row->len && std::memcmp(p, row->name, row->len) == 0))
+                row++;
+            if (row->name) {
+                p += row->len;
+                n -= row->len;
+                *flags = row->sense == -1 ? (*flags & ~row->bits) : (*flags | row->bits);
+            } else {
+                // Unknown items are dropped, not refused.
+                uint32_t k = 0;
+                while (k < n && p[k] != '}' && p[k] != ';')
+                    k++;
+                if (k == n) {
+                    VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: invalid metadata\n");
+                    return VAEL_ERROR;
+                }
+                VAEL_LOG(VAEL_DBG_NOTICE, "K_PM", "%s: ignoring metadata flag\n");
+                p += k;
+                n -= k;
+            }
+        }
+        if (n > 0 && p[0] == ';')
+            continue;
+        break;
+    }
+    if (n < 2 || p[0] != '}' || p[1] != ':') {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: metadata ending was not found\n");
+        return VAEL_ERROR;
+    }
+    *pattern = p + 2;
+    *pattern_len = n - 2;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pm_pattern_has_metadata(const char *pattern, uint32_t len, int *has) {
+    if (!pattern || len == 0 || !has) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: invalid arguments given");
+        return VAEL_ERROR;
+    }
+    char *copy;
+    uint32_t copy_len;
+    if (pm_strdup(pattern, len, &copy, &copy_len) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: failed to duplicate RE\n");
+        return VAEL_ERROR;
+    }
+    const char *text = copy, *lss = nullptr;
+    uint32_t text_len = copy_len, lss_len = 0, flags = 0;
+    int rc = vael_pm_patterns_parse_metadata(&lss, &lss_len, &text, &text_len, &flags, 1);
+    VAEL_KFREE(copy, copy_len);
+    if (rc != VAEL_OK) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: failed to parse metadata\n");
+        return VAEL_ERROR;
+    }
+    // {case}:abc clears a bit nobody set: that is no metadata.
+    *has = flags != 0 || lss_len != 0;
+    return VAEL_OK;
+}
+
+namespace {
+
+bool holds_nul(const unsigned char *bytes, uint32_t len) { return bytes && std::memchr(bytes, 0, len) != nullptr; }
+
+}  // namespace
+
+extern "C" vael_pm_one_pattern *vael_pm_patterns_one_pattern_create(const unsigned char *lss, uint32_t lss_len,
+                                                                    const unsigned char *re, uint32_t re_len,
+                                                                    int32_t id, uint32_t match_len, uint32_t flags,
+                                                                    uint32_t type) {
+    auto *p = static_cast<vael_pm_one_pattern *>(VAEL_KMALLOC(sizeof(vael_pm_one_pattern)));
+    if (!p)
+        return nullptr;
+    *p = vael_pm_one_pattern{nullptr, nullptr, id, match_len, flags, type};
+    if (lss && lss_len) {
+        // Only a note: the LSS is taken byte for byte as it stands.
+        if (holds_nul(lss, lss_len) && !vael_pm_allow_null_in_pattern)
+            VAEL_LOG(VAEL_DBG_WRN, "K_PM | K_WARNING",
+                     "%s: NULL character is not supported in LSS - please use \\x00 instead. problematic LSS: %s\n",
+                     pm_str_to_debug_charp(reinterpret_cast<const char *>(lss), lss_len));
+        if (!(p->lss = vael_pmglob_string_create(lss, lss_len, -1, flags))) {
+            vael_pm_patterns_one_pattern_destroy(p);
+            return nullptr;
+        }
+    }
+    if (re && re_len) {
+        if (holds_nul(re, re_len) && !vael_pm_allow_null_in_pattern)
+            VAEL_LOG(VAEL_DBG_WRN, "K_PM | K_WARNING",
+                     "%s: NULL character is not supported in RE - please use \\x00 instead. problematic RE: %s\n",
+                     pm_str_to_debug_charp(reinterpret_cast<const char *>(re), re_len));
+        if (!(p->re = vael_pmglob_string_create_replace_nulls(re, re_len, -1, flags))) {
+            vael_pm_patterns_one_pattern_destroy(p);
+            return nullptr;
+        }
+    }
+    if (flags & VAEL_PM_NO_HISTORY)
+        p->match_len = 0;
+    return p;
+}
+
+extern "C" void vael_pm_patterns_one_pattern_destroy(vael_pm_one_pattern *p) {
+    if (!p)
+        return;
+    vael_pmglob_string_destroy(p->lss);
+    vael_pmglob_string_destroy(p->re);
+    VAEL_KFREE(p, sizeof(vael_pm_one_pattern));
+}
+
+namespace {
+
+void destroy_one_pattern_value(uintptr_t value) {
+    vael_pm_patterns_one_pattern_destroy(reinterpret_cast<vael_pm_one_pattern *>(value));
+}
+
+const unsigned char *bytes_of(const char *s) { return reinterpret_cast<const unsigned char *>(s); }
+
+// The worker of every add. A failed add leaves the list as it was.
+int vael_pm_patterns_add_pattern_with_LSS_ex(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len,
+                                             const char *re, uint32_t re_len, int32_t id, uint32_t match_len,
+                                             uint32_t flags, uint32_t type) {
+    if (!patterns || !((lss && lss_len) || (re && re_len))) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_ERROR",
+                 "%s: Invalid arguments: pattern: %p, LSS_len: %u, LSS: %p, RE_len: %u, RE: %p\n", (void *)patterns,
+                 lss_len, (const void *)lss, re_len, (const void *)re);
+        return VAEL_ERROR;
+    }
+    vael_pm_one_pattern *p = vael_pm_patterns_one_pattern_create(bytes_of(lss), lss_len, bytes_of(re), re_len, id,
+                                                                 match_len, flags, type);
+    if (!p) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Error creating one_pattern\n");
+        return VAEL_ERROR;
+    }
+    if (!lst_insert(patterns, reinterpret_cast<uintptr_t>(p))) {
+        vael_pm_patterns_one_pattern_destroy(p);
+        return VAEL_ERROR;
+    }
+    return VAEL_OK;
+}
+
+}  // namespace
+
+extern "C" vael_pm_patterns *vael_pm_patterns_create(void) {
+    vael_pm_patterns *list = lst_create_destr(destroy_one_pattern_value);
+    if (!list)
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Creating patterns list returned NULL\n");
+    return list;
+}
+
+extern "C" void vael_pm_patterns_destroy(vael_pm_patterns *patterns) { lst_destroy(patterns); }
+
+extern "C" int vael_pm_patterns_add_simple_pattern(vael_pm_patterns *patterns, const char *str, uint32_t len,
+                                                   int32_t id, uint32_t flags) {
+    if (str && vael_pm_patterns_parse_metadata(nullptr, nullptr, &str, &len, &flags, 0) != VAEL_OK)
+        return VAEL_ERROR;
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, str, len, nullptr, 0, id, len, flags,
+                                                    VAEL_PM_TYPE_PATTERN);
+}
+
+extern "C" int vael_pm_patterns_add_pattern(vael_pm_patterns *patterns, const char *re, uint32_t re_len, int32_t id,
+                                            uint32_t flags) {
+    const char *lss = nullptr;
+    uint32_t lss_len = 0;
+    if (re && vael_pm_patterns_parse_metadata(&lss, &lss_len, &re, &re_len, &flags, 1) != VAEL_OK)
+        return VAEL_ERROR;
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, lss, lss_len, re, re_len, id, 0, flags,
+                                                    VAEL_PM_TYPE_PATTERN);
+}
+
+extern "C" int vael_pm_patterns_add_pattern_with_LSS(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len,
+                                                     const char *re, uint32_t re_len, int32_t id, uint32_t flags) {
+    // An LSS( item in the expression's metadata replaces the argument.
+    if (re && vael_pm_patterns_parse_metadata(&lss, &lss_len, &re, &re_len, &flags, 1) != VAEL_OK)
+        return VAEL_ERROR;
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, lss, lss_len, re, re_len, id, 0, flags,
+                                                    VAEL_PM_TYPE_PATTERN);
+}
+
+extern "C" int vael_pm_patterns_add_word(vael_pm_patterns *patterns, const char *word, uint32_t len, int32_t id,
+                                         uint32_t flags) {
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, word, len, nullptr, 0, id, len, flags,
+                                                    VAEL_PM_TYPE_WORD);
+}
+
+extern "C" int vael_pm_patterns_add_pattern_kw(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len,
+                                               const char *rule, int32_t id) {
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, lss, lss_len, rule, rule ? pm_strlen(rule) : 0, id, 0,
+                                                    0, VAEL_PM_TYPE_KW);
+}
+
+extern "C" int vael_pm_patterns_add_pattern_kw_nohistory(vael_pm_patterns *patterns, const char *lss,
+                                                         uint32_t lss_len, const char *rule, int32_t id) {
+    return vael_pm_patterns_add_pattern_with_LSS_ex(patterns, lss, lss_len, rule, rule ? pm_strlen(rule) : 0, id, 0,
+                                                    VAEL_PM_NO_HISTORY, VAEL_PM_TYPE_KW);
+}
+
+extern "C" const unsigned char *vael_pm_one_pattern_get_lss_str(const vael_pm_one_pattern *p) {
+    VAEL_ASSERT(p, "Ilegal arguments");
+    return p && p->lss ? p->lss->pattern : nullptr;
+}
+
+extern "C" uint32_t vael_pm_one_pattern_get_lss_size(const vael_pm_one_pattern *p) {
+    VAEL_ASSERT(p, "Ilegal arguments");
+    return p && p->lss ? p->lss->size : 0;
+}
+
+extern "C" const unsigned char *vael_pm_one_pattern_get_re_str(const vael_pm_one_pattern *p) {
+    VAEL_ASSERT(p, "Ilegal arguments");
+    return p && p->re ? p->re->pattern : nullptr;
+}
+
+extern "C" uint32_t vael_pm_one_pattern_get_re_size(const vael_pm_one_pattern *p) {
+    VAEL_ASSERT(p, "Ilegal arguments");
+    return p && p->re ? p->re->size : 0;
+}
+
+extern "C" void vael_pm_patterns_dump(vael_pm_patterns *patterns) {
+    static const char kDashes[] = "--------------------------------------------";
+    vael_us_adaptor_kdprintf("\n----- DUMPING PM_PATTERNS at %p -----\n", (void *)patterns);
+    vael_us_adaptor_kdprintf("Number of patterns in this pm_patterns is: %d\n", (int)lst_nelements(patterns));
+    uint32_t num = 0;
+    uintptr_t value;
+    for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value)) {
+        auto *p = reinterpret_cast<const vael_pm_one_pattern *>(value);
+        vael_us_adaptor_kdprintf("%s\n", kDashes);
+        vael_us_adaptor_kdprintf("     Pattern num: %u\n", ++num);
+        vael_us_adaptor_kdprintf("     LSS: %s\n", p->lss ? vael_pmglob_string_to_debug_charp(p->lss)
+                                                       : "NULL (we'll try to find it during PM compilation)");
+        vael_us_adaptor_kdprintf("     RE: %s\n", p->re ? vael_pmglob_string_to_debug_charp(p->re) : "NULL");
+        vael_us_adaptor_kdprintf("     Pattern id: %d, flags: 0x%.8x\n", p->id, p->flags);
+    }
+    vael_us_adaptor_kdprintf("%s\n", kDashes);
 }
 
 // ---------------------------------------------------------------- handle
@@ -310,13 +581,26 @@ int vael_pm_compile_tier1_compile(vael_pm_handle *pm, uint32_t row_index, vael_p
     return 0;
 }
 
+// Which text refuses a record that this build cannot match exactly, or null
+// when its string alone proves a match. A caseless string engine matches a
+// case-sensitive string too often: only a second tier could check the case.
+const char *vael_pm_compile_unsupported(const vael_pm_one_pattern *p, uint32_t flags, bool any_caseless) {
+    if (p->type == VAEL_PM_TYPE_WORD)
+        return kNeedsWordMatcher;
+    if (p->type != VAEL_PM_TYPE_PATTERN || p->re || !p->lss || (p->flags & VAEL_PM_BOUND))
+        return kNeedsTier2;
+    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
+        return kNeedsCaseCheck;
+    return nullptr;
+}
+
 // Puts one plain-string record into the LSS list and fills its PM entry.
 int vael_pm_compile_one_string(vael_pm_handle *pm, const vael_pm_one_pattern *p, uint32_t internal_id,
-                               vael_pmglob_patterns *lss_list, vael_pm_error *err) {
-    if (p->type != VAEL_PM_TYPE_PATTERN || p->re || !p->lss) {
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUnsupportedPattern, p->id);
-        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d needs an engine that is not in this build\n",
-                 p->id);
+                               vael_pmglob_patterns *lss_list, uint32_t flags, bool any_caseless,
+                               vael_pm_error *err) {
+    if (const char *why = vael_pm_compile_unsupported(p, flags, any_caseless)) {
+        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, why, p->id);
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d: %s\n", p->id, why);
         return -1;
     }
     const vael_pmglob_string *lss = p->lss;
@@ -365,10 +649,13 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
 
     intptr_t n = lst_nelements(patterns);
     intptr_t w = 0;
+    bool any_caseless = false;
     uintptr_t value;
-    for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value))
-        if (reinterpret_cast<vael_pm_one_pattern *>(value)->type == VAEL_PM_TYPE_WORD)
-            w++;
+    for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value)) {
+        auto *p = reinterpret_cast<const vael_pm_one_pattern *>(value);
+        w += p->type == VAEL_PM_TYPE_WORD;
+        any_caseless |= (p->flags & VAEL_PM_CASELESS) || p->type == VAEL_PM_TYPE_KW;
+    }
     if (n < 0) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal number of patterns %d\n", (int)n);
         return nullptr;
@@ -393,16 +680,14 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
         vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory);
     }
 
-    bool any_caseless = false;
     uint32_t internal_id = 0;
     for (lst_cursor c = ok ? lst_iterate(patterns, nullptr, &value) : nullptr; c;
          c = lst_iterate(patterns, c, &value)) {
         auto *p = reinterpret_cast<vael_pm_one_pattern *>(value);
-        if (vael_pm_compile_one_string(pm, p, internal_id, lss_list, err) != 0) {
+        if (vael_pm_compile_one_string(pm, p, internal_id, lss_list, flags, any_caseless, err) != 0) {
             ok = false;
             break;
         }
-        any_caseless |= (p->flags & VAEL_PM_CASELESS) || p->type == VAEL_PM_TYPE_KW;
         internal_id++;
     }
 

@@ -198,6 +198,20 @@ vael_pm_one_pattern *vael_pm_patterns_one_pattern_create(const unsigned char *ls
                                                          const unsigned char *re, uint32_t re_len, int32_t id,
                                                          uint32_t match_len, uint32_t flags, uint32_t type);
 void vael_pm_patterns_one_pattern_destroy(vael_pm_one_pattern *p);
+const unsigned char *vael_pm_one_pattern_get_lss_str(const vael_pm_one_pattern *p);
+uint32_t vael_pm_one_pattern_get_lss_size(const vael_pm_one_pattern *p);
+const unsigned char *vael_pm_one_pattern_get_re_str(const vael_pm_one_pattern *p);
+uint32_t vael_pm_one_pattern_get_re_size(const vael_pm_one_pattern *p);
+
+/* A row of the metadata language: the name, its length, the flag bits, and
+ * 1 to set them or -1 to clear them. The table ends with a null name. */
+typedef struct vael_pm_metadata_flag {
+    const char *name;
+    uint32_t len;
+    uint32_t bits;
+    int sense;
+} vael_pm_metadata_flag;
+extern const vael_pm_metadata_flag vael_pm_metadata_flags[];
 
 /* Element cells of every match queue, shared by all runs; cells stay in it
  * for the next run (lst_pool_drain gives them back). */

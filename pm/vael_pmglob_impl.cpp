@@ -1,14 +1,16 @@
-// vael_pmglob_impl.cpp - the leaf records of the pattern matcher: pattern
-// strings and lists of them, user pattern records, match records and the
-// match queue with its per-pattern dedupe, the error record, the character
-// translation tables and the PM uuid.
+// vael_pmglob_impl.cpp - the leaf records of the pattern matcher: the error
+// record, byte strings without a locale, pattern strings and lists of them,
+// match records and the match queue with its per-pattern dedupe, masks' bit
+// test, the character translation tables and the PM uuid.
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "pm/vael_pm_internal.h"
+#include "pm/vael_pm_strings.h"
 #include "runtime/vael_runtime.h"
 
 // ---------------------------------------------------------------- errors
@@ -57,7 +59,126 @@ extern "C" void vael_pm_error_dump(const vael_pm_error *err) {
     vael_us_adaptor_kdprintf("error message: %s\n", err->error_string ? err->error_string : "No message available");
 }
 
-// ---------------------------------------------------------------- strings
+// ---------------------------------------------------------------- byte strings
+
+extern "C" const char *pm_strnstr(const char *hay, const char *needle, uint32_t hay_len, uint32_t needle_len) {
+    if (needle_len == 0 || !needle || needle[0] == '\0')
+        return hay;
+    if (!hay)
+        return nullptr;
+    for (uint32_t i = 0; i + needle_len <= hay_len && hay[i] != '\0'; i++)
+        if (std::memcmp(hay + i, needle, needle_len) == 0)
+            return hay + i;
+    return nullptr;
+}
+
+extern "C" char *pm_strncpy(char *dst, const char *src, uint32_t n) {
+    uint32_t i = 0;
+    for (; i < n && src[i] != '\0'; i++)
+        dst[i] = src[i];
+    for (; i < n; i++)
+        dst[i] = '\0';
+    return dst;
+}
+
+extern "C" uint32_t pm_strlen(const char *s) { return (uint32_t)std::strlen(s); }
+
+namespace {
+template <class Fold>
+int compare_folded(const char *a, const char *b, uint32_t n, Fold fold) {
+    for (uint32_t i = 0; i < n; i++) {
+        unsigned char x = fold((unsigned char)a[i]), y = fold((unsigned char)b[i]);
+        if (x != y)
+            return x < y ? -1 : 1;
+        if (x == '\0')
+            break;
+    }
+    return 0;
+}
+}  // namespace
+
+extern "C" int pm_strncmp(const char *a, const char *b, uint32_t n) {
+    return compare_folded(a, b, n, [](unsigned char c) { return c; });
+}
+
+extern "C" int pm_strnicmp(const char *a, const char *b, uint32_t n) {
+    return compare_folded(a, b, n, [](unsigned char c) { return to_lower(c); });
+}
+
+extern "C" const char *pm_strnchr(const char *s, uint32_t n, char c) {
+    for (uint32_t i = 0; i < n; i++)
+        if (s[i] == c)
+            return s + i;
+    return nullptr;
+}
+
+extern "C" char *pm_strcat(char *dst, const char *src) { return std::strcat(dst, src); }
+
+extern "C" const void *pm_memmem(const void *needle, uint32_t needle_len, const void *hay, uint32_t hay_len) {
+    if (needle_len == 0)
+        return hay;
+    if (needle_len > hay_len)
+        return nullptr;
+    auto *h = static_cast<const unsigned char *>(hay);
+    for (uint32_t i = 0; i + needle_len <= hay_len; i++)
+        if (std::memcmp(h + i, needle, needle_len) == 0)
+            return h + i;
+    return nullptr;
+}
+
+extern "C" int pm_strdup(const char *src, uint32_t len, char **dst, uint32_t *dst_len) {
+    *dst = nullptr;
+    *dst_len = 0;
+    if (!src || len == 0)
+        return 0;
+    auto *copy = static_cast<char *>(VAEL_KMALLOC(len));
+    if (!copy)
+        return -1;
+    pm_strncpy(copy, src, len);
+    *dst = copy;
+    *dst_len = len;
+    return 0;
+}
+
+namespace {
+// One buffer per thread; a second call on a thread overwrites the first text.
+const char *debug_text(const char *s, uint32_t len, bool csv) {
+    static thread_local char text[200];
+    size_t used = 0;
+    for (uint32_t i = 0; s && i < len; i++) {
+        auto c = (unsigned char)s[i];
+        bool plain = is_print(c) && !(csv && c == '"');
+        size_t need = plain ? 1 : 4;
+        if (used + need >= sizeof text)
+            break;
+        if (plain)
+            text[used++] = (char)c;
+        else
+            used += (size_t)std::snprintf(text + used, sizeof text - used, "\\x%02x", c);
+    }
+    text[used] = '\0';
+    return text;
+}
+}  // namespace
+
+extern "C" const char *pm_str_to_debug_charp(const char *s, uint32_t len) { return debug_text(s, len, false); }
+
+extern "C" const char *pm_str_to_debug_charp_for_csv(const char *s, uint32_t len) {
+    return debug_text(s, len, true);
+}
+
+extern "C" void pm_dump_str(const char *s, uint32_t len) {
+    for (uint32_t i = 0; i < len; i++) {
+        auto c = (unsigned char)s[i];
+        if (is_print(c))
+            vael_us_adaptor_kdprintf_no_prefix("%c", c);
+        else
+            vael_us_adaptor_kdprintf_no_prefix("\\x%x", c);
+    }
+    vael_us_adaptor_kdprintf_no_prefix("\n");
+}
+
+// ---------------------------------------------------------------- pattern strings
 
 extern "C" vael_pmglob_string *vael_pmglob_string_create(const unsigned char *bytes, uint32_t size, int32_t id,
                                                          uint32_t flags) {
@@ -115,20 +236,7 @@ extern "C" int vael_pmglob_string_save(const vael_pmglob_string *s, unsigned cha
 }
 
 extern "C" const char *vael_pmglob_string_to_debug_charp(const vael_pmglob_string *s) {
-    // One buffer per thread: log lines of parallel compiles must not mix.
-    static thread_local char text[200];
-    if (!s)
-        return "NULL";
-    size_t used = 0;
-    for (uint32_t i = 0; i < s->size && used + 5 < sizeof text; i++) {
-        unsigned char c = s->pattern[i];
-        if (c >= 0x20 && c < 0x7f)
-            text[used++] = (char)c;
-        else
-            used += std::snprintf(text + used, sizeof text - used, "\\x%02x", c);
-    }
-    text[used] = '\0';
-    return text;
+    return s ? pm_str_to_debug_charp(reinterpret_cast<const char *>(s->pattern), s->size) : "NULL";
 }
 
 extern "C" void vael_pmglob_string_dump(const vael_pmglob_string *s) {
@@ -136,6 +244,56 @@ extern "C" void vael_pmglob_string_dump(const vael_pmglob_string *s) {
         return;
     vael_us_adaptor_kdprintf("string: '%s', size: %u, id: %d, flags: 0x%.8x\n", vael_pmglob_string_to_debug_charp(s),
                              s->size, s->id, s->flags);
+}
+
+extern "C" vael_pmglob_string *vael_pmglob_string_create_replace_nulls(const unsigned char *bytes, uint32_t size,
+                                                                      int32_t id, uint32_t flags) {
+    // A regular-expression engine must see a NUL as the escape "\x00"; a
+    // NUL right after an odd run of backslashes would turn that escape into
+    // something else, so it is refused.
+    uint64_t out_len = 0;
+    bool escaped = false;
+    for (uint32_t i = 0; i < size; i++) {
+        unsigned char c = bytes[i];
+        if (c == '\0' && escaped) {
+            VAEL_LOG(VAEL_DBG_ERR, "K_ERROR", "%s: Found illegal '\\0' in the string\n");
+            return nullptr;
+        }
+        escaped = c == '\\' ? !escaped : false;
+        out_len += c == '\0' ? 4 : 1;
+    }
+    if (out_len > UINT32_MAX - 1)
+        return nullptr;
+    auto *text = static_cast<unsigned char *>(VAEL_KMALLOC(out_len ? out_len : 1));
+    if (!text) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_ERROR", "%s: Failed to allocate buffer size %d\n", (int)out_len);
+        return nullptr;
+    }
+    uint32_t used = 0;
+    for (uint32_t i = 0; i < size; i++) {
+        if (bytes[i] == '\0') {
+            std::memcpy(text + used, "\\x00", 4);
+            used += 4;
+        } else {
+            text[used++] = bytes[i];
+        }
+    }
+    vael_pmglob_string *s = vael_pmglob_string_create(text, used, id, flags);
+    VAEL_KFREE(text, out_len ? out_len : 1);
+    return s;
+}
+
+extern "C" void vael_pmglob_string_convert_to_lower_case(vael_pmglob_string *s, uint32_t flags) {
+    if (!s)
+        return;
+    for (uint32_t i = 0; i < s->size; i++) {
+        unsigned char c = s->pattern[i];
+        if (flags & VAEL_PM_CASELESS)
+            c = to_lower(c);
+        if ((flags & VAEL_PM_DIGITLESS) && is_digit(c))
+            c = '0';
+        s->pattern[i] = c;
+    }
 }
 
 // ---------------------------------------------------------------- string lists
@@ -167,77 +325,17 @@ extern "C" int vael_pmglob_patterns_get_num_of_patterns(vael_pmglob_patterns *li
     return (int)lst_nelements(list);
 }
 
+extern "C" void vael_pmglob_patterns_convert_all_patts_to_lower(vael_pmglob_patterns *list, uint32_t flags) {
+    uintptr_t value;
+    for (lst_cursor c = lst_iterate(list, nullptr, &value); c; c = lst_iterate(list, c, &value))
+        vael_pmglob_string_convert_to_lower_case(reinterpret_cast<vael_pmglob_string *>(value), flags);
+}
+
 extern "C" void vael_pmglob_patterns_dump(vael_pmglob_patterns *list) {
     uintptr_t value;
     for (lst_cursor c = lst_iterate(list, nullptr, &value); c; c = lst_iterate(list, c, &value))
         vael_pmglob_string_dump(reinterpret_cast<vael_pmglob_string *>(value));
 }
-
-// ---------------------------------------------------------------- pattern records
-
-extern "C" vael_pm_one_pattern *vael_pm_patterns_one_pattern_create(const unsigned char *lss, uint32_t lss_len,
-                                                                    const unsigned char *re, uint32_t re_len,
-                                                                    int32_t id, uint32_t match_len, uint32_t flags,
-                                                                    uint32_t type) {
-    auto *p = static_cast<vael_pm_one_pattern *>(VAEL_KMALLOC(sizeof(vael_pm_one_pattern)));
-    if (!p)
-        return nullptr;
-    *p = vael_pm_one_pattern{nullptr, nullptr, id, match_len, flags, type};
-    if (lss && lss_len && !(p->lss = vael_pmglob_string_create(lss, lss_len, -1, flags))) {
-        vael_pm_patterns_one_pattern_destroy(p);
-        return nullptr;
-    }
-    if (re && re_len && !(p->re = vael_pmglob_string_create(re, re_len, -1, flags))) {
-        vael_pm_patterns_one_pattern_destroy(p);
-        return nullptr;
-    }
-    return p;
-}
-
-extern "C" void vael_pm_patterns_one_pattern_destroy(vael_pm_one_pattern *p) {
-    if (!p)
-        return;
-    vael_pmglob_string_destroy(p->lss);
-    vael_pmglob_string_destroy(p->re);
-    VAEL_KFREE(p, sizeof(vael_pm_one_pattern));
-}
-
-namespace {
-void destroy_one_pattern_value(uintptr_t value) {
-    vael_pm_patterns_one_pattern_destroy(reinterpret_cast<vael_pm_one_pattern *>(value));
-}
-}  // namespace
-
-extern "C" vael_pm_patterns *vael_pm_patterns_create(void) {
-    vael_pm_patterns *list = lst_create_destr(destroy_one_pattern_value);
-    if (!list)
-        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Creating patterns list returned NULL\n");
-    return list;
-}
-
-extern "C" int vael_pm_patterns_add_simple_pattern(vael_pm_patterns *patterns, const char *str, uint32_t len,
-                                                   int32_t id, uint32_t flags) {
-    if (!patterns || !str || len == 0) {
-        VAEL_LOG(VAEL_DBG_ERR, "K_ERROR",
-                 "%s: Invalid arguments: pattern: %p, LSS_len: %u, LSS: %p, RE_len: %u, RE: %p\n",
-                 (void *)patterns, len, (const void *)str, 0u, (const void *)nullptr);
-        return VAEL_ERROR;
-    }
-    auto *bytes = reinterpret_cast<const unsigned char *>(str);
-    vael_pm_one_pattern *p =
-        vael_pm_patterns_one_pattern_create(bytes, len, nullptr, 0, id, len, flags, VAEL_PM_TYPE_PATTERN);
-    if (!p) {
-        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Error creating one_pattern\n");
-        return VAEL_ERROR;
-    }
-    if (!lst_insert(patterns, reinterpret_cast<uintptr_t>(p))) {
-        vael_pm_patterns_one_pattern_destroy(p);
-        return VAEL_ERROR;
-    }
-    return VAEL_OK;
-}
-
-extern "C" void vael_pm_patterns_destroy(vael_pm_patterns *patterns) { lst_destroy(patterns); }
 
 // ---------------------------------------------------------------- match records
 
@@ -322,11 +420,6 @@ extern "C" int vael_pmglob_mask_is_set(const vael_pm_mask *mask, uint32_t intern
 
 // ---------------------------------------------------------------- characters
 
-namespace {
-constexpr unsigned char to_lower(unsigned char c) { return c >= 'A' && c <= 'Z' ? (unsigned char)(c + 32) : c; }
-constexpr bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
-}  // namespace
-
 extern "C" void vael_pmglob_char_xlation_build(uint32_t flags, unsigned char *table) {
     for (int b = 0; b < 256; b++) {
         auto c = (unsigned char)b;
@@ -351,11 +444,40 @@ extern "C" void vael_pmglob_char_xlation_build_reverse(const unsigned char *tabl
     }
 }
 
+extern "C" void vael_pmglob_char_xlation_dump(const unsigned char *table, const unsigned char *reverse,
+                                              const char *name) {
+    auto shown = [](unsigned char c) { return is_print(c) ? (char)c : '_'; };
+    vael_us_adaptor_kdprintf("%s: Character translation table:\n", name);
+    int translated = 0, groups = 0;
+    for (int b = 0; b < 256; b++) {
+        if (table[b] == b)
+            continue;
+        translated++;
+        vael_us_adaptor_kdprintf("%s: %c (%02X) -> %c (%02X)\n", name, shown((unsigned char)b), b,
+                                 shown(table[b]), table[b]);
+    }
+    for (int head = 0; reverse && head < 256; head++) {
+        // A group is the ring through its head, the byte that maps to itself.
+        if (table[head] != head || reverse[head] == head)
+            continue;
+        groups++;
+        vael_us_adaptor_kdprintf("%s: Character group: %c (%02X)", name, shown((unsigned char)head), head);
+        int members = 0;
+        int b = reverse[head];
+        for (; b != head && members < 256; b = reverse[b], members++)
+            vael_us_adaptor_kdprintf_no_prefix(" %c (%02X)", shown((unsigned char)b), b);
+        vael_us_adaptor_kdprintf_no_prefix(b == head ? "\n" : " Corrupt group\n");
+    }
+    vael_us_adaptor_kdprintf("%s: %d translated characters, %d non-trivial character groups\n", name, translated,
+                             groups);
+}
+
 // ---------------------------------------------------------------- uuid
 
 namespace {
-// Not locked: parallel compiles in one second still differ in `serial`.
-uint32_t g_uuid_serial;
+// The clock words are not locked: parallel compiles in one second may share
+// `time` and `count`, and differ in `serial`, which is taken atomically.
+std::atomic<uint32_t> g_uuid_serial;
 int32_t g_uuid_last_time;
 uint32_t g_uuid_seq;
 uint32_t g_uuid_clock_seq;
@@ -384,8 +506,20 @@ extern "C" void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, 
     put_word(uuid + 12, (((uint32_t)pid & 0xffffu) << 16) | 0xfffeu);
 }
 
+extern "C" int vael_pmglob_uuid_cmp(const unsigned char *a, const unsigned char *b) {
+    if (!a || !b)
+        return -1;
+    return std::memcmp(a, b, 16) == 0 ? 0 : 1;
+}
+
+extern "C" void vael_pmglob_uuid_cpy(unsigned char *dst, const unsigned char *src) {
+    if (dst && src)
+        std::memcpy(dst, src, 16);
+}
+
 extern "C" void vael_pmglob_uuid_build(unsigned char *uuid) {
     if (!uuid)
         return;
-    vael_pmglob_uuid_build_ex(uuid, ++g_uuid_serial, qx_abstime(), (int32_t)getpid());
+    vael_pmglob_uuid_build_ex(uuid, g_uuid_serial.fetch_add(1, std::memory_order_relaxed) + 1, qx_abstime(),
+                              (int32_t)getpid());
 }

@@ -32,10 +32,8 @@ struct vael_buffer {
 // Illegal arguments panic only when assertions are on; the operation then
 // takes its failure road.
 bool illegal(const char *func) {
-    if (qx_assert_on) {
-        vael_us_adaptor_kdprintf("QX-1: %s: %s (%s:%d)\n", func, "Illegal arguments", __FILE__, __LINE__);
-        qx_panic_ex("Illegal arguments");
-    }
+    if (qx_assert_on)
+        vael_soft_assert_fail(func, "Illegal arguments", __FILE__, __LINE__);
     return true;
 }
 

@@ -92,11 +92,44 @@ typedef int (*vael_pm_ext_match_cb)(vael_pm_handle *pm, int32_t pattern_id, void
                                     const unsigned char *buf, uint32_t len, uint32_t offset, vael_vbuf *vbuf,
                                     int *keep_going, uint32_t *extra);
 
-/* Pattern lists. The list keeps copies; the caller's memory is not kept. */
+/* Pattern lists. Every add gives 0 or -1, keeps copies (nothing of the
+ * caller's memory), and leaves the list as it was when it fails.
+ *
+ * Metadata: a text that starts with '{' opens a block of items divided by
+ * ';' and closed by "}:", before the pattern itself: "caseless" (sets
+ * VAEL_PM_CASELESS), "case" (clears it), "literal", "shortlss", "bound", and
+ * where allowed "LSS(text)", the pattern's longest simple string. Names match
+ * by prefix; unknown items are ignored. Example: "{caseless;LSS(abc)}:a.*bc". */
 vael_pm_patterns *vael_pm_patterns_create(void);
+/* A plain string; metadata without LSS(. */
 int vael_pm_patterns_add_simple_pattern(vael_pm_patterns *patterns, const char *str, uint32_t len, int32_t id,
                                         uint32_t flags);
+/* A regular expression; metadata with LSS(. */
+int vael_pm_patterns_add_pattern(vael_pm_patterns *patterns, const char *re, uint32_t re_len, int32_t id,
+                                 uint32_t flags);
+/* A regular expression with its LSS; an LSS( in the metadata replaces lss. */
+int vael_pm_patterns_add_pattern_with_LSS(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len,
+                                          const char *re, uint32_t re_len, int32_t id, uint32_t flags);
+/* A word or phrase for the word matcher; no metadata. */
+int vael_pm_patterns_add_word(vael_pm_patterns *patterns, const char *word, uint32_t len, int32_t id,
+                              uint32_t flags);
+/* A keyword rule (NUL-ended text) with an optional LSS. The no-history form
+ * lets the rule see the present buffer only. */
+int vael_pm_patterns_add_pattern_kw(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len, const char *rule,
+                                    int32_t id);
+int vael_pm_patterns_add_pattern_kw_nohistory(vael_pm_patterns *patterns, const char *lss, uint32_t lss_len,
+                                              const char *rule, int32_t id);
 void vael_pm_patterns_destroy(vael_pm_patterns *patterns);
+void vael_pm_patterns_dump(vael_pm_patterns *patterns);
+
+/* Parses the metadata in front of *pattern: on success *pattern and
+ * *pattern_len point past it, *flags holds the items' bits, and, when
+ * allow_lss and both lss pointers are given, an LSS( item is returned in
+ * them (pointing into the pattern's text). 0 or -1. */
+int vael_pm_patterns_parse_metadata(const char **lss, uint32_t *lss_len, const char **pattern, uint32_t *pattern_len,
+                                    uint32_t *flags, int allow_lss);
+/* *has is 1 when the text's metadata sets a flag or gives a non-empty LSS. */
+int vael_pm_pattern_has_metadata(const char *pattern, uint32_t len, int *has);
 
 /* Compile. caller names the user in logs and reports and must outlive the
  * PM. match_cb may be null: hits then only count. */

@@ -51,6 +51,14 @@ const unsigned char *vael_pmglob_string_get_pattern(const vael_pmglob_string *s)
 uint32_t vael_pmglob_string_get_flags(const vael_pmglob_string *s);
 void vael_pmglob_string_add_flags(vael_pmglob_string *s, uint32_t flags);
 void vael_pmglob_string_set_flags(vael_pmglob_string *s, uint32_t flags);
+/* As vael_pmglob_string_create, with each NUL written as the four characters
+ * "\x00" so a regular-expression engine sees an escape. A NUL right after
+ * an odd run of backslashes is refused (null). */
+vael_pmglob_string *vael_pmglob_string_create_replace_nulls(const unsigned char *bytes, uint32_t size, int32_t id,
+                                                           uint32_t flags);
+/* In place: with VAEL_PM_CASELESS letters to lower case, then with
+ * VAEL_PM_DIGITLESS digits to '0'. */
+void vael_pmglob_string_convert_to_lower_case(vael_pmglob_string *s, uint32_t flags);
 /* A copy without terminator, as kept in a PM's report entry. Result 0 or -1;
  * a null string gives a null copy and size 0. */
 int vael_pmglob_string_save(const vael_pmglob_string *s, unsigned char **bytes, uint32_t *size);
@@ -63,6 +71,7 @@ int vael_pmglob_patterns_add(vael_pmglob_patterns *list, const vael_pmglob_strin
 void vael_pmglob_patterns_destroy(vael_pmglob_patterns *list);
 int vael_pmglob_patterns_get_num_of_patterns(vael_pmglob_patterns *list);
 void vael_pmglob_patterns_dump(vael_pmglob_patterns *list);
+void vael_pmglob_patterns_convert_all_patts_to_lower(vael_pmglob_patterns *list, uint32_t flags);
 
 vael_pmglob_match_data *vael_pmglob_match_data_alloc(void);
 void vael_pmglob_match_data_set(vael_pmglob_match_data *d, int32_t id, uint32_t offset, uint32_t match_flags,
@@ -79,7 +88,10 @@ void vael_pmglob_matches_pool_fini(void);
 
 /* Character translation: flags bit 0x1 caseless, bit 0x2 digitless. */
 void vael_pmglob_char_xlation_build(uint32_t flags, unsigned char *table);
+/* reverse[b] is the next byte of b's group, a ring through the group's head. */
 void vael_pmglob_char_xlation_build_reverse(const unsigned char *table, unsigned char *reverse);
+/* Prints the table and, with a reverse table, its groups. */
+void vael_pmglob_char_xlation_dump(const unsigned char *table, const unsigned char *reverse, const char *name);
 
 #ifdef __cplusplus
 }

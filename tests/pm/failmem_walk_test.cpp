@@ -227,7 +227,7 @@ std::vector<PmWalkCase> pm_walk_cases() {
     return {
         {"OnePattern", {{"/etc/passwd", 7}}, "GET /etc/passwd"},
         {"Plain", {{"he", 1}, {"she", 2}, {"his", 3}, {"hers", 4}}, "ushers his"},
-        {"MixedCaseless", {{"Select", 1, VAEL_PM_CASELESS}, {"union", 2}}, "SELECT x union"},
+        {"MixedCaseless", {{"Select", 1, VAEL_PM_CASELESS}, {"union", 2}}, "SELECT x UNION", VAEL_PM_CASELESS},
         {"Digitless", {{"id=1", 1}, {"q", 2}}, "id=5 q", VAEL_PM_DIGITLESS},
         {"TwoStateBlocks", many, concat(many, " ")},
     };
@@ -291,7 +291,7 @@ TEST(PatternListWalk, FailedAddLeavesTheListAsItWas) {
 
     vael_pm_error err;
     std::set<int32_t> got;
-    vael_pm_handle *pm = vael_pm_compile(list, collect_id, 0, &err, "failmem-walk");
+    vael_pm_handle *pm = vael_pm_compile(list, collect_id, VAEL_PM_CASELESS, &err, "failmem-walk");
     ASSERT_NE(pm, nullptr);
     const std::string text = "alpha beta GAMMA";
     EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr,

@@ -131,7 +131,7 @@ TEST(FrameCompile, EmptyPatternCannotBeAdded) {
     {
         LogCapture log;
         EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "abc", 0, 1, 0), -1);
-        EXPECT_TRUE(log.contains("vael_pm_patterns_add_simple_pattern: Invalid arguments: pattern: ")) << log.text();
+        EXPECT_TRUE(log.contains(": Invalid arguments: pattern: ")) << log.text();
         EXPECT_TRUE(log.contains("LSS_len: 0,")) << log.text();
     }
     {
@@ -313,10 +313,26 @@ TEST(FrameExec, CaselessAndDigitless) {
         EXPECT_EQ(pm.hits("xaBcABC"), (std::vector<Hit>{{1, 3}}));
     }
     {
-        // One caseless pattern makes the whole string engine caseless.
-        Pm pm({{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2}});
+        // Caseless as a compile flag, or on every pattern.
+        Pm pm({{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2}}, VAEL_PM_CASELESS);
         ASSERT_NE(pm.get(), nullptr);
         EXPECT_EQ(pm.hits("ABC xyz"), (std::vector<Hit>{{1, 2}, {2, 6}}));
+        Pm each({{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2, VAEL_PM_CASELESS}});
+        EXPECT_EQ(each.hits("ABC xyz"), (std::vector<Hit>{{1, 2}, {2, 6}}));
+    }
+    {
+        // One caseless pattern makes the string engine caseless; a
+        // case-sensitive pattern beside it would need a second tier to check
+        // its case, so it is refused rather than matched wrongly.
+        std::vector<Pattern> mixed = {{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2}};
+        vael_pm_patterns *list = make_list(mixed);
+        vael_pm_error err;
+        EXPECT_EQ(vael_pm_compile(list, nullptr, 0, &err, "frame-test"), nullptr);
+        EXPECT_EQ(err.pattern_id, 2);
+        EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_ILLEGAL);
+        ASSERT_NE(err.error_string, nullptr);
+        EXPECT_NE(std::string(err.error_string).find("case-sensitive"), std::string::npos);
+        vael_pm_patterns_destroy(list);
     }
     {
         Pm pm({{"abc", 1}, {"XyZ", 2}});
