@@ -42,6 +42,8 @@ void check_all_sets() {
 #endif
         expect_same(size, "vael_pm_exec_ex with VAEL_PM_EXEC_ALL_MATCHES", scan_pm(set.pm, VAEL_PM_EXEC_ALL_MATCHES),
                     "raw Thin NFA", thin_all);
+        expect_same(size, "vael_pm_exec_ex over 1,500-byte vbuf blocks",
+                    scan_pm_vbuf(set.pm, VAEL_PM_EXEC_ALL_MATCHES, kPacketSize), "raw Thin NFA", thin_all);
 
         const MatchTally first = scan_full_ac_first_per_buffer(*set.full_ac, set.literals.size());
         expect_same(size, "vael_pm_exec_ex with exec flags 0", scan_pm(set.pm, 0),

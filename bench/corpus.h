@@ -45,6 +45,9 @@ private:
 // chunk, as a network engine sees one reassembled buffer at a time. A match
 // that straddles two chunks is lost by every engine alike.
 constexpr size_t kChunkSize = 64 * 1024;
+// The stream benchmark hands each chunk over as blocks of this size, the
+// payload of one Ethernet frame.
+constexpr size_t kPacketSize = 1500;
 constexpr size_t kCorpusSize = 16 * 1024 * 1024;
 
 // The set sizes that are benchmarked.

@@ -5,6 +5,7 @@
 // compile or run would only print meaningless numbers.
 #include "engines.h"
 
+#include <string>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -118,9 +119,14 @@ vael_pm_patterns *make_pm_patterns(const std::vector<Literal> &literals) {
     vael_pm_patterns *patterns = vael_pm_patterns_create();
     if (!patterns)
         fail("vael_pm_patterns_create failed");
+    // Binary literals hold NULs on purpose.
+    vael_pm_allow_null_in_pattern = 1;
     for (const Literal &literal : literals) {
-        if (vael_pm_patterns_add_simple_pattern(patterns, literal.bytes.data(),
-                                                static_cast<uint32_t>(literal.bytes.size()), literal.id, 0) != VAEL_OK)
+        // A text that opens with '{' would be read as metadata; a block in
+        // front keeps it a plain string.
+        std::string text = literal.bytes.starts_with('{') ? "{literal}:" + literal.bytes : literal.bytes;
+        if (vael_pm_patterns_add_simple_pattern(patterns, text.data(), static_cast<uint32_t>(text.size()), literal.id,
+                                                0) != VAEL_OK)
             fail("vael_pm_patterns_add_simple_pattern failed");
     }
     return patterns;
@@ -148,6 +154,25 @@ MatchTally scan_pm(vael_pm_handle *pm, uint32_t exec_flags) {
     return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
         if (vael_pm_exec_ex(pm, buf, static_cast<uint32_t>(len), nullptr, nullptr, &tally, exec_flags) != 0)
             fail("vael_pm_exec_ex failed");
+    });
+}
+
+MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_size) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        // The chunk arrives as packets: blocks that point into it, no copy,
+        // and no present buffer after them.
+        vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
+        if (!vbuf)
+            fail("vael_vbuf_create failed");
+        auto *bytes = const_cast<unsigned char *>(buf);
+        for (size_t off = 0; off < len; off += block_size) {
+            const size_t n = len - off < block_size ? len - off : block_size;
+            if (vael_vbuf_add_buffer_ex(vbuf, bytes + off, static_cast<uint32_t>(n), nullptr, nullptr) != 0)
+                fail("vael_vbuf_add_buffer_ex failed");
+        }
+        if (vael_pm_exec_ex(pm, nullptr, 0, vbuf, nullptr, &tally, exec_flags) != 0)
+            fail("vael_pm_exec_ex over a vbuf failed");
+        vael_vbuf_destroy(vbuf);
     });
 }
 

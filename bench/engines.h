@@ -65,6 +65,9 @@ vael_pm_handle *compile_pm(vael_pm_patterns *patterns);
 
 // Corpus scans. exec_flags go to the library call as they are.
 MatchTally scan_pm(vael_pm_handle *pm, uint32_t exec_flags);
+// Each chunk as a virtual buffer of block_size blocks (packets) and no
+// present buffer.
+MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_size);
 MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags);
 MatchTally scan_full_ac(const FullAc &ac);
 // Only the first end offset of each literal in each buffer.
