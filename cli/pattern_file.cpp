@@ -10,9 +10,15 @@ namespace vael::cli {
 
 namespace {
 
-// Kind names that a later vael-scan will give a meaning; refusing them now
-// keeps files written for that version from being misread as plain strings.
-constexpr std::string_view kReservedKinds[] = {"re", "word", "kw", "kw-nohistory"};
+struct KindRow {
+    std::string_view name;
+    PatternKind kind;
+};
+
+constexpr KindRow kKinds[] = {
+    {"str", PatternKind::str}, {"re", PatternKind::re}, {"word", PatternKind::word},
+    {"kw", PatternKind::kw},   {"kw-nohistory", PatternKind::kw_nohistory},
+};
 
 constexpr std::string_view kUtf8Bom = "\xEF\xBB\xBF";
 
@@ -112,13 +118,13 @@ std::optional<std::string> parse_id(std::string_view field, std::int32_t &id) {
 }
 
 std::optional<std::string> parse_kind(std::string_view field, PatternKind &kind) {
-    if (field == "str") {
-        kind = PatternKind::str;
-        return std::nullopt;
+    for (const auto &row : kKinds) {
+        if (row.name == field) {
+            kind = row.kind;
+            return std::nullopt;
+        }
     }
     if (field.empty()) return "empty pattern kind";
-    if (std::find(std::begin(kReservedKinds), std::end(kReservedKinds), field) != std::end(kReservedKinds))
-        return "pattern kind " + quoted(field) + " is not supported yet";
     return "unknown pattern kind " + quoted(field);
 }
 
@@ -141,10 +147,21 @@ std::optional<std::string> parse_line(std::string_view line, PatternRecord &reco
     }
     if (auto error = unescape(fields.back(), record.bytes)) return error;
     if (record.bytes.empty()) return "empty pattern text";
+    // The library takes a keyword rule as a C string: a NUL would silently
+    // cut the rule short.
+    if ((record.kind == PatternKind::kw || record.kind == PatternKind::kw_nohistory) &&
+        record.bytes.find('\0') != std::string::npos)
+        return "NUL byte in keyword rule " + quoted(record.bytes);
     return std::nullopt;
 }
 
 }  // namespace
+
+std::string_view kind_name(PatternKind kind) {
+    for (const auto &row : kKinds)
+        if (row.kind == kind) return row.name;
+    return "?";
+}
 
 std::string printable(std::string_view bytes) {
     static constexpr char kHex[] = "0123456789abcdef";

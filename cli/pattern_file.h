@@ -8,9 +8,12 @@
 // ID is a decimal signed 32-bit integer. TEXT is taken byte for byte except
 // for the escapes \xHH (exactly two hex digits), \t, \n, \r and \\; any other
 // backslash sequence is an error. A raw TAB never appears inside TEXT, so the
-// number of TAB-separated fields tells the two forms apart. KIND "str" (the
-// default) is a plain string; "re", "word", "kw" and "kw-nohistory" are
-// reserved for pattern kinds vael-scan does not handle yet.
+// number of TAB-separated fields tells the two forms apart. KIND says how
+// the library takes TEXT: "str" (the default) a plain string, "re" a regular
+// expression, "word" a word or phrase, "kw" and "kw-nohistory" a keyword rule.
+// The reader only checks what it can without the library: a keyword rule is
+// handed over as a C string, so it may not hold a NUL byte. Metadata at the
+// start of TEXT ("{caseless}:abc") is left in the bytes for the library.
 //
 // A line whose first byte is '#' is a comment, a line of only whitespace is
 // skipped, and one trailing '\r' is dropped from every line so that files
@@ -27,15 +30,17 @@
 
 namespace vael::cli {
 
-// What a pattern's bytes mean. Only plain strings exist today; the reserved
-// kind names are rejected by the reader until they get an entry here.
-enum class PatternKind { str };
+// What a pattern's bytes mean, one entry per add operation of the library.
+enum class PatternKind { str, re, word, kw, kw_nohistory };
+
+// The name of a kind as written in a pattern file ("kw-nohistory").
+std::string_view kind_name(PatternKind kind);
 
 struct PatternRecord {
     std::size_t line = 0;  // 1-based line in the file
     std::int32_t id = 0;   // the user's id, reported with every match
     PatternKind kind = PatternKind::str;
-    std::string bytes;  // the text with its escapes resolved; never empty
+    std::string bytes;  // the text with its escapes resolved; never empty, no NUL for kw kinds
 
     friend bool operator==(const PatternRecord &, const PatternRecord &) = default;
 };

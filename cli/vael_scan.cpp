@@ -4,11 +4,15 @@
 // whole and scanned as one buffer. Output and exit status follow grep: a line
 // per match (or a count per file), 0 when something matched, 1 when nothing
 // did, 2 on any error.
+//
+// Every line of the pattern file is read and added to one pattern list before
+// anything is compiled, so a file is used whole or not at all.
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <strings.h>
 #include <exception>
@@ -25,6 +29,7 @@
 
 namespace {
 
+using vael::cli::PatternKind;
 using vael::cli::PatternRecord;
 
 constexpr const char *kProgram = "vael-scan";
@@ -49,6 +54,7 @@ struct Options {
     std::string debug_topics;      // as VAEL_DEBUG: "pm thinnfa", "memory,pm"
     std::string debug_level;       // as VAEL_DEBUG_LEVEL; empty: NOTICE
     bool memory = false;
+    bool explain = false;  // print how each pattern was read
 };
 
 // ---------------------------------------------------------------------------
@@ -129,6 +135,11 @@ constexpr OptionRow kOptions[] = {
     {'\0', "memory", "", "print the memory the compiled patterns hold (to standard error)",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.memory = true;
+         return std::nullopt;
+     }},
+    {'\0', "explain", "", "print how each pattern was read (see below); with no FILE, only that",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.explain = true;
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -215,13 +226,14 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
 void print_help(std::FILE *out) {
     std::fprintf(out,
                  "Usage: %s -p PATTERN_FILE [OPTION]... FILE...\n"
+                 "  or:  %s -p PATTERN_FILE --explain [OPTION]... [FILE]...\n"
                  "Scan each FILE, read whole as one buffer (or as a stream of blocks with\n"
                  "--block-size), for the patterns of PATTERN_FILE.\n"
                  "Prints one line per match, FILE:END_OFFSET:ID, where END_OFFSET is the\n"
                  "offset of the match's last byte and ID the pattern's id.\n"
                  "\n"
                  "Options:\n",
-                 kProgram);
+                 kProgram, kProgram);
     for (const auto &row : kOptions) {
         std::string left = row.short_name != '\0' ? std::string{'-', row.short_name} : "  ";
         if (!row.long_name.empty()) {
@@ -236,9 +248,22 @@ void print_help(std::FILE *out) {
     std::fprintf(out,
                  "\n"
                  "Pattern file: one pattern per line, ID<TAB>TEXT or ID<TAB>KIND<TAB>TEXT.\n"
-                 "ID is a signed 32-bit decimal number; KIND is 'str' (the default).\n"
+                 "ID is a signed 32-bit decimal number. KIND is str (a plain string, the\n"
+                 "default), re (a regular expression), word (a word or phrase), kw or\n"
+                 "kw-nohistory (a keyword rule). This build compiles only str patterns,\n"
+                 "none marked bound, and if one is marked caseless all must be (or give -i).\n"
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
+                 "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
+                 "caseless, case, literal, shortlss or bound, and for re also LSS(TEXT).\n"
+                 "Write {}: in front of a str or re TEXT that itself starts with '{'.\n"
+                 "\n"
+                 "--explain prints one line per pattern, before anything is compiled and\n"
+                 "even with -q:\n"
+                 "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT'\n"
+                 "FLAGS are the bits the pattern sets for itself (CASELESS, LITERAL,\n"
+                 "SHORT_LSS, BOUND, NO_HISTORY, joined by '|'), or 0; lss is shown when the\n"
+                 "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -306,6 +331,105 @@ void report_compile_error(const Options &options, const std::vector<PatternRecor
 }
 
 // ---------------------------------------------------------------------------
+// From records to the library's pattern list.
+
+// A record as the library will store it: the bits its metadata sets, the
+// LSS(...) item when one was given, and the text after the metadata. It comes
+// from the library's own metadata parser, so --explain shows what the add
+// operation stores rather than a second reading of the text.
+struct ReadPattern {
+    std::uint32_t flags = 0;
+    std::optional<std::string_view> lss;
+    std::string_view text;
+};
+
+// Reads a record's metadata as its add operation will. Returns the message
+// for a record the add would refuse.
+std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern &read) {
+    read = ReadPattern{};
+    read.text = record.bytes;
+    switch (record.kind) {
+    case PatternKind::str:
+    case PatternKind::re: {
+        const char *lss = nullptr;
+        std::uint32_t lss_len = 0;
+        const char *text = record.bytes.data();
+        auto text_len = static_cast<std::uint32_t>(record.bytes.size());
+        const int allow_lss = record.kind == PatternKind::re;
+        if (vael_pm_patterns_parse_metadata(&lss, &lss_len, &text, &text_len, &read.flags, allow_lss) != 0)
+            return "bad metadata in '" + vael::cli::printable(record.bytes) + "'";
+        // The add would store no pattern, or only the LSS as if it were a
+        // plain string; neither is what the line asks for.
+        if (text_len == 0) return "empty pattern text after metadata in '" + vael::cli::printable(record.bytes) + "'";
+        if (lss != nullptr) read.lss = std::string_view(lss, lss_len);
+        read.text = std::string_view(text, text_len);
+        break;
+    }
+    case PatternKind::word:
+    case PatternKind::kw:
+        break;  // no metadata: a leading '{' is part of the text
+    case PatternKind::kw_nohistory:
+        read.flags = VAEL_PM_NO_HISTORY;
+        break;
+    }
+    return std::nullopt;
+}
+
+// The whole text goes to the library, which parses the metadata again; the
+// pattern's own bits come only from there, never from the command line.
+int add_record(vael_pm_patterns *patterns, const PatternRecord &record) {
+    const char *bytes = record.bytes.c_str();
+    const auto len = static_cast<std::uint32_t>(record.bytes.size());
+    switch (record.kind) {
+    case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
+    case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
+    case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
+    // The reader refused a NUL inside a rule, so c_str() is the whole rule.
+    case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, nullptr, 0, bytes, record.id);
+    case PatternKind::kw_nohistory:
+        return vael_pm_patterns_add_pattern_kw_nohistory(patterns, nullptr, 0, bytes, record.id);
+    }
+    return -1;
+}
+
+// Flag names as the VAEL_PM_* constants spell them, in the order printed.
+struct FlagName {
+    std::uint32_t bit;
+    const char *name;
+};
+constexpr FlagName kFlagNames[] = {
+    {VAEL_PM_CASELESS, "CASELESS"}, {VAEL_PM_LITERAL, "LITERAL"},       {VAEL_PM_SHORT_LSS, "SHORT_LSS"},
+    {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"},
+};
+
+std::string flag_names(std::uint32_t flags) {
+    if (flags == 0) return "0";
+    std::string names;
+    for (const auto &[bit, name] : kFlagNames) {
+        if ((flags & bit) == 0) continue;
+        if (!names.empty()) names += '|';
+        names += name;
+        flags &= ~bit;
+    }
+    if (flags != 0) {
+        // A bit without a name here: shown rather than dropped.
+        char hex[16];
+        std::snprintf(hex, sizeof hex, "0x%08" PRIx32, flags);
+        if (!names.empty()) names += '|';
+        names += hex;
+    }
+    return names;
+}
+
+void explain(const PatternRecord &record, const ReadPattern &read) {
+    std::string line = std::to_string(record.line) + ": id=" + std::to_string(record.id) +
+                       " kind=" + std::string(vael::cli::kind_name(record.kind)) + " flags=" + flag_names(read.flags);
+    if (read.lss) line += " lss='" + vael::cli::printable(*read.lss) + "'";
+    line += " text='" + vael::cli::printable(read.text) + "'\n";
+    std::fputs(line.c_str(), stdout);
+}
+
+// ---------------------------------------------------------------------------
 // Scanning.
 
 struct ScanState {
@@ -345,6 +469,15 @@ int scan(vael_pm_handle *pm, const Options &options, std::string &data, ScanStat
     return vael_pm_exec_ex(pm, nullptr, 0, vbuf.get(), nullptr, &state, exec_flags);
 }
 
+// A status that claims success only if everything printed reached stdout.
+int finish_output(int status) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "%s: write error: %s\n", kProgram, std::strerror(errno));
+        return kExitError;
+    }
+    return status;
+}
+
 int run(const Options &options) {
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
@@ -366,6 +499,12 @@ int run(const Options &options) {
     if (!options.debug_topics.empty())
         vael_us_adaptor_set_debug_flags(options.debug_topics.c_str(),
                                         options.debug_level.empty() ? nullptr : options.debug_level.c_str(), "K_");
+    else if (std::getenv("VAEL_DEBUG") == nullptr)
+        // The library notes its errors and warnings by default. vael-scan
+        // reports every failure itself, naming the file and line, and a NUL
+        // written as \x00 is how this file format spells one, so the notes
+        // would only repeat or mislead unless the user asked for the log.
+        vael_us_adaptor_set_debug_flags("error warning", "NONE", "K_");
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -373,13 +512,21 @@ int run(const Options &options) {
         return kExitError;
     }
     for (const auto &record : parsed.records) {
-        if (vael_pm_patterns_add_simple_pattern(patterns.get(), record.bytes.data(),
-                                                static_cast<std::uint32_t>(record.bytes.size()), record.id,
-                                                0) != 0) {
-            report(where_in(options.pattern_file, record.line),
-                   "cannot add pattern " + std::to_string(record.id));
+        ReadPattern read;
+        std::optional<std::string> error = read_pattern(record, read);
+        if (!error && options.explain) explain(record, read);
+        if (!error && add_record(patterns.get(), record) != 0) error = "cannot add pattern " + std::to_string(record.id);
+        if (error) {
+            // The lines explained so far come before the message.
+            std::fflush(stdout);
+            report(where_in(options.pattern_file, record.line), *error);
             return kExitError;
         }
+    }
+    if (options.explain) {
+        if (options.inputs.empty()) return finish_output(kExitMatch);
+        // Printed before a compile error, not after it.
+        std::fflush(stdout);
     }
 
     vael_pm_error err;
@@ -421,12 +568,8 @@ int run(const Options &options) {
         if (options.count_only && !options.quiet) std::printf("%s:%" PRIu64 "\n", file.c_str(), state.matches);
     }
 
-    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-        std::fprintf(stderr, "%s: write error: %s\n", kProgram, std::strerror(errno));
-        return kExitError;
-    }
-    if (any_error) return kExitError;
-    return any_match ? kExitMatch : kExitNoMatch;
+    if (any_error) return finish_output(kExitError);
+    return finish_output(any_match ? kExitMatch : kExitNoMatch);
 }
 
 }  // namespace
@@ -437,7 +580,7 @@ int main(int argc, char **argv) {
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty())
             usage_error = "no pattern file given (use -p PATTERN_FILE)";
-        else if (options.inputs.empty())
+        else if (options.inputs.empty() && !options.explain)
             usage_error = "no input files";
     }
     if (usage_error) {

@@ -581,28 +581,29 @@ int vael_pm_compile_tier1_compile(vael_pm_handle *pm, uint32_t row_index, vael_p
     return 0;
 }
 
-// Which text refuses a record that this build cannot match exactly, or null
-// when its string alone proves a match. A caseless string engine matches a
-// case-sensitive string too often: only a second tier could check the case.
-const char *vael_pm_compile_unsupported(const vael_pm_one_pattern *p, uint32_t flags, bool any_caseless) {
+// The text that refuses a record needing an engine this build lacks, or null.
+const char *vael_pm_compile_absent_engine(const vael_pm_one_pattern *p) {
     if (p->type == VAEL_PM_TYPE_WORD)
         return kNeedsWordMatcher;
     if (p->type != VAEL_PM_TYPE_PATTERN || p->re || !p->lss || (p->flags & VAEL_PM_BOUND))
         return kNeedsTier2;
-    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
-        return kNeedsCaseCheck;
     return nullptr;
 }
 
-// Puts one plain-string record into the LSS list and fills its PM entry.
+int vael_pm_compile_refuse(const vael_pm_one_pattern *p, const char *why, vael_pm_error *err) {
+    vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, why, p->id);
+    VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d: %s\n", p->id, why);
+    return -1;
+}
+
+// Puts one plain-string record into the LSS list and fills its PM entry. A
+// caseless string engine matches a case-sensitive string too often: only a
+// second tier could check the case, so such a string is refused.
 int vael_pm_compile_one_string(vael_pm_handle *pm, const vael_pm_one_pattern *p, uint32_t internal_id,
                                vael_pmglob_patterns *lss_list, uint32_t flags, bool any_caseless,
                                vael_pm_error *err) {
-    if (const char *why = vael_pm_compile_unsupported(p, flags, any_caseless)) {
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, why, p->id);
-        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d: %s\n", p->id, why);
-        return -1;
-    }
+    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
+        return vael_pm_compile_refuse(p, kNeedsCaseCheck, err);
     const vael_pmglob_string *lss = p->lss;
     if (!(p->flags & VAEL_PM_SHORT_LSS) && (int32_t)lss->size < vael_pm_min_lss_size) {
         vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kLssTooShort, p->id);
@@ -650,11 +651,17 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
     intptr_t n = lst_nelements(patterns);
     intptr_t w = 0;
     bool any_caseless = false;
+    // The first record that needs an engine this build lacks is the one to
+    // blame, before any string that it would make case-checked.
+    const vael_pm_one_pattern *absent = nullptr;
+    const char *absent_why = nullptr;
     uintptr_t value;
     for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value)) {
         auto *p = reinterpret_cast<const vael_pm_one_pattern *>(value);
         w += p->type == VAEL_PM_TYPE_WORD;
         any_caseless |= (p->flags & VAEL_PM_CASELESS) || p->type == VAEL_PM_TYPE_KW;
+        if (!absent && (absent_why = vael_pm_compile_absent_engine(p)))
+            absent = p;
     }
     if (n < 0) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal number of patterns %d\n", (int)n);
@@ -680,6 +687,8 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
         vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory);
     }
 
+    if (ok && absent)
+        ok = vael_pm_compile_refuse(absent, absent_why, err) == 0;
     uint32_t internal_id = 0;
     for (lst_cursor c = ok ? lst_iterate(patterns, nullptr, &value) : nullptr; c;
          c = lst_iterate(patterns, c, &value)) {

@@ -21,8 +21,8 @@ using vael::cli::PatternKind;
 using vael::cli::PatternRecord;
 using namespace std::string_literals;
 
-PatternRecord rec(std::size_t line, std::int32_t id, std::string bytes) {
-    return PatternRecord{line, id, PatternKind::str, std::move(bytes)};
+PatternRecord rec(std::size_t line, std::int32_t id, std::string bytes, PatternKind kind = PatternKind::str) {
+    return PatternRecord{line, id, kind, std::move(bytes)};
 }
 
 // ---------------------------------------------------------------------------
@@ -73,6 +73,22 @@ const GoodCase kGoodCases[] = {
     {"ExplicitStrKind", "1\tstr\tabc\n", {rec(1, 1, "abc")}},
     {"StrKindWithEscapes", "1\tstr\t\\tx\\x09\n", {rec(1, 1, "\tx\t")}},
     {"TextThatLooksLikeAKind", "1\tre\n2\tkw\n", {rec(1, 1, "re"), rec(2, 2, "kw")}},
+    // Every kind, and what the reader leaves to the library.
+    {"KindRe", "1\tre\ta.*b\n", {rec(1, 1, "a.*b", PatternKind::re)}},
+    {"KindWord", "1\tword\ttwo words\n", {rec(1, 1, "two words", PatternKind::word)}},
+    {"KindKw", "1\tkw\tpart:\"x\"\n", {rec(1, 1, "part:\"x\"", PatternKind::kw)}},
+    {"KindKwNoHistory", "1\tkw-nohistory\tpart:\"x\"\n", {rec(1, 1, "part:\"x\"", PatternKind::kw_nohistory)}},
+    {"KindsMixedWithDefault",
+     "1\ta\n2\tre\tb\n3\tstr\tc\n4\tword\td\n",
+     {rec(1, 1, "a"), rec(2, 2, "b", PatternKind::re), rec(3, 3, "c"), rec(4, 4, "d", PatternKind::word)}},
+    {"MetadataIsLeftInTheText",
+     "1\t{caseless}:abc\n2\tre\t{LSS(ab)}:a.b\n3\tword\t{x\n",
+     {rec(1, 1, "{caseless}:abc"), rec(2, 2, "{LSS(ab)}:a.b", PatternKind::re), rec(3, 3, "{x", PatternKind::word)}},
+    {"EscapesInKeywordRule", "1\tkw\ta\\tb\\x41\n", {rec(1, 1, "a\tbA", PatternKind::kw)}},
+    // Only a keyword rule is a C string; the other kinds carry their length.
+    {"NulOutsideKeywordRules",
+     "1\tre\ta\\x00b\n2\tword\ta\\x00b\n3\tstr\ta\\x00b\n",
+     {rec(1, 1, "a\0b"s, PatternKind::re), rec(2, 2, "a\0b"s, PatternKind::word), rec(3, 3, "a\0b"s)}},
     {"Utf8ByteOrderMarkIsDropped", "\xEF\xBB\xBF" "1\tabc\n", {rec(1, 1, "abc")}},
     {"ByteOrderMarkOnlyAtStart", "1\t\xEF\xBB\xBF\n", {rec(1, 1, "\xEF\xBB\xBF")}},
     {"EmptyFile", "", {}},
@@ -142,14 +158,19 @@ const BadCase kBadCases[] = {
     {"EscapedMultibyteCharShownWhole", "1\t\\\xc3\xa9\n", 1, "bad escape '\\\xc3\xa9'"},
     {"EscapedControlByteShownAsHex", "1\t\\\x01\n", 1, "bad escape '\\\\x01'"},
     // Kinds.
-    {"KindRe", "1\tre\tabc\n", 1, "pattern kind 're' is not supported yet"},
-    {"KindWord", "1\tword\tabc\n", 1, "pattern kind 'word' is not supported yet"},
-    {"KindKw", "1\tkw\tabc\n", 1, "pattern kind 'kw' is not supported yet"},
-    {"KindKwNoHistory", "1\tkw-nohistory\tabc\n", 1, "pattern kind 'kw-nohistory' is not supported yet"},
     {"KindUnknown", "1\tregex\tabc\n", 1, "unknown pattern kind 'regex'"},
     {"KindIsCaseSensitive", "1\tSTR\tabc\n", 1, "unknown pattern kind 'STR'"},
+    {"KindReIsCaseSensitive", "1\tRE\tabc\n", 1, "unknown pattern kind 'RE'"},
+    {"KindWithUnderscore", "1\tkw_nohistory\tabc\n", 1, "unknown pattern kind 'kw_nohistory'"},
+    {"KindPrefixOnly", "1\tkw-no\tabc\n", 1, "unknown pattern kind 'kw-no'"},
+    {"KindTrailingSpace", "1\tre \tabc\n", 1, "unknown pattern kind 're '"},
     {"KindEmpty", "1\t\tabc\n", 1, "empty pattern kind"},
     {"KindWithControlByte", "1\tk\x01\tabc\n", 1, "unknown pattern kind 'k\\x01'"},
+    // A keyword rule is handed over as a C string.
+    {"EscapedNulInKw", "1\tkw\tpart:\\x00\n", 1, "NUL byte in keyword rule 'part:\\x00'"},
+    {"RawNulInKw", "1\tkw\ta\0b\n"s, 1, "NUL byte in keyword rule 'a\\x00b'"},
+    {"NulInKwNoHistory", "1\tkw-nohistory\t\\x00x\n", 1, "NUL byte in keyword rule '\\x00x'"},
+    {"NulInKwNamesItsLine", "1\ta\\x00\n# c\n2\tkw\tx\n3\tkw\tx\\x00\n", 4, "NUL byte in keyword rule 'x\\x00'"},
     // Which error wins: fields left to right, lines top to bottom.
     {"IdCheckedBeforeKind", "x\tfoo\tabc\n", 1, "bad pattern id 'x' (not a decimal integer)"},
     {"KindCheckedBeforeText", "1\tfoo\t\\q\n", 1, "unknown pattern kind 'foo'"},
@@ -162,6 +183,19 @@ const BadCase kBadCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Lines, PatternFileBad, testing::ValuesIn(kBadCases),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// Kind names: every name the reader accepts comes back from kind_name, so
+// what --explain prints can be written back into a pattern file.
+
+TEST(PatternKindNames, RoundTrip) {
+    for (const char *name : {"str", "re", "word", "kw", "kw-nohistory"}) {
+        const auto result = parse_pattern_text("1\t"s + name + "\tx\n");
+        ASSERT_TRUE(result.ok()) << name << ": " << result.error->message;
+        ASSERT_EQ(result.records.size(), 1u);
+        EXPECT_EQ(vael::cli::kind_name(result.records[0].kind), name);
+    }
+}
 
 // ---------------------------------------------------------------------------
 // Rendering of bytes inside messages.
@@ -229,9 +263,9 @@ TEST_F(PatternFileOnDisk, ReadsTheSameAsText) {
 }
 
 TEST_F(PatternFileOnDisk, ErrorCarriesLine) {
-    const auto result = vael::cli::read_pattern_file(write("p.txt", "1\ta\n2\tb\n3\tkw\tc\n"));
+    const auto result = vael::cli::read_pattern_file(write("p.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"));
     ASSERT_FALSE(result.ok());
-    EXPECT_EQ(*result.error, (PatternFileError{3, "pattern kind 'kw' is not supported yet"}));
+    EXPECT_EQ(*result.error, (PatternFileError{3, "NUL byte in keyword rule 'c\\x00'"}));
 }
 
 TEST_F(PatternFileOnDisk, UnreadableFileIsLineZero) {
