@@ -55,8 +55,11 @@ void pm_list_unlock() {
 vael_pm_global_data_t vael_pm_global_data = {&g_pm_list_lock, &g_pm_list_lock_init, &g_pm_list};
 
 extern "C" void vael_pm_set_global_data(const vael_pm_global_data_t *data) {
-    if (data)
-        vael_pm_global_data = *data;
+    if (!data)
+        return;
+    VAEL_LOG(VAEL_DBG_NOTICE, "K_PM", "%s: got lock(%p), lock_init(%p), list(%p)\n",
+             (void *)data->lock, (void *)data->lock_init, (void *)data->list);
+    vael_pm_global_data = *data;
 }
 
 extern "C" void vael_pm_get_global_data(vael_pm_global_data_t *data) {
