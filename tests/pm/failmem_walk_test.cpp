@@ -255,18 +255,10 @@ TEST(PatternListWalk, CreateFailsToNull) {
 }
 
 // The values of a list, in order: a failed add must leave exactly these.
-std::vector<uintptr_t> list_values(lst_list *list) {
-    std::vector<uintptr_t> values;
-    uintptr_t v;
-    for (lst_cursor c = lst_iterate(list, nullptr, &v); c; c = lst_iterate(list, c, &v))
-        values.push_back(v);
-    return values;
-}
-
 TEST(PatternListWalk, FailedAddLeavesTheListAsItWas) {
     vael_pm_patterns *list = make_pm_patterns({{"alpha", 1}, {"beta", 2}});
     ASSERT_NE(list, nullptr);
-    const std::vector<uintptr_t> before = list_values(list);
+    const std::vector<uintptr_t> before = vael_test::list_values(list);
     int rc = 0;
     vael_test::LogCapture quiet;
     auto walk = failmem_walk(
@@ -274,14 +266,14 @@ TEST(PatternListWalk, FailedAddLeavesTheListAsItWas) {
             rc = vael_pm_patterns_add_simple_pattern(list, "gamma", 5, 3, VAEL_PM_CASELESS);
             return rc == VAEL_OK;
         },
-        [&] { return rc == VAEL_ERROR && list_values(list) == before; });
+        [&] { return rc == VAEL_ERROR && vael_test::list_values(list) == before; });
     RecordProperty("rounds", walk.rounds);
     EXPECT_GT(walk.rounds, 1);
     EXPECT_EQ(walk.injected, walk.rounds - 1);
 
     // The successful add is the third record, and the list compiles.
     ASSERT_EQ(lst_nelements(list), 3);
-    std::vector<uintptr_t> after = list_values(list);
+    std::vector<uintptr_t> after = vael_test::list_values(list);
     EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin()));
     auto *added = reinterpret_cast<vael_pm_one_pattern *>(after.back());
     EXPECT_EQ(added->id, 3);

@@ -25,14 +25,6 @@ std::string flat(vael_vbuf *v) {
     return std::string(out, n);
 }
 
-std::vector<uintptr_t> contents(lst_list *l) {
-    std::vector<uintptr_t> out;
-    uintptr_t v = 0;
-    for (lst_cursor c = lst_iterate(l, nullptr, &v); c; c = lst_iterate(l, c, &v))
-        out.push_back(v);
-    return out;
-}
-
 TEST(ContainerFailmem, ListCreation) {
     uintptr_t pool = 0;
     for (int kind = 0; kind < 3; kind++) {
@@ -57,8 +49,8 @@ TEST(ContainerFailmem, EveryInsertLeavesTheListAsItWas) {
         lst_set_comparator(l, cmp_words);
         for (uintptr_t v : {10, 30})
             lst_insert(l, v);
-        const std::vector<uintptr_t> before = contents(l);
-        auto w = failmem_walk([&] { return insert(l, 20) != 0; }, [&] { return contents(l) == before; });
+        const std::vector<uintptr_t> before = vael_test::list_values(l);
+        auto w = failmem_walk([&] { return insert(l, 20) != 0; }, [&] { return vael_test::list_values(l) == before; });
         EXPECT_EQ(w.rounds, 2);
         EXPECT_EQ(lst_nelements(l), 3);
         lst_destroy(l);

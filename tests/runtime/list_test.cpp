@@ -4,18 +4,11 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/vael_test_support.h"
 #include "vael/vael_list.h"
 #include "vael/vael_us_adaptor.h"
 
 namespace {
-
-std::vector<uintptr_t> contents(lst_list *l) {
-    std::vector<uintptr_t> out;
-    uintptr_t v = 0;
-    for (lst_cursor c = lst_iterate(l, nullptr, &v); c; c = lst_iterate(l, c, &v))
-        out.push_back(v);
-    return out;
-}
 
 // The library's comparator convention: 1 equal, 0 greater, -1 less.
 int cmp_words(uintptr_t a, uintptr_t b) { return a == b ? 1 : (a > b ? 0 : -1); }
@@ -29,7 +22,7 @@ TEST(List, EndsAndFrontRemoval) {
     EXPECT_NE(lst_insert(l, 2), 0);
     EXPECT_NE(lst_insert_at_end(l, 3), 0);
     EXPECT_NE(lst_insert_at_start(l, 1), 0);
-    EXPECT_EQ(contents(l), (std::vector<uintptr_t>{1, 2, 3}));
+    EXPECT_EQ(vael_test::list_values(l), (std::vector<uintptr_t>{1, 2, 3}));
     EXPECT_EQ(lst_nelements(l), 3);
     EXPECT_EQ(lst_data(lst_first(l)), 1u);
     EXPECT_EQ(lst_data(lst_last(l)), 3u);
@@ -50,7 +43,7 @@ TEST(List, EndsAndFrontRemoval) {
     EXPECT_EQ(lst_data(nullptr), 0u);
     // Appending after the list ran empty relinks the tail.
     EXPECT_NE(lst_insert(l, 7), 0);
-    EXPECT_EQ(contents(l), (std::vector<uintptr_t>{7}));
+    EXPECT_EQ(vael_test::list_values(l), (std::vector<uintptr_t>{7}));
     lst_destroy(l);
 }
 
@@ -83,7 +76,7 @@ TEST(List, DeleteFixesTail) {
     EXPECT_EQ(lst_delete_val_one(l, 2), 0);
     EXPECT_EQ(lst_data(lst_last(l)), 1u);
     lst_insert(l, 3);
-    EXPECT_EQ(contents(l), (std::vector<uintptr_t>{1, 3}));
+    EXPECT_EQ(vael_test::list_values(l), (std::vector<uintptr_t>{1, 3}));
     lst_destroy(l);
 }
 
@@ -102,7 +95,7 @@ TEST(List, OrderedInsertion) {
         lst_set_comparator(l, cmp_words);
         for (uintptr_t v : c.in)
             EXPECT_NE(c.ascending ? lst_insert_ascending(l, v) : lst_insert_descending(l, v), 0);
-        EXPECT_EQ(contents(l), c.out);
+        EXPECT_EQ(vael_test::list_values(l), c.out);
         EXPECT_EQ(lst_data(lst_last(l)), c.out.back());
         lst_destroy(l);
     }
@@ -143,11 +136,11 @@ TEST(List, ConcatMovesAndConsumes) {
     lst_insert(b, 2);
     lst_insert(b, 3);
     lst_concat(a, b);
-    EXPECT_EQ(contents(a), (std::vector<uintptr_t>{1, 2, 3}));
+    EXPECT_EQ(vael_test::list_values(a), (std::vector<uintptr_t>{1, 2, 3}));
     lst_concat(a, empty);
     EXPECT_EQ(lst_nelements(a), 3);
     lst_concat(c, a); // into an empty target
-    EXPECT_EQ(contents(c), (std::vector<uintptr_t>{1, 2, 3}));
+    EXPECT_EQ(vael_test::list_values(c), (std::vector<uintptr_t>{1, 2, 3}));
     lst_insert(c, 4);
     EXPECT_EQ(lst_data(lst_last(c)), 4u);
     lst_destroy(c);
@@ -192,7 +185,7 @@ TEST(ListPool, ReusesCellsAndDrains) {
     for (uintptr_t i = 0; i < 100; i++)
         lst_insert(l, i);
     EXPECT_EQ(qx_kmem_get_alloc_total(), warm);
-    EXPECT_EQ(contents(l).size(), 100u);
+    EXPECT_EQ(vael_test::list_values(l).size(), 100u);
     lst_destroy(l);
     lst_pool_drain(&pool);
     EXPECT_EQ(qx_kmem_get_alloc_total(), start);

@@ -18,6 +18,15 @@
 
 namespace vael_test {
 
+// A list's values, front to back.
+inline std::vector<uintptr_t> list_values(lst_list *list) {
+    std::vector<uintptr_t> values;
+    uintptr_t v = 0;
+    for (lst_cursor c = lst_iterate(list, nullptr, &v); c; c = lst_iterate(list, c, &v))
+        values.push_back(v);
+    return values;
+}
+
 // Collects everything the debug facility prints while alive.
 class LogCapture {
   public:
