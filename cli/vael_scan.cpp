@@ -50,7 +50,7 @@ constexpr int kExitNoMatch = 1;
 constexpr int kExitError = 2;
 
 constexpr std::size_t kDefaultBlockSize = 1 << 20;
-// Above this a read buffer is more memory than it saves system calls.
+// The largest read buffer taken; far beyond where larger blocks stop paying.
 constexpr std::size_t kMaxBlockSize = 1 << 30;
 // How far back a match of a pattern whose length is not its text's (an
 // expression, a word, a rule) may reach from one chunk into the one before.
@@ -78,9 +78,10 @@ struct Options {
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
-constexpr std::string_view kDebugTopics[] = {"all", "dfa",     "error", "htab", "kw",      "memory",
-                                             "misc", "pcre",   "pm",    "pm_int", "pmdump", "rem",
-                                             "sm",  "thinnfa", "vbuf",  "warning"};
+constexpr std::string_view kDebugTopics[] = {
+    "all", "dfa", "error", "htab", "kw", "memory", "misc", "pcre",
+    "pm", "pm_int", "pmdump", "rem", "sm", "thinnfa", "vbuf", "warning",
+};
 constexpr std::string_view kDebugLevels[] = {"NONE", "ERR", "WRN", "NOTICE", "INFO"};
 
 template <std::size_t N>
@@ -334,7 +335,7 @@ void print_help(std::FILE *out) {
         } else if (!row.value_name.empty()) {
             left += " " + std::string(row.value_name);
         }
-        std::fprintf(out, "  %-22s %.*s\n", left.c_str(), static_cast<int>(row.help.size()), row.help.data());
+        std::fprintf(out, "  %-24s %.*s\n", left.c_str(), static_cast<int>(row.help.size()), row.help.data());
     }
     std::fprintf(out,
                  "\n"
