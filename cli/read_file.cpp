@@ -65,4 +65,54 @@ std::optional<std::string> read_whole_file(const std::string &path, std::string 
     return std::nullopt;
 }
 
+std::optional<std::string> InputFile::open(const std::string &path) {
+    close();
+    is_directory_ = false;
+    is_regular_ = false;
+    if (path == "-") {
+        fd_ = STDIN_FILENO;
+        owned_ = false;
+    } else {
+        fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0) return std::strerror(errno);
+        owned_ = true;
+    }
+    struct stat st {};
+    if (::fstat(fd_, &st) != 0) {
+        const int error = errno;
+        close();
+        return std::strerror(error);
+    }
+    if (S_ISDIR(st.st_mode)) {
+        is_directory_ = true;
+        close();
+        return std::strerror(EISDIR);
+    }
+    // The kernel may read further ahead for a file read from start to end.
+    is_regular_ = S_ISREG(st.st_mode);
+    if (is_regular_) ::posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+    return std::nullopt;
+}
+
+std::optional<std::string> InputFile::read(unsigned char *buf, std::size_t cap, std::size_t *got) {
+    *got = 0;
+    while (*got < cap) {
+        const ssize_t n = ::read(fd_, buf + *got, cap - *got);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return std::strerror(errno);
+        }
+        if (n == 0) break;
+        *got += static_cast<std::size_t>(n);
+        if (!is_regular_) break;
+    }
+    return std::nullopt;
+}
+
+void InputFile::close() {
+    if (fd_ >= 0 && owned_) ::close(fd_);
+    fd_ = -1;
+    owned_ = false;
+}
+
 }  // namespace vael::cli

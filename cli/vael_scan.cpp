@@ -1,9 +1,11 @@
 // vael-scan - scan files for the patterns of a pattern file.
 //
-// The pattern file is read and compiled once; every input file is then read
-// whole and scanned as one buffer. Output and exit status follow grep: a line
-// per match (or a count per file), 0 when something matched, 1 when nothing
-// did, 2 on any error.
+// The pattern file is read and compiled once; every input is then read in
+// chunks and scanned as one stream (stream_scan.h), so memory stays bounded
+// whatever the input's size, and each match is printed as the library
+// delivers it. Output and exit status follow grep: a line per match (or a
+// count, or the file's name, per file), 0 when something matched, 1 when
+// nothing did, 2 on any error.
 //
 // Every line of the pattern file is read and added to one pattern list before
 // anything is compiled, so a file is used whole or not at all.
@@ -14,18 +16,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
+#include <ctime>
 #include <exception>
+#include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <dirent.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "vael/vael_apps.h"
 
 #include "pattern_file.h"
 #include "read_file.h"
+#include "stream_scan.h"
 
 namespace {
 
@@ -39,23 +49,84 @@ constexpr int kExitMatch = 0;
 constexpr int kExitNoMatch = 1;
 constexpr int kExitError = 2;
 
-// Offsets reach the callback as 32-bit numbers, so one buffer is at most this big.
-constexpr std::size_t kMaxBuffer = UINT32_MAX;
+constexpr std::size_t kDefaultBlockSize = 1 << 20;
+// The largest read buffer taken; far beyond where larger blocks stop paying.
+constexpr std::size_t kMaxBlockSize = 1 << 30;
+// How far back a match of a pattern whose length is not its text's (an
+// expression, a word, a rule) may reach from one chunk into the one before.
+constexpr std::uint32_t kOpenHistory = 64 * 1024;
+
+enum class FileNames { automatic, always, never };
 
 struct Options {
     std::string pattern_file;
-    std::vector<std::string> inputs;
+    std::vector<std::string> inputs;  // "-" is standard input
     bool all_matches = false;
     bool count_only = false;
+    bool list_files = false;  // -l: names of files with a match
     bool quiet = false;
+    bool recursive = false;
+    FileNames file_names = FileNames::automatic;
+    bool progress = false;
     bool help = false;
     std::uint32_t compile_flags = 0;
-    std::uint32_t block_size = 0;  // 0: each file is one flat buffer
-    std::string debug_topics;      // as VAEL_DEBUG: "pm thinnfa", "memory,pm"
-    std::string debug_level;       // as VAEL_DEBUG_LEVEL; empty: NOTICE
+    std::size_t block_size = kDefaultBlockSize;  // bytes read and scanned at a time
+    std::string debug_topics;                    // as VAEL_DEBUG: "pm thinnfa", "memory,pm"
+    std::string debug_level;                     // as VAEL_DEBUG_LEVEL; empty: NOTICE
     bool memory = false;
     bool explain = false;  // print how each pattern was read
 };
+
+// The topics the library logs under, as --debug takes them (it adds "K_").
+constexpr std::string_view kDebugTopics[] = {
+    "all", "dfa", "error", "htab", "kw", "memory", "misc", "pcre",
+    "pm", "pm_int", "pmdump", "rem", "sm", "thinnfa", "vbuf", "warning",
+};
+constexpr std::string_view kDebugLevels[] = {"NONE", "ERR", "WRN", "NOTICE", "INFO"};
+
+template <std::size_t N>
+std::string joined(const std::string_view (&words)[N]) {
+    std::string text;
+    for (std::size_t i = 0; i < N; ++i) text += (i == 0 ? "" : ", ") + std::string(words[i]);
+    return text;
+}
+
+std::optional<std::string> check_debug_topics(std::string_view list) {
+    constexpr std::string_view kSeparators = " ,\t\n\r";
+    bool any = false;
+    for (std::size_t pos = 0; pos < list.size();) {
+        const std::size_t start = list.find_first_not_of(kSeparators, pos);
+        if (start == std::string_view::npos) break;
+        const std::size_t end = std::min(list.find_first_of(kSeparators, start), list.size());
+        const std::string_view word = list.substr(start, end - start);
+        bool known = false;
+        for (const auto topic : kDebugTopics)
+            known = known || (word.size() == topic.size() && ::strncasecmp(word.data(), topic.data(), word.size()) == 0);
+        if (!known)
+            return "unknown debug topic '" + vael::cli::printable(word) + "' (accepted: " + joined(kDebugTopics) + ")";
+        any = true;
+        pos = end;
+    }
+    if (!any) return "empty debug topic list";
+    return std::nullopt;
+}
+
+// A size in bytes, with an optional K or M suffix (binary).
+std::optional<std::size_t> parse_size(std::string_view text) {
+    std::size_t shift = 0;
+    if (text.ends_with('K') || text.ends_with('k')) shift = 10;
+    if (text.ends_with('M') || text.ends_with('m')) shift = 20;
+    if (shift != 0) text.remove_suffix(1);
+    if (text.empty() || text.size() > 10) return std::nullopt;
+    std::uint64_t n = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return std::nullopt;
+        n = n * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+    n <<= shift;
+    if (n == 0 || n > kMaxBlockSize) return std::nullopt;
+    return static_cast<std::size_t>(n);
+}
 
 // ---------------------------------------------------------------------------
 // Command line. Every option is one row of kOptions; the parser and the help
@@ -84,14 +155,34 @@ constexpr OptionRow kOptions[] = {
          o.all_matches = true;
          return std::nullopt;
      }},
-    {'\0', "count", "", "print FILE:COUNT for each file instead of the matches",
+    {'c', "count", "", "print the number of matches of each file instead of the matches",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.count_only = true;
+         return std::nullopt;
+     }},
+    {'l', "files-with-matches", "", "print only the name of each file with a match",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.list_files = true;
          return std::nullopt;
      }},
     {'q', "quiet", "", "print nothing; stop at the first match (exit status only)",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.quiet = true;
+         return std::nullopt;
+     }},
+    {'H', "with-filename", "", "print the file name with each match, even for one input",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.file_names = FileNames::always;
+         return std::nullopt;
+     }},
+    {'\0', "no-filename", "", "never print file names before matches or counts",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.file_names = FileNames::never;
+         return std::nullopt;
+     }},
+    {'r', "recursive", "", "search each directory and all below it (with no FILE, the current one)",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.recursive = true;
          return std::nullopt;
      }},
     {'i', "caseless", "", "match without regard to ASCII case",
@@ -104,33 +195,33 @@ constexpr OptionRow kOptions[] = {
          o.compile_flags |= VAEL_PM_DIGITLESS;
          return std::nullopt;
      }},
-    {'\0', "block-size", "N", "scan each file as a stream of N-byte blocks (a virtual buffer)",
+    {'\0', "block-size", "N", "read and scan the input N bytes at a time (default 1M; K and M suffixes)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
-         std::uint64_t n = 0;
-         for (char c : v) {
-             if (c < '0' || c > '9' || (n = n * 10 + (c - '0')) > UINT32_MAX) n = UINT64_MAX;
-             if (n == UINT64_MAX) break;
-         }
-         if (v.empty() || n == 0 || n == UINT64_MAX)
-             return "bad block size '" + vael::cli::printable(v) + "' (a number from 1 to 4294967295)";
-         o.block_size = static_cast<std::uint32_t>(n);
+         const auto n = parse_size(v);
+         if (!n) return "bad block size '" + vael::cli::printable(v) + "' (accepted: 1 to 1073741824, or 1K to 1024M)";
+         o.block_size = *n;
+         return std::nullopt;
+     }},
+    {'\0', "progress", "", "show bytes, MB/s and matches on standard error during long scans (terminal only)",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.progress = true;
          return std::nullopt;
      }},
     {'\0', "debug", "TOPICS", "turn on the library's debug topics (as VAEL_DEBUG: e.g. 'pm,thinnfa')",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
-         if (v.empty()) return "empty debug topic list";
+         if (auto error = check_debug_topics(v)) return error;
          o.debug_topics = v;
          return std::nullopt;
      }},
     {'\0', "debug-level", "LEVEL", "level of --debug: NONE, ERR, WRN, NOTICE (default) or INFO",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
-         for (const char *level : {"NONE", "ERR", "WRN", "NOTICE", "INFO"}) {
-             if (v.size() == std::strlen(level) && ::strncasecmp(v.data(), level, v.size()) == 0) {
+         for (const auto level : kDebugLevels) {
+             if (v.size() == level.size() && ::strncasecmp(v.data(), level.data(), v.size()) == 0) {
                  o.debug_level = v;
                  return std::nullopt;
              }
          }
-         return "bad debug level '" + vael::cli::printable(v) + "' (NONE, ERR, WRN, NOTICE or INFO)";
+         return "bad debug level '" + vael::cli::printable(v) + "' (accepted: " + joined(kDebugLevels) + ")";
      }},
     {'\0', "memory", "", "print the memory the compiled patterns hold (to standard error)",
      [](Options &o, std::string_view) -> std::optional<std::string> {
@@ -225,15 +316,16 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
 
 void print_help(std::FILE *out) {
     std::fprintf(out,
-                 "Usage: %s -p PATTERN_FILE [OPTION]... FILE...\n"
-                 "  or:  %s -p PATTERN_FILE --explain [OPTION]... [FILE]...\n"
-                 "Scan each FILE, read whole as one buffer (or as a stream of blocks with\n"
-                 "--block-size), for the patterns of PATTERN_FILE.\n"
+                 "Usage: %s -p PATTERN_FILE [OPTION]... [FILE]...\n"
+                 "Scan each FILE, read as a stream in blocks, for the patterns of\n"
+                 "PATTERN_FILE. With no FILE, or when FILE is -, read standard input\n"
+                 "(with -r and no FILE, the current directory).\n"
                  "Prints one line per match, FILE:END_OFFSET:ID, where END_OFFSET is the\n"
-                 "offset of the match's last byte and ID the pattern's id.\n"
+                 "offset of the match's last byte and ID the pattern's id; FILE is left\n"
+                 "out when there is one input (see -H).\n"
                  "\n"
                  "Options:\n",
-                 kProgram, kProgram);
+                 kProgram);
     for (const auto &row : kOptions) {
         std::string left = row.short_name != '\0' ? std::string{'-', row.short_name} : "  ";
         if (!row.long_name.empty()) {
@@ -243,7 +335,7 @@ void print_help(std::FILE *out) {
         } else if (!row.value_name.empty()) {
             left += " " + std::string(row.value_name);
         }
-        std::fprintf(out, "  %-22s %.*s\n", left.c_str(), static_cast<int>(row.help.size()), row.help.data());
+        std::fprintf(out, "  %-24s %.*s\n", left.c_str(), static_cast<int>(row.help.size()), row.help.data());
     }
     std::fprintf(out,
                  "\n"
@@ -259,7 +351,7 @@ void print_help(std::FILE *out) {
                  "Write {}: in front of a str or re TEXT that itself starts with '{'.\n"
                  "\n"
                  "--explain prints one line per pattern, before anything is compiled and\n"
-                 "even with -q:\n"
+                 "even with -q (with no FILE it only explains):\n"
                  "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT'\n"
                  "FLAGS are the bits the pattern sets for itself (CASELESS, LITERAL,\n"
                  "SHORT_LSS, BOUND, NO_HISTORY, joined by '|'), or 0; lss is shown when the\n"
@@ -309,25 +401,6 @@ const PatternRecord *find_record(const std::vector<PatternRecord> &records, std:
     for (const auto &record : records)
         if (record.id == id) return &record;
     return nullptr;
-}
-
-// Names the pattern a failed compile blames, by its line, when the library
-// names one; -1 is the library's "no pattern".
-void report_compile_error(const Options &options, const std::vector<PatternRecord> &records,
-                          const vael_pm_error &err) {
-    std::string why = err.error_string != nullptr ? err.error_string : "no reason given";
-    if (err.error_type == VAEL_PM_ERROR_INTERNAL) why += " (internal error)";
-    if (err.error_type == VAEL_PM_ERROR_COMPLEX) why += " (too complex)";
-
-    const PatternRecord *record = err.pattern_id != -1 ? find_record(records, err.pattern_id) : nullptr;
-    if (record == nullptr) {
-        report(options.pattern_file, "cannot compile the patterns: " + why);
-        return;
-    }
-    std::string what = "cannot compile pattern " + std::to_string(record->id) + " '" +
-                       vael::cli::printable(record->bytes) + "'";
-    if (err.error_index != 0) what += " at byte " + std::to_string(err.error_index);
-    report(where_in(options.pattern_file, record->line), what + ": " + why);
 }
 
 // ---------------------------------------------------------------------------
@@ -429,45 +502,279 @@ void explain(const PatternRecord &record, const ReadPattern &read) {
     std::fputs(line.c_str(), stdout);
 }
 
+// Names the pattern a failed compile blames, by its line, when the library
+// names one; -1 is the library's "no pattern".
+void report_compile_error(const Options &options, const std::vector<PatternRecord> &records,
+                          const vael_pm_error &err) {
+    std::string why = err.error_string != nullptr ? err.error_string : "no reason given";
+    if (err.error_type == VAEL_PM_ERROR_INTERNAL) why += " (internal error)";
+    if (err.error_type == VAEL_PM_ERROR_COMPLEX) why += " (too complex)";
+
+    const PatternRecord *record = err.pattern_id != -1 ? find_record(records, err.pattern_id) : nullptr;
+    if (record == nullptr) {
+        report(options.pattern_file, "cannot compile the patterns: " + why);
+        return;
+    }
+    // Quoted after its metadata, as the library took it, so that an error
+    // index counts in the text shown.
+    ReadPattern read;
+    const std::string_view text = read_pattern(*record, read) ? std::string_view(record->bytes) : read.text;
+    std::string what =
+        "cannot compile pattern " + std::to_string(record->id) + " '" + vael::cli::printable(text) + "'";
+    if (err.error_index != 0) what += " at byte " + std::to_string(err.error_index);
+    report(where_in(options.pattern_file, record->line), what + ": " + why);
+}
+
+// ---------------------------------------------------------------------------
+// Checks before the library starts.
+
+// The library reads its tunables from the environment with strtol, so a value
+// such as "abc" would silently be 0: vael-scan refuses it first.
+struct TunableRow {
+    const char *name;
+    int min;
+    int max;
+};
+constexpr TunableRow kTunables[] = {
+    {"vael_dfa_state_limit", 0, INT32_MAX},
+    {"vael_dfa_should_limit_states", 0, 1},
+    {"vael_pm_min_lss_size", 0, INT32_MAX},
+    {"vael_pm_utf8_range_buffer_size", 0, INT32_MAX},
+    {"vael_pm_default_back_offset_to_search_match_start", 0, INT32_MAX},
+    {"vael_thin_nfa_full_tiers_num", 0, INT32_MAX},
+    {"vael_thin_nfa_max_partial_trans", 0, INT32_MAX},
+    {"vael_thin_nfa_optimize_contig_chars", 0, 1},
+    {"vael_pm_allow_null_in_pattern", 0, 1},
+    {"vael_pm_pcre_use_dfa_exec", 0, 1},
+    {"vael_pm_stats_take_exec_time", 0, 1},
+};
+
+std::optional<std::string> check_tunables() {
+    for (const auto &row : kTunables) {
+        const char *text = std::getenv(row.name);
+        if (text == nullptr) continue;
+        char *end = nullptr;
+        errno = 0;
+        const long value = std::strtol(text, &end, 10);
+        if (*text != '\0' && *end == '\0' && errno == 0 && value >= row.min && value <= row.max) continue;
+        const std::string accepted = row.max == 1 ? "0 or 1"
+                                                  : "a decimal integer from " + std::to_string(row.min) + " to " +
+                                                        std::to_string(row.max);
+        return "environment: bad value '" + vael::cli::printable(text) + "' for " + row.name +
+               " (accepted: " + accepted + ")";
+    }
+    return std::nullopt;
+}
+
+// The library notes its errors and warnings by default. vael-scan reports
+// every failure itself, naming the file and line, and a NUL written as \x00 is
+// how its pattern files spell one, so the library's notes are printed only
+// when the user asks for them, by --debug or VAEL_DEBUG.
+void set_up_debug_output(const Options &options) {
+    vael_us_adaptor_set_debug_flags("error warning", "NONE", "K_");
+    if (const char *topics = std::getenv("VAEL_DEBUG"))
+        vael_us_adaptor_set_debug_flags(topics, std::getenv("VAEL_DEBUG_LEVEL"), "K_");
+    if (!options.debug_topics.empty())
+        vael_us_adaptor_set_debug_flags(options.debug_topics.c_str(),
+                                        options.debug_level.empty() ? nullptr : options.debug_level.c_str(), "K_");
+    if (std::getenv("vael_pm_allow_null_in_pattern") == nullptr) vael_pm_allow_null_in_pattern = 1;
+}
+
+// Two lines with one id would be told apart by nothing in the output.
+void warn_duplicate_ids(const Options &options, const std::vector<PatternRecord> &records) {
+    std::map<std::int32_t, std::size_t> first_line;
+    for (const auto &record : records) {
+        const auto [it, added] = first_line.emplace(record.id, record.line);
+        if (!added)
+            report(where_in(options.pattern_file, record.line),
+                   "warning: pattern id " + std::to_string(record.id) + " is also used on line " +
+                       std::to_string(it->second));
+    }
+}
+
+// Bytes before a chunk that a match ending in the chunk may start in.
+std::uint32_t history_needed(const std::vector<PatternRecord> &records) {
+    std::uint32_t history = 0;
+    for (const auto &record : records) {
+        ReadPattern read;
+        if (record.kind != PatternKind::str || read_pattern(record, read)) return kOpenHistory;
+        history = std::max(history, static_cast<std::uint32_t>(read.text.size() - 1));
+    }
+    return history;
+}
+
 // ---------------------------------------------------------------------------
 // Scanning.
 
-struct ScanState {
+double seconds_now() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// What one input's matches turn into.
+struct FileScan {
     const Options &options;
-    const std::string &file;
+    bool show_name;
+    std::string name;  // as printed: "(standard input)" for "-"
     std::uint64_t matches = 0;
 };
 
-int on_match(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const unsigned char *, std::uint32_t,
-             std::uint32_t offset, vael_vbuf *, int *keep_going) {
-    auto &state = *static_cast<ScanState *>(user_arg);
-    ++state.matches;
-    if (state.options.quiet) {
-        *keep_going = 0;  // the exit status is known
-    } else if (!state.options.count_only) {
-        std::printf("%s:%" PRIu32 ":%" PRId32 "\n", state.file.c_str(), offset, pattern_id);
+bool on_stream_match(void *ctx, std::int32_t pattern_id, std::uint64_t offset) {
+    auto &scan = *static_cast<FileScan *>(ctx);
+    ++scan.matches;
+    const Options &options = scan.options;
+    if (options.quiet) return false;  // the exit status is known
+    if (options.list_files) {
+        std::printf("%s\n", scan.name.c_str());
+        return false;
     }
-    return 0;
+    if (options.count_only) return true;
+    if (scan.show_name) std::printf("%s:", scan.name.c_str());
+    std::printf("%" PRIu64 ":%" PRId32 "\n", offset, pattern_id);
+    return true;
 }
 
-// Scans one file's bytes: flat, or as a virtual buffer of blocks that point
-// into `data` followed by an empty present buffer, as a stream inspector
-// would hand over the pieces of a stream. Both give the same matches.
-int scan(vael_pm_handle *pm, const Options &options, std::string &data, ScanState &state) {
-    const std::uint32_t exec_flags = options.all_matches ? VAEL_PM_EXEC_ALL_MATCHES : 0;
-    if (options.block_size == 0)
-        return vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(data.data()),
-                               static_cast<std::uint32_t>(data.size()), nullptr, nullptr, &state, exec_flags);
-    VbufPtr vbuf(vael_vbuf_create(UINT32_MAX, 0));
-    if (!vbuf) return -1;
-    for (std::size_t offset = 0; offset < data.size(); offset += options.block_size) {
-        const std::size_t len = std::min<std::size_t>(options.block_size, data.size() - offset);
-        if (vael_vbuf_add_buffer_ex(vbuf.get(), data.data() + offset, static_cast<std::uint32_t>(len), nullptr,
-                                    nullptr) != 0)
-            return -1;
+// Bytes, speed and matches on one line of a terminal, rewritten in place.
+class Progress {
+public:
+    explicit Progress(bool on) : on_(on && ::isatty(STDERR_FILENO) == 1) {}
+    void start() { start_ = last_ = seconds_now(); }
+    void update(const std::string &name, std::uint64_t bytes, std::uint64_t matches) {
+        if (!on_) return;
+        const double now = seconds_now();
+        // A scan shorter than a second shows nothing.
+        if (now - start_ < 1.0 || now - last_ < 0.25) return;
+        last_ = now;
+        std::fprintf(stderr, "\r%s: %s: %" PRIu64 " MiB, %.0f MB/s, %" PRIu64 " matches\033[K", kProgram,
+                     name.c_str(), bytes >> 20, static_cast<double>(bytes) / 1e6 / (now - start_), matches);
+        shown_ = true;
     }
-    return vael_pm_exec_ex(pm, nullptr, 0, vbuf.get(), nullptr, &state, exec_flags);
-}
+    void finish() {
+        if (shown_) std::fputs("\r\033[K", stderr);
+        shown_ = false;
+    }
+
+private:
+    bool on_;
+    bool shown_ = false;
+    double start_ = 0;
+    double last_ = 0;
+};
+
+class Scanner {
+public:
+    Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names)
+        : options_(options),
+          show_names_(show_names),
+          stream_(pm, history, options.all_matches, on_stream_match),
+          progress_(options.progress) {}
+
+    bool any_match() const { return any_match_; }
+    bool any_error() const { return any_error_; }
+    // True when nothing more need be read: -q found a match, or memory ran out.
+    bool done() const { return done_; }
+
+    // A command-line operand: a file, "-", or with -r a directory to walk.
+    void operand(const std::string &path) {
+        if (options_.recursive && path != "-") {
+            struct stat st {};
+            if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+                walk(path);
+                return;
+            }
+        }
+        file(path);
+    }
+
+private:
+    // Files below a directory in name order; links and special files found
+    // there are skipped, as they may lead out of the tree or never end.
+    void walk(const std::string &dir) {
+        DIR *d = ::opendir(dir.c_str());
+        if (d == nullptr) {
+            error(dir, std::strerror(errno));
+            return;
+        }
+        std::vector<std::string> names;
+        while (const dirent *entry = ::readdir(d)) {
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") names.emplace_back(name);
+        }
+        ::closedir(d);
+        std::sort(names.begin(), names.end());
+        const std::string prefix = dir.ends_with('/') ? dir : dir + "/";
+        for (const auto &name : names) {
+            if (done_) return;
+            const std::string path = prefix + name;
+            struct stat st {};
+            if (::lstat(path.c_str(), &st) != 0) {
+                error(path, std::strerror(errno));
+            } else if (S_ISDIR(st.st_mode)) {
+                walk(path);
+            } else if (S_ISREG(st.st_mode)) {
+                file(path);
+            }
+        }
+    }
+
+    void error(const std::string &where, const std::string &what) {
+        report(where, what);
+        any_error_ = true;
+    }
+
+    void file(const std::string &path) {
+        if (done_) return;
+        FileScan scan{options_, show_names_, path == "-" ? "(standard input)" : path};
+        vael::cli::InputFile input;
+        if (auto why = input.open(path)) return error(path, *why);
+        if (!buffer_) {
+            buffer_.reset(new (std::nothrow) unsigned char[options_.block_size]);
+            if (!buffer_ || !stream_.ok()) {
+                done_ = true;
+                return error(path, "out of memory: cannot allocate a read buffer of " +
+                                       std::to_string(options_.block_size) + " bytes");
+            }
+        }
+        stream_.reset(&scan);
+        progress_.start();
+        for (;;) {
+            std::size_t got = 0;
+            if (auto why = input.read(buffer_.get(), options_.block_size, &got)) {
+                error(path, *why);
+                break;
+            }
+            if (got == 0) break;
+            const auto result = stream_.feed(buffer_.get(), got);
+            if (result == vael::cli::StreamScanner::Result::failed) {
+                done_ = true;
+                error(path, "out of memory while scanning");
+                break;
+            }
+            if (result == vael::cli::StreamScanner::Result::stopped) break;
+            progress_.update(scan.name, stream_.position(), scan.matches);
+        }
+        progress_.finish();
+        if (scan.matches > 0) {
+            any_match_ = true;
+            // As grep -q: a match settles the status, even after an error.
+            if (options_.quiet) done_ = true;
+        }
+        if (options_.count_only && !options_.quiet && !options_.list_files) {
+            if (scan.show_name) std::printf("%s:", scan.name.c_str());
+            std::printf("%" PRIu64 "\n", scan.matches);
+        }
+    }
+
+    const Options &options_;
+    const bool show_names_;
+    vael::cli::StreamScanner stream_;
+    Progress progress_;
+    std::unique_ptr<unsigned char[]> buffer_;  // allocated for the first input
+    bool any_match_ = false;
+    bool any_error_ = false;
+    bool done_ = false;
+};
 
 // A status that claims success only if everything printed reached stdout.
 int finish_output(int status) {
@@ -489,22 +796,18 @@ int run(const Options &options) {
         report(options.pattern_file, "no patterns");
         return kExitError;
     }
+    warn_duplicate_ids(options, parsed.records);
 
+    if (auto error = check_tunables()) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, error->c_str());
+        return kExitError;
+    }
     Library library;
     if (!library.ok()) {
         std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
         return kExitError;
     }
-
-    if (!options.debug_topics.empty())
-        vael_us_adaptor_set_debug_flags(options.debug_topics.c_str(),
-                                        options.debug_level.empty() ? nullptr : options.debug_level.c_str(), "K_");
-    else if (std::getenv("VAEL_DEBUG") == nullptr)
-        // The library notes its errors and warnings by default. vael-scan
-        // reports every failure itself, naming the file and line, and a NUL
-        // written as \x00 is how this file format spells one, so the notes
-        // would only repeat or mislead unless the user asked for the log.
-        vael_us_adaptor_set_debug_flags("error warning", "NONE", "K_");
+    set_up_debug_output(options);
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -531,7 +834,8 @@ int run(const Options &options) {
 
     vael_pm_error err;
     vael_pm_error_init(&err);
-    PmPtr pm(vael_pm_compile(patterns.get(), on_match, options.compile_flags, &err, kCaller));
+    PmPtr pm(vael_pm_compile(patterns.get(), vael::cli::StreamScanner::on_match, options.compile_flags, &err,
+                             kCaller));
     if (!pm) {
         report_compile_error(options, parsed.records, err);
         return kExitError;
@@ -543,33 +847,18 @@ int run(const Options &options) {
         std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the compiled patterns (%zu patterns)\n",
                      kProgram, vael_pmglob_memory_get_alloc_total(), parsed.records.size());
 
-    bool any_match = false;
-    bool any_error = false;
-    std::string data;
-    for (const auto &file : options.inputs) {
-        if (auto error = vael::cli::read_whole_file(file, data, kMaxBuffer)) {
-            report(file, *error);
-            any_error = true;
-            continue;
-        }
-        ScanState state{options, file};
-        // The library refuses an empty buffer as a bad argument; no pattern
-        // is empty, so an empty file simply has no matches.
-        if (!data.empty() && scan(pm.get(), options, data, state) != 0) {
-            report(file, "scan failed");
-            any_error = true;
-            continue;
-        }
-        if (state.matches > 0) {
-            any_match = true;
-            // As grep -q: a match settles the status, even after an error.
-            if (options.quiet) return kExitMatch;
-        }
-        if (options.count_only && !options.quiet) std::printf("%s:%" PRIu64 "\n", file.c_str(), state.matches);
+    std::vector<std::string> inputs = options.inputs;
+    if (inputs.empty()) inputs.emplace_back(options.recursive ? "." : "-");
+    const bool show_names = options.file_names == FileNames::always ||
+                            (options.file_names == FileNames::automatic && (inputs.size() > 1 || options.recursive));
+    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names);
+    for (const auto &input : inputs) {
+        scanner.operand(input);
+        if (scanner.done()) break;
     }
-
-    if (any_error) return finish_output(kExitError);
-    return finish_output(any_match ? kExitMatch : kExitNoMatch);
+    if (options.quiet && scanner.any_match()) return finish_output(kExitMatch);
+    if (scanner.any_error()) return finish_output(kExitError);
+    return finish_output(scanner.any_match() ? kExitMatch : kExitNoMatch);
 }
 
 }  // namespace
@@ -578,10 +867,7 @@ int main(int argc, char **argv) {
     Options options;
     auto usage_error = parse_command_line(argc, argv, options);
     if (!usage_error && !options.help) {
-        if (options.pattern_file.empty())
-            usage_error = "no pattern file given (use -p PATTERN_FILE)";
-        else if (options.inputs.empty() && !options.explain)
-            usage_error = "no input files";
+        if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }
     if (usage_error) {
         std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, usage_error->c_str(),
@@ -595,9 +881,9 @@ int main(int argc, char **argv) {
 
     try {
         return run(options);
-    } catch (const std::exception &e) {
-        // Chiefly std::bad_alloc for an input too large for memory.
-        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+    } catch (const std::bad_alloc &) {
+        // Reading and compiling the patterns; scanning allocates up front.
+        std::fprintf(stderr, "%s: %s: out of memory\n", kProgram, options.pattern_file.c_str());
         return kExitError;
     }
 }

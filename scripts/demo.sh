@@ -43,5 +43,9 @@ run "$scan" --count -p samples/patterns.txt "${traffic[@]}"
 run "$scan" --count --all -p samples/patterns.txt "${traffic[@]}"
 
 echo
+echo "==> the files below samples/ that hold a match, found by walking the directory"
+run "$scan" -rl -p samples/patterns.txt samples
+
+echo
 echo "==> every occurrence again, without regard to case: SQL written in lower case counts too"
 run "$scan" --count --all -i -p samples/patterns.txt "${traffic[@]}"

@@ -1,0 +1,89 @@
+#include "stream_scan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace vael::cli {
+
+StreamScanner::StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink)
+    : pm_(pm), history_cap_(history), all_matches_(all_matches), sink_(sink) {
+    history_buf_.reset(new (std::nothrow) unsigned char[history_cap_ > 0 ? history_cap_ : 1]);
+    // The window never holds more than the history: the block is replaced
+    // after every run, never added to.
+    if (history_cap_ > 0) vbuf_ = vael_vbuf_create(history_cap_, 0);
+}
+
+StreamScanner::~StreamScanner() { vael_vbuf_destroy(vbuf_); }
+
+void StreamScanner::reset(void *sink_ctx) {
+    sink_ctx_ = sink_ctx;
+    if (vbuf_ != nullptr) vael_vbuf_reset(vbuf_);
+    history_len_ = 0;
+    position_ = 0;
+    run_base_ = 0;
+    stop_ = false;
+    reported_.clear();
+}
+
+StreamScanner::Result StreamScanner::feed(const unsigned char *data, std::size_t len) {
+    while (len > 0) {
+        const auto n = static_cast<std::uint32_t>(std::min(len, kMaxRun));
+        if (const Result result = run(data, n); result != Result::more) return result;
+        data += n;
+        len -= n;
+    }
+    return Result::more;
+}
+
+StreamScanner::Result StreamScanner::run(const unsigned char *data, std::uint32_t len) {
+    run_base_ = position_ - history_len_;
+    const std::uint32_t exec_flags = all_matches_ ? VAEL_PM_EXEC_ALL_MATCHES : 0;
+    const int rc = vael_pm_exec_ex(pm_, data, len, history_len_ > 0 ? vbuf_ : nullptr, nullptr, this, exec_flags);
+    position_ += len;
+    if (stop_) return Result::stopped;
+    if (rc != 0 || !keep_tail(data, len)) return Result::failed;
+    return Result::more;
+}
+
+// The new history is the last history_cap_ bytes of the old history and the
+// run's data.
+bool StreamScanner::keep_tail(const unsigned char *data, std::uint32_t len) {
+    if (history_cap_ == 0) return true;
+    const std::uint32_t keep = static_cast<std::uint32_t>(std::min<std::uint64_t>(history_cap_, position_));
+    if (len >= keep) {
+        std::memcpy(history_buf_.get(), data + len - keep, keep);
+    } else {
+        const std::uint32_t old = keep - len;  // bytes kept from the old history
+        std::memmove(history_buf_.get(), history_buf_.get() + history_len_ - old, old);
+        std::memcpy(history_buf_.get() + old, data, len);
+    }
+    history_len_ = keep;
+    vael_vbuf_reset(vbuf_);
+    if (vael_vbuf_add_buffer_ex(vbuf_, history_buf_.get(), history_len_, nullptr, nullptr) != 0) {
+        history_len_ = 0;
+        return false;
+    }
+    return true;
+}
+
+int StreamScanner::on_match(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const unsigned char *,
+                            std::uint32_t, std::uint32_t offset, vael_vbuf *, int *keep_going) {
+    auto &self = *static_cast<StreamScanner *>(user_arg);
+    // Ended in the history: the run before delivered it.
+    if (offset < self.history_len_) return 0;
+    if (!self.all_matches_) {
+        try {
+            if (!self.reported_.insert(pattern_id).second) return 0;
+        } catch (const std::bad_alloc &) {
+            return -1;  // the run fails, as for the library's own memory
+        }
+    }
+    if (!self.sink_(self.sink_ctx_, pattern_id, self.run_base_ + offset)) {
+        self.stop_ = true;
+        *keep_going = 0;
+    }
+    return 0;
+}
+
+}  // namespace vael::cli
