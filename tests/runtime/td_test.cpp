@@ -59,17 +59,6 @@ TEST_F(DebugFacility, TopicsAreWantedUpToTheirLevelInTheirModule) {
     EXPECT_EQ(tdAddTopic("T5", 4, kModule), 0) << "a known topic still takes a new level";
 }
 
-TEST_F(DebugFacility, AllTopicsSwitchAndKAll) {
-    tdSetAllLevel(2, kModule);
-    EXPECT_NE(vael_us_adaptor_printable(2, "K_HTAB"), 0);
-    EXPECT_EQ(vael_us_adaptor_printable(3, "K_HTAB"), 0);
-    EXPECT_EQ(tdAllPrintable(1, 6), 0);
-    tdSetAllLevel(0, kModule);
-    EXPECT_EQ(vael_us_adaptor_printable(1, "K_HTAB"), 0);
-    tdAddTopic("K_ALL", 4, kModule);  // a topic that stands for every other
-    EXPECT_NE(vael_us_adaptor_printable(4, "K_THINNFA | K_PM"), 0);
-}
-
 int g_evaluated;
 int costly() { return ++g_evaluated; }
 void log_from_here() { VAEL_LOG(VAEL_DBG_NOTICE, "K_KW | K_PM", "%s: value %d\n", costly()); }
