@@ -258,27 +258,6 @@ TEST(FrameExec, MatchStartGoesToTheExtendedCallbackWhenAsked) {
     EXPECT_TRUE(r.starts.empty()) << "a null extended callback switches back";
 }
 
-TEST(FrameExec, ThreadsScanningOnePmSeeTheSameHits) {
-    Pm pm({{"he", 1}, {"she", 2}, {"hers", 3}, {"his", 4}, {"s", 5}});
-    std::string text;
-    for (int i = 0; i < 200; i++)
-        text += "ushers his hers shell ";
-    const std::vector<Hit> expected = pm.hits(text, kAll);
-    ASSERT_GT(expected.size(), 1000u);
-    std::vector<int> failures(4, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&, t] {
-            for (int run = 0; run < 25; run++) {
-                Recorder r;
-                failures[t] += pm.exec(text, &r, kAll) != 0 || r.hits != expected;
-            }
-        });
-    for (auto &th : threads)
-        th.join();
-    EXPECT_EQ(failures, std::vector<int>(4, 0));
-}
-
 // ------------------------------------------------------------------ life
 
 TEST(FrameLifecycle, PmListRefcountAndEveryByteBack) {

@@ -143,8 +143,9 @@ void expect_record(const vael_pm_one_pattern *p, const AddCase &c, int32_t id) {
     EXPECT_EQ(p->type, c.want_type);
     for (auto [s, want] : {std::pair{p->lss, c.want_lss}, std::pair{p->re, c.want_re}}) {
         EXPECT_EQ(s ? std::optional<std::string>(str_of(s)) : std::nullopt, want);
-        if (s)
+        if (s) {
             EXPECT_EQ((s->pattern[s->size] << 8) | s->flags, c.want_flags) << "NUL-terminated, with the flags";
+        }
     }
 }
 

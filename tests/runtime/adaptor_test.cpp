@@ -158,12 +158,6 @@ TEST(FailInjection, SecondMethodFailsEachSiteAtItsCallNumberThresholdPlusOne) {
     EXPECT_FALSE(allocate_at(kB, 9000));
     EXPECT_FALSE(allocate_at(kB, 9000));
     EXPECT_TRUE(allocate_at(kB, 2000));
-    vael_us_adaptor_failmem_set(1, 50);
-    int failed = 0;
-    for (int i = 0; i < 400; i++)
-        failed += !allocate_at(kA, 1);
-    EXPECT_GT(failed, 100);
-    EXPECT_LT(failed, 300);
     vael_us_adaptor_failmem_set(0, 0);
 }
 
@@ -226,11 +220,6 @@ TEST(Locks, MutexExcludesAndIsAccounted) {
     tqlock_lock_term(&lock);
     EXPECT_EQ(lock, nullptr);
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
-    vael_us_adaptor_failmem_set(2, 0);
-    vael_mutex *rw = reinterpret_cast<vael_mutex *>(0x1);
-    EXPECT_EQ(tqlock_rwlock_init(&rw, 0, 0), -1);
-    EXPECT_EQ(rw, nullptr);
-    vael_us_adaptor_failmem_set(0, 0);
     tqlock_term();
 }
 

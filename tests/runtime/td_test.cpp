@@ -2,9 +2,7 @@
 // sink, and the guard of VAEL_LOG.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "runtime/vael_runtime.h"
@@ -88,25 +86,6 @@ TEST_F(DebugFacility, LinesGuardsAndSinks) {
     ::testing::internal::CaptureStderr();
     tdFunc(kModule, 65535, 0, "%s\n", body.c_str());
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "vael[5]: " + body + "\n");
-}
-
-// Readers walk the table while a writer adds topics: every topic added is
-// found afterwards.
-TEST_F(DebugFacility, TopicsAddedWhileOthersRead) {
-    std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    for (int t = 0; t < 3; t++)
-        readers.emplace_back([&] {
-            while (!done.load())
-                (void)tdTopicsPrintable(3, "W0 | W10 | W40", kModule, " |");
-        });
-    for (int i = 0; i < 50; i++)
-        ASSERT_EQ(tdAddTopic(("W" + std::to_string(i)).c_str(), 3, kModule), 0);
-    done = true;
-    for (auto &r : readers)
-        r.join();
-    for (int i = 0; i < 50; i++)
-        EXPECT_NE(tdTopicsPrintable(3, ("W" + std::to_string(i)).c_str(), kModule, " |"), 0) << i;
 }
 
 }  // namespace

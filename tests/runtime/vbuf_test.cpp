@@ -39,8 +39,9 @@ void expect_reads(vael_vbuf *v, const std::deque<std::string> &blocks, std::mt19
             uint32_t start = 0, b = 0;
             for (; piece == 0 && start + blocks[b].size() <= off; b++)
                 start += (uint32_t)blocks[b].size();
-            if (piece == 0)
+            if (piece == 0) {
                 ASSERT_EQ(it.offset, off - start);
+            }
             walked.append(reinterpret_cast<const char *>(data), len);
         }
         ASSERT_EQ(walked, flat.substr(std::min(off, size)));
@@ -64,8 +65,9 @@ void expect_reads(vael_vbuf *v, const std::deque<std::string> &blocks, std::mt19
         }
         ASSERT_EQ(err, pos + n <= size ? 0 : 2) << pos << "+" << n;
         ASSERT_EQ(cur != nullptr, pos + n < size);
-        if (pos + n <= size)
+        if (pos + n <= size) {
             ASSERT_EQ(std::string(out, n), flat.substr(pos, n));
+        }
         pos += n;
     }
     EXPECT_EQ(vael_vbuf_compare_to_buffer(v, flat.data(), size, 0), 1);
