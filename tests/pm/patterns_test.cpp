@@ -247,8 +247,9 @@ TEST(PatternAdd, NulBytes) {
         EXPECT_EQ(log.text(), c.log);
         const auto r = records(list);
         ASSERT_EQ(r.size(), c.rc == 0 ? 1u : 0u);
-        if (c.rc == 0)
+        if (c.rc == 0) {
             EXPECT_EQ(str_of(c.op == Op::kSimple ? r[0]->lss : r[0]->re), c.stored);
+        }
         vael_pm_patterns_destroy(list);
     }
     // The rewrite walked through its allocation failures.
