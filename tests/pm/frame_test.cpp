@@ -166,18 +166,11 @@ TEST(FrameExec, DeliversByEndOffsetLongestFirst) {
         uint32_t flags;
         std::vector<Hit> expected;
     } cases[] = {
-        {"suffixes at one end", {{"he", 1}, {"she", 2}, {"hers", 3}, {"his", 4}}, 0, "ushers his", kAll,
-         {{2, 3}, {1, 3}, {3, 5}, {4, 9}}},
         {"same string, two ids", {{"abc", 1}, {"abc", 2}}, 0, "xxabc", 0, {{1, 4}, {2, 4}}},
         {"same user id twice", {{"abc", 9}, {"xyz", 9}}, 0, "abc xyz", 0, {{9, 2}, {9, 6}}},
         {"first end per pattern", {{"ab", 1}, {"b", 2}}, 0, "ababab", 0, {{1, 1}, {2, 1}}},
-        {"every end with all matches", {{"ab", 1}, {"b", 2}}, 0, "abab", kAll, {{1, 1}, {2, 1}, {1, 3}, {2, 3}}},
-        {"no hit", {{"needle", 1}}, 0, "haystack", 0, {}},
-        {"caseless", {{"AbC", 1}, {"XyZ", 2, VAEL_PM_CASELESS}}, VAEL_PM_CASELESS, "xaBcABC xyz", 0, {{1, 3}, {2, 10}}},
         {"caseless on every pattern", {{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2, VAEL_PM_CASELESS}}, 0, "ABC xyz", 0,
          {{1, 2}, {2, 6}}},
-        {"case-sensitive", {{"abc", 1}, {"XyZ", 2}}, 0, "ABC xyz", 0, {}},
-        {"digitless", {{"a1", 1}}, VAEL_PM_DIGITLESS, "a7", 0, {{1, 1}}},
         {"anchors", {{"ab", 1, kStart}, {"cd", 2, kEnd}, {"ab", 3}, {"cd", 4}}, 0, "ab cd ab cd", kAll,
          {{1, 1}, {3, 1}, {4, 4}, {3, 7}, {2, 10}, {4, 10}}},
         {"anchors away from the ends", {{"ab", 1, kStart}, {"cd", 2, kEnd}, {"ab", 3}, {"cd", 4}}, 0, "xab cdx", kAll,

@@ -1,8 +1,8 @@
 // The Thin NFA driven directly: the binary layout the compile produces, and
-// what a run queues for a flat buffer.
+// what a run queues for a flat buffer beyond what the differential test
+// checks: anchors, start offsets, masks, one id on several strings.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -97,16 +97,9 @@ TEST(ThinNfaExec, ReportsHitsInOrderOfEndThenLength) {
         std::vector<Hit> expected;  // in queue order
     } cases[] = {
         {"end together, longest first", {{"he", 1}, {"she", 2}}, 0, "ushers", 0, 0, {{2, 3}, {1, 3}}},
-        {"match is the whole buffer", {{"q", 5}}, 0, "q", 0, 0, {{5, 0}}},
         {"first end only per id", {{"ab", 1}}, 0, "abab ab", 0, 0, {{1, 1}}},
         {"every end with all matches", {{"ab", 1}}, 0, "abab ab", kAll, 0, {{1, 1}, {1, 3}, {1, 6}}},
-        {"overlaps of one byte", {{"aa", 1}, {"a", 2}}, 0, "aaa", kAll, 0, {{2, 0}, {1, 1}, {2, 1}, {1, 2}, {2, 2}}},
-        {"fall from a deep state", {{"abcx", 1}, {"bcd", 2}}, 0, "abcd", 0, 0, {{2, 3}}},
         {"one text, two ids", {{"abc", 7}, {"abc", 3}}, 0, "xabc", 0, 0, {{7, 3}, {3, 3}}},
-        {"binary bytes", {{"\0\xff"s, 1}, {"\xff\0"s, 2}}, 0, "\0\xff\0\xff"s, kAll, 0, {{1, 1}, {2, 2}, {1, 3}}},
-        {"caseless", {{"ABC", 0}, {"abc", 1}}, VAEL_PM_CASELESS, "-aBc ab-c", 0, 0, {{0, 3}, {1, 3}}},
-        {"digitless keeps case", {{"a1", 0}}, VAEL_PM_DIGITLESS, "A1 a9", 0, 0, {{0, 4}}},
-        {"digitless and caseless", {{"X7y", 0}}, VAEL_PM_DIGITLESS | VAEL_PM_CASELESS, "x0Y", 0, 0, {{0, 2}}},
         {"start anchor", {{"ab", 0, kStart}, {"b", 1}}, 0, "abab", kAll, 0, {{0, 1}, {1, 1}, {1, 3}}},
         {"start anchor away from the start", {{"ab", 0, kStart}, {"b", 1}}, 0, "xab", kAll, 0, {{1, 2}}},
         {"start anchor from an offset", {{"ab", 0, kStart}, {"b", 1}}, 0, "abab", kAll, 2, {{1, 3}}},
@@ -125,23 +118,6 @@ TEST(ThinNfaExec, ReportsHitsInOrderOfEndThenLength) {
         std::vector<Hit> hits;
         EXPECT_EQ(nfa.exec(c.text, &hits, c.flags, c.offset), 0);
         EXPECT_EQ(hits, c.expected);
-    }
-}
-
-TEST(ThinNfaExec, PartialStatesWithManyTransitionsFindEveryChild) {
-    // More than six transitions are searched by halves: every child is hit,
-    // and every byte between, below and above them missed.
-    for (int children : {7, 8, 13, 20, 63}) {
-        SCOPED_TRACE(children);
-        std::vector<Pattern> patterns;
-        for (int i = 0; i < children; i++)
-            patterns.push_back({std::string("qz") + (char)('B' + 2 * i), i});
-        ThinNfa nfa(patterns);
-        ASSERT_EQ(nfa.get()->bnfa[vael_test::bnfa_state_of(nfa.get(), "qz")] & BNFA_STATE_PARTIAL, BNFA_STATE_PARTIAL);
-        std::string text;
-        for (unsigned c = 0; c < 256; c++)
-            text += std::string("qz") + (char)c;
-        EXPECT_EQ(sorted(nfa.hits(text, kAll)), brute_force_all(patterns, text, 0));
     }
 }
 
@@ -170,25 +146,6 @@ TEST(ThinNfaExec, MaskKeepAllFlagsAndRefusals) {
     ThinNfa empty({{"ok", 0}, {"", 1}});
     EXPECT_EQ(empty.get(), nullptr);
     EXPECT_STREQ(empty.error().error_string, "Empty pattern");
-}
-
-TEST(ThinNfaCompile, ThousandsOfStatesSpanSeveralStateBlocks) {
-    std::mt19937 rng(20240611);
-    std::vector<Pattern> patterns;
-    std::string text;
-    for (int i = 0; i < 600; i++) {
-        std::string p;
-        for (int n = 5 + (int)(rng() % 8); n > 0; n--)
-            p += (char)((rng() % 2 ? 'a' : 'A') + rng() % 26);
-        patterns.push_back({p, i});
-        if (i % 3 == 0)
-            text += p.substr(rng() % 3) + "-";
-    }
-    ThinNfa nfa(patterns, VAEL_PM_CASELESS);
-    ASSERT_NE(nfa.get(), nullptr);
-    EXPECT_GT(nfa.get()->state_num, 4000u);
-    vael_test::expect_bnfa_well_formed(nfa.get());
-    EXPECT_EQ(sorted(nfa.hits(text, kAll)), brute_force_all(patterns, text, VAEL_PM_CASELESS));
 }
 
 }  // namespace
