@@ -1,4 +1,7 @@
-/* Compiles the public headers as C99 and runs the plain road through them. */
+/* Compiles the public headers as C99 (the virtual-buffer header first, so it
+ * stands alone) and runs the plain road and the error road through them. */
+#include "vael/vael_vbuf.h"
+
 #include <stdio.h>
 #include <string.h>
 
@@ -19,7 +22,8 @@ int main(void) {
     vael_pm_error err;
     vael_pm_patterns *patterns;
     vael_pm_handle *pm;
-    int rc;
+    vael_pm_mask *mask;
+    int rc, masked;
 
     if (vael_apps_init(NULL) != 0)
         return 1;
@@ -27,15 +31,23 @@ int main(void) {
     if (!patterns || vael_pm_patterns_add_simple_pattern(patterns, "/etc", 4, 7, 0) != 0)
         return 2;
     pm = vael_pm_compile(patterns, on_match, 0, &err, "c-test");
+    /* A word needs an engine this build lacks: the error names its id. */
+    vael_pm_patterns_add_word(patterns, "word", 4, 9, 0);
+    if (vael_pm_compile(patterns, on_match, 0, &err, "c-test") != NULL || err.pattern_id != 9 ||
+        err.error_type != VAEL_PM_ERROR_ILLEGAL || !err.error_string)
+        return 3;
     vael_pm_patterns_destroy(patterns);
     if (!pm)
-        return 3;
+        return 4;
+    mask = vael_pm_mask_create(pm);
+    masked = vael_pm_exec_ex(pm, (const unsigned char *)text, (uint32_t)strlen(text), NULL, mask, NULL, 0);
     rc = vael_pm_exec_ex(pm, (const unsigned char *)text, (uint32_t)strlen(text), NULL, NULL, NULL, 0);
+    vael_pm_mask_destroy(mask);
     vael_pm_destroy(pm);
     vael_apps_fini();
-    if (rc != 0 || hits != 1) {
-        fprintf(stderr, "rc %d hits %d\n", rc, hits);
-        return 4;
+    if (rc != 0 || masked != 0 || hits != 1) {
+        fprintf(stderr, "rc %d masked %d hits %d\n", rc, masked, hits);
+        return 5;
     }
     return 0;
 }
