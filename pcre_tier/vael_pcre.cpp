@@ -341,11 +341,10 @@ extern "C" int pcre_get_heapframe_size(void) { return kHeapFrameSize; }
 extern "C" int pcre_init_memory_pool(void) { return 0; }
 extern "C" void pcre_destroy_memory_pool(void) {}
 
+// For patterns the library compiled: their size is in the word in front.
 extern "C" void pcre_free_re(pcre *re) {
-    if (!re)
-        return;
-    LibraryPcreScope scope;
-    pcre_free(re);
+    if (re)
+        _pcre_free_do(re, hook_block_size(re));
 }
 
 extern "C" int vael_pcre_stack_frame_pool_sz_cb(void) {

@@ -120,7 +120,7 @@ void vael_pcre_dump(void *handle, int format);
 int pcre_get_heapframe_size(void);  /* 332, the size of one match frame */
 int pcre_init_memory_pool(void);    /* 0 */
 void pcre_destroy_memory_pool(void);
-void pcre_free_re(pcre *re);        /* releases a pattern the library compiled */
+void pcre_free_re(pcre *re);        /* releases a pattern the library compiled, never a host's */
 
 #ifdef __cplusplus
 }

@@ -9,8 +9,8 @@
 
 #include <cstring>
 
-#include "pm/vael_pm_internal.h"
 #include "pcre_tier/vael_pcre.h"
+#include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_runtime.h"
 #include "vael/vael_thin_nfa.h"

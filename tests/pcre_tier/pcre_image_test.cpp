@@ -183,6 +183,16 @@ TEST(PcreImage, ArgumentsAndSpace) {
     EXPECT_EQ(vael_pcre_get_common_stats(nullptr), nullptr);
     EXPECT_EQ(vael_pcre_get_common_stats(h.get()), &h->stats);
     vael_pcre_destroy(nullptr);
+
+    // pcre_free_re releases a compiled pattern of the library, size and all.
+    auto freed = compile("free me");
+    ASSERT_TRUE(freed);
+    size_t re_size = 0;
+    ASSERT_EQ(pcre_fullinfo(freed->re, nullptr, PCRE_INFO_SIZE, &re_size), 0);
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    pcre_free_re(freed->re);
+    freed->re = nullptr;
+    EXPECT_GE(before - vael_pmglob_memory_get_alloc_total(), (intptr_t)re_size);
 }
 
 TEST(PcreImage, DuplicateIsIndependent) {
