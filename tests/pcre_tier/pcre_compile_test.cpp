@@ -239,23 +239,4 @@ TEST(PcreCompile, RecursiveOpScan) {
         EXPECT_EQ(vael_pcre_pattern_uses_recursive_op(r.text, 0), r.recursive) << r.text;
 }
 
-TEST(PcreCompile, NullArgumentsAndReplacedHooks) {
-    vael_pm_error err;
-    vael_pm_error_init(&err);
-    EXPECT_EQ(vael_pcre_compile(nullptr, 0, 0, &err), nullptr);
-    // A host that replaces the hooks after start: the compile refuses rather
-    // than hand out blocks that the library's free would not recognise.
-    auto *const saved_malloc = pcre_malloc;
-    auto *const saved_free = pcre_free;
-    pcre_malloc = malloc;
-    pcre_free = free;
-    vael_pm_error_init(&err);
-    auto h = compile("abc", 0, 0, &err);
-    pcre_malloc = saved_malloc;
-    pcre_free = saved_free;
-    EXPECT_FALSE(h);
-    EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
-    EXPECT_TRUE(compile("abc"));
-}
-
 }  // namespace

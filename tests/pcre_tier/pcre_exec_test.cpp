@@ -72,6 +72,7 @@ TEST(PcreExec, BadArguments) {
     EXPECT_EQ(vael_pcre_exec(h.get(), buf, 1, nullptr, 0, nullptr, 0, &ctx), -1); // no fn
     ctx.fn = vael_pcre_test::collect;
     EXPECT_EQ(vael_pcre_exec(h.get(), nullptr, 1, nullptr, 0, nullptr, 0, &ctx), -1);
+    EXPECT_EQ(vael_pcre_compile(nullptr, 0, 0, nullptr), nullptr);
     // Starts come from the run itself; the frame's slot is never to be used.
     vael_test::LogCapture log;
     EXPECT_EQ(vael_pcre_match_start_find(h.get(), buf, 1, nullptr, 0, nullptr, 0, 0), 0u);

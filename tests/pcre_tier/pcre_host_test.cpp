@@ -97,7 +97,9 @@ TEST(PcreHost, HostHooksSurviveTheStop) {
     };
     pcre_malloc = host_malloc;
     pcre_free = free;
-    EXPECT_FALSE(compile("abc"));
+    vael_pm_error err;
+    EXPECT_FALSE(compile("abc", 0, 0, &err));
+    EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
     vael_pcre_fini();
     EXPECT_EQ(pcre_malloc, static_cast<void *(*)(size_t)>(host_malloc));
     HostPattern p = host_compile("abc");
