@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "pcre_tier/vael_pcre.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_runtime.h"
@@ -122,10 +123,10 @@ extern "C" void vael_tier1_fini(void) {
         vael_thin_nfa_fini();
 }
 
-// No second-tier engine is in this build: every row stays empty, and a
-// pattern that would need one is refused at compile.
-extern "C" int vael_tier2_init(void) { return 0; }
-extern "C" void vael_tier2_fini(void) {}
+// Rows in order REM, PCRE, KW, undone in reverse. Of the three only PCRE is
+// in this build; the others stay empty.
+extern "C" int vael_tier2_init(void) { return vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]); }
+extern "C" void vael_tier2_fini(void) { vael_pcre_fini(); }
 
 namespace {
 struct InitStep {

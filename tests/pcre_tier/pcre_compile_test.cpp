@@ -1,0 +1,242 @@
+// The PCRE tier's compile: the text PCRE sees, the options the flags give,
+// the refusals with their exact texts and indexes, and the test for
+// constructs that pcre_dfa_exec would run by recursing.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/pcre_tier/pcre_test_util.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_pcre_test::compile;
+using vael_pcre_test::Match;
+using vael_pcre_test::run;
+
+TEST(PcreCompile, PreProcessedText) {
+    struct Row {
+        const char *pattern;
+        uint32_t flags;
+        const char *text;
+    };
+    const Row rows[] = {
+        {"abc", 0, "abc"},
+        {"^abc$", 0, "^(abc)$"},
+        {"^a|b$", 0, "^(a|b)$"},
+        {"^abc", 0, "^(abc)"},
+        {"abc$", 0, "(abc)$"},
+        {"ab\\$", 0, "(ab\\)$"}, // the last byte alone decides
+        {"abc", VAEL_PM_BOUND, "\\b(abc)\\b"},
+        {"^abc$", VAEL_PM_BOUND, "^\\b(abc)\\b$"},
+        {"^abc$", VAEL_PM_LITERAL, "^abc$"},
+        {"^abc$", VAEL_PM_LITERAL | VAEL_PM_BOUND, "\\b(^abc$)\\b"},
+        {"^", 0, "^()"},
+        {"$", 0, "()$"},
+        {"^$", 0, "^()$"},
+    };
+    for (const Row &r : rows) {
+        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(r.pattern),
+                                                          (uint32_t)std::strlen(r.pattern), -1, r.flags);
+        uint32_t size = 0;
+        int32_t bound_at[2];
+        char *text = vael_pcre_compile_pre_process_pattern(s, r.flags, &size, bound_at);
+        ASSERT_NE(text, nullptr) << r.pattern;
+        EXPECT_STREQ(text, r.text) << r.pattern << " flags " << std::hex << r.flags;
+        EXPECT_EQ(size, std::strlen(r.text) + 1) << r.pattern;
+        vael_pcre_free_text(text, size);
+        vael_pmglob_string_destroy(s);
+    }
+}
+
+// Each flag bit shown by what the pattern then matches.
+TEST(PcreCompile, OptionsFromFlags) {
+    struct Row {
+        const char *pattern;
+        uint32_t pattern_flags;
+        uint32_t compile_flags;
+        std::string text;
+        std::vector<Match> want; // all matches, with starts
+    };
+    const uint32_t ml = VAEL_PCRE_MULTILINE;
+    const std::vector<Row> rows = {
+        {"a.c", 0, 0, "a\nc", {{2, 0}}},                          // DOTALL by default
+        {"a.c", VAEL_PCRE_NO_DOTALL, 0, "a\nc", {}},
+        {"abc", VAEL_PM_CASELESS, 0, "xABC", {{3, 1}}},
+        {"abc", 0, VAEL_PM_CASELESS, "xABC", {{3, 1}}},             // compile flags count too
+        {"abc", 0, 0, "xABC", {}},
+        {"^b", 0, 0, "a\nb", {}},
+        {"^b", ml, 0, "a\nb", {{2, 2}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\rb", {{2, 2}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\nb", {}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_LF | VAEL_PCRE_NEWLINE_CR, 0, "a\rb", {}}, // LF wins
+        {"^b", ml | VAEL_PCRE_NEWLINE_CRLF, 0, "a\r\nb", {{3, 3}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_CRLF, 0, "a\rb", {}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_ANY, 0, "a\rb", {{2, 2}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_ANY, 0, "a\nb", {{2, 2}}},
+        {".b", VAEL_PM_UTF8, 0, "\xc3\xa9" "b", {{2, 0}}},          // one character of two bytes
+        {".b", 0, 0, "\xc3\xa9" "b", {{2, 1}}},
+        {"abc", VAEL_PM_BOUND, 0, "xabc abc", {{7, 5}}},
+        {"^abc$", VAEL_PM_LITERAL, 0, "abc", {{2, 0}}},
+        {"a|b$", 0, 0, "ab", {{1, 1}}},                             // (a|b)$
+        {"(a)b", 0, 0, "ab", {{1, 0}}},                              // '(' only groups
+    };
+    for (const Row &r : rows) {
+        auto h = compile(r.pattern, r.pattern_flags, r.compile_flags);
+        ASSERT_TRUE(h) << r.pattern;
+        auto got = run(h.get(), r.text, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START);
+        EXPECT_EQ(got.result, 0);
+        EXPECT_EQ(got.matches, r.want) << r.pattern << " flags " << std::hex << r.pattern_flags << "/"
+                                       << r.compile_flags;
+    }
+}
+
+// Under PCRE_UNGREEDY a quantifier takes as little as it can and '?' behind
+// it makes it greedy: seen under pcre_exec, which honours both.
+TEST(PcreCompile, UngreedyUnderPcreExec) {
+    vael_test::ScopedGlobal exec_mode(vael_pm_pcre_use_dfa_exec, 0);
+    struct Row {
+        const char *pattern;
+        const char *text;
+        Match want;
+    };
+    const Row rows[] = {
+        {"a+", "aaa", {0, 0}},
+        {"a+?", "aaa", {2, 0}},
+        {"a{1,3}", "aaa", {0, 0}},
+        {"a{1,3}?", "aaa", {2, 0}},
+        {"a.*b", "ab ab", {1, 0}},
+        {"a.*?b", "ab ab", {4, 0}},
+    };
+    for (const Row &r : rows) {
+        auto h = compile(r.pattern);
+        ASSERT_TRUE(h) << r.pattern;
+        auto got = run(h.get(), r.text, VAEL_PM_EXEC_MATCH_START);
+        ASSERT_EQ(got.matches.size(), 1u) << r.pattern;
+        EXPECT_EQ(got.matches[0], r.want) << r.pattern;
+    }
+}
+
+// Every refusal: the exact text, the error type and the index. Indexes count
+// in the pre-processed text.
+TEST(PcreCompile, Refusals) {
+    const char *kRecursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
+    const uint32_t v = VAEL_PM_VERIFY_SYNTAX;
+    struct Row {
+        const char *pattern;
+        uint32_t flags;
+        const char *message; // null: compiles
+        uint32_t index;
+    };
+    const Row rows[] = {
+        // recursive constructs under pcre_dfa_exec
+        {"(?=a)b", 0, kRecursive, 0},
+        {"(?>a)", 0, kRecursive, 0},
+        {"a(?R)?b", 0, kRecursive, 0},
+        {"(?(?=a)b|c)", 0, kRecursive, 0},
+        {"a(?!b)", 0, kRecursive, 0},
+        {"(?<=a)b", 0, kRecursive, 0},
+        {"(?<!a)b", 0, kRecursive, 0},
+        {"(?:ab)++c", 0, kRecursive, 0},
+        {"(?<n>a)(?1)", 0, kRecursive, 0},
+        {"(?<n>a)(?&n)", 0, kRecursive, 0},
+        {"(?<n>a)\\g<n>", 0, kRecursive, 0},
+        // PCRE's own texts
+        {"a(", 0, "missing )", 0},
+        {"[a", 0, "missing terminating ] for character class", 0},
+        {"(a)\\1", 0, "reference to non-existent subpattern", 0}, // no capture groups
+        // the plain compile accepts what only the verification refuses
+        {"a+?", 0, nullptr, 0},
+        {"(?:a)b", 0, nullptr, 0},
+        {"a$b", 0, nullptr, 0},
+        // syntax verification
+        {"(?=a)b", v, "'(?' is not supported", 0},
+        {"(?:a)", v, "'(?' is not supported", 0},
+        {"(*UTF8)a", v, "'(*' is not supported", 0},
+        {"a+?", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 1},
+        {"^a+?$", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 3},
+        {"a{2}?", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 3},
+        {"a*+", v, "Plus '+' after one of the quantifiers '+', '*', '?' or '}' is not supported", 1},
+        {"a??", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 1},
+        {"[[]", v, "Opening bracket '[' inside a character class is not supported", 1},
+        {"[-a]", v, "Hyphen '-' in the beginning or end of a character class is not supported", 1},
+        {"[a-]", v, "Hyphen '-' in the beginning or end of a character class is not supported", 2},
+        {"[^-a]", v, "Hyphen '-' in the beginning or end of a character class is not supported", 2},
+        {"[a^]", v, "Circumflex '^' in the middle of a character class is not supported", 2},
+        {"[^^]", v, "Circumflex '^' in the middle of a character class is not supported", 2},
+        {"a$b", v, "Dollar '$' in the middle of a pattern is not supported", 1},
+        {"a]", v, "Closing bracket ']' that is not closing a character class is not supported", 1},
+        {"a^b", v, "Circumflex '^' in the middle of a pattern is not supported", 1},
+        {"a\\qb", v, "Invalid letter after backslash", 2},
+        {"a\\b", v, "Invalid letter after backslash", 2},
+        {"a\\qb", v | VAEL_PM_BOUND, "Invalid letter after backslash", 5},
+        {"abc", v | VAEL_PM_BOUND, nullptr, 0}, // the wrapping's own \b passes
+        {"^a[^b-c]\\d\\$\\x41$", v, nullptr, 0},
+        {"a[]b]", v, "Closing bracket ']' that is not closing a character class is not supported", 4},
+    };
+    for (const Row &r : rows) {
+        vael_pm_error err;
+        auto h = compile(r.pattern, r.flags, 0, &err);
+        if (!r.message) {
+            EXPECT_TRUE(h) << r.pattern << ": " << (err.error_string ? err.error_string : "(none)");
+            continue;
+        }
+        EXPECT_FALSE(h) << r.pattern;
+        ASSERT_NE(err.error_string, nullptr) << r.pattern;
+        EXPECT_STREQ(err.error_string, r.message) << r.pattern;
+        EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_ILLEGAL) << r.pattern;
+        EXPECT_EQ(err.error_index, r.index) << r.pattern;
+        EXPECT_EQ(err.pattern_id, -1) << r.pattern;
+    }
+}
+
+// With pcre_exec as the matcher the recursive constructs compile, carry bit
+// 0x1, and run; a handle without the bit runs under either matcher.
+TEST(PcreCompile, RecursiveConstructsUnderPcreExec) {
+    vael_test::ScopedGlobal exec_mode(vael_pm_pcre_use_dfa_exec, 0);
+    struct Row {
+        const char *pattern;
+        const char *text;
+        std::vector<Match> want;
+    };
+    const std::vector<Row> rows = {
+        {"(?=a)a", "ba", {{1, 1}}},
+        {"(?>a+)b", "aab", {{2, 1}}}, // a lazy a+ inside an atomic group
+        {"a(?R)?b", "xaabb", {{4, 1}}},
+        {"(?(?=a)ab|c)", "c ab", {{0, 0}, {3, 2}}},
+        {"(?<=a)b", "bab", {{2, 2}}},
+    };
+    for (const Row &r : rows) {
+        auto h = compile(r.pattern);
+        ASSERT_TRUE(h) << r.pattern;
+        EXPECT_EQ(h->flags & VAEL_PCRE_FLAG_RECURSIVE, VAEL_PCRE_FLAG_RECURSIVE) << r.pattern;
+        auto got = run(h.get(), r.text, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START);
+        EXPECT_EQ(got.matches, r.want) << r.pattern;
+    }
+    auto plain = compile("ab");
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->flags, 0u);
+}
+
+TEST(PcreCompile, RecursiveOpScan) {
+    struct Row {
+        const char *text;
+        int recursive;
+    };
+    const Row rows[] = {
+        {"(?=a)", 1}, {"(?!a)", 1}, {"(?<=a)", 1}, {"(?<!a)", 1}, {"(?>a)", 1}, {"(?(1)a|b)", 1},
+        {"(?R)", 1}, {"(?0)", 1}, {"(?1)", 1}, {"(?+1)", 1}, {"(?-1)", 1}, {"(?&n)", 1},
+        {"(?P>n)", 1}, {"\\g<n>", 1}, {"\\g'1'", 1}, {"(a)++", 1}, {"(a)*+", 1}, {"(a)?+", 1},
+        {"(a){2,3}+", 1}, {"x[a](?=b)", 1},
+        {"\\(?=a\\)", 0}, {"[(?=]", 0}, {"\\Q(?=\\E", 0}, {"(?:a)", 0}, {"(?i)a", 0}, {"(?<n>a)", 0},
+        {"(?P<n>a)", 0}, {"(?P=n)", 0}, {"(?#(?=)a", 0}, {"a++", 0}, {"(a)+", 0}, {"(a){2}", 0},
+        {"\\g{1}", 0}, {"\\g1", 0}, {"[]a(?=]", 0}, {"[^]a(?>]", 0}, {"[[:alpha:](?=]", 0},
+        {"(?|a|b)", 0}, {"(?C1)a", 0}, {"\\c(", 0}, {"a{2}+", 0},
+    };
+    for (const Row &r : rows)
+        EXPECT_EQ(vael_pcre_pattern_uses_recursive_op(r.text, 0), r.recursive) << r.text;
+}
+
+}  // namespace

@@ -1,0 +1,290 @@
+// The PCRE tier's image, duplicate, validation and destroy, and every
+// allocation failure of compile, duplicate and load with the byte accounts
+// back where they were.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/pcre_tier/pcre_test_util.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_pcre_test::compile;
+using vael_pcre_test::Handle;
+using vael_pcre_test::image_of;
+using vael_pcre_test::load;
+using vael_pcre_test::Match;
+using vael_pcre_test::run;
+
+uint32_t word_at(const std::vector<unsigned char> &image, size_t at) {
+    uint32_t w;
+    std::memcpy(&w, image.data() + at, 4);
+    return w;
+}
+
+// Texts over which a handle and its copies must agree.
+const char *const kTexts[] = {"", "abc", "xxabcabcxx", "ab\ncd", "ABC abc", "aaaa bbbb", "a1b2c3"};
+
+std::vector<std::vector<Match>> behaviour(vael_pcre_handle *h) {
+    std::vector<std::vector<Match>> out;
+    for (const char *t : kTexts)
+        out.push_back(run(h, t, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START).matches);
+    return out;
+}
+
+struct PatternRow {
+    const char *pattern;
+    uint32_t flags;
+    bool study; // pcre_study found something to keep
+};
+const PatternRow kPatterns[] = {
+    {"abc", 0, true},
+    {"a.c", VAEL_PM_CASELESS, true},
+    {"[a-c]+", VAEL_PM_BOUND, true},
+    {"x*", 0, false},
+    {"^ab\\ncd$", VAEL_PCRE_MULTILINE, true},
+};
+
+// Layout of the image, and a handle read back from it runs the same, keeps
+// its flags and its compile figures.
+TEST(PcreImage, RoundTrip) {
+    for (const PatternRow &r : kPatterns) {
+        auto h = compile(r.pattern, r.flags);
+        ASSERT_TRUE(h) << r.pattern;
+        h->stats.memory = 1234;
+        h->stats.compile_time = 56;
+        auto image = image_of(h.get());
+        size_t re_size = 0;
+        ASSERT_EQ(pcre_fullinfo(h->re, nullptr, PCRE_INFO_SIZE, &re_size), 0);
+        const uint32_t s = word_at(image, 0);
+        ASSERT_EQ(s, re_size) << r.pattern;
+        EXPECT_EQ(std::memcmp(image.data() + 4, h->re, s), 0);
+        const uint32_t t = word_at(image, 4 + s);
+        EXPECT_EQ(t != 0, r.study) << r.pattern;
+        EXPECT_EQ(word_at(image, 8 + s), r.study ? 1u : 0u);
+        EXPECT_EQ(word_at(image, 12 + s + t), h->flags);
+        EXPECT_EQ(std::memcmp(image.data() + 16 + s + t, "SZRS", 4), 0);
+        EXPECT_EQ(word_at(image, 20 + s + t), 1234u);
+        EXPECT_EQ(word_at(image, 24 + s + t), 56u);
+        EXPECT_EQ(image.size(), 28u + s + t);
+
+        auto back = load(image, (uint32_t)image.size());
+        ASSERT_TRUE(back) << r.pattern;
+        EXPECT_TRUE(vael_pcre_is_valid(back.get()));
+        EXPECT_EQ(back->stats.memory, 1234u);
+        EXPECT_EQ(back->stats.compile_time, 56u);
+        EXPECT_EQ(behaviour(back.get()), behaviour(h.get())) << r.pattern;
+        EXPECT_EQ(image_of(back.get()), image) << r.pattern;
+    }
+}
+
+TEST(PcreImage, RecursiveFlagTravels) {
+    vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, 0);
+    auto h = compile("(?<=a)b");
+    ASSERT_TRUE(h);
+    auto back = load(image_of(h.get()), vael_pcre_get_serialized_size(h.get()));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->flags, (uint32_t)VAEL_PCRE_FLAG_RECURSIVE);
+    EXPECT_EQ(run(back.get(), "bab").matches, (std::vector<Match>{{2, 0}}));
+    auto dup = Handle(static_cast<vael_pcre_handle *>(vael_pcre_duplicate(h.get())));
+    ASSERT_TRUE(dup);
+    EXPECT_EQ(dup->flags, (uint32_t)VAEL_PCRE_FLAG_RECURSIVE);
+}
+
+// An image read from a virtual buffer in small blocks is the same handle.
+TEST(PcreImage, FromVirtualBuffer) {
+    auto h = compile("a[bc]+d", VAEL_PM_CASELESS);
+    ASSERT_TRUE(h);
+    auto image = image_of(h.get());
+    for (uint32_t block : {1u, 3u, 7u, 64u}) {
+        vael_vbuf *vbuf = vael_vbuf_create(1 << 20, 0);
+        ASSERT_NE(vbuf, nullptr);
+        for (size_t at = 0; at < image.size(); at += block)
+            ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, image.data() + at,
+                                              (uint32_t)std::min<size_t>(block, image.size() - at), nullptr,
+                                              nullptr),
+                      0);
+        vael_vbuf_iter iter{};
+        uint32_t space = (uint32_t)image.size();
+        Handle back(static_cast<vael_pcre_handle *>(vael_pcre_deserialize(nullptr, &space, vbuf, &iter)));
+        ASSERT_TRUE(back) << "blocks of " << block;
+        EXPECT_EQ(space, 0u);
+        EXPECT_EQ(behaviour(back.get()), behaviour(h.get()));
+        vael_vbuf_destroy(vbuf);
+    }
+}
+
+// A cut image at every length, a wrong magic, a size PCRE would read past:
+// null, a log line, and nothing left in the accounts.
+TEST(PcreImage, BadImages) {
+    auto h = compile("abc");
+    ASSERT_TRUE(h);
+    auto image = image_of(h.get());
+    const uint32_t s = word_at(image, 0), t = word_at(image, 4 + s);
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    for (uint32_t cut = 0; cut < image.size(); cut++)
+        EXPECT_FALSE(load(image, cut)) << "cut at " << cut;
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+
+    struct Row {
+        size_t at;
+        uint32_t value;
+        const char *log;
+    };
+    const Row rows[] = {
+        {16 + s + t, 0x53525a54, "vael_pcre_deserialize: Wrong serialization magic (53525a54) at the buffer\n"},
+        {0, 8, "vael_pcre_deserialize: Error in allocating the pcre_handle->re size 8\n"},
+        {0, 0xfffffff0u, "vael_pcre_deserialize: Wrong serialization magic (0) at the buffer\n"},
+        {4 + s, 12, "vael_pcre_deserialize: study data of 12 bytes is not of this PCRE"},
+    };
+    for (const Row &r : rows) {
+        auto bad = image;
+        std::memcpy(bad.data() + r.at, &r.value, 4);
+        vael_test::LogCapture log;
+        EXPECT_FALSE(load(bad, (uint32_t)bad.size())) << r.log;
+        EXPECT_TRUE(log.contains(r.log)) << log.text();
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+    }
+
+    // Bytes that are not a pattern of this PCRE load (no check is made), fail
+    // validation, run as no match, and are released whole.
+    auto garbage = image;
+    garbage[4] ^= 0xff; // PCRE's magic
+    auto loaded = load(garbage, (uint32_t)garbage.size());
+    ASSERT_TRUE(loaded);
+    EXPECT_FALSE(vael_pcre_is_valid(loaded.get()));
+    EXPECT_TRUE(run(loaded.get(), "abc").matches.empty());
+    loaded.reset();
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+}
+
+TEST(PcreImage, ArgumentsAndSpace) {
+    auto h = compile("abc");
+    ASSERT_TRUE(h);
+    const uint32_t size = vael_pcre_get_serialized_size(h.get());
+    std::vector<unsigned char> buf(size);
+    unsigned char *p = buf.data();
+    uint32_t space = size - 1;
+    vael_test::LogCapture log;
+    EXPECT_EQ(vael_pcre_serialize(h.get(), &p, &space), -1);
+    EXPECT_TRUE(log.contains("output buffer is not big enough: needed size " + std::to_string(size) +
+                             " > output buffer buf " + std::to_string(size - 1) + "\n"))
+        << log.text();
+    EXPECT_EQ(p, buf.data());
+    EXPECT_EQ(vael_pcre_get_serialized_size(nullptr), 0u);
+    EXPECT_EQ(vael_pcre_serialize(nullptr, &p, &space), 0);
+    EXPECT_EQ(vael_pcre_duplicate(nullptr), nullptr);
+    EXPECT_EQ(vael_pcre_deserialize(nullptr, &space, nullptr, nullptr), nullptr);
+    EXPECT_FALSE(vael_pcre_is_valid(nullptr));
+    EXPECT_EQ(vael_pcre_get_common_stats(nullptr), nullptr);
+    EXPECT_EQ(vael_pcre_get_common_stats(h.get()), &h->stats);
+    vael_pcre_destroy(nullptr);
+
+    // pcre_free_re releases a compiled pattern of the library, size and all.
+    auto freed = compile("free me");
+    ASSERT_TRUE(freed);
+    size_t re_size = 0;
+    ASSERT_EQ(pcre_fullinfo(freed->re, nullptr, PCRE_INFO_SIZE, &re_size), 0);
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    pcre_free_re(freed->re);
+    freed->re = nullptr;
+    EXPECT_GE(before - vael_pmglob_memory_get_alloc_total(), (intptr_t)re_size);
+}
+
+// The row that vael_pcre_init filled, as the frame reads it.
+TEST(PcreRow, Filled) {
+    const vael_pm_tier2_funcs &row = pm_tier2_funcs[VAEL_PM_TIER2_PCRE];
+    EXPECT_STREQ(row.name, "PCRE");
+    EXPECT_EQ(row.tier2_flags, 3u);
+    ASSERT_NE(row.has_start_anchor, nullptr);
+    auto h = compile("^a");
+    ASSERT_TRUE(h);
+    EXPECT_EQ(row.has_start_anchor(h.get()), 0);
+    EXPECT_EQ(pcre_get_heapframe_size(), 332);
+    vael_test::LogCapture log;
+    EXPECT_EQ(vael_pcre_stack_frame_pool_sz_cb(), 0);
+    EXPECT_TRUE(log.contains("QX-1: changing PCRE's stack frame pool size can be done only from boot!\n"));
+}
+
+// ---------------------------------------------------------------- allocation failures
+
+struct CompileCase {
+    const char *pattern;
+    uint32_t flags;
+};
+const CompileCase kCompileCases[] = {
+    {"abc[0-9]+de", 0},
+    {"x*", 0}, // no study data: the library's own extra block
+    {"^word$", VAEL_PM_BOUND | VAEL_PM_CASELESS},
+    {"a+?", VAEL_PM_VERIFY_SYNTAX}, // refused after its text was made
+    {"(?=a)b", 0},                   // refused after PCRE compiled it
+};
+
+// Each failed round gives null; a refused pattern's round after the last
+// site gives null too, with its own message.
+TEST(PcreFailmem, Compile) {
+    for (const CompileCase &c : kCompileCases) {
+        const bool refused = (c.flags & VAEL_PM_VERIFY_SYNTAX) || c.pattern[0] == '(';
+        Handle kept;
+        vael_pm_error err;
+        vael_pmglob_string *text = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(c.pattern),
+                                                             (uint32_t)strlen(c.pattern), -1, c.flags);
+        ASSERT_NE(text, nullptr);
+        auto attempt = [&] {
+            vael_pm_error_init(&err);
+            kept.reset(static_cast<vael_pcre_handle *>(vael_pcre_compile(text, 0, c.flags, &err)));
+            return kept != nullptr || (refused && err.error_type == VAEL_PM_ERROR_ILLEGAL);
+        };
+        auto failed_cleanly = [&] { return !kept && err.error_type == VAEL_PM_ERROR_INTERNAL; };
+        auto w = vael_test::failmem_walk(attempt, failed_cleanly);
+        EXPECT_GE(w.rounds, 2) << c.pattern;
+        kept.reset(); // a walk's account starts with nothing of the last one held
+        w = vael_test::failmem_walk_each_allocation(attempt, failed_cleanly);
+        EXPECT_GE(w.rounds, 2) << c.pattern;
+        if (!refused) {
+            ASSERT_TRUE(kept) << c.pattern;
+            EXPECT_TRUE(vael_pcre_is_valid(kept.get())) << c.pattern;
+        }
+        vael_pmglob_string_destroy(text);
+    }
+}
+
+TEST(PcreFailmem, DuplicateAndLoad) {
+    for (const CompileCase &c : kCompileCases) {
+        if ((c.flags & VAEL_PM_VERIFY_SYNTAX) || c.pattern[0] == '(')
+            continue;
+        auto h = compile(c.pattern, c.flags);
+        ASSERT_TRUE(h);
+        const auto want = behaviour(h.get());
+        auto image = image_of(h.get());
+        Handle kept;
+        auto succeeded = [&] { return kept != nullptr; };
+        auto failed_cleanly = [&] { return !kept; };
+
+        auto dup = [&] {
+            kept.reset(static_cast<vael_pcre_handle *>(vael_pcre_duplicate(h.get())));
+            return succeeded();
+        };
+        vael_test::failmem_walk(dup, failed_cleanly);
+        kept.reset();
+        vael_test::failmem_walk_each_allocation(dup, failed_cleanly);
+        ASSERT_TRUE(kept);
+        h.reset(); // the copy owns nothing of the original
+        EXPECT_EQ(behaviour(kept.get()), want);
+        kept.reset();
+
+        auto flat = [&] {
+            kept = load(image, (uint32_t)image.size());
+            return succeeded();
+        };
+        vael_test::failmem_walk_each_allocation(flat, failed_cleanly);
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(behaviour(kept.get()), want);
+    }
+}
+
+}  // namespace
