@@ -100,6 +100,7 @@ class ThinNfaCompileWalk : public ::testing::TestWithParam<ThinNfaWalkCase> {};
 const std::set<std::string> kThinNfaErrors = {
     "Failed to allocate compilation information", "Failed to allocate state", "Failed to save pattern information",
     "Failed to copy pattern IDs", "Failed to allocate offset list", "Failed to allocate BNFA",
+    "Failed to allocate prefilter",
 };
 
 TEST_P(ThinNfaCompileWalk, EveryAllocationFailureIsClean) {
