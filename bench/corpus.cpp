@@ -442,6 +442,24 @@ const std::vector<unsigned char> &corpus() {
     return data;
 }
 
+const std::vector<unsigned char> &first_bytes_corpus(int count) {
+    static std::array<std::vector<unsigned char>, std::size(kSetSizes)> texts;
+    for (size_t i = 0; i < texts.size(); ++i) {
+        if (kSetSizes[i] != count)
+            continue;
+        if (texts[i].empty()) {
+            const std::vector<Literal> &literals = literal_set(count);
+            Prng rng(0xf1257b7e5ull + static_cast<uint64_t>(count));
+            texts[i].resize(kFirstBytesSize);
+            for (unsigned char &byte : texts[i])
+                byte = static_cast<unsigned char>(literals[rng.below(static_cast<uint32_t>(literals.size()))].bytes[0]);
+        }
+        return texts[i];
+    }
+    std::fprintf(stderr, "vael-bench: no literal set of size %d\n", count);
+    std::abort();
+}
+
 const std::vector<Literal> &literal_set(int count) {
     static std::array<std::vector<Literal>, 3> sets;
     for (size_t i = 0; i < sets.size(); ++i) {

@@ -243,9 +243,15 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
         return -1;
     uint32_t n = nfa->state_num;
     Walk w{nfa, nfa->bnfa, nfa->bnfa_size / 4, nullptr, {}};
+    // Each allocation only after the one before it succeeded: a failure
+    // ends the build at once.
+    uint32_t *queue = nullptr;
+    vael_thin_nfa_prefilter_tables *pf = nullptr;
     w.depth = static_cast<uint8_t *>(VAEL_KMALLOC(n));
-    auto *queue = static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * (size_t)n));
-    auto *pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
+    if (w.depth)
+        queue = static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * (size_t)n));
+    if (queue)
+        pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
     int rc = -1;
     if (!w.depth || !queue || !pf) {
         VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter for %d states\n", (int)n);
