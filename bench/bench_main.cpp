@@ -9,9 +9,10 @@
 //
 // The Thin NFA runs with its candidate prefilter as configured (the default
 // is on) and, in the *NoPrefilter benchmarks, with it off, so one run shows
-// both. The *FirstBytes benchmarks scan the worst case for the prefilter, a
-// text of only the literals' first bytes, after checking that the engines
-// agree on it.
+// both. The *FirstBytes benchmarks scan a text of only the literals' first
+// bytes, the *Prefixes ones a text of their first four bytes back to back
+// (a candidate at least every fourth byte): worst cases for the prefilter,
+// each checked first for agreement of the engines.
 //
 // Besides Google Benchmark's own flags, --summary prints one table of all
 // figures after the run (summary.h).
@@ -21,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <memory>
 
 #include "check.h"
@@ -120,26 +122,42 @@ void BM_ThinNfaExecNoPrefilter(benchmark::State &state) {
     run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM); });
 }
 
-// The worst case text, once checked: the Thin NFA with and without the
+// A worst-case text, once checked: the Thin NFA with and without the
 // prefilter must report what the full-table automaton reports.
-const std::vector<unsigned char> &checked_first_bytes(benchmark::State &state, EngineSet &set) {
-    const std::vector<unsigned char> &data = first_bytes_corpus(set_size(state));
-    static bool checked[std::size(kSetSizes)];
-    size_t index = 0;
-    while (kSetSizes[index] != set_size(state))
-        ++index;
-    if (!checked[index]) {
+const std::vector<unsigned char> &checked_text(benchmark::State &state, EngineSet &set,
+                                               const std::vector<unsigned char> &(*text)(int)) {
+    const std::vector<unsigned char> &data = text(set_size(state));
+    static std::map<const void *, bool> checked_texts;
+    bool *checked = &checked_texts[&data];
+    if (!*checked) {
         const MatchTally want = scan_full_ac(*set.full_ac, data);
         const MatchTally with = scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_ALL_MATCHES, data);
         PrefilterSetting off(0);
         const MatchTally without = scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_ALL_MATCHES, data);
         if (!(want == with) || !(want == without)) {
-            std::fprintf(stderr, "vael-bench: engines disagree on the first-bytes text of set %d\n", set_size(state));
+            std::fprintf(stderr, "vael-bench: engines disagree on a worst-case text of set %d\n", set_size(state));
             std::exit(EXIT_FAILURE);
         }
-        checked[index] = true;
+        *checked = true;
     }
     return data;
+}
+
+const std::vector<unsigned char> &checked_first_bytes(benchmark::State &state, EngineSet &set) {
+    return checked_text(state, set, first_bytes_corpus);
+}
+
+void BM_ThinNfaExecPrefixes(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_text(state, set, prefixes_corpus);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
+}
+
+void BM_ThinNfaExecPrefixesNoPrefilter(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_text(state, set, prefixes_corpus);
+    PrefilterSetting off(0);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
 }
 
 void BM_ThinNfaExecFirstBytes(benchmark::State &state) {
@@ -218,6 +236,8 @@ BENCHMARK(BM_ThinNfaExecNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMil
 BENCHMARK(BM_ThinNfaExecFirstBytes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ThinNfaExecFirstBytesNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullAcScanFirstBytes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecPrefixes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecPrefixesNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullAcBuild)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullAcScan)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 #ifdef VAEL_HAVE_VECTORSCAN
