@@ -164,9 +164,10 @@ inline const uint32_t *step(const uint32_t *bnfa, const uint32_t *state, unsigne
     }
 }
 
-// Skips at root: a prefilter call that gains fewer bytes than this costs more
-// than the automaton would have, so the search backs off for a while, twice
-// as long each time it is fruitless in a row.
+// A search that skips fewer bytes than kMinUsefulSkip cost more than the
+// automaton would have: the run then leaves the search alone for a stretch,
+// twice as long after each such search in a row, back to the first length
+// after a search that paid off.
 constexpr ptrdiff_t kMinUsefulSkip = 8;
 constexpr ptrdiff_t kFirstBackoff = 16;
 constexpr ptrdiff_t kMaxBackoff = 1024;
