@@ -7,6 +7,13 @@
 // 64 KiB buffers per iteration and report bytes per second and the matches
 // of one pass; compiles report time and the size of what they built.
 //
+// The Thin NFA runs with its candidate prefilter as configured (the default
+// is on) and, in the *NoPrefilter benchmarks, with it off, so one run shows
+// both. The *FirstBytes benchmarks scan a text of only the literals' first
+// bytes, the *Prefixes ones a text of their first four bytes back to back
+// (a candidate at least every fourth byte): worst cases for the prefilter,
+// each checked first for agreement of the engines.
+//
 // Besides Google Benchmark's own flags, --summary prints one table of all
 // figures after the run (summary.h).
 #include <benchmark/benchmark.h>
@@ -15,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <memory>
 
 #include "check.h"
@@ -36,16 +44,16 @@ int set_size(const benchmark::State &state) {
     return static_cast<int>(state.range(0));
 }
 
-// Shared by every scan benchmark: one corpus pass per iteration.
+// Shared by every scan benchmark: one pass over `data` per iteration.
 template <typename Scan>
-void run_scan(benchmark::State &state, Scan &&scan) {
+void run_scan(benchmark::State &state, Scan &&scan, const std::vector<unsigned char> &data = corpus()) {
     uint64_t matches = 0;
     for (auto _ : state) {
         const MatchTally tally = scan();
         matches = tally.count;
         benchmark::DoNotOptimize(matches);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(corpus().size()));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(data.size()));
     state.counters["matches"] = static_cast<double>(matches);
 }
 
@@ -57,8 +65,10 @@ void BM_ThinNfaCompile(benchmark::State &state) {
         vael_thin_nfa_destroy(nfa);
         state.ResumeTiming();
     }
-    if (bnfa_size_known())
+    if (bnfa_size_known()) {
         state.counters["bnfa_bytes"] = static_cast<double>(set.bnfa_bytes);
+        state.counters["prefilter_bytes"] = static_cast<double>(set.prefilter_bytes);
+    }
     state.counters["engine_bytes"] = static_cast<double>(set.engine_bytes);
 }
 
@@ -94,6 +104,79 @@ void BM_PmExecAllMatches(benchmark::State &state) {
 void BM_ThinNfaExec(benchmark::State &state) {
     EngineSet &set = engine_set(set_size(state));
     run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM); });
+}
+
+// Sets the Thin NFA's prefilter tunable for a scope.
+class PrefilterSetting {
+public:
+    explicit PrefilterSetting(int value) : saved_(vael_thin_nfa_prefilter) { vael_thin_nfa_prefilter = value; }
+    ~PrefilterSetting() { vael_thin_nfa_prefilter = saved_; }
+
+private:
+    int saved_;
+};
+
+void BM_ThinNfaExecNoPrefilter(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    PrefilterSetting off(0);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM); });
+}
+
+// A worst-case text, once checked: the Thin NFA with and without the
+// prefilter must report what the full-table automaton reports.
+const std::vector<unsigned char> &checked_text(benchmark::State &state, EngineSet &set,
+                                               const std::vector<unsigned char> &(*text)(int)) {
+    const std::vector<unsigned char> &data = text(set_size(state));
+    static std::map<const void *, bool> checked_texts;
+    bool *checked = &checked_texts[&data];
+    if (!*checked) {
+        const MatchTally want = scan_full_ac(*set.full_ac, data);
+        const MatchTally with = scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_ALL_MATCHES, data);
+        PrefilterSetting off(0);
+        const MatchTally without = scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_ALL_MATCHES, data);
+        if (!(want == with) || !(want == without)) {
+            std::fprintf(stderr, "vael-bench: engines disagree on a worst-case text of set %d\n", set_size(state));
+            std::exit(EXIT_FAILURE);
+        }
+        *checked = true;
+    }
+    return data;
+}
+
+const std::vector<unsigned char> &checked_first_bytes(benchmark::State &state, EngineSet &set) {
+    return checked_text(state, set, first_bytes_corpus);
+}
+
+void BM_ThinNfaExecPrefixes(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_text(state, set, prefixes_corpus);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
+}
+
+void BM_ThinNfaExecPrefixesNoPrefilter(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_text(state, set, prefixes_corpus);
+    PrefilterSetting off(0);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
+}
+
+void BM_ThinNfaExecFirstBytes(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_first_bytes(state, set);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
+}
+
+void BM_ThinNfaExecFirstBytesNoPrefilter(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_first_bytes(state, set);
+    PrefilterSetting off(0);
+    run_scan(state, [&] { return scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM, data); }, data);
+}
+
+void BM_FullAcScanFirstBytes(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_first_bytes(state, set);
+    run_scan(state, [&] { return scan_full_ac(*set.full_ac, data); }, data);
 }
 
 void BM_FullAcBuild(benchmark::State &state) {
@@ -135,6 +218,12 @@ void BM_VectorscanScan(benchmark::State &state) {
     EngineSet &set = engine_set(set_size(state));
     run_scan(state, [&] { return scan_vectorscan(*set.vectorscan); });
 }
+
+void BM_VectorscanScanFirstBytes(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    const std::vector<unsigned char> &data = checked_first_bytes(state, set);
+    run_scan(state, [&] { return scan_vectorscan(*set.vectorscan, data); }, data);
+}
 #endif
 
 BENCHMARK(BM_ThinNfaCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
@@ -143,11 +232,18 @@ BENCHMARK(BM_PmExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmExecVbuf1500)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmExecAllMatches)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ThinNfaExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecFirstBytes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecFirstBytesNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FullAcScanFirstBytes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecPrefixes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ThinNfaExecPrefixesNoPrefilter)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullAcBuild)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FullAcScan)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 #ifdef VAEL_HAVE_VECTORSCAN
 BENCHMARK(BM_VectorscanCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_VectorscanScan)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VectorscanScanFirstBytes)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 #endif
 
 // Removes our own flag from argv; Google Benchmark rejects flags it does not know.

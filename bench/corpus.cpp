@@ -442,6 +442,46 @@ const std::vector<unsigned char> &corpus() {
     return data;
 }
 
+namespace {
+
+// Per set size, a text of kFirstBytesSize bytes made by appending
+// piece(literal) of randomly drawn literals.
+template <typename Piece>
+const std::vector<unsigned char> &literal_text(std::array<std::vector<unsigned char>, std::size(kSetSizes)> &texts,
+                                               int count, uint64_t seed, Piece &&piece) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+        if (kSetSizes[i] != count)
+            continue;
+        if (texts[i].empty()) {
+            const std::vector<Literal> &literals = literal_set(count);
+            Prng rng(seed + static_cast<uint64_t>(count));
+            while (texts[i].size() < kFirstBytesSize) {
+                const std::string_view bytes = piece(literals[rng.below(static_cast<uint32_t>(literals.size()))]);
+                texts[i].insert(texts[i].end(), bytes.begin(), bytes.end());
+            }
+            texts[i].resize(kFirstBytesSize);
+        }
+        return texts[i];
+    }
+    std::fprintf(stderr, "vael-bench: no literal set of size %d\n", count);
+    std::abort();
+}
+
+}  // namespace
+
+const std::vector<unsigned char> &first_bytes_corpus(int count) {
+    static std::array<std::vector<unsigned char>, std::size(kSetSizes)> texts;
+    return literal_text(texts, count, 0xf1257b7e5ull,
+                        [](const Literal &literal) { return std::string_view(literal.bytes).substr(0, 1); });
+}
+
+const std::vector<unsigned char> &prefixes_corpus(int count) {
+    static std::array<std::vector<unsigned char>, std::size(kSetSizes)> texts;
+    return literal_text(texts, count, 0x9ef1c35ull,
+                        [](const Literal &literal) { return std::string_view(literal.bytes).substr(0, 4); });
+}
+
+
 const std::vector<Literal> &literal_set(int count) {
     static std::array<std::vector<Literal>, 3> sets;
     for (size_t i = 0; i < sets.size(); ++i) {

@@ -63,6 +63,16 @@ struct Literal {
 // The corpus, generated on first use.
 const std::vector<unsigned char> &corpus();
 
+// The worst case for a scan that skips bytes where no literal can start: a
+// text of only the first bytes of the set's literals, each drawn as often as
+// literals open with it, so that every byte may start a match. 4 MiB, made on
+// first use.
+constexpr size_t kFirstBytesSize = 4 * 1024 * 1024;
+const std::vector<unsigned char> &first_bytes_corpus(int count);
+// Harsher still: the first four bytes of randomly drawn literals back to
+// back, so a candidate starts at least every fourth byte. Same size.
+const std::vector<unsigned char> &prefixes_corpus(int count);
+
 // The first `count` literals (count at most 10,000), generated on first use.
 const std::vector<Literal> &literal_set(int count);
 

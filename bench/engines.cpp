@@ -14,6 +14,7 @@
 // that header reports it, any other falls back to the memory account.
 #if __has_include("tier1/vael_thin_nfa_internal.h")
 #include "tier1/vael_thin_nfa_internal.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
 #define VAEL_BENCH_SEES_BNFA 1
 #endif
 
@@ -39,8 +40,7 @@ int tally_match(vael_pm_handle *, int32_t id, void *user_arg, const unsigned cha
 
 // Runs scan_buffer(tally, buf, len) over every chunk of the corpus.
 template <typename ScanBuffer>
-MatchTally scan_corpus(ScanBuffer &&scan_buffer) {
-    const std::vector<unsigned char> &data = corpus();
+MatchTally scan_corpus(ScanBuffer &&scan_buffer, const std::vector<unsigned char> &data = corpus()) {
     MatchTally tally;
     for (size_t base = 0; base < data.size(); base += kChunkSize) {
         tally.chunk_base = base;
@@ -61,6 +61,7 @@ EngineSet::EngineSet(int size) : literals(literal_set(size)) {
     engine_bytes = vael_pmglob_memory_get_alloc_total() - before;
 #ifdef VAEL_BENCH_SEES_BNFA
     bnfa_bytes = static_cast<size_t>(thin_nfa->bnfa_size);
+    prefilter_bytes = vael_thin_nfa_prefilter_memory(thin_nfa);
 #endif
     pm_patterns = make_pm_patterns(literals);
     pm = compile_pm(pm_patterns);
@@ -176,7 +177,7 @@ MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_si
     });
 }
 
-MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags) {
+MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vector<unsigned char> &data) {
     return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
         lst_list *queue = nullptr;
         if (vael_thin_nfa_exec(nfa, buf, static_cast<uint32_t>(len), nullptr, 0, &queue, exec_flags, nullptr) != 0)
@@ -189,13 +190,13 @@ MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags) {
             tally.add(hit->id, hit->offset);
         }
         lst_destroy(queue);  // frees the match records too
-    });
+    }, data);
 }
 
-MatchTally scan_full_ac(const FullAc &ac) {
+MatchTally scan_full_ac(const FullAc &ac, const std::vector<unsigned char> &data) {
     return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
         ac.scan(buf, len, [&tally](int32_t id, uint32_t end) { tally.add(id, end); });
-    });
+    }, data);
 }
 
 MatchTally scan_full_ac_first_per_buffer(const FullAc &ac, size_t literal_count) {
@@ -213,13 +214,13 @@ MatchTally scan_full_ac_first_per_buffer(const FullAc &ac, size_t literal_count)
 }
 
 #ifdef VAEL_HAVE_VECTORSCAN
-MatchTally scan_vectorscan(Vectorscan &vs) {
+MatchTally scan_vectorscan(Vectorscan &vs, const std::vector<unsigned char> &data) {
     return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
         auto on_match = [&tally](int32_t id, uint32_t end) {
             tally.add(id, end);
         };
         vs.scan(buf, len, on_match);
-    });
+    }, data);
 }
 #endif
 

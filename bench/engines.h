@@ -36,6 +36,7 @@ struct EngineSet {
     vael_pmglob_patterns *pmglob_list = nullptr;  // input of vael_thin_nfa_compile
     vael_thin_nfa *thin_nfa = nullptr;
     size_t bnfa_bytes = 0;      // the BNFA alone; 0 when the build cannot see it
+    size_t prefilter_bytes = 0; // the candidate filter beside it; 0 when the build cannot see it
     intptr_t engine_bytes = 0;  // growth of the PM memory account over the compile
     vael_pm_patterns *pm_patterns = nullptr;
     vael_pm_handle *pm = nullptr;
@@ -63,17 +64,18 @@ vael_thin_nfa *compile_thin_nfa(vael_pmglob_patterns *list);
 // vael_pm_compile with the tallying callback, exiting with a message on failure.
 vael_pm_handle *compile_pm(vael_pm_patterns *patterns);
 
-// Corpus scans. exec_flags go to the library call as they are.
+// Corpus scans, of the traffic corpus unless another text is given. exec_flags
+// go to the library call as they are.
 MatchTally scan_pm(vael_pm_handle *pm, uint32_t exec_flags);
 // Each chunk as a virtual buffer of block_size blocks (packets) and no
 // present buffer.
 MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_size);
-MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags);
-MatchTally scan_full_ac(const FullAc &ac);
+MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vector<unsigned char> &data = corpus());
+MatchTally scan_full_ac(const FullAc &ac, const std::vector<unsigned char> &data = corpus());
 // Only the first end offset of each literal in each buffer.
 MatchTally scan_full_ac_first_per_buffer(const FullAc &ac, size_t literal_count);
 #ifdef VAEL_HAVE_VECTORSCAN
-MatchTally scan_vectorscan(Vectorscan &vs);
+MatchTally scan_vectorscan(Vectorscan &vs, const std::vector<unsigned char> &data = corpus());
 #endif
 
 }  // namespace vael_bench

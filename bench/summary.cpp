@@ -83,16 +83,24 @@ void SummaryReporter::print_table(std::ostream &out) const {
     static const Column kColumns[] = {
         {"Thin NFA compile ms", "BM_ThinNfaCompile", Kind::Milliseconds, nullptr, false},
         {"BNFA KiB", "BM_ThinNfaCompile", Kind::KibibytesCounter, "bnfa_bytes", false},
+        {"prefilter KiB", "BM_ThinNfaCompile", Kind::KibibytesCounter, "prefilter_bytes", false},
         {"pm_exec MB/s", "BM_PmExec", Kind::MegabytesPerSecond, nullptr, false},
         {"pm_exec all MB/s", "BM_PmExecAllMatches", Kind::MegabytesPerSecond, nullptr, false},
         {"pm_exec vbuf MB/s", "BM_PmExecVbuf1500", Kind::MegabytesPerSecond, nullptr, false},
         {"raw exec MB/s", "BM_ThinNfaExec", Kind::MegabytesPerSecond, nullptr, false},
+        {"raw no-pf MB/s", "BM_ThinNfaExecNoPrefilter", Kind::MegabytesPerSecond, nullptr, false},
         {"full AC build ms", "BM_FullAcBuild", Kind::Milliseconds, nullptr, false},
         {"full AC MB/s", "BM_FullAcScan", Kind::MegabytesPerSecond, nullptr, false},
         {"full AC KiB", "BM_FullAcBuild", Kind::KibibytesCounter, "memory_bytes", false},
         {"Vectorscan compile ms", "BM_VectorscanCompile", Kind::Milliseconds, nullptr, true},
         {"Vectorscan MB/s", "BM_VectorscanScan", Kind::MegabytesPerSecond, nullptr, true},
         {"Vectorscan KiB", "BM_VectorscanCompile", Kind::KibibytesCounter, "database_bytes", true},
+        {"1st-bytes raw MB/s", "BM_ThinNfaExecFirstBytes", Kind::MegabytesPerSecond, nullptr, false},
+        {"1st-bytes no-pf MB/s", "BM_ThinNfaExecFirstBytesNoPrefilter", Kind::MegabytesPerSecond, nullptr, false},
+        {"1st-bytes full AC MB/s", "BM_FullAcScanFirstBytes", Kind::MegabytesPerSecond, nullptr, false},
+        {"1st-bytes Vectorscan MB/s", "BM_VectorscanScanFirstBytes", Kind::MegabytesPerSecond, nullptr, true},
+        {"prefixes raw MB/s", "BM_ThinNfaExecPrefixes", Kind::MegabytesPerSecond, nullptr, false},
+        {"prefixes no-pf MB/s", "BM_ThinNfaExecPrefixesNoPrefilter", Kind::MegabytesPerSecond, nullptr, false},
     };
 #ifdef VAEL_HAVE_VECTORSCAN
     constexpr bool have_vectorscan = true;
@@ -167,8 +175,11 @@ void SummaryReporter::print_table(std::ostream &out) const {
         << " KiB buffers; MB/s = 10^6 bytes per second, KiB = 1024 bytes.\n"
         << "pm_exec: vael_pm_exec_ex with exec flags 0 (first hit per literal and buffer); pm_exec all: with\n"
         << "VAEL_PM_EXEC_ALL_MATCHES; pm_exec vbuf: flags 0, each buffer a virtual buffer of 1,500-byte blocks;\n"
-        << "raw exec: vael_thin_nfa_exec with VAEL_PM_EXEC_FROM_PM. matches: (literal,\n"
-        << "end offset) pairs over the corpus, which every engine reported alike before timing began.\n\n";
+        << "raw exec: vael_thin_nfa_exec with VAEL_PM_EXEC_FROM_PM; raw no-pf: the same with the prefilter off\n"
+        << "(vael_thin_nfa_prefilter=0). 1st-bytes: a " << kFirstBytesSize / (1024 * 1024)
+        << " MiB text of only the literals' first bytes; prefixes: their first four bytes back to back.\n"
+        << "matches: (literal, end offset) pairs over the corpus, which every engine reported alike before\n"
+        << "timing began.\n\n";
     print_row(header);
     out << '|';
     for (size_t width : widths)

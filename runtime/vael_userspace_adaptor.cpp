@@ -422,6 +422,7 @@ const Tunable kTunables[] = {
     {"vael_thin_nfa_full_tiers_num", &vael_thin_nfa_full_tiers_num},
     {"vael_thin_nfa_max_partial_trans", &vael_thin_nfa_max_partial_trans},
     {"vael_thin_nfa_optimize_contig_chars", &vael_thin_nfa_optimize_contig_chars},
+    {"vael_thin_nfa_prefilter", &vael_thin_nfa_prefilter},
     {"vael_pm_allow_null_in_pattern", &vael_pm_allow_null_in_pattern},
     {"vael_pm_pcre_use_dfa_exec", &vael_pm_pcre_use_dfa_exec},
     {"vael_pm_stats_take_exec_time", &vael_pm_stats_take_exec_time},

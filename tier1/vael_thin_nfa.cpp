@@ -11,6 +11,7 @@
 
 #include "runtime/vael_runtime.h"
 #include "tier1/vael_thin_nfa_internal.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ struct vael_thin_nfa_run_state {
     lst_list **matches;
     const vael_pm_mask *mask;
     uint32_t piece_offset; // stream offset of the first byte of the piece being scanned
+    vael_thin_nfa_prefilter_find_fn find; // candidate search while at the root; null: none
 };
 
 }  // namespace
@@ -56,6 +58,7 @@ extern "C" void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head) {
 extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
     if (!nfa)
         return;
+    vael_thin_nfa_prefilter_free(nfa);
     if (nfa->bnfa)
         VAEL_PM_KFREE(nfa->bnfa, (size_t)nfa->bnfa_size + BNFA_READ_PAD);
     vael_pm_stats_common_free(&nfa->stats.common);
@@ -161,7 +164,15 @@ inline const uint32_t *step(const uint32_t *bnfa, const uint32_t *state, unsigne
     }
 }
 
-template <bool kXlate>
+// A search that skips fewer bytes than kMinUsefulSkip cost more than the
+// automaton would have: the run then leaves the search alone for a stretch,
+// twice as long after each such search in a row, back to the first length
+// after a search that paid off.
+constexpr ptrdiff_t kMinUsefulSkip = 8;
+constexpr ptrdiff_t kFirstBackoff = 16;
+constexpr ptrdiff_t kMaxBackoff = 1024;
+
+template <bool kXlate, bool kPrefilter>
 int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
                                   uint32_t flags, const unsigned char *xlation_tab) {
     if (length == 0)
@@ -172,14 +183,57 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
     const unsigned char *end = data + length;
     auto next_byte = [&]() -> unsigned char { return kXlate ? xlation_tab[*p++] : *p++; };
 
+    // With the prefilter the fast loop stops at the root as well: full
+    // non-finite states other than the root lie in [past_root, full_end),
+    // and one unsigned compare tests both bounds.
+    const uint32_t *past_root = bnfa + BNFA_FULL_STATE_WORDS;
+    const size_t past_root_span = full_end > past_root ? (size_t)(full_end - past_root) : 0;
+    // Positions from here on are left to the automaton: their windows would
+    // reach past the piece, and the state carries into the next piece.
+    const unsigned char *search_end = length >= THIN_NFA_PREFILTER_LOAD ? end - (THIN_NFA_PREFILTER_LOAD - 1) : data;
+    const unsigned char *next_search = data;
+    ptrdiff_t backoff = kFirstBackoff;
+    const vael_thin_nfa_prefilter_tables *pf = run->nfa->prefilter;
+
     // The state the run stood in was examined at the end of the last piece.
     const uint32_t *s = step(bnfa, run->state, next_byte());
     while (p < end) {
         // Every state reached is examined here once. Full states that are
         // not finite lie below full_end: raw bytes straight into the table.
-        if (__builtin_expect(s < full_end, 1)) {
-            s = bnfa + s[1 + *p++];
-            continue;
+        if (!kPrefilter) {
+            if (__builtin_expect(s < full_end, 1)) {
+                s = bnfa + s[1 + *p++];
+                continue;
+            }
+        } else {
+            if (__builtin_expect((size_t)(s - past_root) < past_root_span, 1)) {
+                // A state one byte below the root is the root's own entry
+                // for the last byte. The only match it can lead to starts at
+                // that byte; when none can start there, the root serves as
+                // well, and the search may skip again.
+                if (s != bnfa + bnfa[1 + p[-1]] || p >= search_end || p < next_search ||
+                    vael_thin_nfa_prefilter_test(pf, p - 1)) {
+                    s = bnfa + s[1 + *p++];
+                    continue;
+                }
+                s = bnfa;
+            }
+            if (s == bnfa) {
+                // At the root nothing read so far can take part in a match:
+                // go straight to the next position where a pattern can start.
+                if (p >= next_search && p < search_end) {
+                    const unsigned char *q = run->find(pf, p, end);
+                    if (q - p < kMinUsefulSkip) {
+                        next_search = q + backoff;
+                        backoff = backoff < kMaxBackoff ? 2 * backoff : kMaxBackoff;
+                    } else {
+                        backoff = kFirstBackoff;
+                    }
+                    p = q;
+                }
+                s = bnfa + bnfa[1 + *p++];
+                continue;
+            }
         }
         if (*s & BNFA_STATE_FINITE) {
             if (vael_thin_nfa_handle_match(run, s, (uint32_t)(p - data), length, flags) != 0)
@@ -197,12 +251,16 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
 
 int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
                                uint32_t flags) {
-    return vael_thin_nfa_exec_one_buf_ex<false>(run, data, length, flags, nullptr);
+    if (run->find)
+        return vael_thin_nfa_exec_one_buf_ex<false, true>(run, data, length, flags, nullptr);
+    return vael_thin_nfa_exec_one_buf_ex<false, false>(run, data, length, flags, nullptr);
 }
 
 int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
                                      uint32_t flags) {
-    return vael_thin_nfa_exec_one_buf_ex<true>(run, data, length, flags, run->nfa->xlation_tab);
+    if (run->find)
+        return vael_thin_nfa_exec_one_buf_ex<true, true>(run, data, length, flags, run->nfa->xlation_tab);
+    return vael_thin_nfa_exec_one_buf_ex<true, false>(run, data, length, flags, run->nfa->xlation_tab);
 }
 
 }  // namespace
@@ -218,7 +276,8 @@ extern "C" int vael_thin_nfa_exec(vael_thin_nfa *nfa, const unsigned char *buffe
     // data is then the vbuf's last block.
     bool have_flat = buffer && length;
     auto scan = (nfa->flags & THIN_NFA_FLAG_XLATION) ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf;
-    vael_thin_nfa_run_state run = {nfa, nfa->bnfa, matches, mask, 0};
+    vael_thin_nfa_run_state run = {nfa, nfa->bnfa, matches, mask, 0,
+                                   nfa->prefilter ? vael_thin_nfa_prefilter_select() : nullptr};
     uint32_t scanned = 0;
     int rc = 0;
 

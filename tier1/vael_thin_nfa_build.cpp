@@ -7,6 +7,7 @@
 
 #include "runtime/vael_runtime.h"
 #include "tier1/vael_thin_nfa_comp.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ const char kErrOffsetList[] = "Failed to allocate offset list";
 const char kErrBnfa[] = "Failed to allocate BNFA";
 const char kErrNotInitial[] = "State 0 not initial";
 const char kErrBnfaLimit[] = "State exceeds BNFA limit";
+const char kErrPrefilter[] = "Failed to allocate prefilter";
 
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 
@@ -165,6 +167,14 @@ extern "C" vael_thin_nfa *vael_thin_nfa_build_bnfa(vael_thin_nfa_comp *comp) {
         }
         nfa->stats.num_states = comp->state_num;
         nfa->stats.num_final_states = comp->finite_state_num;
+        // The candidate filter is derived from the finished BNFA alone, as a
+        // copied or loaded handle derives it again.
+        if (vael_thin_nfa_prefilter_build(nfa) != 0) {
+            vael_pm_error_set_details(comp->error, VAEL_PM_ERROR_INTERNAL, kErrPrefilter);
+            vael_thin_nfa_destroy(nfa);
+            VAEL_KFREE(layout.offsets, sizeof(uint32_t) * layout.states);
+            return nullptr;
+        }
         VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: %u states, %u final, BNFA %u bytes of which %u in full states\n",
                  nfa->state_num, nfa->stats.num_final_states, nfa->bnfa_size, nfa->bnfa_full_size);
     }

@@ -83,6 +83,7 @@ struct vael_thin_nfa {
     vael_thin_nfa_pattern_id **pattern_ids; /* per state ID; null for a state that is not finite */
     vael_thin_nfa_stats stats;
     unsigned char xlation_tab[256];         /* input byte to canonical byte; zero when unused */
+    struct vael_thin_nfa_prefilter_tables *prefilter; /* derived from the BNFA; null until built */
 };
 
 vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size);

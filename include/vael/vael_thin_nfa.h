@@ -24,6 +24,10 @@ typedef struct vael_thin_nfa vael_thin_nfa;
 extern int vael_thin_nfa_full_tiers_num;        /* states shallower than this are full; default 2 */
 extern int vael_thin_nfa_max_partial_trans;     /* more transitions than this make a state full; default 63 */
 extern int vael_thin_nfa_optimize_contig_chars; /* ends of one-byte runs from the root are full; default 1 */
+/* Read at each run: 0 the automaton reads every byte; 1 (default) a candidate
+ * search skips input where no pattern can start, with AVX2 where the CPU has
+ * it; 2 the same with the plain search. Results never differ. */
+extern int vael_thin_nfa_prefilter;
 
 /* compile_flags: VAEL_PM_CASELESS, VAEL_PM_DIGITLESS. Each string's id is
  * reported, its flags are the LSS flags. Null on failure, with the text in

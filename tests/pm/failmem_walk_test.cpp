@@ -68,7 +68,8 @@ class CompileWalk : public ::testing::TestWithParam<WalkCase> {};
 // The texts the Thin NFA compile may give; a failed translation table gives none.
 const std::set<std::string> kThinNfaErrors = {
     "Failed to allocate compilation information", "Failed to allocate state", "Failed to save pattern information",
-    "Failed to copy pattern IDs", "Failed to allocate offset list", "Failed to allocate BNFA"};
+    "Failed to copy pattern IDs", "Failed to allocate offset list", "Failed to allocate BNFA",
+    "Failed to allocate prefilter"};
 
 TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
     const WalkCase &c = GetParam();

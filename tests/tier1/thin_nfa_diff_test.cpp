@@ -2,7 +2,8 @@
 // prefixes and repeats are the rule, held against a brute-force matcher: once
 // through the raw Thin NFA and once through a compiled PM, under every
 // combination of folding and of the tunables that decide which states are
-// full. Seeds are fixed, so a failure always comes back the same.
+// full, and with the candidate prefilter off, on its plain search and on its
+// AVX2 search. Seeds are fixed, so a failure always comes back the same.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,12 +16,21 @@
 #include <vector>
 
 #include "tests/support/vael_test_support.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
 
 namespace {
 
 using vael_test::Hit;
 using vael_test::Pattern;
 using vael_test::ScopedGlobal;
+
+// Off, the plain search, and AVX2 where the CPU has it.
+std::vector<int> prefilter_modes() {
+    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
+    if (vael_thin_nfa_prefilter_find_avx2_fn())
+        modes.push_back(THIN_NFA_PREFILTER_AUTO);
+    return modes;
+}
 
 struct Config {
     uint32_t compile_flags;
@@ -82,13 +92,15 @@ class Generator {
     std::vector<Pattern> patterns(uint32_t flags) {
         std::vector<Pattern> out;
         const int n = uniform(1, 40);
+        // Sets without short patterns get a prefilter window of 2 to 4 bytes.
+        const int min_len = chance(40) ? uniform(2, 5) : 1;
         int32_t next_id = uniform(0, 5) * 100;
         auto add = [&](std::string text) { out.push_back({std::move(text), next_id++ * 3 + 1}); };
         if (chance(30)) {
             // A few stems, each followed by many different symbols: states
             // with wide fan-out, full or searched by halves.
             for (int stems = uniform(1, 3); stems > 0 && (int)out.size() < n; stems--) {
-                const std::string stem = word(1, 3);
+                const std::string stem = word(std::max(1, min_len - 1), std::max(3, min_len - 1));
                 for (int k = uniform(2, (int)alphabet_.size()); k > 0 && (int)out.size() < n; k--)
                     add(stem + symbol());
             }
@@ -97,9 +109,9 @@ class Generator {
             if (!out.empty() && chance(15))
                 add(respell(out[uniform(0, (int)out.size() - 1)].text, flags)); // same text, new id
             else if (!out.empty() && chance(15))
-                add(out[uniform(0, (int)out.size() - 1)].text.substr(0, uniform(1, 8))); // a prefix
+                add(out[uniform(0, (int)out.size() - 1)].text.substr(0, uniform(min_len, 8))); // a prefix
             else
-                add(word(1, 8));
+                add(word(min_len, 8));
         }
         return out;
     }
@@ -183,30 +195,43 @@ class ThinNfaDifferential : public testing::TestWithParam<const char *> {
             if (text.empty())
                 log.emplace();
 
-            std::vector<Hit> hits;
-            ASSERT_EQ(nfa.exec(text, &hits, VAEL_PM_EXEC_ALL_MATCHES), want_rc);
-            expect_queue_order(hits);
-            for (const auto &h : hits) {
-                if (h.hint != length_of[h.id] || h.match_flags != VAEL_PMGLOB_MATCH_KEEP_ALL) {
-                    ADD_FAILURE() << "hit of id " << h.id << " at " << h.offset << ": length " << h.hint
-                                  << ", match flags " << h.match_flags;
-                    break;
+            // The queue of the plain run, which every prefilter run must
+            // repeat in the same order.
+            std::vector<Hit> plain_all, plain_first;
+            for (int mode : prefilter_modes()) {
+                ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
+                SCOPED_TRACE("prefilter " + std::to_string(mode));
+                std::vector<Hit> hits;
+                ASSERT_EQ(nfa.exec(text, &hits, VAEL_PM_EXEC_ALL_MATCHES), want_rc);
+                expect_queue_order(hits);
+                if (mode == THIN_NFA_PREFILTER_OFF)
+                    plain_all = hits;
+                EXPECT_EQ(hits, plain_all);
+                for (const auto &h : hits) {
+                    if (h.hint != length_of[h.id] || h.match_flags != VAEL_PMGLOB_MATCH_KEEP_ALL) {
+                        ADD_FAILURE() << "hit of id " << h.id << " at " << h.offset << ": length " << h.hint
+                                      << ", match flags " << h.match_flags;
+                        break;
+                    }
                 }
-            }
-            EXPECT_EQ(vael_test::sorted(hits), all);
+                EXPECT_EQ(vael_test::sorted(hits), all);
 
-            ASSERT_EQ(nfa.exec(text, &hits, 0), want_rc);
-            expect_queue_order(hits);
-            EXPECT_EQ(vael_test::sorted(hits), first);
+                ASSERT_EQ(nfa.exec(text, &hits, 0), want_rc);
+                expect_queue_order(hits);
+                if (mode == THIN_NFA_PREFILTER_OFF)
+                    plain_first = hits;
+                EXPECT_EQ(hits, plain_first);
+                EXPECT_EQ(vael_test::sorted(hits), first);
 
-            for (uint32_t flags : {VAEL_PM_EXEC_ALL_MATCHES, 0u}) {
-                std::vector<Hit> delivered;
-                EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()),
-                                          (uint32_t)text.size(), nullptr, nullptr, &delivered, flags),
-                          want_rc);
-                EXPECT_TRUE(std::is_sorted(delivered.begin(), delivered.end(),
-                                           [](const Hit &a, const Hit &b) { return a.offset < b.offset; }));
-                EXPECT_EQ(vael_test::sorted(delivered), flags ? all : first) << "through the PM, flags " << flags;
+                for (uint32_t flags : {VAEL_PM_EXEC_ALL_MATCHES, 0u}) {
+                    std::vector<Hit> delivered;
+                    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()),
+                                              (uint32_t)text.size(), nullptr, nullptr, &delivered, flags),
+                              want_rc);
+                    EXPECT_TRUE(std::is_sorted(delivered.begin(), delivered.end(),
+                                               [](const Hit &a, const Hit &b) { return a.offset < b.offset; }));
+                    EXPECT_EQ(vael_test::sorted(delivered), flags ? all : first) << "through the PM, flags " << flags;
+                }
             }
             if (log) {
                 EXPECT_TRUE(log->contains("Illegal arguments")) << log->text();

@@ -1,7 +1,8 @@
 // The Thin NFA over a stream: a virtual buffer of blocks, then the present
 // buffer. The automaton's state carries from block to block, offsets count
 // from the start of the stream, and the end of the data is the last block
-// when the present buffer is empty.
+// when the present buffer is empty. Stream runs are held against the flat
+// run without the prefilter, under every prefilter setting.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,11 +12,29 @@
 #include <utility>
 #include <vector>
 
+#include "tier1/vael_thin_nfa_prefilter.h"
 #include "vael/vael_apps.h"
 
 namespace {
 
 using Hit = std::pair<int32_t, uint32_t>; // (id, end offset)
+
+// Off, the plain search, and AVX2 where the CPU has it.
+std::vector<int> prefilter_modes() {
+    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
+    if (vael_thin_nfa_prefilter_find_avx2_fn())
+        modes.push_back(THIN_NFA_PREFILTER_AUTO);
+    return modes;
+}
+
+class ScopedPrefilter {
+  public:
+    explicit ScopedPrefilter(int mode) : saved_(vael_thin_nfa_prefilter) { vael_thin_nfa_prefilter = mode; }
+    ~ScopedPrefilter() { vael_thin_nfa_prefilter = saved_; }
+
+  private:
+    int saved_;
+};
 
 struct Engine {
     vael_thin_nfa *nfa = nullptr;
@@ -160,9 +179,69 @@ TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
             continue;
         Stream s(blocks);
         for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
-            auto expected = run(e, nullptr, text, 0, exec_flags);
-            auto got = run(e, s.vbuf, present, 0, exec_flags);
-            ASSERT_EQ(got, expected) << "round " << round << " text " << text;
+            std::vector<Hit> expected;
+            {
+                ScopedPrefilter off(THIN_NFA_PREFILTER_OFF);
+                expected = run(e, nullptr, text, 0, exec_flags);
+            }
+            for (int mode : prefilter_modes()) {
+                ScopedPrefilter prefilter(mode);
+                ASSERT_EQ(run(e, s.vbuf, present, 0, exec_flags), expected)
+                    << "round " << round << " prefilter " << mode << " text " << text;
+                ASSERT_EQ(run(e, nullptr, text, 0, exec_flags), expected)
+                    << "round " << round << " prefilter " << mode << " flat, text " << text;
+            }
+        }
+    }
+}
+
+// Short texts cut into two at every position, once as two blocks and once as
+// a block and the present buffer: a pattern whose beginning is cut off by the
+// end of a block is found all the same, whatever part of it the prefilter
+// could not see. Sets with 1-byte patterns, long patterns, and both; texts
+// where every byte may start a pattern, and texts where candidates fall just
+// before a cut.
+TEST(ThinNfaStream, EverySplitOfShortTextsMatchesTheFlatScan) {
+    struct Case {
+        std::vector<std::string> patterns;
+        uint32_t compile_flags;
+        std::string text;
+    };
+    const std::string long_text = "zz" + std::string(30, 'x') + "abcdefgh" + std::string(27, 'y') + "abcd";
+    const Case cases[] = {
+        {{"abcd", "bcde", "cdefgh"}, 0, "xxabcdefghxabcdxbcdex"},
+        {{"abcd", "bcde", "cdefgh"}, 0, long_text},
+        {{"a"}, 0, "aaaaaaaaaa"},
+        {{"a", "b", "abcdefgh"}, 0, "xabcdefgxabcdefghbbb"},
+        {{"abababab", "bab", "ab"}, 0, "abababababababababab"},
+        {{"q", "abcdefghij"}, 0, "abcdefghi" + long_text + "abcdefghij"},
+        {{"Abc1", "xYz"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, "aBc9XyZabC0xyzABC1"},
+        {{"Hello", "World"}, VAEL_PM_CASELESS, "hElLoWoRlDhelloworldHELLOWORLD"},
+    };
+    for (const Case &c : cases) {
+        std::vector<std::pair<std::string, uint32_t>> patterns;
+        for (const auto &p : c.patterns)
+            patterns.emplace_back(p, 0);
+        Engine e(patterns, c.compile_flags);
+        for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
+            std::vector<Hit> expected;
+            {
+                ScopedPrefilter off(THIN_NFA_PREFILTER_OFF);
+                expected = run(e, nullptr, c.text, 0, exec_flags);
+            }
+            ASSERT_FALSE(expected.empty()) << c.text;
+            for (int mode : prefilter_modes()) {
+                ScopedPrefilter prefilter(mode);
+                for (size_t cut = 1; cut < c.text.size(); cut++) {
+                    const std::string head = c.text.substr(0, cut), tail = c.text.substr(cut);
+                    Stream two({head, tail});
+                    ASSERT_EQ(run(e, two.vbuf, "", 0, exec_flags), expected)
+                        << "blocks cut at " << cut << ", prefilter " << mode << ", text " << c.text;
+                    Stream one({head});
+                    ASSERT_EQ(run(e, one.vbuf, tail, 0, exec_flags), expected)
+                        << "present buffer from " << cut << ", prefilter " << mode << ", text " << c.text;
+                }
+            }
         }
     }
 }

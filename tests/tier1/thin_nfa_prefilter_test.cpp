@@ -1,0 +1,271 @@
+// The Thin NFA's candidate prefilter: the window it derives from a set's
+// shape, that it never passes over a position where a pattern starts, that
+// both searches stop where the one-position test says, that a bare BNFA gives
+// the same tables as the compile, its memory and allocation failures, the
+// tunable, and whole runs over adversarial texts held against brute force.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
+
+namespace {
+
+using vael_test::Hit;
+using vael_test::Pattern;
+using vael_test::ScopedGlobal;
+
+std::vector<Pattern> numbered(const std::vector<std::string> &texts) {
+    std::vector<Pattern> out;
+    for (size_t i = 0; i < texts.size(); i++)
+        out.push_back({texts[i], (int32_t)i + 1});
+    return out;
+}
+
+std::vector<int> prefilter_modes() {
+    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
+    if (vael_thin_nfa_prefilter_find_avx2_fn())
+        modes.push_back(THIN_NFA_PREFILTER_AUTO);
+    return modes;
+}
+
+std::vector<vael_thin_nfa_prefilter_find_fn> searches() {
+    std::vector<vael_thin_nfa_prefilter_find_fn> out = {vael_thin_nfa_prefilter_find_plain_fn()};
+    if (vael_thin_nfa_prefilter_find_avx2_fn())
+        out.push_back(vael_thin_nfa_prefilter_find_avx2_fn());
+    return out;
+}
+
+// A handle made from nothing but another one's BNFA, flags and translation
+// table, as a loaded image makes it: no pattern lists, no prefilter.
+vael_thin_nfa *bare_copy(const vael_thin_nfa *nfa) {
+    vael_thin_nfa *copy = vael_thin_nfa_create(nfa->state_num, nfa->bnfa_size, nfa->bnfa_full_size);
+    if (!copy)
+        return nullptr;
+    std::memcpy(copy->bnfa, nfa->bnfa, nfa->bnfa_size);
+    copy->flags = nfa->flags;
+    std::memcpy(copy->xlation_tab, nfa->xlation_tab, sizeof copy->xlation_tab);
+    return copy;
+}
+
+TEST(ThinNfaPrefilter, WindowAndFoldFollowTheSetsShape) {
+    struct Row {
+        std::vector<std::string> patterns;
+        uint32_t compile_flags;
+        uint32_t window;
+        uint32_t fold;
+    };
+    const Row rows[] = {
+        {{"abcdef", "xyz12"}, 0, 4, 0},
+        {{"abcdefgh", "abc"}, 0, 3, 0},
+        {{"ab", "xyzw"}, 0, 2, 0},
+        {{"abcdefgh", "a"}, 0, 1, 0},
+        {{std::string("\xff\x00\x01\x02", 4)}, 0, 4, 0},
+        {{"Abcd"}, VAEL_PM_CASELESS, 4, 0x20202020},
+        {{"Ab"}, VAEL_PM_CASELESS, 2, 0x2020},
+        {{"1234", "x9"}, VAEL_PM_DIGITLESS, 2, 0},
+        {{"a1B2c3"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, 4, 0x20202020},
+    };
+    for (const Row &row : rows) {
+        vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const vael_thin_nfa_prefilter_tables *pf = nfa.get()->prefilter;
+        ASSERT_NE(pf, nullptr);
+        EXPECT_EQ(pf->window, row.window) << row.patterns[0];
+        EXPECT_EQ(pf->fold, row.fold) << row.patterns[0];
+    }
+}
+
+// Over random sets and texts: every position where brute force finds a
+// pattern's start passes the one-position test, and from every position both
+// searches stop at the first position that passes it.
+TEST(ThinNfaPrefilter, NoPatternStartIsPassedOver) {
+    std::mt19937 rng(4711);
+    const std::string alphabet = "abcAB01";
+    auto word = [&](size_t lo, size_t hi) {
+        std::string w;
+        for (size_t n = lo + rng() % (hi - lo + 1); n > 0; n--)
+            w += alphabet[rng() % alphabet.size()];
+        return w;
+    };
+    const uint32_t folds[] = {0, VAEL_PM_CASELESS, VAEL_PM_DIGITLESS, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS};
+    for (int round = 0; round < 200; round++) {
+        const uint32_t flags = folds[round % 4];
+        ScopedGlobal tiers(vael_thin_nfa_full_tiers_num, round % 3 + 1);
+        const size_t min_len = 1 + rng() % 5;
+        std::vector<std::string> texts;
+        for (int n = 1 + rng() % 30; n > 0; n--)
+            texts.push_back(word(min_len, 8));
+        const std::vector<Pattern> patterns = numbered(texts);
+        vael_test::ThinNfa nfa(patterns, flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const vael_thin_nfa_prefilter_tables *pf = nfa.get()->prefilter;
+        ASSERT_NE(pf, nullptr);
+        const std::string text = word(4, 120);
+        const auto *data = reinterpret_cast<const unsigned char *>(text.data());
+        const size_t positions = text.size() - 3;
+        std::vector<bool> candidate(positions);
+        for (size_t i = 0; i < positions; i++)
+            candidate[i] = vael_thin_nfa_prefilter_test(pf, data + i);
+        for (const Hit &h : vael_test::brute_force_all(patterns, text, flags)) {
+            size_t start = h.offset + 1 - h.hint;
+            if (start < positions) {
+                EXPECT_TRUE(candidate[start]) << "round " << round << ": id " << h.id << " at " << start;
+            }
+        }
+        for (auto find : searches()) {
+            for (size_t from = 0; from < positions; from++) {
+                size_t want = from;
+                while (want < positions && !candidate[want])
+                    want++;
+                ASSERT_EQ(find(pf, data + from, data + text.size()) - data, (ptrdiff_t)want)
+                    << "round " << round << ", from " << from;
+            }
+            // Fewer than four bytes left: the automaton reads them.
+            for (size_t from = positions; from <= text.size(); from++)
+                EXPECT_EQ(find(pf, data + from, data + text.size()), data + from);
+        }
+        ASSERT_FALSE(HasFailure()) << "round " << round;
+    }
+}
+
+TEST(ThinNfaPrefilter, BareBnfaGivesTheCompiledTables) {
+    const uint32_t folds[] = {0, VAEL_PM_CASELESS, VAEL_PM_DIGITLESS};
+    for (uint32_t flags : folds) {
+        vael_test::ThinNfa nfa(numbered({"GET /index", "Host: ", "cmd=", "xYz9", "\x01\x02\x03\x04\x05"}), flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        vael_thin_nfa *copy = bare_copy(nfa.get());
+        ASSERT_NE(copy, nullptr);
+        ASSERT_EQ(copy->prefilter, nullptr);
+        ASSERT_EQ(vael_thin_nfa_prefilter_build(copy), 0);
+        const vael_thin_nfa_prefilter_tables *a = nfa.get()->prefilter, *b = copy->prefilter;
+        EXPECT_EQ(a->window, b->window);
+        EXPECT_EQ(a->fold, b->fold);
+        EXPECT_EQ(a->hash_shift, b->hash_shift);
+        ASSERT_EQ(a->table_words, b->table_words);
+        EXPECT_EQ(std::memcmp(a->table, b->table, sizeof(uint32_t) * a->table_words), 0) << "flags " << flags;
+        vael_thin_nfa_destroy(copy);
+    }
+}
+
+TEST(ThinNfaPrefilter, MemoryIsCountedAndGivenBack) {
+    vael_test::ThinNfa nfa(numbered({"abcdef", "bcdefg", "zzzz"}));
+    ASSERT_NE(nfa.get(), nullptr);
+    vael_thin_nfa *copy = bare_copy(nfa.get());
+    ASSERT_NE(copy, nullptr);
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    ASSERT_EQ(vael_thin_nfa_prefilter_build(copy), 0);
+    const size_t bytes = vael_thin_nfa_prefilter_memory(copy);
+    EXPECT_GT(bytes, sizeof(vael_thin_nfa_prefilter_tables));
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total() - before, (intptr_t)bytes);
+    // Building again replaces the filter without growing the account.
+    ASSERT_EQ(vael_thin_nfa_prefilter_build(copy), 0);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total() - before, (intptr_t)bytes);
+    vael_thin_nfa_prefilter_free(copy);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+    EXPECT_EQ(vael_thin_nfa_prefilter_memory(copy), 0u);
+    vael_thin_nfa_destroy(copy);
+}
+
+TEST(ThinNfaPrefilter, EveryAllocationFailureLeavesTheHandleAsItWas) {
+    vael_test::ThinNfa nfa(numbered({"Abcdef", "xyz1"}), VAEL_PM_CASELESS);
+    ASSERT_NE(nfa.get(), nullptr);
+    vael_thin_nfa *copy = bare_copy(nfa.get());
+    ASSERT_NE(copy, nullptr);
+    auto attempt = [&] { return vael_thin_nfa_prefilter_build(copy) == 0; };
+    auto unchanged = [&] { return copy->prefilter == nullptr; };
+    vael_test::FailmemWalk sites = vael_test::failmem_walk(attempt, unchanged);
+    EXPECT_TRUE(sites.succeeded);
+    EXPECT_EQ(sites.rounds, 5); // depths, queue, record, table, success
+    vael_thin_nfa_prefilter_free(copy);
+    vael_test::FailmemWalk each = vael_test::failmem_walk_each_allocation(attempt, unchanged);
+    EXPECT_TRUE(each.succeeded);
+    EXPECT_EQ(each.rounds, 5);
+    vael_thin_nfa_destroy(copy);
+}
+
+TEST(ThinNfaPrefilter, TunableChoosesTheSearch) {
+    auto avx2 = vael_thin_nfa_prefilter_find_avx2_fn();
+    auto plain = vael_thin_nfa_prefilter_find_plain_fn();
+    struct Row {
+        const char *env;
+        int value;
+        vael_thin_nfa_prefilter_find_fn search;
+    };
+    const Row rows[] = {
+        {"0", THIN_NFA_PREFILTER_OFF, nullptr},
+        {"1", THIN_NFA_PREFILTER_AUTO, avx2 ? avx2 : plain},
+        {"2", THIN_NFA_PREFILTER_PLAIN, plain},
+        {"7", 7, avx2 ? avx2 : plain},
+    };
+    ScopedGlobal keep(vael_thin_nfa_prefilter, vael_thin_nfa_prefilter);
+    for (const Row &row : rows) {
+        ASSERT_EQ(setenv("vael_thin_nfa_prefilter", row.env, 1), 0);
+        vael_us_adaptor_globals_init();
+        EXPECT_EQ(vael_thin_nfa_prefilter, row.value) << row.env;
+        EXPECT_EQ(vael_thin_nfa_prefilter_select(), row.search) << row.env;
+    }
+    unsetenv("vael_thin_nfa_prefilter");
+}
+
+// Whole runs under every setting against brute force, over texts long enough
+// for the vector loops, where candidates are everywhere, or sit at every
+// distance from the ends of the vector steps and of the data.
+TEST(ThinNfaPrefilter, AdversarialTextsAgreeWithBruteForce) {
+    std::string first_bytes, spaced, dense;
+    for (int i = 0; i < 300; i++)
+        first_bytes += "acgx"[(i * 7 + i / 5) % 4];
+    for (int gap = 0; gap < 40; gap++)
+        spaced += std::string(gap, '.') + "acgt";
+    for (int i = 0; i < 200; i++)
+        dense += (i % 3) ? "ab" : "a";
+    struct Row {
+        const char *name;
+        std::vector<std::string> patterns;
+        uint32_t compile_flags;
+        std::string text;
+    };
+    const Row rows[] = {
+        {"every byte a candidate",
+         {first_bytes.substr(10, 4), first_bytes.substr(77, 5), first_bytes.substr(150, 9), "xxxx"},
+         0,
+         first_bytes},
+        {"one-byte patterns", {"a", "x"}, 0, first_bytes},
+        {"one-byte and long", {"g", "acgtacgtacgt", "cgx"}, 0, first_bytes + spaced},
+        {"candidates at every distance", {"acgt", "cgt.", "t..."}, 0, spaced},
+        {"candidate in the last bytes", {"acgt", "gt"}, 0, std::string(61, '.') + "acgt"},
+        {"pattern cut by the end", {"acgtz"}, 0, std::string(45, '.') + "acgtz" + std::string(20, '.') + "acgt"},
+        {"overlaps", {"abab", "ba", "aab"}, 0, dense},
+        {"caseless", {"AcGt", "tACG"}, VAEL_PM_CASELESS, spaced + "ACGT.acgt.tacg"},
+        {"digitless", {"a1c2", "9x"}, VAEL_PM_DIGITLESS, spaced + "a5c7.a1c2.3x"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::vector<Pattern> patterns = numbered(row.patterns);
+        vael_test::ThinNfa nfa(patterns, row.compile_flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const auto all = vael_test::brute_force_all(patterns, row.text, row.compile_flags);
+        ASSERT_FALSE(all.empty());
+        for (int mode : prefilter_modes()) {
+            ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
+            // Every start offset, so the scan begins at every alignment.
+            for (uint32_t offset = 0; offset < 20; offset++) {
+                std::vector<Hit> want;
+                for (const Hit &h : all)
+                    if (h.offset + 1 - h.hint >= offset)
+                        want.push_back(h);
+                std::vector<Hit> hits;
+                ASSERT_EQ(nfa.exec(row.text, &hits, VAEL_PM_EXEC_ALL_MATCHES, offset), 0);
+                ASSERT_EQ(vael_test::sorted(hits), want) << "prefilter " << mode << ", offset " << offset;
+            }
+        }
+    }
+}
+
+}  // namespace

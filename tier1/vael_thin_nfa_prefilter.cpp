@@ -1,0 +1,342 @@
+// vael_thin_nfa_prefilter.cpp - derives a handle's candidate filter from its
+// BNFA and searches with it (see vael_thin_nfa_prefilter.h).
+//
+// The derivation walks the BNFA breadth-first from the root down to depth 4.
+// A full state's table mixes the trie's own children with fail transitions
+// folded in at build time; the two are told apart by depth: a fail
+// transition from a state of depth d leads to a state of depth d or less,
+// which the walk has already met, while a child lies at d + 1. The window
+// length is the shortest pattern's length, capped at 4, so every position
+// where a pattern starts shows a full window of that pattern's beginning.
+
+#include "tier1/vael_thin_nfa_prefilter.h"
+
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "runtime/vael_runtime.h"
+
+extern "C" {
+int vael_thin_nfa_prefilter = THIN_NFA_PREFILTER_AUTO;
+}
+
+namespace {
+
+constexpr const char *kThinTopics = "K_THINNFA | K_PM";
+constexpr uint8_t kNoDepth = 0xff;
+constexpr uint32_t kMaxWindow = 4;
+// Bitmap bits per distinct window: about 0.4% of the positions that start
+// no pattern pass as candidates.
+constexpr uint32_t kBitsPerWindow = 256;
+constexpr uint32_t kMinTableLog2 = 12; // 512 bytes
+// At most 128 KiB, and at most an eighth of the BNFA's size past the
+// minimum: the filter stays small beside the automaton it serves.
+constexpr uint32_t kMaxTableLog2 = 20;
+// Raw spellings enumerated at most per window length; caseless or digitless
+// sets with long windows can exceed it, and then get a shorter window.
+constexpr uint32_t kMaxEnumerated = 1u << 20;
+
+struct Walk {
+    const vael_thin_nfa *nfa;
+    const uint32_t *bnfa;
+    uint32_t words;       // of the BNFA
+    uint8_t *depth;       // per state ID, kNoDepth beyond the walk
+    uint32_t level_nodes[kMaxWindow + 1];
+};
+
+bool valid_target(const Walk &w, uint32_t offset) {
+    return offset < w.words && (w.bnfa[offset] >> BNFA_STATE_ID_SHIFT) < w.nfa->state_num;
+}
+
+uint32_t state_id(const Walk &w, uint32_t offset) { return w.bnfa[offset] >> BNFA_STATE_ID_SHIFT; }
+
+// Calls f(raw byte, child offset) for each raw byte that takes the state at
+// `offset` (of depth d) to one of its children in the trie.
+template <class F>
+void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
+    const uint32_t *s = w.bnfa + offset;
+    if (!(*s & BNFA_STATE_PARTIAL)) {
+        if (offset + BNFA_FULL_STATE_WORDS > w.words)
+            return;
+        for (uint32_t b = 0; b < 256; b++) {
+            uint32_t t = s[1 + b];
+            if (!valid_target(w, t))
+                continue;
+            uint8_t td = w.depth[state_id(w, t)];
+            if (td == kNoDepth || td == d + 1)
+                f(b, t);
+        }
+        return;
+    }
+    if (offset + 2 > w.words)
+        return;
+    uint32_t n = s[1] & 0xffu;
+    if (offset + 2 + n > w.words)
+        return;
+    bool xlate = w.nfa->flags & THIN_NFA_FLAG_XLATION;
+    for (uint32_t i = 0; i < n; i++) {
+        uint32_t c = s[2 + i] & 0xffu;
+        uint32_t t = s[2 + i] >> 8;
+        if (!valid_target(w, t))
+            continue;
+        // Explicit transitions hold canonical bytes; every raw byte that
+        // translates to one takes it.
+        if (!xlate) {
+            f(c, t);
+            continue;
+        }
+        for (uint32_t b = 0; b < 256; b++)
+            if (w.nfa->xlation_tab[b] == c)
+                f(b, t);
+    }
+}
+
+// Marks depths 1..4 breadth-first; returns the shortest pattern's length,
+// or kMaxWindow + 1 when none ends above depth 5.
+uint32_t mark_depths(Walk &w, uint32_t *queue) {
+    std::memset(w.depth, kNoDepth, w.nfa->state_num);
+    std::memset(w.level_nodes, 0, sizeof w.level_nodes);
+    w.depth[0] = 0;
+    queue[0] = 0;
+    uint32_t head = 0, tail = 1, shortest = kMaxWindow + 1;
+    w.level_nodes[0] = 1;
+    for (uint32_t d = 0; d < kMaxWindow; d++) {
+        uint32_t level_end = tail;
+        for (; head < level_end; head++) {
+            for_each_child(w, queue[head], d, [&](uint32_t, uint32_t t) {
+                uint32_t id = state_id(w, t);
+                if (w.depth[id] != kNoDepth)
+                    return;
+                w.depth[id] = (uint8_t)(d + 1);
+                w.level_nodes[d + 1]++;
+                queue[tail++] = t;
+                if ((w.bnfa[t] & BNFA_STATE_FINITE) && d + 1 < shortest)
+                    shortest = d + 1;
+            });
+        }
+    }
+    return shortest;
+}
+
+struct Fill {
+    const Walk *walk;
+    vael_thin_nfa_prefilter_tables *pf; // table null while counting
+    uint32_t window;
+    uint32_t enumerated;
+};
+
+// Every raw spelling of every path of `window` bytes from the root.
+void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint32_t bytes) {
+    if (fill.enumerated > kMaxEnumerated)
+        return;
+    if (d == fill.window) {
+        fill.enumerated++;
+        if (fill.pf->table) {
+            uint32_t h = vael_thin_nfa_prefilter_hash(fill.pf, bytes);
+            fill.pf->table[h >> 5] |= 1u << (h & 31);
+        }
+        return;
+    }
+    for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
+        fill_windows(fill, t, d + 1, bytes | (b << (8 * d)));
+    });
+}
+
+uint32_t window_mask(uint32_t window) { return window >= 4 ? 0xffffffffu : (1u << (8 * window)) - 1; }
+
+inline uint32_t load32(const unsigned char *p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+inline uint32_t test_bit(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p) {
+    uint32_t h = vael_thin_nfa_prefilter_hash(pf, load32(p));
+    return (pf->table[h >> 5] >> (h & 31)) & 1u;
+}
+
+const unsigned char *find_tail(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p, const unsigned char *last) {
+    for (; p < last; p++)
+        if (test_bit(pf, p))
+            return p;
+    return last;
+}
+
+const unsigned char *find_plain(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                                const unsigned char *end) {
+    if (end - p < (ptrdiff_t)THIN_NFA_PREFILTER_LOAD)
+        return p;
+    const unsigned char *last = end - (THIN_NFA_PREFILTER_LOAD - 1);
+    // Eight independent tests and one branch: the loads overlap in flight.
+    while (last - p >= 8) {
+        uint32_t m = 0;
+        for (uint32_t i = 0; i < 8; i++)
+            m |= test_bit(pf, p + i) << i;
+        if (m)
+            return p + __builtin_ctz(m);
+        p += 8;
+    }
+    return find_tail(pf, p, last);
+}
+
+// The constants of one AVX2 search.
+struct Avx2Consts {
+    __m256i windows, mask, fold, mul;
+    __m128i shift;
+};
+
+// The hashes of the windows at q + 0..7.
+__attribute__((target("avx2"), always_inline)) inline __m256i hash_avx2(const Avx2Consts &c,
+                                                                         const unsigned char *q) {
+    __m256i v = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q)));
+    __m256i w = _mm256_or_si256(_mm256_and_si256(_mm256_shuffle_epi8(v, c.windows), c.mask), c.fold);
+    return _mm256_srl_epi32(_mm256_mullo_epi32(w, c.mul), c.shift);
+}
+
+__attribute__((target("avx2"))) const unsigned char *find_avx2(const vael_thin_nfa_prefilter_tables *pf,
+                                                                const unsigned char *p, const unsigned char *end) {
+    if (end - p < (ptrdiff_t)THIN_NFA_PREFILTER_LOAD)
+        return p;
+    const unsigned char *last = end - (THIN_NFA_PREFILTER_LOAD - 1);
+    Avx2Consts c;
+    // The 32-bit window of positions 0..3 from the low lane, 4..7 from the
+    // high lane of one 16-byte load broadcast to both.
+    c.windows = _mm256_setr_epi8(0, 1, 2, 3, 1, 2, 3, 4, 2, 3, 4, 5, 3, 4, 5, 6, 4, 5, 6, 7, 5, 6, 7, 8, 6, 7, 8, 9, 7,
+                                 8, 9, 10);
+    c.mask = _mm256_set1_epi32((int)pf->window_mask);
+    c.fold = _mm256_set1_epi32((int)pf->fold);
+    c.mul = _mm256_set1_epi32((int)0x9e3779b1u);
+    c.shift = _mm_cvtsi32_si128((int)pf->hash_shift);
+    // Sixteen positions read 24 bytes. The hashes are made eight at a time
+    // in vector registers; the table is read with scalar loads, which on
+    // common cores outpace a gather.
+    alignas(32) uint32_t h[16];
+    alignas(16) uint8_t hit[16];
+    const uint32_t *table = pf->table;
+    while (end - p >= 24) {
+        _mm256_store_si256(reinterpret_cast<__m256i *>(h), hash_avx2(c, p));
+        _mm256_store_si256(reinterpret_cast<__m256i *>(h + 8), hash_avx2(c, p + 8));
+        for (int i = 0; i < 16; i++)
+            hit[i] = (uint8_t)(table[h[i] >> 5] >> (h[i] & 31));
+        __m128i bits = _mm_slli_epi16(_mm_load_si128(reinterpret_cast<const __m128i *>(hit)), 7);
+        uint32_t m = (uint32_t)_mm_movemask_epi8(bits);
+        if (m)
+            return p + __builtin_ctz(m);
+        p += 16;
+    }
+    return find_tail(pf, p, last);
+}
+
+bool cpu_has_avx2() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+}
+
+// Read once, as the process starts.
+const bool kCpuHasAvx2 = cpu_has_avx2();
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
+    if (!nfa || !nfa->bnfa || nfa->state_num == 0 || nfa->bnfa_size < BNFA_FULL_STATE_BYTES)
+        return -1;
+    uint32_t n = nfa->state_num;
+    Walk w{nfa, nfa->bnfa, nfa->bnfa_size / 4, nullptr, {}};
+    // Each allocation only after the one before it succeeded: a failure
+    // ends the build at once.
+    uint32_t *queue = nullptr;
+    vael_thin_nfa_prefilter_tables *pf = nullptr;
+    w.depth = static_cast<uint8_t *>(VAEL_KMALLOC(n));
+    if (w.depth)
+        queue = static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * (size_t)n));
+    if (queue)
+        pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
+    int rc = -1;
+    if (!w.depth || !queue || !pf) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter for %d states\n", (int)n);
+    } else {
+        std::memset(pf, 0, sizeof *pf);
+        uint32_t shortest = mark_depths(w, queue);
+        uint32_t window = shortest < kMaxWindow ? shortest : kMaxWindow;
+        // A set whose spellings are too many for its window gets a shorter one.
+        Fill fill{&w, pf, window, 0};
+        for (;;) {
+            fill.window = window;
+            fill.enumerated = 0;
+            fill_windows(fill, 0, 0, 0);
+            if (fill.enumerated <= kMaxEnumerated || window == 1)
+                break;
+            window--;
+        }
+        pf->window = window;
+        pf->window_mask = window_mask(window);
+        // Letters differ from their other case in bit 5 alone, so with case
+        // folded a window and its respellings hash alike.
+        bool caseless = (nfa->flags & THIN_NFA_FLAG_XLATION) && nfa->xlation_tab['A'] == 'a';
+        pf->fold = caseless ? 0x20202020u & pf->window_mask : 0;
+        uint64_t distinct = caseless ? w.level_nodes[window] : fill.enumerated;
+        uint32_t log2 = kMinTableLog2;
+        while (log2 < kMaxTableLog2 && (1ull << log2) < distinct * kBitsPerWindow &&
+               (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 8)
+            log2++;
+        pf->hash_shift = 32 - log2;
+        pf->table_words = 1u << (log2 - 5);
+        size_t table_bytes = sizeof(uint32_t) * (size_t)pf->table_words;
+        pf->table = static_cast<uint32_t *>(VAEL_PM_KMALLOC(table_bytes));
+        if (!pf->table) {
+            VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter table of %d bytes\n",
+                     (int)table_bytes);
+        } else {
+            std::memset(pf->table, 0, table_bytes);
+            fill.enumerated = 0;
+            fill_windows(fill, 0, 0, 0);
+            vael_thin_nfa_prefilter_free(nfa);
+            nfa->prefilter = pf;
+            pf = nullptr;
+            rc = 0;
+            VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: prefilter window %u, %u bytes, %u spellings\n",
+                     nfa->prefilter->window, (unsigned)table_bytes, fill.enumerated);
+        }
+    }
+    if (pf)
+        VAEL_PM_KFREE(pf, sizeof *pf);
+    if (queue)
+        VAEL_KFREE(queue, sizeof(uint32_t) * (size_t)n);
+    if (w.depth)
+        VAEL_KFREE(w.depth, n);
+    return rc;
+}
+
+extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {
+    if (!nfa || !nfa->prefilter)
+        return;
+    vael_thin_nfa_prefilter_tables *pf = nfa->prefilter;
+    if (pf->table)
+        VAEL_PM_KFREE(pf->table, sizeof(uint32_t) * (size_t)pf->table_words);
+    VAEL_PM_KFREE(pf, sizeof *pf);
+    nfa->prefilter = nullptr;
+}
+
+extern "C" size_t vael_thin_nfa_prefilter_memory(const vael_thin_nfa *nfa) {
+    if (!nfa || !nfa->prefilter)
+        return 0;
+    return sizeof(vael_thin_nfa_prefilter_tables) + sizeof(uint32_t) * (size_t)nfa->prefilter->table_words;
+}
+
+extern "C" vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_plain_fn(void) { return find_plain; }
+
+extern "C" vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_avx2_fn(void) {
+    return kCpuHasAvx2 ? find_avx2 : nullptr;
+}
+
+extern "C" vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_select(void) {
+    switch (vael_thin_nfa_prefilter) {
+        case THIN_NFA_PREFILTER_OFF:
+            return nullptr;
+        case THIN_NFA_PREFILTER_PLAIN:
+            return find_plain;
+        default:
+            return kCpuHasAvx2 ? find_avx2 : find_plain;
+    }
+}

@@ -1,0 +1,92 @@
+/*
+ * vael_thin_nfa_prefilter.h - the candidate filter that lets a Thin NFA run
+ * skip, many bytes at a time, the input where no pattern can start.
+ *
+ * While the automaton stands at its root, a byte that starts no pattern
+ * leaves it there, and nothing before the next position where a pattern
+ * could start can take part in a match. The filter finds that position: it
+ * tests the window of the first `window` bytes (1 to 4) at each position
+ * against a bitmap of the hashed windows of every pattern's beginning. A set
+ * bit is only a candidate, never a match: the automaton runs from the
+ * candidate exactly as it would have, so a false candidate costs time and
+ * never changes a result.
+ *
+ * The tables are derived from the BNFA alone (its root, the states one to
+ * four transitions below it, their finite flags and the translation table),
+ * so a handle gets the same filter whether it was compiled, copied or loaded
+ * from an image; the BNFA itself is untouched. The filter is owned by the
+ * handle and counted in the PM memory account.
+ *
+ * Two implementations of the search share the tables: a plain one (SSE2 era,
+ * scalar, eight positions per test) and an AVX2 one (sixteen positions per
+ * test with gathers), chosen by the CPU at the first run and forced by the
+ * tunable vael_thin_nfa_prefilter.
+ */
+#ifndef VAEL_THIN_NFA_PREFILTER_H
+#define VAEL_THIN_NFA_PREFILTER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "tier1/vael_thin_nfa_internal.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Values of the tunable vael_thin_nfa_prefilter. */
+#define THIN_NFA_PREFILTER_OFF 0   /* the automaton reads every byte */
+#define THIN_NFA_PREFILTER_AUTO 1  /* the best search the CPU supports; the default */
+#define THIN_NFA_PREFILTER_PLAIN 2 /* the plain search even where AVX2 exists */
+
+/* A search needs this many bytes from a position to test it: a window is
+ * read as one 32-bit load. The last positions of a piece are left to the
+ * automaton. */
+#define THIN_NFA_PREFILTER_LOAD 4u
+
+typedef struct vael_thin_nfa_prefilter_tables {
+    uint32_t window;      /* bytes of a pattern's beginning tested per position, 1..4 */
+    uint32_t window_mask; /* keeps those bytes of a little-endian 32-bit load */
+    uint32_t fold;        /* ORed into the window before hashing: 0x20 per byte when case folds, else 0 */
+    uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
+    uint32_t table_words; /* 32-bit words of the bitmap, a power of two */
+    uint32_t *table;      /* bit h set: some pattern beginning hashes to h */
+} vael_thin_nfa_prefilter_tables;
+
+/* The first candidate in [p, end - 3), or end - 3 when there is none; p
+ * itself when fewer than 4 bytes are left. */
+typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const vael_thin_nfa_prefilter_tables *pf,
+                                                                 const unsigned char *p, const unsigned char *end);
+
+/* Derives the filter of a handle whose BNFA, flags and xlation_tab are
+ * complete, and hangs it on the handle (replacing one already there). 0 or
+ * -1 on allocation failure, with the handle as it was. */
+int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa);
+/* Frees the handle's filter, if any. */
+void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa);
+/* Bytes the handle's filter holds, 0 without one. */
+size_t vael_thin_nfa_prefilter_memory(const vael_thin_nfa *nfa);
+
+/* The search a run uses, from the tunable and the CPU; null when off. */
+vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_select(void);
+/* Each search by name, for tests; the AVX2 one is null on a CPU without it. */
+vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_plain_fn(void);
+vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_avx2_fn(void);
+
+/* The hash of a window, shared by the build and both searches. */
+static inline uint32_t vael_thin_nfa_prefilter_hash(const vael_thin_nfa_prefilter_tables *pf, uint32_t load) {
+    return (((load & pf->window_mask) | pf->fold) * 0x9e3779b1u) >> pf->hash_shift;
+}
+
+/* Whether a pattern may start at p; p + 4 must lie within the data. */
+static inline int vael_thin_nfa_prefilter_test(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p) {
+    uint32_t load = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
+    uint32_t h = vael_thin_nfa_prefilter_hash(pf, load);
+    return (int)((pf->table[h >> 5] >> (h & 31)) & 1u);
+}
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VAEL_THIN_NFA_PREFILTER_H */
