@@ -442,6 +442,8 @@ int users_of(int id) {
     return htab_db.ids[id].users;
 }
 
+const uint32_t *hash_seed() { return htab_seed; }
+
 } // namespace vael_htab_detail
 
 // ---------------------------------------------------------------- start and stop

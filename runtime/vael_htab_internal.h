@@ -80,8 +80,10 @@ int expire_id_at(int i);
 uint32_t remaining_seconds(const vael_htab *table, const vael_htab_entry *entry);
 uint32_t entry_timeout(const vael_htab_entry *entry);
 
-// Test access: users of an id (raised by vael_htab_get_table and expiry).
+// Test access: users of an id (raised by vael_htab_get_table and expiry),
+// and the hash seed.
 int users_of(int id);
+const uint32_t *hash_seed();
 
 // ---- timers, vael_htab_expire.cpp
 
