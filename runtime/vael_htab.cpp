@@ -89,13 +89,19 @@ vael_htab_entry *alloc_entry(int nkeys, int nvals) {
 
 void free_entry(vael_htab_entry *e) { VAEL_KFREE(e, entry_bytes(e->nkeys, e->nvals)); }
 
+__attribute__((always_inline)) inline uint32_t bin_fold(uint64_t acc, uint32_t size) {
+    return ((uint32_t)acc ^ (uint32_t)(acc >> 32)) & (size - 1);
+}
+
 // Bins count in powers of two; a key longer than the seed reuses it from its
 // start (the subset construction keys states by sets of any length).
-uint32_t bin_of(const vael_htab *t, const uint32_t *key, int nkeys) {
+__attribute__((always_inline)) inline uint32_t bin_of(const vael_htab *t, const uint32_t *key, int nkeys) {
     const uint32_t *r = htab_seed;
     constexpr int kSeedMask = VAEL_HTAB_SEED_WORDS - 1;
     uint64_t acc = 0;
     int i = 0;
+    if (nkeys == 2) // the common key, without the loop
+        return bin_fold((uint64_t)(key[0] + r[0]) * (uint32_t)(key[1] + r[1]), t->size);
     if (nkeys & 1) {
         // Signed seed words, zero-extended key word; unsigned arithmetic gives
         // the same 64 bits without overflow.
@@ -109,13 +115,14 @@ uint32_t bin_of(const vael_htab *t, const uint32_t *key, int nkeys) {
         uint32_t b = key[i + 1] + r[(i + 1) & kSeedMask];
         acc += (uint64_t)a * b;
     }
-    return ((uint32_t)acc ^ (uint32_t)(acc >> 32)) & (t->size - 1);
+    return bin_fold(acc, t->size);
 }
 
-bool same_key(const vael_htab_entry *e, const uint32_t *key, int nkeys) {
-    if (e->nkeys != nkeys)
+// The first word rejects almost every other entry of a chain.
+__attribute__((always_inline)) inline bool same_key(const vael_htab_entry *e, const uint32_t *key, int nkeys) {
+    if (e->nkeys != nkeys || e->words[0] != key[0])
         return false;
-    for (int i = 0; i < nkeys; i++)
+    for (int i = 1; i < nkeys; i++)
         if (e->words[i] != key[i])
             return false;
     return true;
@@ -123,7 +130,8 @@ bool same_key(const vael_htab_entry *e, const uint32_t *key, int nkeys) {
 
 // The link that points at the entry of key, or the null link at the end of
 // its chain.
-vael_htab_entry **find_link(vael_htab *t, const uint32_t *key, int nkeys) {
+__attribute__((always_inline)) inline vael_htab_entry **find_link(vael_htab *t, const uint32_t *key,
+                                                                    int nkeys) {
     vael_htab_entry **link = &t->bins[bin_of(t, key, nkeys)];
     while (*link && !same_key(*link, key, nkeys))
         link = &(*link)->next;
@@ -667,18 +675,23 @@ int lookup(int id, vael_htab *t, const uint32_t *key, int nkeys, int refresh_ask
 
 } // namespace
 
-extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *dest, int *len_inout, int refresh,
-                             int *result_out) {
+namespace {
+
+// vael_htab_get with every check in order and every report; the fast path
+// below comes here for anything but a plain hit or miss.
+__attribute__((noinline, cold)) int get_checked(int id, const uint32_t *key, int nkeys, uint32_t *dest,
+                                                int *len_inout, int refresh, int *result_out) {
+    static const char kName[] = "vael_htab_get";
     auto answer = [&](int rc, int result) {
         if (result_out)
             *result_out = result;
         return rc;
     };
     if (bad_key(key, nkeys) || !dest || !len_inout || *len_inout < 1) {
-        invalid(__func__, "Invalid arguments");
+        invalid(kName, "Invalid arguments");
         return answer(VAEL_ERROR, VAEL_HTAB_GET_INVALID);
     }
-    vael_htab *t = HTAB_CHECK(id, nullptr, kCheckRead);
+    vael_htab *t = vael_htab_assert(id, nullptr, kCheckRead, kName, __FILE__, __LINE__);
     if (!t)
         return answer(VAEL_ERROR, VAEL_HTAB_GET_INVALID);
     vael_htab_entry *e = *find_link(t, key, nkeys);
@@ -686,7 +699,7 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
         return answer(VAEL_ERROR, VAEL_HTAB_GET_MISSING);
     if (*len_inout < e->nvals) {
         if (vael_us_adaptor_printable(VAEL_DBG_NOTICE, kTopic)) {
-            vael_us_adaptor_kdprintf("%s: \"%s\": cannot copy vals of ", __func__, t->name);
+            vael_us_adaptor_kdprintf("%s: \"%s\": cannot copy vals of ", kName, t->name);
             vael_us_adaptor_kdprintf_no_prefix("<");
             print_words(key, nkeys);
             vael_us_adaptor_kdprintf_no_prefix(">. buffer too short (%d < %d)\n", *len_inout, e->nvals);
@@ -694,13 +707,54 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
         return answer(VAEL_ERROR, VAEL_HTAB_GET_NO_ROOM);
     }
     if (refresh && (t->flags & VAEL_HTAB_REFRESH) && e->expire) {
-        if (!HTAB_CHECK(id, t, kCheckRefresh))
+        if (!vael_htab_assert(id, t, kCheckRefresh, kName, __FILE__, __LINE__))
             return answer(VAEL_ERROR, VAEL_HTAB_GET_INVALID);
         vael_htab_detail::refresh(t, e);
     }
     std::memcpy(dest, vals_of(e), (size_t)e->nvals * sizeof(uint32_t));
     *len_inout = e->nvals;
     return answer(VAEL_OK, VAEL_HTAB_GET_OK);
+}
+
+} // namespace
+
+// The lookup of a packet path: kept short, so that a caller's loop of lookups
+// has several of them in flight at once; they wait on memory, not on code.
+// The lookup of a packet path, for keys of one or two words: short and free
+// of calls, so that a caller's loop of lookups keeps several of them waiting
+// on memory at once. Everything else takes the checked road.
+extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *dest, int *len_inout, int refresh,
+                             int *result_out) {
+    if (__builtin_expect((uint32_t)id >= (uint32_t)kMaxTables || (uint32_t)(nkeys - 1) > 1 || !key || !dest ||
+                             !len_inout || refresh,
+                         0))
+        return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
+    const vael_htab *t = load(htab_db.tables[id]);
+    if (__builtin_expect(!t || *len_inout < 1, 0))
+        return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
+    const uint32_t k0 = key[0];
+    const uint32_t k1 = nkeys == 2 ? key[1] : 0;
+    const uint64_t acc =
+        nkeys == 2 ? (uint64_t)(k0 + htab_seed[0]) * (uint32_t)(k1 + htab_seed[1])
+                   : ((uint64_t)k0 + (uint64_t)(int64_t)(int32_t)htab_seed[0]) * (uint64_t)(int64_t)(int32_t)htab_seed[1];
+    const vael_htab_entry *e = t->bins[bin_fold(acc, t->size)];
+    while (e && !(e->nkeys == nkeys && e->words[0] == k0 && (nkeys == 1 || e->words[1] == k1)))
+        e = e->next;
+    if (!e) {
+        if (result_out)
+            *result_out = VAEL_HTAB_GET_MISSING;
+        return VAEL_ERROR;
+    }
+    const int nvals = e->nvals;
+    if (__builtin_expect(*len_inout < nvals, 0))
+        return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
+    const uint32_t *vals = e->words + nkeys;
+    for (int i = 0; i < nvals; i++)
+        dest[i] = vals[i];
+    *len_inout = nvals;
+    if (result_out)
+        *result_out = VAEL_HTAB_GET_OK;
+    return VAEL_OK;
 }
 
 extern "C" int vael_htab_in(int id, const uint32_t *key, int nkeys, int *found_out, int refresh) {

@@ -1,0 +1,274 @@
+// htab_bench.cpp - handle tables against std::unordered_map, and the cost of
+// expiring a burst of timers.
+//
+// Insert, lookup and delete of 1M entries with keys of two 32-bit words and
+// one value word, the same keys (distinct, in a shuffled order) for both
+// tables. The handle table runs the way its users run it, through the id,
+// with the table's lock held around each batch; the map uses the identity
+// hash of the 64-bit key, the usual and cheapest choice for random keys.
+//
+// The bursts: 1M entries get a timeout of 1 within one second, and the caller
+// makes 2M calls of vael_htab_expire per second (a packet path at 2M packets
+// a second). The seconds are a stepped clock, so the run does not wait for
+// them; each call still reads the real clock, as it would. Reported: the
+// longest single call, for a gradual table (the entries spread over the
+// second's calls) and for a regular one (all of them at the change of
+// second).
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <cstdint>
+#include <numeric>
+#include <random>
+#include <unordered_map>
+#include <vector>
+
+#include "runtime/vael_htab_internal.h"
+#include "vael/vael_apps.h"
+
+namespace vael_bench {
+namespace {
+
+constexpr uint32_t kEntries = 1u << 20;
+constexpr uint32_t kCallsPerSecond = 2u << 20;
+
+struct Key2 {
+    uint32_t w[2];
+    bool operator==(const Key2 &o) const { return w[0] == o.w[0] && w[1] == o.w[1]; }
+};
+
+struct Key2Hash {
+    size_t operator()(const Key2 &k) const { return std::hash<uint64_t>{}((uint64_t)k.w[1] << 32 | k.w[0]); }
+};
+
+using PeerMap = std::unordered_map<Key2, uint32_t, Key2Hash>;
+
+// splitmix64 is a bijection of 64-bit words: distinct inputs, distinct keys.
+uint64_t splitmix64(uint64_t x) {
+    x += 0x9e3779b97f4a7c15ull;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    return x ^ (x >> 31);
+}
+
+struct Keys {
+    std::vector<Key2> insert_order;
+    std::vector<Key2> lookup_order;
+    Keys() {
+        insert_order.resize(kEntries);
+        for (uint32_t i = 0; i < kEntries; i++) {
+            uint64_t x = splitmix64(i);
+            insert_order[i] = Key2{{(uint32_t)x, (uint32_t)(x >> 32)}};
+        }
+        lookup_order = insert_order;
+        std::shuffle(lookup_order.begin(), lookup_order.end(), std::mt19937_64(42));
+    }
+};
+
+const Keys &keys() {
+    static const Keys k;
+    return k;
+}
+
+// A handle table with its lock.
+class Htab {
+  public:
+    explicit Htab(uint32_t flags = 0) {
+        tqlock_lock_init(&lock_);
+        vael_htab_create("bench", (int)kEntries, flags, nullptr, nullptr, nullptr, &lock_, &id_, nullptr);
+    }
+    ~Htab() {
+        vael_htab_destroy(id_);
+        tqlock_lock_term(&lock_);
+    }
+    int id() const { return id_; }
+    vael_mutex *lock() const { return lock_; }
+    void fill(uint32_t timeout) {
+        uint32_t v = 0;
+        for (const Key2 &k : keys().insert_order) {
+            v++;
+            vael_htab_set(id_, k.w, 2, &v, 1, timeout, nullptr);
+        }
+    }
+
+  private:
+    vael_mutex *lock_ = nullptr;
+    int id_ = -1;
+};
+
+void report_items(benchmark::State &state) {
+    state.SetItemsProcessed((int64_t)state.iterations() * kEntries);
+}
+
+void BM_HtabInsert(benchmark::State &state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto t = std::make_unique<Htab>();
+        state.ResumeTiming();
+        MtMutexLock(t->lock());
+        t->fill(VAEL_HTAB_TMO_KEEP);
+        MtMutexUnLock(t->lock());
+        state.PauseTiming();
+        t.reset();
+        state.ResumeTiming();
+    }
+    report_items(state);
+}
+
+void BM_UnorderedMapInsert(benchmark::State &state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto m = std::make_unique<PeerMap>();
+        state.ResumeTiming();
+        uint32_t v = 0;
+        for (const Key2 &k : keys().insert_order)
+            m->emplace(k, ++v);
+        state.PauseTiming();
+        m.reset();
+        state.ResumeTiming();
+    }
+    report_items(state);
+}
+
+void BM_HtabLookup(benchmark::State &state) {
+    Htab t;
+    t.fill(VAEL_HTAB_TMO_KEEP);
+    uint64_t sum = 0;
+    for (auto _ : state) {
+        MtMutexLock(t.lock());
+        for (const Key2 &k : keys().lookup_order) {
+            uint32_t v = 0;
+            int len = 1;
+            vael_htab_get(t.id(), k.w, 2, &v, &len, 0, nullptr);
+            sum += v;
+        }
+        MtMutexUnLock(t.lock());
+        benchmark::DoNotOptimize(sum);
+    }
+    report_items(state);
+}
+
+void BM_UnorderedMapLookup(benchmark::State &state) {
+    PeerMap m;
+    uint32_t v = 0;
+    for (const Key2 &k : keys().insert_order)
+        m.emplace(k, ++v);
+    uint64_t sum = 0;
+    for (auto _ : state) {
+        for (const Key2 &k : keys().lookup_order) {
+            auto it = m.find(k);
+            if (it != m.end())
+                sum += it->second;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    report_items(state);
+}
+
+void BM_HtabDelete(benchmark::State &state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto t = std::make_unique<Htab>();
+        t->fill(VAEL_HTAB_TMO_KEEP);
+        state.ResumeTiming();
+        MtMutexLock(t->lock());
+        for (const Key2 &k : keys().lookup_order)
+            vael_htab_del(t->id(), k.w, 2, "bench");
+        MtMutexUnLock(t->lock());
+        state.PauseTiming();
+        t.reset();
+        state.ResumeTiming();
+    }
+    report_items(state);
+}
+
+void BM_UnorderedMapDelete(benchmark::State &state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto m = std::make_unique<PeerMap>();
+        uint32_t v = 0;
+        for (const Key2 &k : keys().insert_order)
+            m->emplace(k, ++v);
+        state.ResumeTiming();
+        for (const Key2 &k : keys().lookup_order)
+            m->erase(k);
+        state.PauseTiming();
+        m.reset();
+        state.ResumeTiming();
+    }
+    report_items(state);
+}
+
+// ---------------------------------------------------------------- the burst
+
+uint32_t g_second = 0;
+
+// The stepped second, after a read of the real clock that a caller's call
+// would pay for.
+uint32_t stepped_clock() {
+    benchmark::DoNotOptimize(qx_abstime());
+    return g_second;
+}
+
+struct BurstFigures {
+    double longest_us = 0;
+    double mean_ns = 0;
+    uint64_t calls = 0;
+};
+
+// One second's calls, each timed alone.
+void timed_second(uint32_t calls, BurstFigures &f, double &total_ns) {
+    for (uint32_t i = 0; i < calls; i++) {
+        auto t0 = std::chrono::steady_clock::now();
+        vael_htab_expire();
+        auto t1 = std::chrono::steady_clock::now();
+        double ns = (double)std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0).count();
+        total_ns += ns;
+        f.longest_us = std::max(f.longest_us, ns / 1000.0);
+    }
+    f.calls += calls;
+}
+
+void run_burst(benchmark::State &state, uint32_t flags) {
+    const auto saved = vael_htab_detail::set_clock(stepped_clock);
+    BurstFigures f;
+    int left = -1;
+    for (auto _ : state) {
+        g_second = qx_abstime();
+        vael_htab_expire(); // the counters take this second
+        Htab t(flags);
+        t.fill(1); // 1M timeouts, all in the slot of the next second
+        for (uint32_t i = 0; i < kCallsPerSecond; i++)
+            vael_htab_expire(); // the calls of the burst's second set the rate
+        double total_ns = 0;
+        f = BurstFigures{};
+        for (int s = 0; s < 2; s++) {
+            g_second++;
+            timed_second(kCallsPerSecond, f, total_ns);
+        }
+        f.mean_ns = total_ns / (double)f.calls;
+        left = vael_htab_nents(t.id());
+    }
+    vael_htab_detail::set_clock(saved);
+    state.counters["longest_call_us"] = f.longest_us;
+    state.counters["mean_call_ns"] = f.mean_ns;
+    state.counters["calls"] = (double)f.calls;
+    state.counters["entries_left"] = left;
+}
+
+void BM_HtabExpireBurstGradual(benchmark::State &state) { run_burst(state, VAEL_HTAB_EXPIRE_GRADUAL); }
+void BM_HtabExpireBurstRegular(benchmark::State &state) { run_burst(state, VAEL_HTAB_EXPIRE); }
+
+BENCHMARK(BM_HtabInsert)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UnorderedMapInsert)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HtabLookup)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UnorderedMapLookup)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HtabDelete)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_UnorderedMapDelete)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HtabExpireBurstGradual)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HtabExpireBurstRegular)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace vael_bench
