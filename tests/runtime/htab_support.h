@@ -29,13 +29,6 @@ struct Freed {
     bool operator<(const Freed &o) const { return key < o.key; }
 };
 
-inline void PrintTo(const Freed &f, std::ostream *os) {
-    *os << "{key";
-    for (uint32_t w : f.key)
-        *os << " " << w;
-    *os << ", expired " << f.expired << ", " << f.reason << "}";
-}
-
 // A table and its lock, destroyed together. The lock is taken by hand where a
 // test runs beside vael_htab_expire or vael_htab_get_table.
 class Table {
@@ -57,7 +50,6 @@ class Table {
     int id() const { return id_; }
     int create_rc() const { return rc_; }
     vael_mutex *lock() const { return lock_; }
-    vael_mutex **lock_address() { return &lock_; }
     vael_htab *record() const { return id_ >= 0 ? htab_db_table(id_) : nullptr; }
 
     int set(const Key &k, const std::vector<uint32_t> &v, uint32_t timeout = VAEL_HTAB_TMO_KEEP,
@@ -73,11 +65,6 @@ class Table {
             return {};
         }
         return std::vector<uint32_t>(out, out + len);
-    }
-    bool has(const Key &k) {
-        int found = -1;
-        EXPECT_EQ(vael_htab_in(id_, k.data(), (int)k.size(), &found, 0), 0);
-        return found == 1;
     }
     int del(const Key &k, const char *why = "test") { return vael_htab_del(id_, k.data(), (int)k.size(), why); }
     int set_tmo(const Key &k, uint32_t timeout) { return vael_htab_set_tmo(id_, k.data(), (int)k.size(), timeout); }
