@@ -602,7 +602,7 @@ TEST(HtabModel, RandomOperationsAgreeWithTheModel) {
         const uint32_t timeouts[] = {KEEP, 0, 1, 1, 2, 3, 5, 3599};
         const int32_t jumps[] = {0, 0, 1, 1, 1, 2, 3, -1, -3, 900, 901, 1500, -901, -2000};
         size_t checked = 0; // free calls compared so far
-        for (int op = 0; op < 6000; op++) {
+        for (int op = 0; op < 3000; op++) {
             const Key k = random_key();
             const bool present = m.entries.count(k) != 0;
             SCOPED_TRACE("seed " + std::to_string(seed) + " op " + std::to_string(op));
