@@ -720,9 +720,10 @@ __attribute__((noinline, cold)) int get_checked(int id, const uint32_t *key, int
 
 // The lookup of a packet path: kept short, so that a caller's loop of lookups
 // has several of them in flight at once; they wait on memory, not on code.
-// The lookup of a packet path, for keys of one or two words: short and free
-// of calls, so that a caller's loop of lookups keeps several of them waiting
-// on memory at once. Everything else takes the checked road.
+// The lookup of a packet path, for keys of one or two words and one value
+// word: short and free of calls, so that a caller's loop of lookups keeps
+// several of them waiting on memory at once. Everything else, and every
+// failure but a missing key, takes the checked road.
 extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *dest, int *len_inout, int refresh,
                              int *result_out) {
     if (__builtin_expect((uint32_t)id >= (uint32_t)kMaxTables || (uint32_t)(nkeys - 1) > 1 || !key || !dest ||
@@ -730,15 +731,16 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
                          0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
     const vael_htab *t = load(htab_db.tables[id]);
-    if (__builtin_expect(!t || *len_inout < 1, 0))
+    if (__builtin_expect(!t, 0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
     const uint32_t k0 = key[0];
-    const uint32_t k1 = nkeys == 2 ? key[1] : 0;
+    const uint32_t k1 = key[nkeys - 1];
     const uint64_t acc =
         nkeys == 2 ? (uint64_t)(k0 + htab_seed[0]) * (uint32_t)(k1 + htab_seed[1])
                    : ((uint64_t)k0 + (uint64_t)(int64_t)(int32_t)htab_seed[0]) * (uint64_t)(int64_t)(int32_t)htab_seed[1];
     const vael_htab_entry *e = t->bins[bin_fold(acc, t->size)];
-    while (e && !(e->nkeys == nkeys && e->words[0] == k0 && (nkeys == 1 || e->words[1] == k1)))
+    // A one-word key compares its word twice.
+    while (e && !(e->nkeys == nkeys && e->words[0] == k0 && e->words[nkeys - 1] == k1))
         e = e->next;
     if (!e) {
         if (result_out)
@@ -746,12 +748,10 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
         return VAEL_ERROR;
     }
     const int nvals = e->nvals;
-    if (__builtin_expect(*len_inout < nvals, 0))
+    if (__builtin_expect(nvals != 1 || *len_inout < 1, 0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
-    const uint32_t *vals = e->words + nkeys;
-    for (int i = 0; i < nvals; i++)
-        dest[i] = vals[i];
-    *len_inout = nvals;
+    dest[0] = e->words[nkeys];
+    *len_inout = 1;
     if (result_out)
         *result_out = VAEL_HTAB_GET_OK;
     return VAEL_OK;
