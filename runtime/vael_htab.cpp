@@ -727,7 +727,7 @@ __attribute__((noinline, cold)) int get_checked(int id, const uint32_t *key, int
 extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *dest, int *len_inout, int refresh,
                              int *result_out) {
     if (__builtin_expect((uint32_t)id >= (uint32_t)kMaxTables || (uint32_t)(nkeys - 1) > 1 || !key || !dest ||
-                             !len_inout || refresh,
+                             !len_inout || *len_inout < 1 || refresh,
                          0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
     const vael_htab *t = load(htab_db.tables[id]);
@@ -748,7 +748,7 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
         return VAEL_ERROR;
     }
     const int nvals = e->nvals;
-    if (__builtin_expect(nvals != 1 || *len_inout < 1, 0))
+    if (__builtin_expect(nvals != 1, 0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
     dest[0] = e->words[nkeys];
     *len_inout = 1;

@@ -208,6 +208,7 @@ TEST(HtabEntries, GetCopiesOnlyWhatFits) {
         {"one word short", k, 2, -1, VAEL_HTAB_GET_NO_ROOM, 2, false},
         {"missing", missing, 3, -1, VAEL_HTAB_GET_MISSING, 3, false},
         {"capacity 0", k, 0, -1, VAEL_HTAB_GET_INVALID, 0, false},
+        {"capacity 0, missing", missing, 0, -1, VAEL_HTAB_GET_INVALID, 0, false},
     };
     for (const auto &row : rows) {
         uint32_t dest[5] = {0, 0, 0, 0, 0};
