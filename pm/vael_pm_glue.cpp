@@ -66,10 +66,16 @@ int single_instance_range(int *first, int *last) {
     return 0;
 }
 
-// Handle tables are not in this build; their start and stop are skipped.
+// The adaptor cannot fail and is not undone; a failed step undoes the ones
+// before it.
 int vael_apps_internal_init() {
     vael_us_adaptor_init();
-    if (vael_pm_init() != 0) {
+    bool ok = vael_htab_ini() == 0;
+    if (ok && vael_pm_init() != 0) {
+        vael_htab_fini();
+        ok = false;
+    }
+    if (!ok) {
         vael_us_adaptor_error(1, 0, "%s: Unable to init vael_apps module\n", "vael_apps_internal_init");
         return VAEL_ERROR;
     }
@@ -96,5 +102,6 @@ extern "C" int vael_apps_init_multik(const vael_apps_callbacks_multik *callbacks
 
 extern "C" void vael_apps_fini(void) {
     vael_pm_fini();
+    vael_htab_fini();
     vael_us_adaptor_fini();
 }

@@ -8,6 +8,7 @@
 #ifndef VAEL_APPS_H
 #define VAEL_APPS_H
 
+#include "vael/vael_htab.h"
 #include "vael/vael_list.h"
 #include "vael/vael_pm.h"
 #include "vael/vael_pmglob.h"
@@ -37,6 +38,23 @@ typedef struct vael_apps_callbacks_multik {
     vael_apps_ioctl_multik_fn ioctl_multik;
     vael_apps_get_instance_range_fn get_instance_range;
 } vael_apps_callbacks_multik;
+
+/* The record of one control request, as the host's ioctl receives it. */
+typedef struct vael_ctl_record {
+    uint32_t command;  /* what is asked, e.g. VAEL_HTAB_CTL_COMMAND */
+    void *data;        /* the request's block, in and out */
+    uint32_t reserved; /* not used by the library's requests */
+    uint32_t data_len; /* bytes at data */
+} vael_ctl_record;
+
+/* The hooks in force: the host's, once an init has run; before that,
+ * stand-ins that report the missing init and fail. Control tools send their
+ * requests through vael_ioctl_func_multik with the number that
+ * vael_get_ioctl_num gives; instance -1 is the host's default one. */
+extern vael_apps_ioctl_fn vael_ioctl_func;
+extern vael_apps_get_ioctl_num_fn vael_get_ioctl_num;
+extern vael_apps_ioctl_multik_fn vael_ioctl_func_multik;
+extern vael_apps_get_instance_range_fn vael_get_instance_range;
 
 /* Result 0 or -1. A null callbacks record is taken as a host without a
  * control channel. */

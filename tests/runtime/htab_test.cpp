@@ -1,0 +1,937 @@
+// Handle tables: the registry, entries, timers and expiry, held against the
+// rules of their interface, a reference model, and the user-side reading
+// through a host that answers from a table of this process.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/runtime/htab_support.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using htab_test::FakeClock;
+using htab_test::Freed;
+using htab_test::Key;
+using htab_test::Table;
+using vael_test::LogCapture;
+
+constexpr uint32_t KEEP = VAEL_HTAB_TMO_KEEP;
+
+// The bin the hash must give, written from the rule: an odd key starts with
+// (k0 + r0) * r[n] over sign-extended seed words, then pairs add the 64-bit
+// products of their 32-bit sums; the halves are folded by XOR.
+uint32_t reference_bin(const Key &k, uint32_t size) {
+    const uint32_t *r = vael_htab_detail::hash_seed();
+    const size_t n = k.size();
+    uint64_t acc = 0;
+    size_t i = 0;
+    if (n % 2) {
+        acc = (uint64_t)((int64_t)k[0] + (int64_t)(int32_t)r[0]) * (uint64_t)(int64_t)(int32_t)r[n % 16];
+        i = 1;
+    }
+    for (; i + 1 < n; i += 2)
+        acc += (uint64_t)(uint32_t)(k[i] + r[i % 16]) * (uint64_t)(uint32_t)(k[i + 1] + r[(i + 1) % 16]);
+    return ((uint32_t)acc ^ (uint32_t)(acc >> 32)) & (size - 1);
+}
+
+vael_htab_entry *entry_of(vael_htab *t, const Key &k) {
+    for (vael_htab_entry *e = t->bins[reference_bin(k, t->size)]; e; e = e->next)
+        if ((size_t)e->nkeys == k.size() && std::equal(k.begin(), k.end(), e->words))
+            return e;
+    return nullptr;
+}
+
+std::vector<Key> keys_of(const std::vector<Table::Row> &rows) {
+    std::vector<Key> out;
+    for (const auto &r : rows)
+        out.push_back(r.key);
+    return out;
+}
+
+// ---------------------------------------------------------------- creation and the registry
+
+TEST(HtabCreate, BinCountIsAPowerOfTwoUpToTheLimit) {
+    const struct {
+        int size;
+        uint32_t bins;
+    } rows[] = {{INT_MIN, 1}, {-1, 1}, {0, 1},         {1, 1},           {2, 2},          {3, 4},
+                {256, 256},   {257, 512}, {0x80000, 0x80000}, {0x80001, 0x80000}, {INT_MAX, 0x80000}};
+    for (const auto &row : rows) {
+        Table t("bins", row.size, VAEL_HTAB_EXPIRE);
+        ASSERT_EQ(t.create_rc(), 0) << row.size;
+        EXPECT_EQ(t.record()->size, row.bins) << row.size;
+    }
+}
+
+using CreateFn = int (*)(const char *, int, uint32_t, vael_htab_free_fn, vael_htab_print_fn, vael_htab_exp_fn,
+                        vael_mutex **, int *, void *);
+
+TEST(HtabCreate, EveryCreatorTakesAndRefusesTheSameArguments) {
+    const CreateFn creators[] = {vael_htab_create, vael_htab_create_rw, vael_htab_create_release_qx_lock,
+                                 vael_htab_create_rw_release_qx_lock};
+    vael_mutex *lock = nullptr, *none = nullptr;
+    ASSERT_EQ(tqlock_lock_init(&lock), 0);
+    const std::string n99(99, 'n'), n100(100, 'n');
+    const struct {
+        const char *what;
+        const char *name;
+        vael_mutex **lock;
+        bool id_out;
+        int rc;
+    } rows[] = {
+        {"plain", "t", &lock, true, 0},
+        {"99 characters", n99.c_str(), &lock, true, 0},
+        {"100 characters", n100.c_str(), &lock, true, -1},
+        {"null name", nullptr, &lock, true, -1},
+        {"null id_out", "t", &lock, false, -1},
+        {"no lock", "t", nullptr, true, -1},
+        {"a lock never made", "t", &none, true, -1},
+    };
+    const int before = htab_test::live_tables();
+    const intptr_t kmem = qx_kmem_get_alloc_total();
+    vael_test::ScopedTopic topic("K_HTAB", VAEL_DBG_ERR);
+    LogCapture log;
+    for (CreateFn create : creators) {
+        for (const auto &row : rows) {
+            int id = 12345;
+            int rc = create(row.name, 8, 0, nullptr, nullptr, nullptr, row.lock, row.id_out ? &id : nullptr, nullptr);
+            EXPECT_EQ(rc, row.rc) << row.what;
+            if (row.id_out && rc != 0) {
+                EXPECT_EQ(id, -1) << row.what;
+            }
+            if (rc == 0) {
+                EXPECT_EQ(vael_htab_find(row.name), id);
+                EXPECT_EQ(vael_htab_destroy(id), 1);
+            }
+        }
+    }
+    EXPECT_TRUE(log.contains("table name " + n100 + " too long"));
+    EXPECT_EQ(htab_test::live_tables(), before);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
+    tqlock_lock_term(&lock);
+}
+
+TEST(HtabCreate, TheRegistryHoldsTwoHundredAndReusesTheLowestId) {
+    vael_mutex *lock = nullptr;
+    ASSERT_EQ(tqlock_lock_init(&lock), 0);
+    const int room = VAEL_HTAB_MAX_TABLES - htab_test::live_tables();
+    std::vector<int> ids;
+    for (;;) {
+        int id = 0;
+        if (vael_htab_create("many", 1, 0, nullptr, nullptr, nullptr, &lock, &id, nullptr) != 0) {
+            EXPECT_EQ(id, -1);
+            break;
+        }
+        ids.push_back(id);
+    }
+    EXPECT_EQ((int)ids.size(), room);
+    // Two freed ids: the lower is given first.
+    const int a = ids[ids.size() / 2], b = ids[ids.size() / 3];
+    EXPECT_EQ(vael_htab_destroy(a), 1);
+    EXPECT_EQ(vael_htab_destroy(b), 1);
+    int id = -1;
+    ASSERT_EQ(vael_htab_create("again", 1, 0, nullptr, nullptr, nullptr, &lock, &id, nullptr), 0);
+    EXPECT_EQ(id, std::min(a, b));
+    EXPECT_EQ(vael_htab_find("again"), id);
+    // Names need not be unique; the lowest id wins.
+    EXPECT_EQ(vael_htab_find("many"), *std::min_element(ids.begin(), ids.end()));
+    EXPECT_EQ(vael_htab_find("absent"), -1);
+    EXPECT_EQ(vael_htab_destroy(id), 1);
+    for (int i : ids)
+        if (i != a && i != b) {
+            EXPECT_EQ(vael_htab_destroy(i), 1);
+        }
+    tqlock_lock_term(&lock);
+}
+
+// ---------------------------------------------------------------- hashing and entries
+
+TEST(HtabEntries, EachKeySitsInTheBinOfTheHashRule) {
+    Table t("hash", 0x80000, 0);
+    std::mt19937 rng(7);
+    for (int n = 1; n <= 19; n++) {
+        for (int rep = 0; rep < 20; rep++) {
+            Key k(n);
+            for (auto &w : k)
+                w = rng();
+            ASSERT_EQ(t.set(k, {1}), 0);
+            EXPECT_NE(entry_of(t.record(), k), nullptr) << n << " words";
+        }
+    }
+}
+
+TEST(HtabEntries, SetCreatesUpdatesAndResizesInPlace) {
+    Table t("set", 1, 0); // one bin: the chain order is the insertion order
+    int result = 9;
+    ASSERT_EQ(t.set({1}, {10}, KEEP, &result), 0);
+    EXPECT_EQ(result, VAEL_HTAB_SET_NEW);
+    ASSERT_EQ(t.set({2}, {20}), 0);
+    ASSERT_EQ(t.set({3}, {30}), 0);
+    vael_htab_entry *before = entry_of(t.record(), {2});
+    ASSERT_EQ(t.set({2}, {21}, KEEP, &result), 0);
+    EXPECT_EQ(result, VAEL_HTAB_SET_UPDATED);
+    EXPECT_EQ(entry_of(t.record(), {2}), before) << "same value count: same entry";
+    ASSERT_EQ(t.set({2}, {22, 23, 24}), 0);
+    EXPECT_EQ(t.get({2}), (std::vector<uint32_t>{22, 23, 24}));
+    EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}, {2}, {3}})) << "a resized entry keeps its place";
+    EXPECT_TRUE(t.freed.empty()) << "updates tell the free function nothing";
+
+    Table fixed("noupd", 4, VAEL_HTAB_NO_UPDATE);
+    ASSERT_EQ(fixed.set({7}, {1}), 0);
+    EXPECT_EQ(fixed.set({7}, {2}, KEEP, &result), -1);
+    EXPECT_EQ(result, VAEL_HTAB_SET_EXISTS);
+    EXPECT_EQ(fixed.get({7}), std::vector<uint32_t>{1});
+}
+
+TEST(HtabEntries, GetCopiesOnlyWhatFits) {
+    Table t("get", 4, 0);
+    ASSERT_EQ(t.set({1, 2}, {7, 8, 9}), 0);
+    const uint32_t k[] = {1, 2}, missing[] = {3, 4};
+    const struct {
+        const char *what;
+        const uint32_t *key;
+        int capacity;
+        int rc, result, len_after;
+        bool copied;
+    } rows[] = {
+        {"room to spare", k, 5, 0, VAEL_HTAB_GET_OK, 3, true},
+        {"exact room", k, 3, 0, VAEL_HTAB_GET_OK, 3, true},
+        {"one word short", k, 2, -1, VAEL_HTAB_GET_NO_ROOM, 2, false},
+        {"missing", missing, 3, -1, VAEL_HTAB_GET_MISSING, 3, false},
+        {"capacity 0", k, 0, -1, VAEL_HTAB_GET_INVALID, 0, false},
+        {"capacity 0, missing", missing, 0, -1, VAEL_HTAB_GET_INVALID, 0, false},
+    };
+    for (const auto &row : rows) {
+        uint32_t dest[5] = {0, 0, 0, 0, 0};
+        int len = row.capacity, result = 99;
+        EXPECT_EQ(vael_htab_get(t.id(), row.key, 2, dest, &len, 0, &result), row.rc) << row.what;
+        EXPECT_EQ(result, row.result) << row.what;
+        EXPECT_EQ(len, row.len_after) << row.what;
+        EXPECT_EQ(dest[0] == 7 && dest[2] == 9, row.copied) << row.what;
+    }
+}
+
+TEST(HtabEntries, InvalidArgumentsAndTablesAreRefused) {
+    Table t("args", 4, VAEL_HTAB_EXPIRE);
+    ASSERT_EQ(t.set({1}, {1}), 0);
+    const uint32_t k[] = {1}, v[] = {1};
+    uint32_t dest[4];
+    int len = 4, found = 7, result = 42;
+    // Invalid arguments: -1, and set leaves result_out alone.
+    EXPECT_EQ(vael_htab_set(t.id(), nullptr, 1, v, 1, KEEP, &result), -1);
+    EXPECT_EQ(vael_htab_set(t.id(), k, 0, v, 1, KEEP, &result), -1);
+    EXPECT_EQ(vael_htab_set(t.id(), k, 1, v, 0, KEEP, &result), -1);
+    EXPECT_EQ(result, 42);
+    EXPECT_EQ(vael_htab_get(t.id(), k, 1, nullptr, &len, 0, &result), -1);
+    EXPECT_EQ(result, VAEL_HTAB_GET_INVALID);
+    EXPECT_EQ(vael_htab_traverse(t.id(), nullptr, 1, nullptr), -1);
+    LogCapture log;
+    for (int bad : {-1, VAEL_HTAB_MAX_TABLES, t.id() == 199 ? 198 : 199}) {
+        result = 42;
+        EXPECT_EQ(vael_htab_set(bad, k, 1, v, 1, KEEP, &result), -1);
+        EXPECT_EQ(result, 42);
+        EXPECT_EQ(vael_htab_get(bad, k, 1, dest, &len, 0, &result), -1);
+        EXPECT_EQ(result, VAEL_HTAB_GET_INVALID);
+        EXPECT_EQ(vael_htab_in(bad, k, 1, &found, 0), -1);
+        EXPECT_EQ(vael_htab_del(bad, k, 1, "x"), -1);
+        EXPECT_EQ(vael_htab_set_tmo(bad, k, 1, 5), -1);
+        EXPECT_EQ(vael_htab_delete_all(bad), -1);
+        EXPECT_EQ(vael_htab_nents(bad), 0);
+        EXPECT_EQ(vael_htab_print(bad), -1);
+        EXPECT_EQ(vael_htab_destroy(bad), 1);
+    }
+    EXPECT_TRUE(log.contains("vael_htab_assert: fatal error in vael_htab_set: vael htab(-1) is invalid ("));
+    EXPECT_EQ(vael_htab_nents(t.id()), 1);
+}
+
+// A user function may read its table but not change it.
+TEST(HtabEntries, UserFunctionsReadButDoNotChange) {
+    Table t("user", 8, VAEL_HTAB_EXPIRE | VAEL_HTAB_REFRESH);
+    ASSERT_EQ(t.set({1}, {10}, 5), 0);
+    ASSERT_EQ(t.set({2}, {20}, 5), 0);
+    const int id = t.id();
+    const uint32_t k1[] = {1}, v[] = {3};
+    struct Call {
+        const char *what;
+        std::function<int()> call;
+        int rc;
+    };
+    uint32_t dest[4];
+    int len = 4, found = 0, result = 0;
+    const std::vector<Call> calls = {
+        {"get", [&] { len = 4; return vael_htab_get(id, k1, 1, dest, &len, 0, nullptr); }, 0},
+        {"in", [&] { return vael_htab_in(id, k1, 1, &found, 0); }, 0},
+        {"nents", [&] { return vael_htab_nents(id) == 2 ? 0 : 1; }, 0},
+        {"read-only traverse",
+         [&] { return vael_htab_traverse(id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 1, nullptr); },
+         0},
+        {"get with refresh", [&] { len = 4; return vael_htab_get(id, k1, 1, dest, &len, 1, &result); }, -1},
+        {"in with refresh", [&] { return vael_htab_in(id, k1, 1, &found, 1); }, -1},
+        {"set", [&] { return vael_htab_set(id, k1, 1, v, 1, KEEP, nullptr); }, -1},
+        {"set_tmo", [&] { return vael_htab_set_tmo(id, k1, 1, 9); }, -1},
+        {"del", [&] { return vael_htab_del(id, k1, 1, "x"); }, -1},
+        {"delete_all", [&] { return vael_htab_delete_all(id); }, -1},
+        {"writing traverse",
+         [&] { return vael_htab_traverse(id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 0, nullptr); },
+         -1},
+        {"destroy", [&] { return vael_htab_destroy(id) == 1 ? -1 : 0; }, -1},
+    };
+    LogCapture log;
+    struct Ctx {
+        const std::vector<Call> *calls;
+        std::vector<int> rcs;
+    } ctx{&calls, {}};
+    ASSERT_EQ(vael_htab_traverse(
+                  id,
+                  [](const uint32_t *key, int, uint32_t *, int, int, int, void *c) {
+                      auto *ctx = static_cast<Ctx *>(c);
+                      if (key[0] == 1)
+                          for (const auto &call : *ctx->calls)
+                              ctx->rcs.push_back(call.call());
+                      return 1;
+                  },
+                  1, &ctx),
+              0);
+    ASSERT_EQ(ctx.rcs.size(), calls.size());
+    for (size_t i = 0; i < calls.size(); i++) {
+        EXPECT_EQ(ctx.rcs[i], calls[i].rc) << calls[i].what;
+    }
+    EXPECT_EQ(result, VAEL_HTAB_GET_INVALID);
+    EXPECT_TRUE(log.contains("fatal error in vael_htab_del: vael htab(" + std::to_string(id) + ") is in user context"));
+    // Nothing changed, and outside the walk the same calls work again.
+    EXPECT_EQ(t.get({1}), std::vector<uint32_t>{10});
+    EXPECT_EQ(t.del({1}), 0);
+    // The free function is in user context too; the mark of a nested walk
+    // does not end it.
+    std::vector<int> inside;
+    t.on_freed = [&](const Freed &) {
+        inside.push_back(vael_htab_traverse(
+            id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 1, nullptr));
+        inside.push_back(vael_htab_del(id, k1, 1, "nested"));
+    };
+    EXPECT_EQ(t.del({2}), 0);
+    EXPECT_EQ(inside, (std::vector<int>{0, -1}));
+}
+
+TEST(HtabEntries, PrintsTellEveryWord) {
+    FakeClock clock;
+    Table t("printed", 1, VAEL_HTAB_EXPIRE);
+    ASSERT_EQ(t.set({0x1a, 0x2b}, {0x3c, 0x4d}), 0);
+    ASSERT_EQ(t.set({0xff}, {1}, 10), 0);
+    clock.step(1);
+    vael_htab_expire();
+    const struct {
+        const char *what;
+        std::function<int()> call;
+        const char *text;
+    } rows[] = {
+        {"entries", [&] { return vael_htab_print(t.id()); }, "vael[5]: <1a,2b; 3c,4d>\nvael[5]: <ff; 1; 9/10>\n"},
+        {"summary", [&] { return vael_htab_print_table("printed", 1); }, "vael[5]: Table 'printed' has 2 entries\n"},
+        {"by name", [&] { return vael_htab_print_table("printed", 0); },
+         "vael[5]: <1a,2b; 3c,4d>\nvael[5]: <ff; 1; 9/10>\n"},
+        {"unknown", [&] { return vael_htab_print_table("nosuch", 1) + 1; },
+         "vael_htab_print_table: Table 'nosuch' not found\n"},
+    };
+    for (const auto &row : rows) {
+        LogCapture log;
+        EXPECT_EQ(row.call(), 0) << row.what;
+        EXPECT_TRUE(log.contains(row.text)) << row.what << ": " << log.text();
+    }
+    LogCapture log;
+    vael_htab_print_stats();
+    EXPECT_TRUE(log.contains("table: " + std::to_string(t.id()) + " printed [2] 1\t\n")) << log.text();
+}
+
+// ---------------------------------------------------------------- timers
+
+TEST(HtabTimers, TimeoutWordsAndTheirLimits) {
+    FakeClock clock;
+    Table t("tmo", 8, VAEL_HTAB_EXPIRE);
+    ASSERT_EQ(t.set({1}, {1}, 10), 0);
+    auto timeout = [&] { return t.rows().at(0).timeout; };
+    const struct {
+        uint32_t word;
+        int rc;
+        int timeout_after;
+    } rows[] = {
+        {3599, 0, 3599}, {3600, -1, 3599}, {0xfffffffe, -1, 3599}, {KEEP, 0, 3599},
+        {1, 0, 1},       {0, 0, 0},        {KEEP, 0, 0},           {5000, -1, 0},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(t.set_tmo({1}, row.word), row.rc) << row.word;
+        EXPECT_EQ(timeout(), row.timeout_after) << row.word;
+    }
+    EXPECT_EQ(t.set_tmo({2}, 5), -1) << "missing entry";
+}
+
+// A refused timeout costs the entry and the rest of its chain; the count is
+// left as it was, and nothing leaks.
+TEST(HtabTimers, ARefusedTimeoutCutsTheChain) {
+    const intptr_t kmem = qx_kmem_get_alloc_total();
+    {
+        Table t("cut", 1, VAEL_HTAB_EXPIRE);
+        for (uint32_t i = 1; i <= 4; i++) {
+            ASSERT_EQ(t.set({i}, {i}, i), 0);
+        }
+        int result = 0;
+        EXPECT_EQ(t.set({2}, {9}, 3600, &result), -1);
+        EXPECT_EQ(result, VAEL_HTAB_SET_BAD_TMO);
+        EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}}));
+        EXPECT_EQ(vael_htab_nents(t.id()), 4);
+        // A new key goes at the end of the chain and only it is lost; the
+        // count keeps its rise.
+        EXPECT_EQ(t.set({5}, {5}, 4000, &result), -1);
+        EXPECT_EQ(result, VAEL_HTAB_SET_BAD_TMO);
+        EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}}));
+        EXPECT_EQ(vael_htab_nents(t.id()), 5);
+        EXPECT_TRUE(t.freed.empty());
+        // The timers of what was lost left their slots.
+        uint32_t in_slots = 0;
+        for (uint32_t s = 0; s < VAEL_HTAB_SLOTS; s++)
+            in_slots += t.record()->slots[s].count;
+        EXPECT_EQ(in_slots, 1u);
+    }
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
+}
+
+// The global counters and one table's ring under a stepped clock.
+class HtabExpiry : public ::testing::Test {
+  protected:
+    // n calls of vael_htab_expire in a new second, the first of which
+    // changes the second.
+    void second_with_calls(int n) {
+        clock.step(1);
+        for (int i = 0; i < n; i++)
+            vael_htab_expire();
+    }
+    void fill(Table &t, int n, uint32_t timeout) {
+        for (int i = 0; i < n; i++) {
+            ASSERT_EQ(t.set({(uint32_t)i, 77}, {(uint32_t)i}, timeout), 0);
+        }
+    }
+    FakeClock clock;
+};
+
+TEST_F(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
+    const struct {
+        int calls_per_second;
+        int due;
+        size_t gone_in_the_second;
+    } rows[] = {
+        {1000, 300, 250}, // q 3, p 4
+        {1000, 1000, 999}, // q 1: every call but the one that changed the second
+        {1000, 600, 600},  // q 1: the slot is empty before the second ends
+        {100, 300, 0},     // q 0: all at the change of second
+    };
+    for (const auto &row : rows) {
+        Table t("gradual", 1024, VAEL_HTAB_EXPIRE_GRADUAL);
+        fill(t, row.due, 2);
+        second_with_calls(row.calls_per_second); // measures the rate; the ring reaches slot 1
+        second_with_calls(row.calls_per_second); // the ring reaches the due slot
+        const size_t in_second = std::min<size_t>(row.gone_in_the_second, row.due);
+        EXPECT_EQ(t.freed.size(), in_second) << row.due << " due, " << row.calls_per_second << " calls";
+        second_with_calls(1);
+        EXPECT_EQ(t.freed.size(), (size_t)row.due);
+    }
+}
+
+TEST_F(HtabExpiry, ClockJumps) {
+    const struct {
+        const char *what;
+        int32_t jump;
+        size_t gone_at_jump;
+        size_t gone_one_second_later;
+        int current_slot_after_jump;
+    } rows[] = {
+        {"900 forward moves 900 slots", 900, 20, 20, 900},
+        {"901 forward is a clock change", 901, 0, 0, 0},
+        {"5 back moves nothing", -5, 0, 0, 0},
+        {"1000 back is a clock change", -1000, 0, 0, 0},
+        {"2 forward", 2, 20, 20, 2},
+    };
+    for (const auto &row : rows) {
+        Table t("jumps", 64, VAEL_HTAB_EXPIRE);
+        fill(t, 20, 1);
+        ASSERT_EQ(t.set({999}, {1}, 3000), 0);
+        clock.step(row.jump);
+        vael_htab_expire();
+        EXPECT_EQ(t.freed.size(), row.gone_at_jump) << row.what;
+        EXPECT_EQ((int)t.record()->current_slot, row.current_slot_after_jump) << row.what;
+        EXPECT_EQ(t.record()->last_expire_time, clock.now()) << row.what;
+        second_with_calls(1);
+        EXPECT_EQ(t.freed.size(), row.gone_one_second_later) << row.what;
+        // The long timer keeps its second in the ring: a jump the ring did
+        // not follow lengthens it.
+        const int moved = row.current_slot_after_jump + 1;
+        for (const auto &r : t.rows())
+            if (r.key == Key{999}) {
+                EXPECT_EQ(r.remaining, 3000 - moved) << row.what;
+            }
+    }
+}
+
+// ---------------------------------------------------------------- a reference model
+
+// The table as the rules describe it: entries with their values and timers,
+// the ring as one list per slot (back = head), the table's and the counters'
+// last seconds.
+struct Model {
+    struct Entry {
+        std::vector<uint32_t> vals;
+        int timeout = 0; // 0: no timer
+        int slot = 0;
+    };
+    std::map<Key, Entry> entries;
+    std::vector<std::vector<Key>> slots = std::vector<std::vector<Key>>(VAEL_HTAB_SLOTS);
+    uint32_t current = 0;
+    uint32_t table_last = 0;
+    uint32_t counters_last = 0;
+    std::vector<Freed> freed;
+
+    void unlink(const Key &k) {
+        Entry &e = entries.at(k);
+        auto &s = slots[e.slot];
+        s.erase(std::find(s.begin(), s.end(), k));
+    }
+    void place(const Key &k, int timeout) {
+        Entry &e = entries.at(k);
+        e.timeout = timeout;
+        e.slot = (int)((current + timeout) % VAEL_HTAB_SLOTS);
+        slots[e.slot].push_back(k);
+    }
+    // The timeout word on an existing entry; false when refused.
+    bool set_timer(const Key &k, uint32_t t) {
+        Entry &e = entries.at(k);
+        if (t == KEEP)
+            return true;
+        if (t > 3599)
+            return false;
+        if (e.timeout)
+            unlink(k);
+        e.timeout = 0;
+        if (t)
+            place(k, (int)t);
+        return true;
+    }
+    int set(const Key &k, const std::vector<uint32_t> &v, uint32_t t) {
+        auto it = entries.find(k);
+        int result = VAEL_HTAB_SET_UPDATED;
+        if (it == entries.end()) {
+            entries[k] = Entry{};
+            result = VAEL_HTAB_SET_NEW;
+        } else if (it->second.vals.size() != v.size() && it->second.timeout) {
+            unlink(k);
+            it->second.timeout = 0;
+        }
+        entries[k].vals = v;
+        set_timer(k, t);
+        return result;
+    }
+    void refresh(const Key &k) {
+        Entry &e = entries.at(k);
+        if (e.timeout && (uint32_t)e.slot != (current + e.timeout) % VAEL_HTAB_SLOTS) {
+            unlink(k);
+            place(k, e.timeout);
+        }
+    }
+    void remove(const Key &k, int expired, const char *reason) {
+        if (entries.at(k).timeout)
+            unlink(k);
+        freed.push_back(Freed{k, entries.at(k).vals, expired, reason});
+        entries.erase(k);
+    }
+    void expire(uint32_t now) {
+        if (now == counters_last)
+            return;
+        counters_last = now;
+        if (now == table_last)
+            return;
+        const uint32_t diff = now - table_last;
+        table_last = now;
+        if (diff + 900 >= 1801 || (int32_t)diff <= 0)
+            return;
+        for (uint32_t step = 0; step < diff; step++) {
+            auto &s = slots[current];
+            while (!s.empty()) {
+                const Key k = s.back();
+                // The model's expiry function keeps keys whose first word is
+                // a multiple of 4, for 20, 40 or 60 seconds more.
+                if (k[0] % 4 == 0) {
+                    unlink(k);
+                    place(k, (int)(k[0] % 3) * 20 + 20);
+                } else {
+                    remove(k, 1, "expiration");
+                }
+            }
+            current = (current + 1) % VAEL_HTAB_SLOTS;
+        }
+    }
+};
+
+int model_exp_func(const uint32_t *key, int, uint32_t *, int, uint32_t *timeout, void *) {
+    if (key[0] % 4 != 0)
+        return 0;
+    *timeout = key[0] % 3 * 20 + 20;
+    return 1;
+}
+
+TEST(HtabModel, RandomOperationsAgreeWithTheModel) {
+    for (uint32_t seed : {1u, 2u, 3u, 4u}) {
+        FakeClock clock;
+        vael_htab_expire();
+        Table t("model", seed == 1 ? 1 : 64, VAEL_HTAB_EXPIRE | VAEL_HTAB_REFRESH, model_exp_func);
+        Model m;
+        m.table_last = clock.now();
+        m.counters_last = last_ex_opportunity_time;
+        std::mt19937 rng(seed);
+        auto pick = [&](int n) { return (int)(rng() % (uint32_t)n); };
+        auto random_key = [&] {
+            Key k(1 + pick(3) + (pick(50) == 0 ? 16 : 0));
+            for (auto &w : k)
+                w = (uint32_t)pick(6);
+            return k;
+        };
+        const uint32_t timeouts[] = {KEEP, 0, 1, 1, 2, 3, 5, 3599};
+        const int32_t jumps[] = {0, 0, 1, 1, 1, 2, 3, -1, -3, 900, 901, 1500, -901, -2000};
+        size_t checked = 0; // free calls compared so far
+        for (int op = 0; op < 3000; op++) {
+            const Key k = random_key();
+            const bool present = m.entries.count(k) != 0;
+            SCOPED_TRACE("seed " + std::to_string(seed) + " op " + std::to_string(op));
+            switch (pick(10)) {
+            case 0:
+            case 1:
+            case 2: {
+                std::vector<uint32_t> v(1 + pick(3), (uint32_t)op);
+                const uint32_t tmo = timeouts[pick(8)];
+                int result = 9;
+                ASSERT_EQ(t.set(k, v, tmo, &result), 0);
+                ASSERT_EQ(result, m.set(k, v, tmo));
+                break;
+            }
+            case 3: {
+                const uint32_t tmo = pick(4) == 0 ? 3600 + (uint32_t)pick(5) : timeouts[pick(8)];
+                const int rc = t.set_tmo(k, tmo);
+                ASSERT_EQ(rc, present && m.set_timer(k, tmo) ? 0 : -1) << tmo;
+                break;
+            }
+            case 4: {
+                const int refresh = pick(2);
+                ASSERT_EQ(t.get(k, refresh), present ? m.entries[k].vals : std::vector<uint32_t>{});
+                if (present && refresh)
+                    m.refresh(k);
+                break;
+            }
+            case 5:
+                ASSERT_EQ(t.del(k, "model"), present ? 0 : -1);
+                if (present)
+                    m.remove(k, 0, "model");
+                break;
+            case 6:
+                if (pick(40) == 0) {
+                    ASSERT_EQ(vael_htab_delete_all(t.id()), 0);
+                    // Bin order is the hash's: compare these as a set.
+                    std::vector<Freed> got(t.freed.end() - (long)m.entries.size(), t.freed.end());
+                    t.freed.resize(t.freed.size() - m.entries.size());
+                    checked = std::min(checked, t.freed.size());
+                    std::vector<Freed> want;
+                    for (auto &[key, e] : m.entries)
+                        want.push_back(Freed{key, e.vals, 0, "del all"});
+                    std::sort(got.begin(), got.end());
+                    ASSERT_EQ(got, want);
+                    for (auto &s : m.slots)
+                        s.clear();
+                    m.entries.clear();
+                }
+                break;
+            default:
+                clock.step(jumps[pick(14)]);
+                vael_htab_expire();
+                m.expire(clock.now());
+                break;
+            }
+            ASSERT_EQ(t.freed.size(), m.freed.size());
+            for (; checked < m.freed.size(); checked++)
+                ASSERT_EQ(t.freed[checked], m.freed[checked]) << checked;
+            ASSERT_EQ(vael_htab_nents(t.id()), (int)m.entries.size());
+            if (op % 50 == 0) {
+                std::map<Key, Table::Row> rows;
+                for (auto &r : t.rows())
+                    rows[r.key] = r;
+                ASSERT_EQ(rows.size(), m.entries.size());
+                for (auto &[key, e] : m.entries) {
+                    const Table::Row &r = rows.at(key);
+                    ASSERT_EQ(r.vals, e.vals);
+                    ASSERT_EQ(r.timeout, e.timeout);
+                    if (e.timeout) {
+                        ASSERT_EQ(r.remaining, (e.slot - (int)m.current + VAEL_HTAB_SLOTS) % VAEL_HTAB_SLOTS);
+                    }
+                }
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------- destroy while inside
+
+TEST(HtabRegistry, DestroyWhileAReaderWaitsLeavesItToTheReader) {
+    static int destroyed_calls = 0;
+    destroyed_calls = 0;
+    vael_mutex *lock = nullptr;
+    ASSERT_EQ(tqlock_lock_init(&lock), 0);
+    int id = -1;
+    ASSERT_EQ(vael_htab_create("waited", 8, 0, nullptr, nullptr, nullptr, &lock, &id, nullptr), 0);
+    const uint32_t k[] = {1}, v[] = {2};
+    ASSERT_EQ(vael_htab_set(id, k, 1, v, 1, KEEP, nullptr), 0);
+
+    MtMutexLock(lock);
+    struct Seen {
+        int nents = -1;
+        std::string name;
+    } seen;
+    int found = 0;
+    std::thread reader([&] {
+        found = vael_htab_get_table(
+            "waited", -1,
+            [](int id, vael_htab *t, void *ctx) {
+                static_cast<Seen *>(ctx)->nents = vael_htab_nents(id);
+                static_cast<Seen *>(ctx)->name = t->name;
+                return 0;
+            },
+            nullptr, &seen);
+    });
+    while (vael_htab_detail::users_of(id) == 0)
+        std::this_thread::yield();
+    EXPECT_EQ(vael_htab_destroy_ex(id, [](void *arg) { ++*static_cast<int *>(arg); }, &destroyed_calls), 0);
+    EXPECT_EQ(vael_htab_find("waited"), id) << "pending, still findable";
+    EXPECT_EQ(destroyed_calls, 0);
+    MtMutexUnLock(lock);
+    reader.join();
+    EXPECT_EQ(found, 1);
+    EXPECT_EQ(seen.nents, 0) << "the waiter finds it empty";
+    EXPECT_EQ(seen.name, "waited");
+    EXPECT_EQ(destroyed_calls, 1) << "the waiter's release freed it";
+    EXPECT_EQ(vael_htab_find("waited"), -1);
+    tqlock_lock_term(&lock);
+}
+
+// ---------------------------------------------------------------- allocation failures
+
+TEST(HtabFailmem, CreateFailsCleanlyOrShrinks) {
+    vael_mutex *lock = nullptr;
+    ASSERT_EQ(tqlock_lock_init(&lock), 0);
+    // The bins' site fails once; a table that can shrink retries it at half
+    // size in the same call, which then succeeds.
+    const struct {
+        int size;
+        uint32_t flags;
+        int rounds;
+        uint32_t bins;
+    } rows[] = {
+        {16, 0, 3, 16},
+        {1024, VAEL_HTAB_EXPIRE, 2, 512},
+        {1024, VAEL_HTAB_EXPIRE_GRADUAL, 2, 512},
+    };
+    for (const auto &row : rows) {
+        int id = -1;
+        auto w = vael_test::failmem_walk(
+            [&] {
+                return vael_htab_create("walk", row.size, row.flags, nullptr, nullptr, nullptr, &lock, &id, nullptr) == 0;
+            },
+            [&] { return id == -1 && vael_htab_find("walk") == -1; });
+        EXPECT_EQ(w.rounds, row.rounds) << row.size;
+        ASSERT_GE(id, 0);
+        uint32_t bins = 0;
+        vael_htab_get_table(
+            nullptr, id,
+            [](int, vael_htab *t, void *c) {
+                *static_cast<uint32_t *>(c) = t->size;
+                return 0;
+            },
+            nullptr, &bins);
+        EXPECT_EQ(bins, row.bins) << row.size;
+        EXPECT_EQ(vael_htab_destroy(id), 1);
+    }
+    tqlock_lock_term(&lock);
+}
+
+TEST(HtabFailmem, InsertAndResizeLeaveTheTableAsItWas) {
+    FakeClock clock;
+    Table t("walk", 4, VAEL_HTAB_EXPIRE);
+    ASSERT_EQ(t.set({1}, {1}, 5), 0);
+    ASSERT_EQ(t.set({2}, {2}), 0);
+    const struct {
+        const char *what;
+        Key key;
+        std::vector<uint32_t> vals;
+        uint32_t timeout;
+        int rounds;
+    } rows[] = {
+        {"new entry with a timer", {3}, {3}, 7, 3},
+        {"new entry without a timer", {4}, {4}, 0, 2},
+        {"resized entry keeping a timer", {1}, {1, 1}, 9, 3},
+        {"timer on an entry that had none", {2}, {8}, 4, 2},
+        {"same size, timer moved", {1}, {5, 5}, 2, 1},
+    };
+    for (const auto &row : rows) {
+        const auto before = t.rows();
+        const int nents = vael_htab_nents(t.id());
+        int result = 0;
+        auto w = vael_test::failmem_walk(
+            [&] { return t.set(row.key, row.vals, row.timeout, &result) == 0; },
+            [&] {
+                const auto now = t.rows();
+                bool same = now.size() == before.size() && vael_htab_nents(t.id()) == nents;
+                for (size_t i = 0; same && i < now.size(); i++)
+                    same = now[i].key == before[i].key && now[i].vals == before[i].vals &&
+                           now[i].timeout == before[i].timeout;
+                return same && result == VAEL_HTAB_SET_NOMEM;
+            });
+        EXPECT_EQ(w.rounds, row.rounds) << row.what;
+        EXPECT_EQ(t.get(row.key), row.vals) << row.what;
+    }
+}
+
+// ---------------------------------------------------------------- the user side over the control channel
+
+// The host side of the request: answers from a table of this process, found
+// by name, the way the kernel module answers from its own.
+int host_ioctl(int number, void *record, int instance) {
+    auto *r = static_cast<vael_ctl_record *>(record);
+    if (number != 77 || r->command != VAEL_HTAB_CTL_COMMAND || r->data_len != sizeof(vael_htab_ctl_table))
+        return -1;
+    auto *block = static_cast<vael_htab_ctl_table *>(r->data);
+    const int found = vael_htab_get_table(
+        block->name, -1,
+        [](int id, vael_htab *t, void *ctx) {
+            auto *b = static_cast<vael_htab_ctl_table *>(ctx);
+            b->id = (uint32_t)id;
+            b->flags = t->flags;
+            b->size = t->size;
+            b->nents = (uint32_t)vael_htab_nents(id);
+            b->returned = 0;
+            if (b->capacity == 0)
+                return 0;
+            vael_htab_traverse(
+                id,
+                [](const uint32_t *k, int nk, uint32_t *v, int nv, int tmo, int rem, void *ctx) {
+                    auto *b = static_cast<vael_htab_ctl_table *>(ctx);
+                    auto *entries = reinterpret_cast<vael_htab_ctl_entry *>(
+                        (uintptr_t)((uint64_t)b->entries[0] | (uint64_t)b->entries[1] << 32));
+                    vael_htab_ctl_entry &e = entries[b->returned++];
+                    e.nkeys = (uint32_t)std::min(nk, VAEL_HTAB_CTL_KEY_WORDS);
+                    e.nvals = (uint32_t)std::min(nv, VAEL_HTAB_CTL_VAL_WORDS);
+                    std::copy(k, k + e.nkeys, e.key);
+                    std::copy(v, v + e.nvals, e.vals);
+                    e.timeout = (uint32_t)tmo;
+                    e.remaining = (uint32_t)rem;
+                    return b->returned < b->capacity ? 1 : 0;
+                },
+                1, b);
+            return 0;
+        },
+        nullptr, block);
+    return found ? 0 : -1;
+}
+
+int host_ioctl_num() { return 77; }
+
+class HtabUser : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        saved_ioctl_ = vael_ioctl_func_multik;
+        saved_num_ = vael_get_ioctl_num;
+        vael_ioctl_func_multik = host_ioctl;
+        vael_get_ioctl_num = host_ioctl_num;
+    }
+    void TearDown() override {
+        vael_ioctl_func_multik = saved_ioctl_;
+        vael_get_ioctl_num = saved_num_;
+    }
+
+  private:
+    vael_apps_ioctl_multik_fn saved_ioctl_;
+    vael_apps_get_ioctl_num_fn saved_num_;
+};
+
+TEST_F(HtabUser, SummaryAndEntriesComeThroughTheChannel) {
+    FakeClock clock;
+    Table t("remote", 1, VAEL_HTAB_EXPIRE | VAEL_HTAB_NO_UPDATE);
+    for (uint32_t i = 1; i <= 5; i++) {
+        ASSERT_EQ(t.set({i, i + 0x100}, {i * 0x10}, i == 2 ? 30 : 0), 0);
+    }
+    int id = -1, nents = -1;
+    ASSERT_EQ(vael_htab_user_get_table_summary("remote", &id, &nents), 0);
+    EXPECT_EQ(id, t.id());
+    EXPECT_EQ(nents, 5);
+
+    const struct {
+        int summary_only;
+        int max_entries;
+        uint32_t returned;
+    } rows[] = {{0, 0, 5}, {0, 2, 2}, {0, 100, 5}, {1, 0, 0}};
+    for (const auto &row : rows) {
+        vael_htab_user_table_data data;
+        ASSERT_EQ(vael_htab_user_get_table_data("remote", &data, row.summary_only, row.max_entries, -1), 0);
+        EXPECT_EQ(data.id, t.id());
+        EXPECT_EQ(data.size, 1u);
+        EXPECT_EQ(data.nents, 5u);
+        EXPECT_EQ(data.expire, 1);
+        ASSERT_EQ(data.nattrs, 2);
+        EXPECT_STREQ(data.attrs[0], "expire");
+        EXPECT_STREQ(data.attrs[1], "no update");
+        ASSERT_EQ(data.returned, row.returned) << row.max_entries;
+        for (uint32_t i = 0; i < data.returned; i++) {
+            EXPECT_EQ(data.entries[i].nkeys, 2u);
+            EXPECT_EQ(data.entries[i].key[1], data.entries[i].key[0] + 0x100);
+            EXPECT_EQ(data.entries[i].vals[0], data.entries[i].key[0] * 0x10);
+        }
+        vael_htab_user_free_table_data(&data);
+        vael_htab_user_free_table_data(&data);
+        EXPECT_EQ(data.entries, nullptr);
+    }
+
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(vael_htab_user_print_table("remote", 3, 0), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "-------- remote --------\n"
+              "htab, id " + std::to_string(t.id()) + ", size 1, attributes: expire, no update, #vals 5\n"
+              "<00000001, 00000101; 00000010>\n"
+              "<00000002, 00000102; 00000020; 30/30>\n"
+              "<00000003, 00000103; 00000030>\n"
+              "...(2 More)\n");
+}
+
+TEST_F(HtabUser, RefusalsAndFailuresLeaveNothing) {
+    Table t("remote2", 8, 0);
+    ASSERT_EQ(t.set({1}, {1, 2}), 0);
+    const intptr_t kmem = qx_kmem_get_alloc_total();
+    int id = 0, nents = 0;
+    vael_htab_user_table_data data;
+    LogCapture log;
+    EXPECT_EQ(vael_htab_user_get_table_summary_multik("remote2", &id, &nents, -2), -1);
+    EXPECT_EQ(vael_htab_user_get_table_summary("remote2", nullptr, &nents), -1);
+    EXPECT_EQ(vael_htab_user_get_table_summary("nosuch", &id, &nents), -1);
+    EXPECT_EQ(vael_htab_user_get_table_data("nosuch", &data, 0, 0, -1), -1);
+    EXPECT_EQ(vael_htab_user_print_table("nosuch", 0, 0), -1);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
+
+    auto w = vael_test::failmem_walk(
+        [&] { return vael_htab_user_get_table_data("remote2", &data, 0, 0, -1) == 0; },
+        [&] { return data.entries == nullptr && data.attrs == nullptr; });
+    EXPECT_EQ(w.rounds, 3); // request block, entries array; no attributes to list
+    EXPECT_EQ(data.returned, 1u);
+    EXPECT_EQ(data.entries[0].nvals, 2u);
+    vael_htab_user_free_table_data(&data);
+}
+
+}  // namespace
