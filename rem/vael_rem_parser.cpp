@@ -812,12 +812,22 @@ extern "C" vael_rem_token *vael_rem_operator_eval_dummy(vael_rem_token *op, vael
     return nullptr;
 }
 
+namespace {
+// A stack cell is an allocation like a token's, and fails with the same words.
+int push(vael_rem_parser *parser, lst_list *stack, vael_rem_token *token) {
+    if (vael_stack_push(stack, reinterpret_cast<uintptr_t>(token)) == 0)
+        return VAEL_OK;
+    set_error(parser, VAEL_PM_ERROR_INTERNAL, kNoMemory);
+    return VAEL_ERROR;
+}
+}  // namespace
+
 extern "C" int vael_rem_syntax_handle_operand(vael_rem_parser *parser, vael_rem_token *token) {
-    return vael_stack_push(parser->operands, reinterpret_cast<uintptr_t>(token));
+    return push(parser, parser->operands, token);
 }
 
 extern "C" int vael_rem_syntax_handle_open_paren(vael_rem_parser *parser, vael_rem_token *token) {
-    return vael_stack_push(parser->operators, reinterpret_cast<uintptr_t>(token));
+    return push(parser, parser->operators, token);
 }
 
 extern "C" int vael_rem_syntax_compare_precedence(int32_t a, int32_t b) {
@@ -856,9 +866,8 @@ extern "C" int vael_rem_operator_eval(vael_rem_parser *parser, vael_rem_token *o
     vael_rem_token *result = cls->eval(op, parser, left.t, right.t);
     if (!result)
         return VAEL_ERROR;
-    if (vael_stack_push(parser->operands, reinterpret_cast<uintptr_t>(result)) != 0) {
+    if (push(parser, parser->operands, result) != 0) {
         vael_rem_token_destroy(result, __func__);
-        set_error(parser, VAEL_PM_ERROR_INTERNAL, kNoMemory);
         return VAEL_ERROR;
     }
     return VAEL_OK;
@@ -903,11 +912,7 @@ extern "C" int vael_rem_syntax_handle_operator(vael_rem_parser *parser, vael_rem
         if (vael_rem_operator_eval(parser, top) != 0)
             return VAEL_ERROR;
     }
-    if (vael_stack_push(parser->operators, reinterpret_cast<uintptr_t>(token)) != 0) {
-        set_error(parser, VAEL_PM_ERROR_INTERNAL, kNoMemory);
-        return VAEL_ERROR;
-    }
-    return VAEL_OK;
+    return push(parser, parser->operators, token);
 }
 
 extern "C" vael_rem_token *vael_rem_parser_need_implicit_token(vael_rem_parser *parser,
