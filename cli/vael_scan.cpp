@@ -57,6 +57,7 @@ struct Options {
     bool memory = false;
     bool explain = false;  // print how each pattern was read
     std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
+    std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
 };
 
 // ---------------------------------------------------------------------------
@@ -147,6 +148,11 @@ constexpr OptionRow kOptions[] = {
     {'\0', "tokens", "PATTERN", "print the REM tokens of PATTERN, one per line, and exit (no FILE needed)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          o.tokens = std::string(v);
+         return std::nullopt;
+     }},
+    {'\0', "lss", "PATTERN", "print the LSS the library finds for PATTERN and exit (no FILE needed)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.lss = std::string(v);
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -586,6 +592,8 @@ int main(int argc, char **argv) {
     auto usage_error = parse_command_line(argc, argv, options);
     if (!usage_error && !options.help && options.tokens)
         return vael::cli::print_tokens(*options.tokens, options.compile_flags, stdout);
+    if (!usage_error && !options.help && options.lss)
+        return vael::cli::print_lss(*options.lss, options.compile_flags, stdout);
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty())
             usage_error = "no pattern file given (use -p PATTERN_FILE)";
