@@ -298,7 +298,15 @@ vael_rem_token *vael_pm_lss_finder_eval_concat(vael_rem_token *op, vael_rem_pars
     vael_pm_lss *out = vael_pm_lss_create(__func__);
     if (!out)
         return nullptr;
-    if (l->end_can && r->start_can) {
+    const bool join_fits = l->end_can && r->start_can &&
+                           (uint64_t)l->end_can->len + r->start_can->len <= VAEL_PM_LSS_MAX_JOIN_BYTES;
+    if (l->end_can && r->start_can && !join_fits && status_of(parser)) {
+        *status_of(parser) |= VAEL_PM_LSS_NOT_REPRESENTABLE;
+        VAEL_LOG(VAEL_DBG_NOTICE, "K_PM", "%s: This pattern cannot be represented by multi-LSS\n");
+        vael_pm_lss_destroy(out);
+        return nullptr;
+    }
+    if (join_fits) {
         // The end of the left meets the start of the right in the text; the
         // joined string goes first so that it wins ties.
         vael_pm_lss_candidate *le = l->end_can, *rs = r->start_can;
@@ -414,11 +422,33 @@ extern "C" int vael_pm_lss_candidate_find_common(const vael_pm_lss_candidate *a,
     }
     const vael_pm_lss_candidate *shorter = a->len <= b->len ? a : b;
     const vael_pm_lss_candidate *longer = shorter == a ? b : a;
-    const uint32_t n = shorter->len;
+    const uint32_t n = shorter->len, m = longer->len;
+    if (n == 0)
+        return VAEL_OK;
+    // reach[s]: the longest substring of `shorter` from s that occurs in
+    // `longer` (a row-by-row table of common prefixes), so that substrings
+    // that occur nowhere cost no search.
+    auto *reach = static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * ((size_t)n + 2 * ((size_t)m + 1))));
+    if (!reach)
+        return VAEL_ERROR;
+    uint32_t *row = reach + n, *next = row + m + 1;
+    std::memset(next, 0, sizeof(uint32_t) * ((size_t)m + 1));
+    for (uint32_t s = n; s-- > 0;) {
+        reach[s] = 0;
+        row[m] = 0;
+        for (uint32_t q = 0; q < m; q++) {
+            row[q] = shorter->str[s] == longer->str[q] ? next[q + 1] + 1 : 0;
+            reach[s] = std::max(reach[s], row[q]);
+        }
+        std::swap(row, next);
+    }
+    int rc = VAEL_OK;
     // Longer common strings first; a shorter one survives only where it is
     // not part of one already taken with at least its flags.
-    for (uint32_t len = n; len >= 1; len--) {
-        for (uint32_t s = n - len + 1; s-- > 0;) {
+    for (uint32_t len = n; len >= 1 && rc == VAEL_OK; len--) {
+        for (uint32_t s = n - len + 1; s-- > 0 && rc == VAEL_OK;) {
+            if (reach[s] < len)
+                continue;
             const unsigned char *sub = shorter->str + s;
             for (uint32_t from = 0; from + len <= longer->len;) {
                 auto *hit = static_cast<const unsigned char *>(
@@ -438,12 +468,15 @@ extern "C" int vael_pm_lss_candidate_find_common(const vael_pm_lss_candidate *a,
                 for (lst_cursor c = lst_iterate(lss->can_list, nullptr, &v); c && !covered;
                      c = lst_iterate(lss->can_list, c, &v))
                     covered = contains(can_of(v), sub, len) && (flags & ~can_of(v)->flags) == 0;
-                if (!covered && add_new(lss, candidate_create(sub, len, flags)) != 0)
-                    return VAEL_ERROR;
+                if (!covered && add_new(lss, candidate_create(sub, len, flags)) != 0) {
+                    rc = VAEL_ERROR;
+                    break;
+                }
             }
         }
     }
-    return VAEL_OK;
+    VAEL_KFREE(reach, sizeof(uint32_t) * ((size_t)n + 2 * ((size_t)m + 1)));
+    return rc;
 }
 
 extern "C" vael_pm_lss *vael_pm_lss_quanitfy(vael_pm_lss *lss, uint32_t min, int exact, vael_rem_parser *parser) {

@@ -38,9 +38,14 @@ extern "C" {
 #define VAEL_PM_LSS_NOT_SIMPLE_STRINGS 0x1u /* not a bunch of simple strings */
 #define VAEL_PM_LSS_NOT_REPRESENTABLE  0x2u /* cannot be represented */
 
-/* Past this many bytes a repeated string is not spelled out whole: its
- * leading part stands for it, as for a repeat of unknown count. */
-#define VAEL_PM_LSS_MAX_REPEAT_BYTES 0x10000u
+/* Bounds that keep a short pattern from making long strings. A repeat is
+ * spelled out up to VAEL_PM_LSS_MAX_REPEAT_BYTES: past it, as many whole
+ * copies as fit stand for it, as for a repeat of unknown count. Two strings
+ * are joined only while the result has at most VAEL_PM_LSS_MAX_JOIN_BYTES:
+ * past it they stay two strings, each still contained in every match. Multi
+ * mode, whose strings must be exact, gives up at either bound. */
+#define VAEL_PM_LSS_MAX_REPEAT_BYTES 256u
+#define VAEL_PM_LSS_MAX_JOIN_BYTES 4096u
 
 typedef struct vael_pm_lss_candidate {
     unsigned char *str; /* owned, not terminated; null when len is 0 */

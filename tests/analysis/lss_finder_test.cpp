@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -118,6 +119,56 @@ TEST(LssFinder, RepeatsAreBounded) {
     ASSERT_NE(lss, nullptr);
     EXPECT_EQ(lss->longest_can->len, VAEL_PM_LSS_MAX_REPEAT_BYTES + 1);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(lss->longest_can->str), 5), "xabab");
+}
+
+TEST(LssFinder, JoinsAreBounded) {
+    // A long literal is joined up to the bound, then goes on as a new string;
+    // multi mode, needing the whole string, gives up.
+    const std::string literal(5000, 'x');
+    vael_test::LogCapture quiet;
+    Lss lss(vael_pm_lss_find(bytes(literal), (uint32_t)literal.size(), 0, nullptr, nullptr));
+    ASSERT_NE(lss, nullptr);
+    EXPECT_FALSE(vael_pm_lss_can_be_used_instead_of_RE(lss.get()));
+    EXPECT_EQ(lss->longest_can->len, VAEL_PM_LSS_MAX_JOIN_BYTES);
+}
+
+// An alternation of two strings keeps what both contain: its longest string
+// is their longest common substring, found here by brute force.
+TEST(LssFinder, AlternationKeepsTheLongestCommonSubstring) {
+    std::mt19937 rng(47);
+    for (int round = 0; round < 2000; round++) {
+        std::string a(1 + rng() % 30, 'a'), b(1 + rng() % 30, 'a');
+        for (char &c : a)
+            c = "abc"[rng() % 3];
+        for (char &c : b)
+            c = "abc"[rng() % 3];
+        size_t best = 0;
+        for (size_t i = 0; i < a.size(); i++)
+            for (size_t len = best + 1; i + len <= a.size(); len++)
+                if (b.find(a.substr(i, len)) != std::string::npos)
+                    best = len;
+        const std::string re = a + "|" + b;
+        Lss lss(vael_pm_lss_find_single(bytes(re), (uint32_t)re.size(), 0, nullptr));
+        ASSERT_NE(lss, nullptr) << re;
+        if (best == 0) {
+            EXPECT_EQ(lss->longest_can, nullptr) << re;
+            continue;
+        }
+        ASSERT_NE(lss->longest_can, nullptr) << re;
+        const std::string found(reinterpret_cast<char *>(lss->longest_can->str), lss->longest_can->len);
+        EXPECT_EQ(found.size(), best) << re;
+        EXPECT_NE(a.find(found), std::string::npos) << re;
+        EXPECT_NE(b.find(found), std::string::npos) << re;
+    }
+    // Long alternatives cost no cubic search.
+    std::string a(600, 'a'), b(600, 'a');
+    for (char &c : a)
+        c = "abcdefgh"[rng() % 8];
+    for (char &c : b)
+        c = "abcdefgh"[rng() % 8];
+    const std::string re = "(" + a + "|" + b + ").";
+    Lss lss(vael_pm_lss_find_single(bytes(re), (uint32_t)re.size(), 0, nullptr));
+    ASSERT_NE(lss, nullptr);
 }
 
 // The whole single-pass result: the candidates in their order.
