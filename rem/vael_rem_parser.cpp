@@ -4,8 +4,9 @@
 // The lexer reads the character under the cursor, checks it (end of input,
 // UTF-8 form), and calls the active table's handler for its first byte; the
 // handler consumes what it needs and gives one token. Every refusal leaves a
-// constant text in the error record, except a malformed UTF-8 character,
-// which is only logged. The evaluation keeps two stacks of tokens and asks
+// constant text in the error record, except two of UTF-8 mode that are only
+// logged: a malformed character, and \c before a character of more than one
+// byte. The evaluation keeps two stacks of tokens and asks
 // the client's evaluators what an operator means; it owns nothing it builds.
 
 #include <cstring>
