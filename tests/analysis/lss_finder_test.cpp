@@ -20,6 +20,7 @@ struct LssDeleter {
 using Lss = std::unique_ptr<vael_pm_lss, LssDeleter>;
 
 const unsigned char *bytes(const std::string &s) { return reinterpret_cast<const unsigned char *>(s.data()); }
+const unsigned char *bytes(const char *s) { return reinterpret_cast<const unsigned char *>(s); }
 
 std::vector<std::string> strings_of(const vael_pm_lss *lss) {
     std::vector<std::string> out;

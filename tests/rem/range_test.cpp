@@ -100,24 +100,6 @@ TEST(PmglobRangeAscii, AddAndMergeAgreeWithABitsetReference) {
     }
 }
 
-TEST(PmglobRangeAscii, SpansOfPositiveAddsAreTheSetsBounds) {
-    std::mt19937 rng(11);
-    for (int round = 0; round < 2000; round++) {
-        std::string log;
-        Range r = make_range();
-        Reference ref;
-        random_adds(rng, r, ref, false, &log);
-        int lo = 0, hi = 255;
-        while (!ref.bits[lo])
-            lo++;
-        while (!ref.bits[hi])
-            hi--;
-        EXPECT_EQ(ascii(r).first, lo) << log;
-        EXPECT_EQ(ascii(r).last, hi) << log;
-        EXPECT_EQ(vael_pmglob_range_is_single(r.get()) != 0, lo == hi) << log;
-    }
-}
-
 // Builds a range holding exactly `set`, one add per run of set bytes.
 Range range_of_set(const Bits &set) {
     Range r = make_range();
