@@ -63,6 +63,7 @@ void expect_same(const Range &r, const Reference &ref, const std::string &what) 
     EXPECT_EQ(flags_of(r), ref.bits) << what;
     EXPECT_EQ(ascii(r).first, ref.first) << what;
     EXPECT_EQ(ascii(r).last, ref.last) << what;
+    EXPECT_EQ(vael_pmglob_range_is_single(r.get()) != 0, ref.first == ref.last) << what;
 }
 
 // Adds of random spans, removals among them when `removals`.
@@ -81,7 +82,7 @@ void random_adds(std::mt19937 &rng, Range &r, Reference &ref, bool removals, std
     }
 }
 
-TEST(PmglobRangeAscii, AddAndMergeAgreeWithABitsetReference) {
+TEST(PmglobRangeAscii, SpansAndMergeAgreeWithABitsetReference) {
     std::mt19937 rng(7);
     for (int round = 0; round < 3000; round++) {
         std::string log;
