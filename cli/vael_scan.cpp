@@ -33,6 +33,7 @@
 
 #include "vael/vael_apps.h"
 
+#include "explain.h"
 #include "pattern_file.h"
 #include "read_file.h"
 #include "stream_scan.h"
@@ -75,6 +76,8 @@ struct Options {
     std::string debug_level;                     // as VAEL_DEBUG_LEVEL; empty: NOTICE
     bool memory = false;
     bool explain = false;  // print how each pattern was read
+    std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
+    std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -231,6 +234,16 @@ constexpr OptionRow kOptions[] = {
     {'\0', "explain", "", "print how each pattern was read (see below); with no FILE, only that",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.explain = true;
+         return std::nullopt;
+     }},
+    {'\0', "tokens", "PATTERN", "print the REM tokens of PATTERN, one per line, and exit (no FILE needed)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.tokens = std::string(v);
+         return std::nullopt;
+     }},
+    {'\0', "lss", "PATTERN", "print the LSS the library finds for PATTERN and exit (no FILE needed)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.lss = std::string(v);
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -866,6 +879,10 @@ int run(const Options &options) {
 int main(int argc, char **argv) {
     Options options;
     auto usage_error = parse_command_line(argc, argv, options);
+    if (!usage_error && !options.help && options.tokens)
+        return vael::cli::print_tokens(*options.tokens, options.compile_flags, stdout);
+    if (!usage_error && !options.help && options.lss)
+        return vael::cli::print_lss(*options.lss, options.compile_flags, stdout);
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }

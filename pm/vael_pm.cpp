@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "analysis/vael_pm_lss_finder.h"
 #include "pcre_tier/vael_pcre.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
@@ -139,6 +140,7 @@ void matches_pool_fini() { vael_pmglob_matches_pool_fini(); }
 // Steps of vael_pm_init in order; vael_pm_fini undoes them in reverse.
 constexpr InitStep kInitSteps[] = {
     {vael_tier1_init, vael_tier1_fini},
+    {vael_pm_lss_finder_init, vael_pm_lss_finder_fini},
     {vael_tier2_init, vael_tier2_fini},
     {vael_pm_list_lock_init, vael_pm_list_lock_destroy},
     {matches_pool_init, matches_pool_fini},

@@ -1,16 +1,19 @@
 // vael_pmglob_impl.cpp - the leaf records of the pattern matcher: the error
 // record, byte strings without a locale, pattern strings and lists of them,
 // match records and the match queue with its per-pattern dedupe, masks' bit
-// test, the character translation tables and the PM uuid.
+// test, the character translation tables, the PM uuid, and the character
+// ranges of the REM lexer in their ASCII and UTF-8 forms.
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
+#include "pm/vael_pmglob_range.h"
 #include "runtime/vael_runtime.h"
 
 // ---------------------------------------------------------------- errors
@@ -522,4 +525,769 @@ extern "C" void vael_pmglob_uuid_build(unsigned char *uuid) {
         return;
     vael_pmglob_uuid_build_ex(uuid, g_uuid_serial.fetch_add(1, std::memory_order_relaxed) + 1, qx_abstime(),
                               (int32_t)getpid());
+}
+
+// ---------------------------------------------------------------- character ranges
+//
+// A range is created in one of two forms from the pattern flags. The ASCII
+// form is a table of 256 flags. The UTF-8 form writes the set as a regular
+// expression over bytes into a text that grows by doubling, up to
+// VAEL_PMUTF8_MAX_BUF_SIZE; removals gather in a sorted exclusion list that
+// vael_pmglob_range_handle_logical_range turns into positive text.
+
+namespace {
+const char kIllegalRange[] = "Illegal range inside brackets";
+
+vael_pmascii_range *ascii_of(const vael_pmglob_range *r) { return static_cast<vael_pmascii_range *>(r->impl); }
+vael_pmutf8_range *utf8_of(const vael_pmglob_range *r) { return static_cast<vael_pmutf8_range *>(r->impl); }
+
+uint32_t utf8_initial_buf_size() {
+    int size = vael_pm_utf8_range_buffer_size;
+    if (size < 1)
+        return 1;
+    return (uint32_t)size > VAEL_PMUTF8_MAX_BUF_SIZE ? VAEL_PMUTF8_MAX_BUF_SIZE : (uint32_t)size;
+}
+
+void free_logical_ranges(vael_pmutf8_range *u) {
+    vael_pm_logical_range *e = u->logical_ranges;
+    while (e) {
+        vael_pm_logical_range *next = e->next;
+        VAEL_PM_KFREE(e, sizeof *e);
+        e = next;
+    }
+    u->logical_ranges = nullptr;
+}
+
+vael_pm_logical_range *vael_pmutf8_range_logical_range_create(uint32_t first, uint32_t last) {
+    auto *e = static_cast<vael_pm_logical_range *>(VAEL_PM_KMALLOC(sizeof(vael_pm_logical_range)));
+    if (!e) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: memory allcoation failed. \n");
+        return nullptr;
+    }
+    e->first = first;
+    e->last = last;
+    e->prev = e->next = nullptr;
+    return e;
+}
+
+uint32_t utf8_code_point(const vael_pmutf8_char &c) { return (uint32_t)vael_pmutf8_range_utf8_to_num(&c); }
+
+// One text byte, or its "\xHH" form.
+int write_byte(vael_pmutf8_range *u, unsigned char c, int hexa) {
+    return hexa ? vael_pmutf8_range_write_hexa_char_to_buf(u, c) : vael_pmutf8_range_write_char_to_buf(u, c);
+}
+}  // namespace
+
+extern "C" vael_pmglob_range *vael_pmglob_range_create(uint32_t flags) {
+    auto *r = static_cast<vael_pmglob_range *>(VAEL_PM_KMALLOC(sizeof(vael_pmglob_range)));
+    if (!r)
+        return nullptr;
+    r->escaped_alnum = 0;
+    if (flags & VAEL_PM_UTF8) {
+        r->type = VAEL_PMGLOB_RANGE_UTF8;
+        auto *u = static_cast<vael_pmutf8_range *>(VAEL_PM_KMALLOC(sizeof(vael_pmutf8_range)));
+        if (!u) {
+            VAEL_PM_KFREE(r, sizeof *r);
+            return nullptr;
+        }
+        std::memset(u, 0, sizeof *u);
+        u->first = VAEL_PMUTF8_MAX_CODE_POINT;
+        u->buf_size = utf8_initial_buf_size();
+        u->buf = static_cast<unsigned char *>(VAEL_PM_KMALLOC(u->buf_size));
+        if (!u->buf) {
+            VAEL_PM_KFREE(u, sizeof *u);
+            VAEL_PM_KFREE(r, sizeof *r);
+            return nullptr;
+        }
+        std::memset(u->buf, 0, u->buf_size);
+        r->impl = u;
+    } else {
+        r->type = VAEL_PMGLOB_RANGE_ASCII;
+        auto *a = static_cast<vael_pmascii_range *>(VAEL_PM_KMALLOC(sizeof(vael_pmascii_range)));
+        if (!a) {
+            VAEL_PM_KFREE(r, sizeof *r);
+            return nullptr;
+        }
+        std::memset(a, 0, sizeof *a);
+        a->first = 255;
+        r->impl = a;
+    }
+    return r;
+}
+
+extern "C" void vael_pmglob_range_destroy(vael_pmglob_range *range) {
+    if (!range) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_ERROR", "%s: pmglob %p was already freed\n", (void *)range);
+        return;
+    }
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8) {
+        vael_pmutf8_range *u = utf8_of(range);
+        free_logical_ranges(u);
+        VAEL_PM_KFREE(u->buf, u->buf_size);
+        VAEL_PM_KFREE(u, sizeof *u);
+    } else {
+        VAEL_PM_KFREE(range->impl, sizeof(vael_pmascii_range));
+    }
+    VAEL_PM_KFREE(range, sizeof *range);
+}
+
+extern "C" void vael_pmglob_range_negate(vael_pmglob_range *range) {
+    if (!range)
+        return;
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8)
+        utf8_of(range)->negated = 1;
+    else
+        ascii_of(range)->negated = 1;
+}
+
+extern "C" int vael_pmglob_range_is_negate(const vael_pmglob_range *range) {
+    if (!range)
+        return 0;
+    return range->type == VAEL_PMGLOB_RANGE_UTF8 ? utf8_of(range)->negated != 0 : ascii_of(range)->negated != 0;
+}
+
+// ---- ASCII form
+
+extern "C" int vael_pmascii_range_add_range(vael_pmascii_range *range, uint8_t first, uint8_t last, int positive,
+                                            vael_pm_error *err) {
+    if (last < first) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal range: last(%u) < first(%u) \n", (unsigned)last,
+                 (unsigned)first);
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_ILLEGAL, kIllegalRange);
+        return VAEL_ERROR;
+    }
+    // The flag takes positive's own value: a removal clears what it spans.
+    for (unsigned c = first; c <= last; c++)
+        range->chars[c] = (uint8_t)positive;
+    if (first < range->first)
+        range->first = first;
+    if (last > range->last)
+        range->last = last;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmascii_range_merge(const vael_pmascii_range *source, vael_pmascii_range *target, int positive) {
+    // positive is not read: in a negated bracket single characters enter here
+    // and set their flag, which the reader then leaves out.
+    if (source->first > source->last)
+        return VAEL_OK;
+    for (unsigned c = source->first; c <= source->last; c++)
+        target->chars[c] = (source->chars[c] || target->chars[c]) ? 1 : 0;
+    if (source->first < target->first)
+        target->first = source->first;
+    if (source->last > target->last)
+        target->last = source->last;
+    return VAEL_OK;
+}
+
+// ---- UTF-8 encoding
+
+extern "C" int vael_pmutf8_range_num_to_utf8(uint32_t num, vael_pmutf8_char *out) {
+    if (num > VAEL_PMUTF8_MAX_CODE_POINT) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: number is too big\n");
+        return VAEL_ERROR;
+    }
+    std::memset(out, 0, sizeof *out);
+    if (num < 0x80) {
+        out->bytes[0] = (unsigned char)num;
+        out->num_of_bytes = 1;
+    } else if (num < 0x800) {
+        out->bytes[0] = (unsigned char)(0xC0 | (num >> 6));
+        out->bytes[1] = (unsigned char)(0x80 | (num & 0x3F));
+        out->num_of_bytes = 2;
+    } else if (num < 0x10000) {
+        out->bytes[0] = (unsigned char)(0xE0 | (num >> 12));
+        out->bytes[1] = (unsigned char)(0x80 | ((num >> 6) & 0x3F));
+        out->bytes[2] = (unsigned char)(0x80 | (num & 0x3F));
+        out->num_of_bytes = 3;
+    } else {
+        out->bytes[0] = (unsigned char)(0xF0 | (num >> 18));
+        out->bytes[1] = (unsigned char)(0x80 | ((num >> 12) & 0x3F));
+        out->bytes[2] = (unsigned char)(0x80 | ((num >> 6) & 0x3F));
+        out->bytes[3] = (unsigned char)(0x80 | (num & 0x3F));
+        out->num_of_bytes = 4;
+    }
+    return VAEL_OK;
+}
+
+extern "C" int32_t vael_pmutf8_range_utf8_to_num(const vael_pmutf8_char *c) {
+    static const unsigned char kLeadMask[5] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    if (c->num_of_bytes < 1 || c->num_of_bytes > 4) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal unicode\n");
+        return -1;
+    }
+    uint32_t value = c->bytes[0] & kLeadMask[c->num_of_bytes];
+    for (int i = 1; i < c->num_of_bytes; i++)
+        value = (value << 6) | (c->bytes[i] & 0x3Fu);
+    if (value > VAEL_PMUTF8_MAX_CODE_POINT) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Error: unicode >  %x\n", VAEL_PMUTF8_MAX_CODE_POINT);
+        return -1;
+    }
+    return (int32_t)value;
+}
+
+// ---- UTF-8 text
+
+extern "C" int vael_pmutf8_range_make_sure_we_have_enough_space(vael_pmutf8_range *range, uint32_t n) {
+    uint64_t need = (uint64_t)range->buf_used + n;
+    if (need <= range->buf_size)
+        return VAEL_OK;
+    uint64_t size = (uint64_t)range->buf_size * 2;
+    while (need >= size)
+        size *= 2;
+    if (size > VAEL_PMUTF8_MAX_BUF_SIZE) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: need too much memory. \n");
+        return VAEL_ERROR;
+    }
+    auto *buf = static_cast<unsigned char *>(VAEL_PM_KMALLOC((size_t)size));
+    if (!buf) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: memory allocation failed. \n");
+        return VAEL_ERROR;
+    }
+    std::memset(buf, 0, (size_t)size);
+    std::memcpy(buf, range->buf, range->buf_used);
+    VAEL_PM_KFREE(range->buf, range->buf_size);
+    range->buf = buf;
+    range->buf_size = (uint32_t)size;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_write_char_to_buf(vael_pmutf8_range *range, unsigned char c) {
+    if (vael_pmutf8_range_make_sure_we_have_enough_space(range, 1) != 0)
+        return VAEL_ERROR;
+    range->buf[range->buf_used++] = c;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_write_hexa_char_to_buf(vael_pmutf8_range *range, unsigned char c) {
+    // Room for the formatter's NUL too, which the text does not count.
+    if (vael_pmutf8_range_make_sure_we_have_enough_space(range, 5) != 0)
+        return VAEL_ERROR;
+    std::snprintf(reinterpret_cast<char *>(range->buf + range->buf_used), 5, "\\x%02x", c);
+    range->buf_used += 4;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_write_OR_char_to_buf(vael_pmutf8_range *range) {
+    if (vael_pmutf8_range_write_char_to_buf(range, '|') != 0)
+        return VAEL_ERROR;
+    range->has_alternatives = 1;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_write_buf_to_buf(const vael_pmutf8_range *source, vael_pmutf8_range *target) {
+    if (!source || !target)
+        return VAEL_ERROR;
+    if (vael_pmutf8_range_make_sure_we_have_enough_space(target, source->buf_used) != 0)
+        return VAEL_ERROR;
+    std::memcpy(target->buf + target->buf_used, source->buf, source->buf_used);
+    target->buf_used += source->buf_used;
+    if (source->has_alternatives == 1)
+        target->has_alternatives = 1;
+    return VAEL_OK;
+}
+
+extern "C" void vael_pmutf8_range_update_first_last(vael_pmutf8_range *range, uint32_t first, uint32_t last) {
+    if (first < range->first)
+        range->first = first;
+    if (last > range->last)
+        range->last = last;
+}
+
+extern "C" int vael_pmutf8_range_create_range(vael_pmutf8_range *range, const vael_pmutf8_char *a,
+                                              const vael_pmutf8_char *e, int hexa) {
+    if (a->num_of_bytes != e->num_of_bytes || a->num_of_bytes < 1 || a->num_of_bytes > 4) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal input\n");
+        return VAEL_ERROR;
+    }
+    // An equal prefix is written plainly; from the first difference on every
+    // position is a bracketed span, also where both bytes agree.
+    bool differed = false;
+    for (int i = 0; i < a->num_of_bytes; i++) {
+        if (!differed && a->bytes[i] == e->bytes[i]) {
+            if (write_byte(range, a->bytes[i], hexa) != 0)
+                return VAEL_ERROR;
+            continue;
+        }
+        differed = true;
+        if (vael_pmutf8_range_write_char_to_buf(range, '[') != 0 || write_byte(range, a->bytes[i], hexa) != 0 ||
+            vael_pmutf8_range_write_char_to_buf(range, '-') != 0 || write_byte(range, e->bytes[i], hexa) != 0 ||
+            vael_pmutf8_range_write_char_to_buf(range, ']') != 0)
+            return VAEL_ERROR;
+    }
+    return VAEL_OK;
+}
+
+extern "C" int32_t vael_pmutf8_range_biggest_utf8_with_same_num_of_bytes(const vael_pmutf8_char *a,
+                                                                         const vael_pmutf8_char *b) {
+    if (a->num_of_bytes >= b->num_of_bytes) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal input\n");
+        return -1;
+    }
+    switch (a->num_of_bytes) {
+    case 1:
+        return 127;
+    case 2:
+        return 2047;
+    case 3:
+    case 4:
+        return 65535;
+    default:
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal number of bytes\n");
+        return -1;
+    }
+}
+
+extern "C" int vael_pmutf8_range_find_biggest_possible_range(const vael_pmutf8_char *a, const vael_pmutf8_char *b,
+                                                             vael_pmutf8_char *e) {
+    int32_t a_num = vael_pmutf8_range_utf8_to_num(a), b_num = vael_pmutf8_range_utf8_to_num(b);
+    if (a_num < 0 || b_num < 0 || a_num > b_num)
+        return VAEL_ERROR;
+    vael_pmutf8_char l;
+    if (a->num_of_bytes >= b->num_of_bytes) {
+        l = *b;
+    } else {
+        int32_t limit = vael_pmutf8_range_biggest_utf8_with_same_num_of_bytes(a, b);
+        if (limit < 0 || vael_pmutf8_range_num_to_utf8((uint32_t)limit, &l) != 0)
+            return VAEL_ERROR;
+    }
+    const unsigned char *av = a->bytes, *lv = l.bytes;
+    const unsigned char top = 0xBF, bottom = 0x80;
+    std::memset(e, 0, sizeof *e);
+    e->num_of_bytes = a->num_of_bytes;
+    unsigned char *ev = e->bytes;
+    switch (a->num_of_bytes) {
+    case 1:
+        ev[0] = lv[0];
+        break;
+    case 2:
+        if (av[0] == lv[0]) {
+            *e = l;
+            break;
+        }
+        ev[1] = top;
+        if (av[1] == bottom)
+            ev[0] = lv[1] == top ? lv[0] : (unsigned char)(lv[0] - 1);
+        else
+            ev[0] = av[0];
+        break;
+    case 3:
+        if (av[0] == lv[0] && av[1] == lv[1]) {
+            *e = l;
+            break;
+        }
+        ev[2] = top;
+        if (av[2] != bottom) {
+            ev[1] = av[1];
+            ev[0] = av[0];
+        } else if (av[0] == lv[0]) {
+            ev[0] = lv[0];
+            ev[1] = lv[2] == top ? lv[1] : (unsigned char)(lv[1] - 1);
+        } else {
+            ev[1] = top;
+            if (av[1] == bottom)
+                ev[0] = (lv[1] == top && lv[2] == top) ? lv[0] : (unsigned char)(lv[0] - 1);
+            else
+                ev[0] = av[0];
+        }
+        break;
+    case 4:
+        if (av[0] == lv[0] && av[1] == lv[1] && av[2] == lv[2]) {
+            *e = l;
+            break;
+        }
+        ev[3] = top;
+        if (av[3] != bottom) {
+            ev[2] = av[2];
+            ev[1] = av[1];
+            ev[0] = av[0];
+        } else if (av[0] == lv[0] && av[1] == lv[1]) {
+            ev[0] = lv[0];
+            ev[1] = av[1];
+            ev[2] = lv[3] == top ? lv[2] : (unsigned char)(lv[2] - 1);
+        } else {
+            ev[2] = top;
+            if (av[2] != bottom) {
+                ev[1] = av[1];
+                ev[0] = av[0];
+            } else if (av[0] == lv[0]) {
+                ev[0] = lv[0];
+                ev[1] = (lv[2] == top && lv[3] == top) ? lv[1] : (unsigned char)(lv[1] - 1);
+            } else {
+                ev[1] = top;
+                if (av[1] != bottom) {
+                    ev[0] = av[0];
+                } else {
+                    ev[0] = (lv[1] == top && lv[2] == top && lv[3] == top) ? lv[0] : (unsigned char)(lv[0] - 1);
+                    // Keeps the walk under F4 8F BF BF; with E0 = F3 this
+                    // only costs the walk one round more.
+                    if (lv[0] == 0xF4)
+                        ev[1] = 0x8F;
+                }
+            }
+        }
+        break;
+    default:
+        return VAEL_ERROR;
+    }
+    // The walk relies on progress: an end below the start would repeat forever.
+    int32_t e_num = vael_pmutf8_range_utf8_to_num(e);
+    return e_num < a_num ? VAEL_ERROR : VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_merge_logical_range(vael_pmutf8_range *range, uint32_t first, uint32_t last) {
+    if (!range->logical_ranges) {
+        // The first exclusion starts from nothing: what the text held is
+        // dropped, so "all characters less a few" is all, then removals.
+        vael_pm_logical_range *head = vael_pmutf8_range_logical_range_create(0, 0);
+        if (!head)
+            return VAEL_ERROR;
+        range->buf_used = 0;
+        range->first = 0;
+        range->last = 0;
+        range->has_alternatives = 0;
+        std::memset(range->buf, 0, range->buf_size);
+        range->negated = 1;
+        range->logical_ranges = head;
+    }
+    vael_pm_logical_range *fresh = vael_pmutf8_range_logical_range_create(first, last);
+    if (!fresh)
+        return VAEL_ERROR;
+    // Absorb every element that overlaps or touches the span.
+    vael_pm_logical_range *head = range->logical_ranges;
+    for (vael_pm_logical_range *e = head->next; e;) {
+        vael_pm_logical_range *next = e->next;
+        if ((uint64_t)e->last + 1 >= fresh->first && (uint64_t)fresh->last + 1 >= e->first) {
+            fresh->first = std::min(fresh->first, e->first);
+            fresh->last = std::max(fresh->last, e->last);
+            e->prev->next = e->next;
+            if (e->next)
+                e->next->prev = e->prev;
+            VAEL_PM_KFREE(e, sizeof *e);
+        }
+        e = next;
+    }
+    // Link it behind the last element wholly before it.
+    vael_pm_logical_range *after = head;
+    while (after->next && after->next->last < fresh->first)
+        after = after->next;
+    fresh->prev = after;
+    fresh->next = after->next;
+    if (after->next)
+        after->next->prev = fresh;
+    after->next = fresh;
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_add_range(vael_pmutf8_range *range, uint32_t first, uint32_t last, int positive,
+                                           int hexa, vael_pm_error *err) {
+    if (last < first) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal range: last(%u) < first(%u) \n", last, first);
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_ILLEGAL, kIllegalRange);
+        return VAEL_ERROR;
+    }
+    if (last > VAEL_PMUTF8_MAX_CODE_POINT) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: Illegal range: last(%x) >  0x10FFFF\n", last);
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_ILLEGAL, kIllegalRange);
+        return VAEL_ERROR;
+    }
+    if (!positive) {
+        if (vael_pmutf8_range_merge_logical_range(range, first, last) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_merge_logical_range failed");
+            return VAEL_ERROR;
+        }
+        vael_pmutf8_range_update_first_last(range, first, last);
+        return VAEL_OK;
+    }
+    vael_pmutf8_char a, b;
+    if (vael_pmutf8_range_num_to_utf8(first, &a) != 0 || vael_pmutf8_range_num_to_utf8(last, &b) != 0) {
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_num_to_utf8 failed");
+        return VAEL_ERROR;
+    }
+    if (first == last) {
+        if (range->buf_used != 0 && vael_pmutf8_range_write_OR_char_to_buf(range) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_write_OR_char_to_buf failed");
+            return VAEL_ERROR;
+        }
+        if (vael_pmutf8_range_create_range(range, &a, &a, hexa) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_create_range failed");
+            return VAEL_ERROR;
+        }
+        vael_pmutf8_range_update_first_last(range, first, last);
+        return VAEL_OK;
+    }
+    const bool empty_on_entry = range->buf_used == 0;
+    vael_pmutf8_char start = a;
+    for (bool first_round = true;; first_round = false) {
+        vael_pmutf8_char e;
+        if (vael_pmutf8_range_find_biggest_possible_range(&start, &b, &e) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL,
+                                      "vael_pmutf8_range_find_biggest_possible_range failed");
+            return VAEL_ERROR;
+        }
+        if (!(first_round && empty_on_entry) && vael_pmutf8_range_write_OR_char_to_buf(range) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_write_OR_char_to_buf failed 2");
+            return VAEL_ERROR;
+        }
+        if (vael_pmutf8_range_create_range(range, &start, &e, hexa) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_create_range failed 2");
+            return VAEL_ERROR;
+        }
+        uint32_t next = utf8_code_point(e) + 1;
+        if (next > VAEL_PMUTF8_MAX_CODE_POINT || next > last)
+            break;
+        if (vael_pmutf8_range_num_to_utf8(next, &start) != 0) {
+            vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmutf8_range_num_to_utf8 failed 2");
+            return VAEL_ERROR;
+        }
+    }
+    vael_pmutf8_range_update_first_last(range, first, last);
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_handle_logical_range(vael_pmutf8_range *range, vael_pm_error *err) {
+    if (!range->negated)
+        return VAEL_OK;
+    if (!range->logical_ranges) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: head of list shouldn't be NULL\n");
+        return VAEL_ERROR;
+    }
+    // The gaps between the exclusions, written as positive spans.
+    uint32_t cursor = 0;
+    for (vael_pm_logical_range *e = range->logical_ranges->next; e; e = e->next) {
+        if (e->first != 0 && vael_pmutf8_range_add_range(range, cursor, e->first - 1, 1, 1, err) != 0)
+            return VAEL_ERROR;
+        cursor = e->last + 1;
+    }
+    if (cursor <= VAEL_PMUTF8_MAX_CODE_POINT &&
+        vael_pmutf8_range_add_range(range, cursor, VAEL_PMUTF8_MAX_CODE_POINT, 1, 1, err) != 0)
+        return VAEL_ERROR;
+    free_logical_ranges(range);
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmutf8_range_merge(const vael_pmutf8_range *source, vael_pmutf8_range *target, int positive) {
+    if (positive) {
+        if (target->buf_used != 0 && vael_pmutf8_range_write_OR_char_to_buf(target) != 0)
+            return VAEL_ERROR;
+        if (vael_pmutf8_range_write_buf_to_buf(source, target) != 0)
+            return VAEL_ERROR;
+    } else if (source->first <= source->last &&
+               vael_pmutf8_range_merge_logical_range(target, source->first, source->last) != 0) {
+        return VAEL_ERROR;
+    }
+    vael_pmutf8_range_update_first_last(target, source->first, source->last);
+    return VAEL_OK;
+}
+
+// ---- both forms
+
+namespace {
+int range_add(vael_pmglob_range *range, uint32_t first, uint32_t last, int positive, int hexa, vael_pm_error *err) {
+    if (!range) {
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmglob_range_add_range failed");
+        return VAEL_ERROR;
+    }
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8)
+        return vael_pmutf8_range_add_range(utf8_of(range), first, last, positive, hexa, err);
+    // "All characters" is one call for both forms.
+    if (last == VAEL_PMUTF8_MAX_CODE_POINT)
+        last = 255;
+    return vael_pmascii_range_add_range(ascii_of(range), (uint8_t)first, (uint8_t)last, positive, err);
+}
+}  // namespace
+
+extern "C" int vael_pmglob_range_add_range(vael_pmglob_range *range, uint32_t first, uint32_t last, int positive,
+                                           vael_pm_error *err) {
+    return range_add(range, first, last, positive, 0, err);
+}
+
+extern "C" int vael_pmglob_range_add_hexa_range(vael_pmglob_range *range, uint32_t first, uint32_t last,
+                                                int positive, vael_pm_error *err) {
+    return range_add(range, first, last, positive, 1, err);
+}
+
+extern "C" int vael_pmglob_range_handle_logical_range(vael_pmglob_range *range, vael_pm_error *err) {
+    if (!range) {
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "vael_pmglob_range_handle_logical_range failed");
+        return VAEL_ERROR;
+    }
+    if (range->type != VAEL_PMGLOB_RANGE_UTF8)
+        return VAEL_OK;
+    return vael_pmutf8_range_handle_logical_range(utf8_of(range), err);
+}
+
+extern "C" int vael_pmglob_range_add_simple_backslash(vael_pmglob_range *range, uint32_t first, uint32_t last,
+                                                      vael_pm_error *err) {
+    static const char kFailed[] = "vael_pmglob_range_add_simple_backslash failed";
+    if (!range) {
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kFailed);
+        return VAEL_ERROR;
+    }
+    if (first == last && first < 256 && (is_alpha((unsigned char)first) || is_digit((unsigned char)first)))
+        range->escaped_alnum = 1;
+    if (range->type != VAEL_PMGLOB_RANGE_UTF8)
+        return range_add(range, first, last, 1, 0, err);
+    // No '|' before it: an escaped character stands alone only as a token.
+    vael_pmutf8_range *u = utf8_of(range);
+    if (vael_pmutf8_range_write_char_to_buf(u, '\\') != 0 ||
+        vael_pmutf8_range_write_char_to_buf(u, (unsigned char)(first & 0xFF)) != 0) {
+        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kFailed);
+        return VAEL_ERROR;
+    }
+    vael_pmutf8_range_update_first_last(u, first, last);
+    return VAEL_OK;
+}
+
+extern "C" int vael_pmglob_range_merge(const vael_pmglob_range *source, vael_pmglob_range *target, int positive) {
+    if (!source || !target || source->type != target->type) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal input\n");
+        return VAEL_ERROR;
+    }
+    if (source->type == VAEL_PMGLOB_RANGE_UTF8)
+        return vael_pmutf8_range_merge(utf8_of(source), utf8_of(target), positive);
+    return vael_pmascii_range_merge(ascii_of(source), ascii_of(target), positive);
+}
+
+extern "C" int vael_pmglob_range_is_single(const vael_pmglob_range *range) {
+    if (!range) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal input\n");
+        return 0;
+    }
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8)
+        return utf8_of(range)->first == utf8_of(range)->last;
+    return ascii_of(range)->first == ascii_of(range)->last;
+}
+
+extern "C" uint32_t vael_pmglob_range_get_first(const vael_pmglob_range *range) {
+    if (!range) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal input\n");
+        return 0;
+    }
+    return range->type == VAEL_PMGLOB_RANGE_UTF8 ? utf8_of(range)->first : ascii_of(range)->first;
+}
+
+extern "C" void vael_pmglob_range_update_first_last(vael_pmglob_range *range, uint32_t first, uint32_t last) {
+    if (!range)
+        return;
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8) {
+        vael_pmutf8_range_update_first_last(utf8_of(range), first, last);
+        return;
+    }
+    vael_pmascii_range *a = ascii_of(range);
+    if (first < a->first)
+        a->first = (uint8_t)(first > 255 ? 255 : first);
+    if (last > a->last)
+        a->last = (uint8_t)(last > 255 ? 255 : last);
+}
+
+extern "C" unsigned char *vael_pmglob_range_return_one_char_string(const vael_pmglob_range *range, uint32_t *len) {
+    *len = 0;
+    if (!range || vael_pmglob_range_is_negate(range) || !vael_pmglob_range_is_single(range)) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM", "%s: should not contain ranges\n");
+        return nullptr;
+    }
+    vael_pmutf8_char c;
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8) {
+        if (vael_pmutf8_range_num_to_utf8(utf8_of(range)->first, &c) != 0)
+            return nullptr;
+    } else {
+        c.bytes[0] = ascii_of(range)->first;
+        c.num_of_bytes = 1;
+    }
+    auto *out = static_cast<unsigned char *>(VAEL_PM_KMALLOC(c.num_of_bytes));
+    if (!out)
+        return nullptr;
+    std::memcpy(out, c.bytes, c.num_of_bytes);
+    *len = c.num_of_bytes;
+    return out;
+}
+
+namespace {
+// Appends to a bounded text and counts what the whole would need.
+struct TextOut {
+    char *out;
+    uint32_t size;
+    uint32_t used = 0;
+    void put(char c) {
+        if (used + 1 < size)
+            out[used] = c;
+        used++;
+    }
+    void put(const char *s) {
+        while (*s)
+            put(*s++);
+    }
+    void put_byte(unsigned char c, const char *also_escaped) {
+        if (is_print(c) && c != '\\' && !std::strchr(also_escaped, c)) {
+            put((char)c);
+            return;
+        }
+        if (c == '\\' || (is_print(c) && std::strchr(also_escaped, c))) {
+            put('\\');
+            put((char)c);
+            return;
+        }
+        char hex[5];
+        std::snprintf(hex, sizeof hex, "\\x%02x", c);
+        put(hex);
+    }
+    uint32_t finish() {
+        if (size)
+            out[used < size ? used : size - 1] = '\0';
+        return used;
+    }
+};
+}  // namespace
+
+extern "C" uint32_t vael_pmglob_range_print(const vael_pmglob_range *range, char *out, uint32_t out_size) {
+    TextOut t{out, out ? out_size : 0};
+    if (!range) {
+        t.put("(null)");
+        return t.finish();
+    }
+    if (range->type == VAEL_PMGLOB_RANGE_UTF8) {
+        // The text is already a regular expression: bytes are shown, not escaped again.
+        const vael_pmutf8_range *u = utf8_of(range);
+        for (uint32_t i = 0; i < u->buf_used; i++) {
+            unsigned char c = u->buf[i];
+            if (is_print(c)) {
+                t.put((char)c);
+            } else {
+                char hex[5];
+                std::snprintf(hex, sizeof hex, "\\x%02x", c);
+                t.put(hex);
+            }
+        }
+        return t.finish();
+    }
+    const vael_pmascii_range *a = ascii_of(range);
+    int count = 0, only = -1;
+    for (int c = 0; c < 256; c++)
+        if (a->chars[c])
+            count++, only = c;
+    if (count == 1 && !a->negated) {
+        t.put_byte((unsigned char)only, "()|*.[{?+");
+        return t.finish();
+    }
+    t.put('[');
+    if (a->negated)
+        t.put('^');
+    for (int c = 0; c < 256;) {
+        if (!a->chars[c]) {
+            c++;
+            continue;
+        }
+        int end = c;
+        while (end + 1 < 256 && a->chars[end + 1])
+            end++;
+        t.put_byte((unsigned char)c, "]-^");
+        if (end > c + 1)
+            t.put('-');
+        if (end > c)
+            t.put_byte((unsigned char)end, "]-^");
+        c = end + 1;
+    }
+    t.put(']');
+    return t.finish();
 }

@@ -1,0 +1,34 @@
+// explain.h - vael-scan's views inside the library's pattern analysis.
+#ifndef VAEL_CLI_EXPLAIN_H
+#define VAEL_CLI_EXPLAIN_H
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+namespace vael::cli {
+
+// One line per REM token of `pattern`: the class name and, for a character
+// class, the class in escaped form ("a", "[0-9]", "[^\x0a]"), for a
+// quantifier its counts ("{2,5}"). A refused pattern ends the list with
+// "error: TEXT (index N)", the pattern, and a caret under the position.
+// `flags` are pattern flags (VAEL_PM_UTF8 lexes in UTF-8 mode). Gives 0 when
+// the pattern lexed, 1 when it was refused, 2 when the library failed.
+int print_tokens(std::string_view pattern, std::uint32_t flags, std::FILE *out);
+
+// What the LSS finder makes of `pattern`: "LSS: 'abc' 'def'" with a note
+// whether the strings replace the expression or need it as second tier, then
+// "flags: " and the pattern flags the finding sets (MULTI_LSS, NEED_TIER2,
+// LSS_START_ANCHOR, LSS_END_ANCHOR, joined by '|', or 0); "no LSS" when no
+// string is certain; a refusal as print_tokens shows it. Gives 0, or 1 for a
+// refusal, 2 when the library failed.
+int print_lss(std::string_view pattern, std::uint32_t flags, std::FILE *out);
+
+// The pattern with non-printing bytes as \xHH, and the column at which byte
+// `index` of the pattern starts in it.
+std::string escaped_pattern(std::string_view pattern, std::size_t index, std::size_t *column);
+
+}  // namespace vael::cli
+
+#endif  // VAEL_CLI_EXPLAIN_H

@@ -1,0 +1,410 @@
+// The REM lexer: the token stream of every form of the language, every
+// refusal with its words and position, the UTF-8 mode's classes read back by
+// an independent matcher, random and absurd inputs, and allocation failures.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "rem/vael_rem_parser.h"
+#include "tests/rem/utf8_text.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+class RemLexer : public testing::Test {
+  protected:
+    void SetUp() override { vael_rem_parser_init(); }
+    void TearDown() override { vael_rem_parser_fini(); }
+};
+
+struct ParserDeleter {
+    void operator()(vael_rem_parser *p) const { vael_rem_parser_destroy(p); }
+};
+using Parser = std::unique_ptr<vael_rem_parser, ParserDeleter>;
+
+Parser make_parser(uint32_t flags) {
+    return Parser(vael_rem_parser_create(vael_rem_default_lexer_array, vael_rem_token_class_array_default, nullptr,
+                                         flags, nullptr, nullptr));
+}
+
+// A token in short: a class as <its printed form>, operators by their
+// character, quantifiers by kind (U unary, B binary, M minimum) and counts.
+std::string describe(const vael_rem_token &t) {
+    switch (t.class_->class_) {
+    case VAEL_REM_CLASS_RANGE_OPERAND: {
+        char text[4096];
+        vael_pmglob_range_print(reinterpret_cast<const vael_pmglob_range *>(t.extra_data), text, sizeof text);
+        return "<" + std::string(text) + ">";
+    }
+    case VAEL_REM_CLASS_OPEN_PAREN: return "(";
+    case VAEL_REM_CLASS_CLOSE_PAREN: return ")";
+    case VAEL_REM_CLASS_ALTERNATE: return "|";
+    case VAEL_REM_CLASS_KLEENE: return "*";
+    case VAEL_REM_CLASS_UNARY_QUANT: return "U{" + std::to_string(t.extra_data) + "}";
+    case VAEL_REM_CLASS_BINARY_QUANT:
+        return "B{" + std::to_string(t.extra_data) + "," + std::to_string(t.extra_data2) + "}";
+    case VAEL_REM_CLASS_MIN_QUANT: return "M{" + std::to_string(t.extra_data) + ",}";
+    default: return std::string("?") + t.class_->name;
+    }
+}
+
+struct Lexed {
+    std::string tokens;        // described, divided by spaces
+    bool refused = false;
+    const char *error = nullptr;
+    uint32_t type = 1;
+    uint32_t index = 0;
+    std::vector<std::string> ranges;  // UTF-8 texts of the class tokens
+};
+
+// Lexes with `reuse` when given (a parser of the same flags), else a new
+// parser; `quick` leaves the tokens undescribed.
+Lexed lex(const std::string &pattern, uint32_t flags = 0, vael_rem_parser *reuse = nullptr, bool quick = false) {
+    Lexed out;
+    Parser own = reuse ? Parser() : make_parser(flags);
+    vael_rem_parser *p = reuse ? reuse : own.get();
+    EXPECT_NE(p, nullptr);
+    if (!p)
+        return out;
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    vael_rem_parser_set_input(p, reinterpret_cast<const unsigned char *>(pattern.data()), (uint32_t)pattern.size(),
+                              &err);
+    while (vael_rem_parser_has_more_chars(p)) {
+        vael_rem_token *t = vael_rem_parser_get_next_token(p);
+        if (!t) {
+            out.refused = true;
+            out.error = err.error_string;
+            out.type = err.error_type;
+            out.index = vael_rem_parser_consumed(p);
+            break;
+        }
+        if (!quick)
+            out.tokens += (out.tokens.empty() ? "" : " ") + describe(*t);
+        if (!quick && t->class_->class_ == VAEL_REM_CLASS_RANGE_OPERAND && (flags & VAEL_PM_UTF8)) {
+            auto *u = static_cast<vael_pmutf8_range *>(reinterpret_cast<vael_pmglob_range *>(t->extra_data)->impl);
+            out.ranges.emplace_back(reinterpret_cast<char *>(u->buf), u->buf_used);
+        }
+        vael_rem_token_destroy(t, "lex");
+    }
+    return out;
+}
+
+struct Row {
+    const char *pattern;
+    uint32_t flags;
+    const char *tokens;  // before a refusal, if any
+    const char *error;   // null: the pattern lexes
+    uint32_t index;
+};
+
+void run_rows(const std::vector<Row> &rows) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string("pattern '") + row.pattern + "'");
+        Lexed l = lex(row.pattern, row.flags);
+        EXPECT_EQ(l.tokens, row.tokens);
+        EXPECT_EQ(l.refused, row.error != nullptr);
+        if (row.error && l.refused) {
+            EXPECT_STREQ(l.error ? l.error : "(no words)", row.error);
+            EXPECT_EQ(l.type, (uint32_t)VAEL_PM_ERROR_ILLEGAL);
+            EXPECT_EQ(l.index, row.index);
+        }
+    }
+}
+
+constexpr uint32_t kUtf8 = VAEL_PM_UTF8;
+constexpr uint32_t kDotAll = 0x1;
+
+TEST_F(RemLexer, OperatorsQuantifiersAndPlainCharacters) {
+    run_rows({
+        {"abc[0-9]+de", 0, "<a> <b> <c> <[0-9]> M{1,} <d> <e>", nullptr, 0},
+        {"(a|b)*?", 0, "( <a> | <b> ) * B{0,1}", nullptr, 0},
+        {"a{2}b{2,2}c{2,3}d{2,}", 0, "<a> U{2} <b> U{2} <c> B{2,3} <d> M{2,}", nullptr, 0},
+        {"a{0}b{0,0}c{007,10}", 0, "<a> U{0} <b> U{0} <c> B{7,10}", nullptr, 0},
+        // Big counts are the later parts' to bound; past 32 bits they wrap.
+        {"a{99999999}", 0, "<a> U{99999999}", nullptr, 0},
+        {"a{4294967297}", 0, "<a> U{1}", nullptr, 0},
+        // '}', ']', '^', '$', ',' and '-' alone are plain.
+        {"}]^$,-", 0, "<}> <]> <^> <$> <,> <->", nullptr, 0},
+        {"\xff\x01", 0, "<\\xff> <\\x01>", nullptr, 0},
+        {".", 0, "<[\\x00-\\x09\\x0b-\\xff]>", nullptr, 0},
+        {".", kDotAll, "<[\\x00-\\xff]>", nullptr, 0},
+        {".", 0x8, "<[\\x00-\\x0c\\x0e-\\xff]>", nullptr, 0},
+        {".", 0x10, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>", nullptr, 0},
+        {".", 0x20, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>", nullptr, 0},
+    });
+}
+
+TEST_F(RemLexer, Escapes) {
+    run_rows({
+        {"\\x41\\x{41}\\x414", 0, "<A> <A> <A> <4>", nullptr, 0},
+        {"\\x{}\\xg", 0, "<\\x00> <\\x00> <g>", nullptr, 0},
+        {"\\x2a\\x7C", 0, "<\\*> <\\|>", nullptr, 0},  // a character, never an operator
+        {"\\377\\18\\0\\101", 0, "<\\xff> <\\x01> <8> <\\x00> <A>", nullptr, 0},
+        {"\\cA\\ca\\c[\\c?", 0, "<\\x01> <\\x01> <\\x1b> <\\x7f>", nullptr, 0},
+        {"\\a\\e\\f\\n\\r\\t", 0, "<\\x07> <\\x1b> <\\x0c> <\\x0a> <\\x0d> <\\x09>", nullptr, 0},
+        {"\\d\\D", 0, "<[0-9]> <[\\x00-/:-\\xff]>", nullptr, 0},
+        {"\\w\\W", 0, "<[0-9A-Z_a-z]> <[\\x00-/:-@[-\\^`{-\\xff]>", nullptr, 0},
+        // Vertical tab is in neither set of spaces.
+        {"\\s\\S", 0, "<[\\x09\\x0a\\x0c\\x0d ]> <[\\x00-\\x08\\x0b\\x0e-\\x1f!-\\xff]>", nullptr, 0},
+        {"\\.\\b\\A\\Q\\8\\\\\\(", 0, "<\\.> <b> <A> <Q> <8> <\\\\> <\\(>", nullptr, 0},
+    });
+}
+
+TEST_F(RemLexer, Brackets) {
+    run_rows({
+        {"[abc]", 0, "<[a-c]>", nullptr, 0},
+        {"[cab]x", 0, "<[a-c]> <x>", nullptr, 0},
+        {"[a-cx]", 0, "<[a-cx]>", nullptr, 0},
+        {"[^abc]", 0, "<[^a-c]>", nullptr, 0},
+        // A span in a negated bracket clears flags that were clear: it excludes nothing.
+        {"[^a-c]", 0, "<[^]>", nullptr, 0},
+        {"[^]", 0, "<[^]>", nullptr, 0},
+        {"[\\d_]", 0, "<[0-9_]>", nullptr, 0},
+        {"[\\]\\-\\\\]", 0, "<[\\-\\\\\\]]>", nullptr, 0},
+        {"[.*([{$]", 0, "<[$(*.[{]>", nullptr, 0},
+        {"[\\x41-\\x43]", 0, "<[A-C]>", nullptr, 0},
+        {"[\\n-\\r]", 0, "<[\\x0a-\\x0d]>", nullptr, 0},
+        {"[a-a]", 0, "<a>", nullptr, 0},
+    });
+}
+
+TEST_F(RemLexer, RefusalsWithWordsAndPosition) {
+    run_rows({
+        {"{", 0, "", "Illegal sequence beginning with '{': '{' must be followed by a digit", 1},
+        {"a{x", 0, "<a>", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
+        {"a{,3}", 0, "<a>", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
+        {"a{2x", 0, "<a>", "unexpected character", 3},
+        {"a{2,x", 0, "<a>", "unexpected character", 4},
+        {"a{2,3x", 0, "<a>", "unexpected character", 5},
+        {"a{2", 0, "<a>", "Unexpected end of pattern", 3},
+        {"a{2,", 0, "<a>", "Unexpected end of pattern", 4},
+        {"a{3,2}", 0, "<a>", "illegal parameters in {min,max}: min > max", 6},
+        {"\\400", 0, "", "illegal char: octal number larger than ALPHABET limit", 4},
+        {"\\x{100}", 0, "", "hexa number larger than ALPHABET limit", 7},
+        {"\\x{FFFFFFFFFFFFFFFFFF}", 0, "", "hexa number larger than ALPHABET limit", 22},
+        {"\\x{41x", 0, "", "unexpected character", 5},
+        {"\\x{41", 0, "", "Unexpected end of pattern", 5},
+        {"\\x", 0, "", "Unexpected end of pattern", 2},
+        {"\\c", 0, "", "Unexpected end of pattern", 2},
+        {"ab\\", 0, "<a> <b>", "Unexpected end of pattern", 3},
+        {"[]", 0, "", "Empty sequence inside brackets", 2},
+        {"[a-]", 0, "", "Illegal use of '-' inside brackets", 4},
+        {"[-a]", 0, "", "Illegal sequence inside brackets", 2},
+        {"[a-b-c]", 0, "", "Illegal sequence inside brackets", 5},
+        {"[\\d-z]", 0, "", "Illegal use of '-' inside brackets", 5},
+        {"[a-\\d]", 0, "", "Illegal use of '-' inside brackets", 5},
+        {"[z-a]", 0, "", "Illegal range inside brackets", 4},
+        {"[abc", 0, "", "Could not find closing bracket ']'", 4},
+        {"x[a", 0, "<x>", "Could not find closing bracket ']'", 3},
+        {"[", 0, "", "Unexpected end of pattern", 1},
+        {"[^", 0, "", "Unexpected end of pattern", 2},
+        {"[\\", 0, "", "Unexpected end of pattern", 2},
+        {"[a\\", 0, "", "Unexpected end of pattern", 3},
+        {"[a-", 0, "", "Unexpected end of pattern", 3},
+        {"[\\400]", 0, "", "illegal char: octal number larger than ALPHABET limit", 5},
+        {"[^]", kUtf8, "", "Empty sequence inside brackets", 3},
+        {"\\x{110000}", kUtf8, "", "hexa number larger than ALPHABET limit", 10},
+    });
+}
+
+TEST_F(RemLexer, Utf8Mode) {
+    run_rows({
+        {"\\x{414}", kUtf8, "<\\xd0\\x94>", nullptr, 0},
+        {"\xd0\x94" "a", kUtf8, "<\\xd0\\x94> <a>", nullptr, 0},
+        {"(a)|b*", kUtf8, "<(> <a> <)> | <b> *", nullptr, 0},
+        // An escaped character is a backslash and the low byte of its code point.
+        {"\\\xc3\xa9", kUtf8, "<\\\\xe9>", nullptr, 0},
+        {"\\cA", kUtf8, "<\\x01>", nullptr, 0},
+    });
+    // Malformed UTF-8 is refused without words, at the character.
+    struct Bad {
+        const char *pattern;
+        uint32_t index;
+    };
+    for (const Bad &b : {Bad{"\xff", 0}, Bad{"a\xc3", 1}, Bad{"a\x80", 1}, Bad{"\xc0\xaf", 0},
+                         Bad{"\xed\xa0", 0}, Bad{"\xf4\x90\x80\x80", 0}, Bad{"[\xe0\x80\x80]", 1},
+                         Bad{"\\c\xc3\xa9", 4}}) {
+        Lexed l = lex(b.pattern, kUtf8);
+        EXPECT_TRUE(l.refused) << b.pattern;
+        EXPECT_EQ(l.error, nullptr) << b.pattern;
+        EXPECT_EQ(l.index, b.index) << b.pattern;
+    }
+}
+
+// Classes in UTF-8 mode are texts over bytes; read back, each must admit
+// exactly the code points the class means.
+TEST_F(RemLexer, Utf8ClassesAdmitWhatTheyMean) {
+    auto digit = [](uint32_t c) { return c >= '0' && c <= '9'; };
+    auto word = [&](uint32_t c) { return digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
+    auto space = [](uint32_t c) { return c == 9 || c == 10 || c == 12 || c == 13 || c == 32; };
+    struct Row {
+        const char *pattern;
+        uint32_t flags;
+        std::function<bool(uint32_t)> admits;
+    };
+    const Row rows[] = {
+        {".", kUtf8, [](uint32_t c) { return c != '\n'; }},
+        // With CR LF the second exclusion starts over: only LF stays out.
+        {".", kUtf8 | 0x10, [](uint32_t c) { return c != '\n'; }},
+        {".", kUtf8 | 0x8, [](uint32_t c) { return c != '\r'; }},
+        {"\\D", kUtf8, [&](uint32_t c) { return !digit(c); }},
+        {"\\W", kUtf8, [&](uint32_t c) { return !word(c); }},
+        {"\\S", kUtf8, [&](uint32_t c) { return !space(c); }},
+        {"[^ab]", kUtf8, [](uint32_t c) { return c != 'a' && c != 'b'; }},
+        {"[^\\d\\x{414}]", kUtf8, [&](uint32_t c) { return !digit(c) && c != 0x414; }},
+        {"[^a-c]", kUtf8, [](uint32_t c) { return c < 'a' || c > 'c'; }},
+    };
+    std::mt19937 rng(29);
+    for (const Row &row : rows) {
+        Lexed l = lex(row.pattern, row.flags);
+        ASSERT_FALSE(l.refused) << row.pattern;
+        ASSERT_EQ(l.ranges.size(), 1u) << row.pattern;
+        std::vector<vael_test::Alternative> alts;
+        ASSERT_TRUE(vael_test::parse_hexa_text(l.ranges[0], &alts)) << l.ranges[0];
+        std::vector<uint32_t> probe;
+        for (uint32_t c = 0; c < 0x800; c++)
+            probe.push_back(c);
+        for (int i = 0; i < 2000; i++)
+            probe.push_back(rng() % 0x40000);  // below the lead bytes whose walk leaves a gap
+        for (uint32_t c : {0xFFFFu, 0x10000u, 0x3FFFFu, 0x100000u, 0x10FFFFu})
+            probe.push_back(c);
+        for (uint32_t c : probe)
+            ASSERT_EQ(vael_test::matches(alts, vael_test::encode_utf8(c)), row.admits(c))
+                << row.pattern << " at U+" << std::hex << c;
+    }
+}
+
+// Whatever the bytes, the lexer ends in tokens or a refusal: with words in
+// byte mode, and in UTF-8 mode without them only for malformed UTF-8.
+TEST_F(RemLexer, RandomBytesEndInTokensOrARefusal) {
+    static const char kAlphabet[] = "()|*.\\[]{}?+-^,0123456789xcdDwWsSaefnrtA";
+    auto valid_utf8 = [](const std::string &s) {
+        for (size_t i = 0; i < s.size();) {
+            auto c = (unsigned char)s[i];
+            size_t n = c < 0x80 ? 1 : c < 0xC2 ? 0 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : c < 0xF5 ? 4 : 0;
+            if (n == 0 || i + n > s.size())
+                return false;
+            uint32_t v = n == 1 ? c : c & (0xFF >> (n + 1));
+            for (size_t k = 1; k < n; k++) {
+                if (((unsigned char)s[i + k] & 0xC0) != 0x80)
+                    return false;
+                v = (v << 6) | ((unsigned char)s[i + k] & 0x3F);
+            }
+            if ((n == 3 && v < 0x800) || (n == 4 && (v < 0x10000 || v > 0x10FFFF)))
+                return false;
+            i += n;
+        }
+        return true;
+    };
+    vael_test::ScopedGlobal size(vael_pm_utf8_range_buffer_size, 16);
+    const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
+    vael_test::LogCapture quiet;
+    std::mt19937 rng(31);
+    int refused = 0, wordless = 0;
+    const uint32_t kModes[] = {0, 0x10, kUtf8};
+    Parser parsers[] = {make_parser(kModes[0]), make_parser(kModes[1]), make_parser(kModes[2])};
+    for (int round = 0; round < 200000; round++) {
+        const int mode = round % 4 == 3 ? 2 : (round % 7 == 0 ? 1 : 0);
+        const uint32_t flags = kModes[mode];
+        std::string s(rng() % 12, '\0');
+        for (char &c : s)
+            c = rng() % 4 ? kAlphabet[rng() % (sizeof kAlphabet - 1)] : (char)(rng() % 256);
+        Lexed l = lex(s, flags, parsers[mode].get(), true);
+        if (!l.refused)
+            continue;
+        refused++;
+        ASSERT_LE(l.index, s.size()) << s;
+        if (l.error) {
+            ASSERT_EQ(l.type, (uint32_t)VAEL_PM_ERROR_ILLEGAL) << s << ": " << l.error;
+            continue;
+        }
+        wordless++;
+        ASSERT_TRUE(flags & kUtf8) << "a refusal without words in byte mode: " << s;
+        const bool control_of_long_char = s.find("\\c\xc") != std::string::npos ||
+                                          s.find("\\c\xd") != std::string::npos ||
+                                          s.find("\\c\xe") != std::string::npos ||
+                                          s.find("\\c\xf") != std::string::npos;
+        ASSERT_TRUE(!valid_utf8(s) || control_of_long_char) << "a refusal without words: " << s;
+    }
+    EXPECT_GT(refused, 10000);
+    EXPECT_GT(wordless, 100);
+    for (Parser &p : parsers)
+        p.reset();
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm);
+}
+
+TEST_F(RemLexer, AbsurdInputsStayBounded) {
+    // Small fresh texts: many class tokens must not each zero 4 KB.
+    vael_test::ScopedGlobal size(vael_pm_utf8_range_buffer_size, 16);
+    struct Row {
+        std::string pattern;
+        uint32_t flags;
+    };
+    for (const Row &row : {Row{std::string(1 << 20, '['), 0}, Row{std::string(1 << 16, '['), kUtf8}}) {
+        Lexed l = lex(row.pattern, row.flags, nullptr, true);
+        EXPECT_STREQ(l.error, "Could not find closing bracket ']'");
+        EXPECT_EQ(l.index, row.pattern.size());
+    }
+    // Past the UTF-8 text's limit a bracket is refused, not grown without end:
+    // each \W adds some 300 bytes of text.
+    std::string big = "[";
+    for (int i = 0; i < 20000; i++)
+        big += "\\W";
+    big += "]";
+    vael_test::LogCapture quiet;
+    Lexed l = lex(big, kUtf8, nullptr, true);
+    EXPECT_TRUE(l.refused);
+    EXPECT_STREQ(l.error, "REM parser failed to allocate memory");
+    EXPECT_EQ(l.type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
+    EXPECT_LT(l.index, big.size());
+    EXPECT_GT(l.index, 1000u);
+}
+
+TEST_F(RemLexer, AllocationFailuresEndInACleanRefusal) {
+    vael_test::ScopedGlobal size(vael_pm_utf8_range_buffer_size, 16);
+    struct Case {
+        const char *pattern;
+        uint32_t flags;
+    };
+    for (const Case &c : {Case{"a(b|c)*d{2,3}[^a-c\\d]x.\\w\\S\\x{41}\\cA\\101?+", 0},
+                          Case{"[^ab]\\D.\xc3\xa9\\x{414}[a\\x{10000}-\\x{10FFFF}](x)\\W", kUtf8}}) {
+        Parser p;
+        vael_pm_error err;
+        bool refused = false;
+        auto attempt = [&] {
+            vael_pm_error_init(&err);
+            refused = false;
+            p = make_parser(c.flags);
+            if (!p)
+                return false;
+            vael_rem_parser_set_input(p.get(), reinterpret_cast<const unsigned char *>(c.pattern),
+                                      (uint32_t)std::strlen(c.pattern), &err);
+            while (vael_rem_parser_has_more_chars(p.get())) {
+                vael_rem_token *t = vael_rem_parser_get_next_token(p.get());
+                if (!t) {
+                    refused = true;
+                    p.reset();
+                    return false;
+                }
+                vael_rem_token_destroy(t, "walk");
+            }
+            p.reset();
+            return true;
+        };
+        auto clean = [&] {
+            // A parser that could not be made, or a refusal that says so.
+            return !refused || (err.error_type == VAEL_PM_ERROR_INTERNAL && err.error_string);
+        };
+        vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, clean);
+        EXPECT_GT(w.rounds, 20) << c.pattern;
+    }
+}
+
+}  // namespace
