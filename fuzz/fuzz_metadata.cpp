@@ -5,10 +5,10 @@
 // the rest is the pattern text, in a buffer of its exact size so that a read
 // past it is caught. A parse that succeeds leaves the text as the input's
 // tail, an LSS inside the input, and changes only the flags the language
-// names; vael_pm_pattern_has_metadata fails exactly when the parse does. The
-// text then goes through every add, the list is compiled and, when that
-// succeeds, run over the text; afterwards both memory accounts are back
-// where they started.
+// names; vael_pm_pattern_has_metadata fails exactly when the parse of its
+// copy does. The text then goes through every add, the list is compiled and,
+// when that succeeds, run over the text; afterwards both memory accounts are
+// back where they started.
 #include <cstring>
 #include <memory>
 
@@ -53,8 +53,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
     }
     if (n > 0) {
+        // has_metadata parses a copy made by pm_strdup, which writes zeros
+        // for every byte after a NUL.
+        std::unique_ptr<char[]> copy(new char[n]);
+        std::memcpy(copy.get(), text, n);
+        if (char *nul = static_cast<char *>(std::memchr(copy.get(), 0, n)))
+            std::memset(nul, 0, (size_t)(copy.get() + n - nul));
         int has = -1;
-        const char *p = text;
+        const char *p = copy.get();
         uint32_t p_len = n, f = 0;
         const char *l = nullptr;
         uint32_t l_len = 0;

@@ -566,8 +566,8 @@ int vael_pm_compile_tier1_compile(vael_pm_handle *pm, uint32_t row_index, vael_p
         return -1;
     }
     if (!row.compile) {
-        // The caller's error record stays as init left it: no engine of this
-        // build was asked for, nothing the user wrote is wrong.
+        // A row without an engine is a lack of the build, not a fault of any
+        // pattern: err stays as init left it.
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Row %u of the first-tier table has no engine\n", row_index);
         return -1;
     }

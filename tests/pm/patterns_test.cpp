@@ -435,10 +435,10 @@ TEST(PatternCompile, RecordsWithoutAnExactStringAreRefused) {
         {"Regex", {simple("abc"), of(Op::kPattern, "a.*b")}, 0, 2},
         {"RegexWithLss", {simple("abc"), of(Op::kPattern, "{LSS(ab)}:ab+")}, 0, 2},
         {"KwRule", {simple("abc", kCaseless), of(Op::kKw, "data:abc;", "abc")}, 0, 2},
-        // A record that needs an absent engine is blamed before the strings
-        // that it (a keyword rule) or others make case-checked.
-        {"KwRuleBeforeTheStringItMakesCaseless", {simple("abc"), of(Op::kKwNoHistory, "data:abc;")}, 0, 2},
-        {"WordBeforeACaseSensitiveString", {simple("abc", kCaseless), simple("def"), of(Op::kWord, "w")}, 0, 3},
+        // Records are refused in list order: a string that a later record (a
+        // keyword rule, a caseless string) makes case-checked comes first.
+        {"StringMadeCaselessByALaterKwRule", {simple("abc"), of(Op::kKwNoHistory, "data:abc;")}, 0, 1},
+        {"CaseSensitiveStringBeforeAWord", {simple("abc", kCaseless), simple("def"), of(Op::kWord, "w")}, 0, 2},
         {"Bound", {simple("abc"), simple("{bound}:def")}, 0, 2},
         {"CaseSensitiveAmongCaseless", {simple("abc", kCaseless), simple("def")}, 0, 2},
         {"CaseSensitiveFirst", {simple("def"), simple("{caseless}:abc")}, 0, 1},
