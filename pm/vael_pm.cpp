@@ -13,6 +13,7 @@
 #include "pcre_tier/vael_pcre.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
+#include "runtime/vael_counter.h"
 #include "runtime/vael_runtime.h"
 #include "vael/vael_thin_nfa.h"
 
@@ -32,8 +33,6 @@ static const char kNeedsTier2[] =
     "build";
 static const char kNeedsCaseCheck[] =
     "A case-sensitive pattern among caseless ones needs a second tier to check its case, which is not in this build";
-static const char kNoStringEngine[] = "No first-tier string engine is available";
-static const char kOutOfMemory[] = "Out of memory";
 
 // ---------------------------------------------------------------- PM list
 
@@ -122,6 +121,10 @@ extern "C" int vael_tier1_init(void) {
 extern "C" void vael_tier1_fini(void) {
     if (vael_pm_tier1_use_thin_nfa)
         vael_thin_nfa_fini();
+    // A row not filled at the next start must read as absent, not as the
+    // engine of the last start.
+    for (auto &row : pm_tier1_funcs)
+        row = vael_pm_tier1_funcs{};
 }
 
 // Rows in order REM, PCRE, KW, undone in reverse. Of the three only PCRE is
@@ -517,12 +520,10 @@ extern "C" void vael_pm_destroy(vael_pm_handle *pm) {
             return;
     }
     pm_list_lock();
-    if (pm->refcount == 0) {
-        VAEL_ASSERT_F(0, "%s: Destroying an already destroyed PM (%p), refcount (%d) <= 0\n", (void *)pm,
-                      (int)pm->refcount);
-        pm_list_unlock();
-        return;
-    }
+    // A count of 0 here means a destroy too many; the count still falls, so
+    // the PM reads as held (by -1) and is not freed a second time.
+    VAEL_ASSERT_F(pm->refcount != 0, "%s: Destroying an already destroyed PM (%p), refcount (%d) <= 0\n",
+                  (void *)pm, (int)pm->refcount);
     uint32_t holders = --pm->refcount;
     pm_list_unlock();
     if (holders > 0) {
@@ -568,7 +569,9 @@ int vael_pm_compile_tier1_compile(vael_pm_handle *pm, uint32_t row_index, vael_p
         return -1;
     }
     if (!row.compile) {
-        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kNoStringEngine);
+        // A row without an engine is a lack of the build, not a fault of any
+        // pattern: err stays as init left it.
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Row %u of the first-tier table has no engine\n", row_index);
         return -1;
     }
     vael_timeval start, end;
@@ -587,13 +590,20 @@ int vael_pm_compile_tier1_compile(vael_pm_handle *pm, uint32_t row_index, vael_p
     return 0;
 }
 
-// The text that refuses a record needing an engine this build lacks, or null.
-const char *vael_pm_compile_absent_engine(const vael_pm_one_pattern *p) {
-    if (p->type == VAEL_PM_TYPE_WORD)
-        return kNeedsWordMatcher;
-    if (p->type != VAEL_PM_TYPE_PATTERN || p->re || !p->lss || (p->flags & VAEL_PM_BOUND))
-        return kNeedsTier2;
-    return nullptr;
+// The number of words in the user's list, and whether any record makes the
+// string engine caseless; -1 for a list holding a null record, which names
+// no pattern and could be neither counted nor compiled.
+intptr_t vael_pm_patterns_count_words(vael_pm_patterns *patterns, bool *any_caseless) {
+    intptr_t w = 0;
+    uintptr_t value;
+    for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value)) {
+        auto *p = reinterpret_cast<const vael_pm_one_pattern *>(value);
+        if (!p)
+            return -1;
+        w += p->type == VAEL_PM_TYPE_WORD;
+        *any_caseless |= (p->flags & VAEL_PM_CASELESS) || p->type == VAEL_PM_TYPE_KW;
+    }
+    return w;
 }
 
 int vael_pm_compile_refuse(const vael_pm_one_pattern *p, const char *why, vael_pm_error *err) {
@@ -602,25 +612,40 @@ int vael_pm_compile_refuse(const vael_pm_one_pattern *p, const char *why, vael_p
     return -1;
 }
 
-// Puts one plain-string record into the LSS list and fills its PM entry. A
-// caseless string engine matches a case-sensitive string too often: only a
-// second tier could check the case, so such a string is refused.
+// Puts one plain-string record into the LSS list and fills its PM entry.
+// A record that needs an engine this build lacks is refused at the step of
+// the record's road where that engine would be called: pre-processing of a
+// bounded pattern, the word list, the LSS finder for a pattern without an
+// LSS, then, after the LSS length check, the second tier. A caseless string
+// engine matches a case-sensitive string too often: only a second tier could
+// check its case, so such a string is refused there too. The records are
+// walked in list order, so the first record that fails, at its first failing
+// step, is the one in err.
 int vael_pm_compile_one_string(vael_pm_handle *pm, const vael_pm_one_pattern *p, uint32_t internal_id,
                                vael_pmglob_patterns *lss_list, uint32_t flags, bool any_caseless,
                                vael_pm_error *err) {
-    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
-        return vael_pm_compile_refuse(p, kNeedsCaseCheck, err);
+    if (p->flags & VAEL_PM_BOUND)
+        return vael_pm_compile_refuse(p, kNeedsTier2, err);
+    if (p->type == VAEL_PM_TYPE_WORD)
+        return vael_pm_compile_refuse(p, kNeedsWordMatcher, err);
     const vael_pmglob_string *lss = p->lss;
+    if (!lss)
+        return vael_pm_compile_refuse(p, kNeedsTier2, err);
     if (!(p->flags & VAEL_PM_SHORT_LSS) && (int32_t)lss->size < vael_pm_min_lss_size) {
         vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kLssTooShort, p->id);
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: lss of pattern ID %d is shorter than the miminum length (%d)\n",
                  p->id, vael_pm_min_lss_size);
         return -1;
     }
+    if (p->type != VAEL_PM_TYPE_PATTERN || p->re)
+        return vael_pm_compile_refuse(p, kNeedsTier2, err);
+    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
+        return vael_pm_compile_refuse(p, kNeedsCaseCheck, err);
+    // Out of memory here leaves only the pattern's id in err.
     vael_pmglob_string *s = vael_pmglob_string_create(lss->pattern, lss->size, (int32_t)internal_id, lss->flags | p->flags);
     if (!s || !lst_insert(lss_list, reinterpret_cast<uintptr_t>(s))) {
         vael_pmglob_string_destroy(s);
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory, p->id);
+        vael_pm_error_set_pattern_id(err, p->id);
         return -1;
     }
     vael_pm_array_one_handle &e = pm->pm_array[internal_id];
@@ -633,7 +658,7 @@ int vael_pm_compile_one_string(vael_pm_handle *pm, const vael_pm_one_pattern *p,
     e.tier2_type = VAEL_PM_TIER2_NONE;
     e.tier2_h = nullptr;
     if (vael_pmglob_string_save(s, &e.lss_str, &e.lss_size) != 0) {
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory, p->id);
+        vael_pm_error_set_pattern_id(err, p->id);
         return -1;
     }
     return 0;
@@ -655,22 +680,14 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
     }
 
     intptr_t n = lst_nelements(patterns);
-    intptr_t w = 0;
     bool any_caseless = false;
-    // The first record that needs an engine this build lacks is the one to
-    // blame, before any string that it would make case-checked.
-    const vael_pm_one_pattern *absent = nullptr;
-    const char *absent_why = nullptr;
-    uintptr_t value;
-    for (lst_cursor c = lst_iterate(patterns, nullptr, &value); c; c = lst_iterate(patterns, c, &value)) {
-        auto *p = reinterpret_cast<const vael_pm_one_pattern *>(value);
-        w += p->type == VAEL_PM_TYPE_WORD;
-        any_caseless |= (p->flags & VAEL_PM_CASELESS) || p->type == VAEL_PM_TYPE_KW;
-        if (!absent && (absent_why = vael_pm_compile_absent_engine(p)))
-            absent = p;
-    }
+    intptr_t w = vael_pm_patterns_count_words(patterns, &any_caseless);
     if (n < 0) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal number of patterns %d\n", (int)n);
+        return nullptr;
+    }
+    if (w < 0) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Illegal number of words %d\n", (int)w);
         return nullptr;
     }
     if (n == 0 && w == 0) {
@@ -679,23 +696,18 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
     }
 
     vael_pm_handle *pm = vael_pm_create_handle((uint32_t)(n - w), match_cb, flags, caller);
-    if (!pm) {
-        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory);
+    if (!pm)
         return nullptr;
-    }
     pm->stats.num_patterns += (uint32_t)n;
 
     vael_pmglob_patterns *word_list = vael_pmglob_patterns_create();
     vael_pmglob_patterns *lss_list = vael_pmglob_patterns_create();
     bool ok = word_list && lss_list;
-    if (!ok) {
+    if (!ok)
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Cannot create patterns\n");
-        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory);
-    }
 
-    if (ok && absent)
-        ok = vael_pm_compile_refuse(absent, absent_why, err) == 0;
     uint32_t internal_id = 0;
+    uintptr_t value;
     for (lst_cursor c = ok ? lst_iterate(patterns, nullptr, &value) : nullptr; c;
          c = lst_iterate(patterns, c, &value)) {
         auto *p = reinterpret_cast<vael_pm_one_pattern *>(value);
@@ -721,10 +733,8 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
         t.list = nullptr;
     }
 
-    if (ok && vael_pm_validate(pm) != 0) {
-        vael_pm_error_set_details(err, VAEL_PM_ERROR_INTERNAL, "Compiled PM is not valid");
+    if (ok && vael_pm_validate(pm) != 0)
         ok = false;
-    }
     if (!ok) {
         vael_pm_destroy(pm);
         return nullptr;
@@ -814,8 +824,8 @@ int vael_pm_exec_drain_tier1(vael_pm_handle *pm, lst_list *queue, vael_pm_exec_c
         vael_pmglob_match_data_get(hit, &id, &offset, &hint, extra);
         vael_pmglob_match_data_free(hit);
         vael_pm_array_one_handle &entry = pm->pm_array[id];
-        entry.tier1_matches++;
-        entry.matches++;
+        vael_counter_add(entry.tier1_matches, 1u);
+        vael_counter_add(entry.matches, 1u);
         if (exec_flags & VAEL_PM_EXEC_MATCH_START)
             extra[1] = offset + 1 >= hint ? offset - hint + 1 : (uint32_t)-2;
         ctx->keep_going = 1;

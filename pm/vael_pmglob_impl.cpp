@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
@@ -478,9 +479,11 @@ extern "C" void vael_pmglob_char_xlation_dump(const unsigned char *table, const 
 // ---------------------------------------------------------------- uuid
 
 namespace {
-// The clock words are not locked: parallel compiles in one second may share
-// `time` and `count`, and differ in `serial`, which is taken atomically.
+// Compiles on several threads build uuids at once: `serial` is taken
+// atomically, and the clock words change together under their own lock, so
+// that two uuids of one second never share a sequence number.
 std::atomic<uint32_t> g_uuid_serial;
+std::mutex g_uuid_clock_lock;
 int32_t g_uuid_last_time;
 uint32_t g_uuid_seq;
 uint32_t g_uuid_clock_seq;
@@ -490,6 +493,7 @@ void put_word(unsigned char *p, uint32_t w) { std::memcpy(p, &w, 4); }
 
 extern "C" void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t time, int32_t pid) {
     auto now = (int32_t)time;
+    std::lock_guard<std::mutex> clock(g_uuid_clock_lock);
     if (now < g_uuid_last_time) {
         g_uuid_clock_seq++;
         g_uuid_last_time = now;

@@ -29,8 +29,10 @@ struct vael_buffer {
     vael_vbuf_free_fn free_func;
 };
 
-// Illegal arguments panic only when assertions are on; the operation then
-// takes its failure road.
+// Illegal arguments panic only when assertions are on. The operation then
+// goes on where it stays defined without the argument (an empty block, a copy
+// of nothing) and takes its failure road where it would have to follow a
+// null pointer.
 bool illegal(const char *func) {
     if (qx_assert_on)
         vael_soft_assert_fail(func, "Illegal arguments", __FILE__, __LINE__);
@@ -103,8 +105,13 @@ extern "C" void vael_vbuf_reset(vael_vbuf *vbuf) {
 
 extern "C" int vael_vbuf_add_buffer_ex(vael_vbuf *vbuf, void *data, uint32_t len, vael_vbuf_free_fn free_func,
                                        void *ctx) {
-    if ((!vbuf || !data || !len) && illegal(__func__))
-        return VAEL_ERROR;
+    if (!vbuf || !data || !len) {
+        illegal(__func__);
+        // An empty block is never read, so it is added like any other; bytes
+        // that cannot be read are refused.
+        if (!vbuf || (!data && len))
+            return VAEL_ERROR;
+    }
     if (len > vbuf->max_size) {
         VAEL_LOG(VAEL_DBG_ERR, "K_VBUF",
                  "%s: given a buffer with size (%u) > max_size (%u), not adding it to vbuf\n", len, vbuf->max_size);
@@ -196,8 +203,12 @@ extern "C" vael_vbuf_iter *vael_vbuf_iterate(vael_vbuf *vbuf, vael_vbuf_iter *it
 
 extern "C" uint32_t vael_vbuf_defrag(vael_vbuf *vbuf, uint32_t offset, uint32_t len, void *dest,
                                      uint32_t dest_size) {
-    if ((!vbuf || !dest) && illegal(__func__))
-        return 0;
+    if (!vbuf || !dest) {
+        illegal(__func__);
+        // Without a destination only a copy of nothing can go on.
+        if (!vbuf || (len && dest_size))
+            return 0;
+    }
     if (offset >= vbuf->size) {
         VAEL_LOG(VAEL_DBG_INFO, "K_VBUF", "%s: given an offset (%u) > vbuf size (%u), not copying to buffer\n",
                  offset, vbuf->size);
@@ -210,15 +221,15 @@ extern "C" uint32_t vael_vbuf_defrag(vael_vbuf *vbuf, uint32_t offset, uint32_t 
     const unsigned char *data;
     uint32_t piece;
     while (vael_vbuf_iterate(vbuf, &iter, offset, &data, &piece)) {
+        // An empty block may have no data at all; a copy of nothing must
+        // not touch either pointer.
         uint32_t want = wanted - copied;
-        if (piece <= want) {
-            std::memcpy(out + copied, data, piece);
-            copied += piece;
-        } else {
-            std::memcpy(out + copied, data, want);
-            copied += want;
+        uint32_t n = piece <= want ? piece : want;
+        if (n)
+            std::memcpy(out + copied, data, n);
+        copied += n;
+        if (piece > want)
             break;
-        }
     }
     return copied;
 }
@@ -263,9 +274,13 @@ extern "C" vael_vbuf_iter *vael_vbuf_get_next_data2(vael_vbuf *vbuf, vael_vbuf_i
                                                     int *err_out) {
     if (!vbuf || !dest || !len) {
         VAEL_ASSERT(0, "Illegal arguments");
-        if (err_out)
-            *err_out = 1;
-        return nullptr;
+        // A read of nothing goes on: it moves the iterator to the first block
+        // when it stood before the data, and copies nothing.
+        if (!vbuf || (!dest && len)) {
+            if (err_out)
+                *err_out = 1;
+            return nullptr;
+        }
     }
     if (err_out)
         *err_out = 0;
@@ -293,7 +308,8 @@ extern "C" vael_vbuf_iter *vael_vbuf_get_next_data2(vael_vbuf *vbuf, vael_vbuf_i
     while (got < len) {
         uint32_t avail = b->len - iter->offset;
         uint32_t n = len - got < avail ? len - got : avail;
-        std::memcpy(out + got, b->data + iter->offset, n);
+        if (n)
+            std::memcpy(out + got, b->data + iter->offset, n);
         got += n;
         iter->offset += n;
         if (iter->offset < b->len)

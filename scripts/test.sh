@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # test.sh - builds everything and runs the whole test suite twice: with the
 # `default` preset (optimised, with debug info) and with the `asan` preset
-# (AddressSanitizer and UndefinedBehaviorSanitizer). Stops at the first
-# failure with a non-zero status.
+# (AddressSanitizer and UndefinedBehaviorSanitizer). Then builds only the test
+# program with the `tsan` preset (ThreadSanitizer) and runs the threading
+# tests there, which keeps that pass short. Stops at the first failure with a
+# non-zero status.
 #
 # Works on a fresh Debian 12 as root (or with sudo): installs whatever of the
 # build packages is missing first. Runs from any current directory.
@@ -23,4 +25,9 @@ for preset in default asan; do
   ctest --preset "$preset" -j"$jobs"
 done
 
-echo "==> all tests passed (default and asan)"
+echo "==> preset tsan: configure, build the test program, run the threading tests"
+cmake --preset tsan
+cmake --build --preset tsan -j"$jobs"
+ctest --preset tsan -j"$jobs"
+
+echo "==> all tests passed (default, asan, and the threading tests under tsan)"

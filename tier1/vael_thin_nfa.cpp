@@ -17,6 +17,8 @@ namespace {
 
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 
+}  // namespace
+
 // The state of one vael_thin_nfa_exec call.
 struct vael_thin_nfa_run_state {
     const vael_thin_nfa *nfa;
@@ -26,8 +28,6 @@ struct vael_thin_nfa_run_state {
     uint32_t piece_offset; // stream offset of the first byte of the piece being scanned
     vael_thin_nfa_prefilter_find_fn find; // candidate search while at the root; null: none
 };
-
-}  // namespace
 
 // ---------------------------------------------------------------- handle
 
@@ -61,7 +61,7 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
     vael_thin_nfa_prefilter_free(nfa);
     if (nfa->bnfa)
         VAEL_PM_KFREE(nfa->bnfa, (size_t)nfa->bnfa_size + BNFA_READ_PAD);
-    vael_pm_stats_common_free(&nfa->stats.common);
+    vael_thin_nfa_stats_free(nfa);
     if (nfa->pattern_ids) {
         for (uint32_t i = 0; i < nfa->state_num; i++)
             vael_thin_nfa_free_pattern_ids(nfa->pattern_ids[i]);
@@ -91,14 +91,20 @@ extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa
         return nullptr;
     }
     std::memset(nfa->pattern_ids, 0, ids_bytes);
-    if (vael_pm_stats_common_init(&nfa->stats.common) != 0) {
+    if (vael_thin_nfa_stats_init(nfa) != 0) {
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
-    nfa->stats.num_states = 0;
-    nfa->stats.num_final_states = 0;
     return nfa;
 }
+
+extern "C" int vael_thin_nfa_stats_init(vael_thin_nfa *nfa) {
+    nfa->stats.num_states = 0;
+    nfa->stats.num_final_states = 0;
+    return vael_pm_stats_common_init(&nfa->stats.common);
+}
+
+extern "C" void vael_thin_nfa_stats_free(vael_thin_nfa *nfa) { vael_pm_stats_common_free(&nfa->stats.common); }
 
 extern "C" vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa) {
     return nfa ? &nfa->stats.common : nullptr;
@@ -106,9 +112,7 @@ extern "C" vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *n
 
 // ---------------------------------------------------------------- matches
 
-namespace {
-
-int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_id *pattern, uint32_t flags,
+extern "C" int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_id *pattern, uint32_t flags,
                                 uint32_t end_offset) {
     vael_pmglob_match_data *record = vael_pmglob_match_data_alloc();
     if (!record) {
@@ -131,7 +135,7 @@ int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_
 
 // Queues every pattern of a finite state that passes the mask and anchors.
 // `consumed` counts the piece's bytes up to and including the match's last.
-int vael_thin_nfa_handle_match(vael_thin_nfa_run_state *run, const uint32_t *state, uint32_t consumed,
+extern "C" int vael_thin_nfa_handle_match(vael_thin_nfa_run_state *run, const uint32_t *state, uint32_t consumed,
                                uint32_t piece_length, uint32_t flags) {
     uint32_t end_offset = run->piece_offset + consumed - 1;
     bool at_data_end = consumed == piece_length && (flags & VAEL_PM_EXEC_LAST_BUFFER);
@@ -149,6 +153,8 @@ int vael_thin_nfa_handle_match(vael_thin_nfa_run_state *run, const uint32_t *sta
 }
 
 // ---------------------------------------------------------------- scan
+
+namespace {
 
 // One step by one (already translated) byte: a full state resolves any byte
 // with one load; a partial state without the byte falls to its fail state
@@ -249,21 +255,31 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
     return 0;
 }
 
-int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
-                               uint32_t flags) {
+}  // namespace
+
+extern "C" int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                                          uint32_t flags) {
     if (run->find)
         return vael_thin_nfa_exec_one_buf_ex<false, true>(run, data, length, flags, nullptr);
     return vael_thin_nfa_exec_one_buf_ex<false, false>(run, data, length, flags, nullptr);
 }
 
-int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
-                                     uint32_t flags) {
-    if (run->find)
-        return vael_thin_nfa_exec_one_buf_ex<true, true>(run, data, length, flags, run->nfa->xlation_tab);
-    return vael_thin_nfa_exec_one_buf_ex<true, false>(run, data, length, flags, run->nfa->xlation_tab);
+extern "C" int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data,
+                                                uint32_t length, uint32_t flags) {
+    return vael_thin_nfa_exec_one_buf_ex(run, data, length, flags, 1, run->nfa->xlation_tab);
 }
 
-}  // namespace
+// The scan of one piece by a choice made at run time; the two entries above
+// are what the run itself calls, each a loop specialised for its case.
+extern "C" int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned char *data,
+                                             uint32_t length, uint32_t flags, int use_xlation,
+                                             const unsigned char *xlation_tab) {
+    if (!use_xlation)
+        return vael_thin_nfa_exec_one_buf(run, data, length, flags);
+    if (run->find)
+        return vael_thin_nfa_exec_one_buf_ex<true, true>(run, data, length, flags, xlation_tab);
+    return vael_thin_nfa_exec_one_buf_ex<true, false>(run, data, length, flags, xlation_tab);
+}
 
 extern "C" int vael_thin_nfa_exec(vael_thin_nfa *nfa, const unsigned char *buffer, uint32_t length,
                                   vael_vbuf *vbuf, uint32_t offset, lst_list **matches, uint32_t flags,

@@ -92,6 +92,23 @@ vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint
 int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags, uint32_t len);
 void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
 vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
+int vael_thin_nfa_stats_init(vael_thin_nfa *nfa);
+void vael_thin_nfa_stats_free(vael_thin_nfa *nfa);
+
+/* The run, exported for the frame and for other engines: one scan state per
+ * vael_thin_nfa_exec call, the scan of one piece (plain, translated, or by
+ * choice), and the reporting of a finite state's patterns. 0 or -1. */
+typedef struct vael_thin_nfa_run_state vael_thin_nfa_run_state;
+int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                               uint32_t flags);
+int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                                     uint32_t flags);
+int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
+                                  uint32_t flags, int use_xlation, const unsigned char *xlation_tab);
+int vael_thin_nfa_handle_match(vael_thin_nfa_run_state *run, const uint32_t *state, uint32_t consumed,
+                               uint32_t piece_length, uint32_t flags);
+int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_id *pattern, uint32_t flags,
+                                uint32_t end_offset);
 
 /* The BNFA's memory runs this many bytes past bnfa_size, zeroed, so that a
  * search may load a partial state's transitions 16 bytes at a time without a
@@ -103,7 +120,8 @@ vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
  * mask), which gives the same answer as a linear scan without its
  * unpredictable early exit; more than 6 would be binary searched, more than
  * 8 are. */
-static inline const uint32_t *vael_thin_nfa_get_next_state(const uint32_t *state, const uint32_t *bnfa,
+/* Inline in every caller, and emitted (used) so that it is exported too. */
+__attribute__((used)) inline const uint32_t *vael_thin_nfa_get_next_state(const uint32_t *state, const uint32_t *bnfa,
                                                            unsigned char byte) {
     uint32_t n = state[1] & 0xffu;
     const uint32_t *trans = state + 2;

@@ -1,0 +1,83 @@
+// fuzz_support.h - what every fuzz target shares: the library started once,
+// a reader of the input's bytes, and the check that ends a run with a report.
+//
+// A target is one file that defines LLVMFuzzerTestOneInput; it is built twice
+// (fuzz/CMakeLists.txt): under libFuzzer with clang, and with any compiler
+// against replay_main.cpp, which feeds it the files of its checked-in corpus.
+// A target reports a fault by FUZZ_CHECK, which prints and aborts, so that
+// both builds stop on it.
+#ifndef VAEL_FUZZ_SUPPORT_H
+#define VAEL_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "vael/vael_apps.h"
+#include "vael/vael_us_adaptor.h"
+
+namespace vael_fuzz {
+
+// Starts the library at the first input and keeps it started; debug output
+// stays off, so that a run prints only what a fault has to say.
+inline void start_library_once() {
+    static const bool started = [] {
+        if (vael_apps_init(nullptr) != 0) {
+            std::fprintf(stderr, "fuzz: vael_apps_init failed\n");
+            std::abort();
+        }
+        return true;
+    }();
+    (void)started;
+}
+
+// Takes the input apart from the front: small numbers, then byte strings.
+class Reader {
+  public:
+    Reader(const uint8_t *data, size_t size) : p_(data), end_(data + size) {}
+    bool empty() const { return p_ == end_; }
+    size_t left() const { return (size_t)(end_ - p_); }
+    uint8_t byte() { return p_ < end_ ? *p_++ : 0; }
+    // Consumes the next byte when it is `b`.
+    bool take(uint8_t b) {
+        if (p_ == end_ || *p_ != b)
+            return false;
+        p_++;
+        return true;
+    }
+    // Bytes up to the next `sep` (dropped) or the end.
+    std::string until(uint8_t sep) {
+        const uint8_t *start = p_;
+        while (p_ < end_ && *p_ != sep)
+            p_++;
+        std::string s(reinterpret_cast<const char *>(start), (size_t)(p_ - start));
+        if (p_ < end_)
+            p_++;
+        return s;
+    }
+    std::string rest() {
+        std::string s(reinterpret_cast<const char *>(p_), left());
+        p_ = end_;
+        return s;
+    }
+
+  private:
+    const uint8_t *p_;
+    const uint8_t *end_;
+};
+
+}  // namespace vael_fuzz
+
+#define FUZZ_CHECK(cond, ...)                                                           \
+    do {                                                                                \
+        if (!(cond)) {                                                                  \
+            std::fprintf(stderr, "fuzz check failed at %s:%d: %s: ", __FILE__, __LINE__, #cond); \
+            std::fprintf(stderr, __VA_ARGS__);                                          \
+            std::fprintf(stderr, "\n");                                                 \
+            std::abort();                                                               \
+        }                                                                               \
+    } while (0)
+
+#endif  // VAEL_FUZZ_SUPPORT_H

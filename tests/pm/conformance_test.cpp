@@ -1,0 +1,287 @@
+// The frame and the Thin NFA held to their contracts where an easy reading
+// goes wrong: what stays in the caller's error record, the order in which a
+// list's records are refused, a destroy too many, the rows of the tier table
+// across a restart, the exported run functions, a malformed pattern list.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "pm/vael_pm_internal.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_test::LogCapture;
+using vael_test::ScopedGlobal;
+
+// One record of a user's list, added through the call its kind needs.
+struct Record {
+    enum Kind { kSimple, kWord, kRe, kReWithLss } kind;
+    std::string text;
+    int32_t id;
+    uint32_t flags = 0;
+    std::string lss = "";
+};
+
+vael_pm_patterns *make_records(const std::vector<Record> &records) {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    for (const auto &r : records) {
+        const auto n = (uint32_t)r.text.size();
+        int rc = -1;
+        switch (r.kind) {
+        case Record::kSimple:
+            rc = vael_pm_patterns_add_simple_pattern(list, r.text.data(), n, r.id, r.flags);
+            break;
+        case Record::kWord:
+            rc = vael_pm_patterns_add_word(list, r.text.data(), n, r.id, r.flags);
+            break;
+        case Record::kRe:
+            rc = vael_pm_patterns_add_pattern(list, r.text.data(), n, r.id, r.flags);
+            break;
+        case Record::kReWithLss:
+            rc = vael_pm_patterns_add_pattern_with_LSS(list, r.lss.data(), (uint32_t)r.lss.size(), r.text.data(), n,
+                                                       r.id, r.flags);
+            break;
+        }
+        EXPECT_EQ(rc, 0) << r.text;
+    }
+    return list;
+}
+
+// Compiles and, on success, destroys at once.
+vael_pm_handle *compile(const std::vector<Record> &records, vael_pm_error *err) {
+    vael_pm_patterns *list = make_records(records);
+    vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, err, "conformance");
+    vael_pm_patterns_destroy(list);
+    return pm;
+}
+
+void expect_as_init(const vael_pm_error &err) {
+    EXPECT_EQ(err.error_string, nullptr) << err.error_string;
+    EXPECT_EQ(err.pattern_id, -1);
+    EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
+    EXPECT_EQ(err.error_index, 0u);
+}
+
+// Stops and starts the library for the scope, with `use_thin_nfa` in force
+// at the start, and starts it as it was at the end.
+class Restart {
+  public:
+    explicit Restart(int use_thin_nfa) : saved_(vael_pm_tier1_use_thin_nfa) {
+        vael_apps_fini();
+        vael_pm_tier1_use_thin_nfa = use_thin_nfa;
+        EXPECT_EQ(vael_apps_init(nullptr), 0);
+    }
+    ~Restart() {
+        vael_apps_fini();
+        vael_pm_tier1_use_thin_nfa = saved_;
+        EXPECT_EQ(vael_apps_init(nullptr), 0);
+    }
+
+  private:
+    int saved_;
+};
+
+int never_valid(void *) { return 0; }
+
+// ---------------------------------------------------------------- error record
+
+TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
+    vael_pm_error err;
+    {
+        // The string engine's handle fails validation.
+        auto saved = pm_tier1_funcs[VAEL_PM_TIER1_STRING].is_valid;
+        pm_tier1_funcs[VAEL_PM_TIER1_STRING].is_valid = never_valid;
+        LogCapture log;
+        EXPECT_EQ(compile({{Record::kSimple, "abc", 7}}, &err), nullptr);
+        pm_tier1_funcs[VAEL_PM_TIER1_STRING].is_valid = saved;
+        EXPECT_TRUE(log.contains("vael_pm_validate: Thin NFA handle is NOT valid\n")) << log.text();
+        expect_as_init(err);
+    }
+    {
+        // No string engine in row 1 at all.
+        Restart restart(0);
+        LogCapture quiet;
+        EXPECT_EQ(compile({{Record::kSimple, "abc", 7}}, &err), nullptr);
+        expect_as_init(err);
+    }
+}
+
+// Out of memory anywhere in a compile: the only texts are the engine's own.
+TEST(ConformanceError, OutOfMemoryCarriesNoTextOfTheFrame) {
+    const std::set<std::string> engine_texts = {
+        "Failed to allocate compilation information", "Failed to allocate state",
+        "Failed to save pattern information",         "Failed to copy pattern IDs",
+        "Failed to allocate offset list",             "Failed to allocate BNFA",
+        "Failed to allocate prefilter",
+    };
+    vael_pm_patterns *list = make_records({{Record::kSimple, "he", 1}, {Record::kSimple, "she", 2}});
+    vael_pm_handle *pm = nullptr;
+    vael_pm_error err;
+    std::set<std::string> seen;
+    LogCapture quiet;
+    vael_test::failmem_walk_each_allocation(
+        [&] { return (pm = vael_pm_compile(list, nullptr, 0, &err, "conformance")) != nullptr; },
+        [&] {
+            if (err.error_string)
+                seen.insert(err.error_string);
+            return err.error_type == VAEL_PM_ERROR_INTERNAL && (err.pattern_id == -1 || err.pattern_id == 1 ||
+                                                                err.pattern_id == 2);
+        });
+    for (const auto &text : seen)
+        EXPECT_TRUE(engine_texts.count(text)) << text;
+    vael_pm_destroy(pm);
+    vael_pm_patterns_destroy(list);
+}
+
+// ---------------------------------------------------------------- refusal order
+
+struct OrderCase {
+    const char *name;
+    std::vector<Record> records;
+    int32_t blamed_id;
+    bool lss_too_short; // else the refusal of an engine this build lacks
+};
+
+TEST(ConformanceError, TheFirstFailingRecordInListOrderIsBlamed) {
+    const OrderCase cases[] = {
+        {"ShortLssBeforeWord", {{Record::kSimple, "ab", 1}, {Record::kWord, "word", 2}}, 1, true},
+        {"ShortLssBeforeRegex", {{Record::kSimple, "ab", 1}, {Record::kRe, "abc[0-9]", 2}}, 1, true},
+        {"RegexBeforeWord", {{Record::kSimple, "abcd", 1}, {Record::kRe, "x+y", 2}, {Record::kWord, "w", 3}}, 2,
+         false},
+        {"WordBeforeShortLss", {{Record::kWord, "word", 1}, {Record::kSimple, "ab", 2}}, 1, false},
+        // The LSS length is checked before a second tier is asked for.
+        {"ShortLssOfARegex", {{Record::kReWithLss, "ab[0-9]", 4, 0, "ab"}}, 4, true},
+        {"CaseCheckAfterShortLss",
+         {{Record::kSimple, "ab", 5}, {Record::kSimple, "abcd", 6, VAEL_PM_CASELESS}}, 5, true},
+        {"CaseCheckOfTheFirst", {{Record::kSimple, "abcd", 5}, {Record::kSimple, "ab", 6, VAEL_PM_CASELESS}}, 5,
+         false},
+    };
+    ScopedGlobal min_lss(vael_pm_min_lss_size, 3);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        vael_pm_error err;
+        LogCapture quiet;
+        EXPECT_EQ(compile(c.records, &err), nullptr);
+        EXPECT_EQ(err.pattern_id, c.blamed_id);
+        EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_ILLEGAL);
+        ASSERT_NE(err.error_string, nullptr);
+        EXPECT_EQ(std::string(err.error_string) == "The pattern's LSS is too short", c.lss_too_short)
+            << err.error_string;
+    }
+}
+
+// ---------------------------------------------------------------- PM life
+
+TEST(ConformanceLifecycle, DestroyAtRefcountZeroAssertsCountsDownAndKeepsThePm) {
+    vael_pm_error err;
+    vael_pm_handle *pm = compile({{Record::kSimple, "abc", 1}}, &err);
+    ASSERT_NE(pm, nullptr);
+    pm->refcount = 0;
+    {
+        vael_test::ScopedTopic topic("K_PM", VAEL_DBG_NOTICE);
+        LogCapture log;
+        vael_pm_destroy(pm);
+        EXPECT_TRUE(log.contains("vael_pm_destroy: Destroying an already destroyed PM (")) << log.text();
+        EXPECT_TRUE(log.contains("refcount (0) <= 0\n")) << log.text();
+        EXPECT_TRUE(log.contains("vael_pm_destroy: There are -1 more holders of PM handle ")) << log.text();
+    }
+    EXPECT_EQ(pm->refcount, 0xffffffffu);
+    EXPECT_EQ(pm->magic, VAEL_PM_MAGIC_ALIVE);
+    pm->refcount = 1;
+    vael_pm_destroy(pm);
+}
+
+// ---------------------------------------------------------------- tier table
+
+TEST(ConformanceTierTable, ARowNotFilledAtARestartIsEmpty) {
+    {
+        Restart restart(1);
+        EXPECT_NE(pm_tier1_funcs[VAEL_PM_TIER1_STRING].compile, nullptr);
+    }
+    Restart restart(0);
+    const vael_pm_tier1_funcs &row = pm_tier1_funcs[VAEL_PM_TIER1_STRING];
+    EXPECT_EQ(row.name, nullptr);
+    EXPECT_EQ(row.compile, nullptr);
+    EXPECT_EQ(row.exec, nullptr);
+    EXPECT_EQ(row.destroy, nullptr);
+    EXPECT_EQ(row.get_common_stats, nullptr);
+}
+
+// ---------------------------------------------------------------- exports
+
+TEST(ConformanceExports, RunFunctionsOfTheThinNfaLeaveTheSharedLibrary) {
+    void *lib = dlopen(VAEL_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(lib, nullptr) << dlerror();
+    for (const char *name : {"vael_thin_nfa_exec", "vael_thin_nfa_exec_one_buf", "vael_thin_nfa_exec_one_buf_xlate",
+                             "vael_thin_nfa_exec_one_buf_ex", "vael_thin_nfa_handle_match",
+                             "vael_thin_nfa_enqueue_match", "vael_thin_nfa_get_next_state",
+                             "vael_thin_nfa_stats_init", "vael_thin_nfa_stats_free", "vael_thin_nfa_create",
+                             "vael_thin_nfa_destroy", "vael_thin_nfa_get_common_stats"})
+        EXPECT_NE(dlsym(lib, name), nullptr) << name;
+    dlclose(lib);
+}
+
+// The exported scan entries agree with the run they serve: one piece, with
+// and without a translation table, from a run state as the run makes it
+// (its fields in the engine's order: handle, current state, queue, mask,
+// stream offset of the piece, candidate search).
+struct RunState {
+    const vael_thin_nfa *nfa;
+    const uint32_t *state;
+    lst_list **matches;
+    const vael_pm_mask *mask;
+    uint32_t piece_offset;
+    const void *find;  // candidate search at the root; null: none
+};
+
+TEST(ConformanceExports, OnePieceScansMatchTheRun) {
+    for (uint32_t flags : {0u, (uint32_t)VAEL_PM_CASELESS}) {
+        vael_test::ThinNfa nfa({{"he", 1}, {"she", 2}}, flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const std::string text = "uSHErs";
+        std::vector<vael_test::Hit> want;
+        ASSERT_EQ(nfa.exec(text, &want), 0);
+        for (int entry = 0; entry < 2; entry++) {
+            lst_list *queue = nullptr;
+            RunState run = {nfa.get(), nfa.get()->bnfa, &queue, nullptr, 0, nullptr};
+            auto *r = reinterpret_cast<vael_thin_nfa_run_state *>(&run);
+            const auto *data = reinterpret_cast<const unsigned char *>(text.data());
+            bool xlate = nfa.get()->flags & THIN_NFA_FLAG_XLATION;
+            int rc = entry == 0 ? vael_thin_nfa_exec_one_buf_ex(r, data, (uint32_t)text.size(), 1, xlate,
+                                                                nfa.get()->xlation_tab)
+                                : (xlate ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf)(
+                                      r, data, (uint32_t)text.size(), 1);
+            EXPECT_EQ(rc, 0);
+            std::vector<vael_test::Hit> got;
+            while (lst_nelements(queue) > 0) {
+                auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
+                got.push_back({d->id, d->offset});
+                vael_pmglob_match_data_free(d);
+            }
+            lst_destroy(queue);
+            EXPECT_EQ(got, want) << "flags " << flags << ", entry " << entry;
+        }
+    }
+}
+
+// ---------------------------------------------------------------- malformed list
+
+TEST(ConformanceError, AListHoldingANullRecordIsAnIllegalNumberOfWords) {
+    vael_pm_patterns *list = make_records({{Record::kSimple, "abc", 1}});
+    ASSERT_NE(lst_insert(list, 0), 0);
+    vael_pm_error err;
+    {
+        LogCapture log;
+        EXPECT_EQ(vael_pm_compile(list, nullptr, 0, &err, "conformance"), nullptr);
+        EXPECT_TRUE(log.contains("vael_pm_compile_ex: Illegal number of words -1\n")) << log.text();
+    }
+    expect_as_init(err);
+    vael_pm_patterns_destroy(list);
+}
+
+}  // namespace
