@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -49,35 +48,25 @@ TEST_P(PatternFileGood, GivesRecords) {
 const GoodCase kGoodCases[] = {
     {"Plain", "1\tGET /\n", {rec(1, 1, "GET /")}},
     {"NoFinalNewline", "7\tabc", {rec(1, 7, "abc")}},
-    {"SeveralLines", "1\tone\n2\ttwo\n3\tthree\n", {rec(1, 1, "one"), rec(2, 2, "two"), rec(3, 3, "three")}},
     {"NegativeId", "-5\tabc\n", {rec(1, -5, "abc")}},
     {"Int32Limits", "2147483647\ta\n-2147483648\tb\n", {rec(1, 2147483647, "a"), rec(2, INT32_MIN, "b")}},
-    {"LeadingZerosInId", "007\tx\n", {rec(1, 7, "x")}},
     {"DuplicateIdsAreKept", "1\ta\n1\tb\n", {rec(1, 1, "a"), rec(2, 1, "b")}},
     {"Escapes", "1\t\\x41\\x6a\\x6A\\t\\n\\r\\\\z\n", {rec(1, 1, "Ajj\t\n\r\\z")}},
     {"EscapedNul", "1\ta\\x00b\n", {rec(1, 1, "a\0b"s)}},
-    {"EscapedHighBytes", "1\t\\xff\\x80\\xFE\n", {rec(1, 1, "\xff\x80\xfe")}},
-    {"OnlyEscapes", "3\t\\x00\\x00\n", {rec(1, 3, "\0\0"s)}},
     {"BackslashThenEscapeLetter", "1\t\\\\x41\n", {rec(1, 1, "\\x41")}},
-    {"SpacesAreKept", "1\t  a b  \n", {rec(1, 1, "  a b  ")}},
     {"HashInsideTextIsLiteral", "1\t#x\n", {rec(1, 1, "#x")}},
     {"RawBytesPassThrough", "1\t\xff\xfe\x01 \xd0\xbf\xd1\x80\n", {rec(1, 1, "\xff\xfe\x01 \xd0\xbf\xd1\x80")}},
-    {"RawNulPassesThrough", "1\ta\0b\n"s, {rec(1, 1, "a\0b"s)}},
     {"CommentsAndBlankLinesCountAsLines",
      "# header\n\n   \n\t\t\n\v\f \n2\tx\n#3\ty\n",
      {rec(6, 2, "x")}},
     {"CrLf", "1\tabc\r\n# c\r\n\r\n2\tdef\r\n", {rec(1, 1, "abc"), rec(4, 2, "def")}},
-    {"CrLfWithoutFinalNewline", "1\tabc\r", {rec(1, 1, "abc")}},
     {"OnlyOneCrIsDropped", "1\tabc\r\r\n", {rec(1, 1, "abc\r")}},
     {"EscapedCrBeforeCrLf", "1\tabc\\r\r\n", {rec(1, 1, "abc\r")}},
     {"ExplicitStrKind", "1\tstr\tabc\n", {rec(1, 1, "abc")}},
-    {"StrKindWithEscapes", "1\tstr\t\\tx\\x09\n", {rec(1, 1, "\tx\t")}},
     {"TextThatLooksLikeAKind", "1\tre\n2\tkw\n", {rec(1, 1, "re"), rec(2, 2, "kw")}},
     // Every kind, and what the reader leaves to the library.
     {"KindRe", "1\tre\ta.*b\n", {rec(1, 1, "a.*b", PatternKind::re)}},
     {"KindWord", "1\tword\ttwo words\n", {rec(1, 1, "two words", PatternKind::word)}},
-    {"KindKw", "1\tkw\tpart:\"x\"\n", {rec(1, 1, "part:\"x\"", PatternKind::kw)}},
-    {"KindKwNoHistory", "1\tkw-nohistory\tpart:\"x\"\n", {rec(1, 1, "part:\"x\"", PatternKind::kw_nohistory)}},
     {"KindsMixedWithDefault",
      "1\ta\n2\tre\tb\n3\tstr\tc\n4\tword\td\n",
      {rec(1, 1, "a"), rec(2, 2, "b", PatternKind::re), rec(3, 3, "c"), rec(4, 4, "d", PatternKind::word)}},
@@ -91,7 +80,6 @@ const GoodCase kGoodCases[] = {
      {rec(1, 1, "a\0b"s, PatternKind::re), rec(2, 2, "a\0b"s, PatternKind::word), rec(3, 3, "a\0b"s)}},
     {"Utf8ByteOrderMarkIsDropped", "\xEF\xBB\xBF" "1\tabc\n", {rec(1, 1, "abc")}},
     {"ByteOrderMarkOnlyAtStart", "1\t\xEF\xBB\xBF\n", {rec(1, 1, "\xEF\xBB\xBF")}},
-    {"EmptyFile", "", {}},
     {"OnlyComments", "# one\n#two\n\n", {}},
 };
 
@@ -125,60 +113,40 @@ const char kHexHint[] = " (\\x takes two hex digits)";
 const BadCase kBadCases[] = {
     // Shape of the line.
     {"NoTab", "abc\n", 1, "missing TAB between pattern id and text"},
-    {"IdWithoutTab", "5\n", 1, "missing TAB between pattern id and text"},
     {"SpaceInsteadOfTab", "5 abc\n", 1, "missing TAB between pattern id and text"},
     {"IndentedComment", " # note\n", 1, "missing TAB between pattern id and text"},
     {"MissingId", "\tabc\n", 1, "missing pattern id"},
     {"TooManyFields", "1\tstr\ta\tb\n", 1, "too many TAB-separated fields (write a TAB inside the text as \\t)"},
     // Ids.
     {"IdNotANumber", "x1\tabc\n", 1, "bad pattern id 'x1' (not a decimal integer)"},
-    {"IdTrailingJunk", "12a\tabc\n", 1, "bad pattern id '12a' (not a decimal integer)"},
-    {"IdPlusSign", "+1\tabc\n", 1, "bad pattern id '+1' (not a decimal integer)"},
     {"IdLeadingSpace", " 1\tabc\n", 1, "bad pattern id ' 1' (not a decimal integer)"},
-    {"IdTrailingSpace", "1 \tabc\n", 1, "bad pattern id '1 ' (not a decimal integer)"},
-    {"IdHex", "0x10\tabc\n", 1, "bad pattern id '0x10' (not a decimal integer)"},
-    {"IdLoneMinus", "-\tabc\n", 1, "bad pattern id '-' (not a decimal integer)"},
     {"IdAboveInt32", "2147483648\tabc\n", 1, "pattern id '2147483648' is out of range (signed 32-bit)"},
     {"IdBelowInt32", "-2147483649\tabc\n", 1, "pattern id '-2147483649' is out of range (signed 32-bit)"},
-    {"IdHuge", "99999999999999999999\tx\n", 1, "pattern id '99999999999999999999' is out of range (signed 32-bit)"},
     // Text.
     {"EmptyText", "1\t\n", 1, "empty pattern text"},
-    {"EmptyTextWithKind", "1\tstr\t\n", 1, "empty pattern text"},
     {"EmptyTextBeforeCrLf", "1\t\r\n", 1, "empty pattern text"},
     {"UnknownEscape", "1\tab\\q\n", 1, "bad escape '\\q'"},
-    {"OctalIsNotAnEscape", "1\t\\0\n", 1, "bad escape '\\0'"},
-    {"QuoteIsNotAnEscape", "1\t\\\"\n", 1, "bad escape '\\\"'"},
     {"UppercaseXIsNotAnEscape", "1\t\\X41\n", 1, "bad escape '\\X'"},
     {"BackslashAtEnd", "1\tab\\\n", 1, "bad escape '\\' at end of line"},
-    {"BackslashBeforeCrLf", "1\tab\\\r\n", 1, "bad escape '\\' at end of line"},
     {"HexOneDigitThenJunk", "1\t\\x4g\n", 1, "bad escape '\\x4g'"s + kHexHint},
-    {"HexOneDigitAtEnd", "1\ta\\x4\n", 1, "bad escape '\\x4'"s + kHexHint},
     {"HexNoDigitsAtEnd", "1\ta\\x\n", 1, "bad escape '\\x'"s + kHexHint},
-    {"HexNoDigits", "1\t\\xg0\n", 1, "bad escape '\\xg'"s + kHexHint},
     {"EscapedMultibyteCharShownWhole", "1\t\\\xc3\xa9\n", 1, "bad escape '\\\xc3\xa9'"},
     {"EscapedControlByteShownAsHex", "1\t\\\x01\n", 1, "bad escape '\\\\x01'"},
     // Kinds.
     {"KindUnknown", "1\tregex\tabc\n", 1, "unknown pattern kind 'regex'"},
     {"KindIsCaseSensitive", "1\tSTR\tabc\n", 1, "unknown pattern kind 'STR'"},
-    {"KindReIsCaseSensitive", "1\tRE\tabc\n", 1, "unknown pattern kind 'RE'"},
-    {"KindWithUnderscore", "1\tkw_nohistory\tabc\n", 1, "unknown pattern kind 'kw_nohistory'"},
     {"KindPrefixOnly", "1\tkw-no\tabc\n", 1, "unknown pattern kind 'kw-no'"},
-    {"KindTrailingSpace", "1\tre \tabc\n", 1, "unknown pattern kind 're '"},
     {"KindEmpty", "1\t\tabc\n", 1, "empty pattern kind"},
     {"KindWithControlByte", "1\tk\x01\tabc\n", 1, "unknown pattern kind 'k\\x01'"},
     // A keyword rule is handed over as a C string.
     {"EscapedNulInKw", "1\tkw\tpart:\\x00\n", 1, "NUL byte in keyword rule 'part:\\x00'"},
-    {"RawNulInKw", "1\tkw\ta\0b\n"s, 1, "NUL byte in keyword rule 'a\\x00b'"},
-    {"NulInKwNoHistory", "1\tkw-nohistory\t\\x00x\n", 1, "NUL byte in keyword rule '\\x00x'"},
     {"NulInKwNamesItsLine", "1\ta\\x00\n# c\n2\tkw\tx\n3\tkw\tx\\x00\n", 4, "NUL byte in keyword rule 'x\\x00'"},
     // Which error wins: fields left to right, lines top to bottom.
     {"IdCheckedBeforeKind", "x\tfoo\tabc\n", 1, "bad pattern id 'x' (not a decimal integer)"},
     {"KindCheckedBeforeText", "1\tfoo\t\\q\n", 1, "unknown pattern kind 'foo'"},
     {"LineNumberCountsSkippedLines", "# c\n1\ta\n\n2\tb\\q\n3\tc\n", 4, "bad escape '\\q'"},
-    {"LineNumberWithCrLf", "1\ta\r\n\r\n# x\r\n2\t\r\n", 4, "empty pattern text"},
     {"LineNumberAfterByteOrderMark", "\xEF\xBB\xBF" "1\ta\nbad\n", 2, "missing TAB between pattern id and text"},
     {"FirstBadLineWins", "1\ta\n2\t\\q\n3\t\n", 2, "bad escape '\\q'"},
-    {"LastLineWithoutNewline", "1\ta\n2\t", 2, "empty pattern text"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Lines, PatternFileBad, testing::ValuesIn(kBadCases),
@@ -214,17 +182,12 @@ TEST_P(Printable, Renders) { EXPECT_EQ(vael::cli::printable(GetParam().in), GetP
 
 const PrintableCase kPrintableCases[] = {
     {"Ascii", "GET /a b~", "GET /a b~"},
-    {"Backslash", "a\\b", "a\\b"},
     {"ControlBytes", "\x01\t\n\x1f\x7f"s, "\\x01\\x09\\x0a\\x1f\\x7f"},
     {"Nul", "a\0b"s, "a\\x00b"},
     {"TwoByteUtf8", "\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},
-    {"FourByteUtf8", "\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
     {"LoneLeadByte", "\xc3x", "\\xc3x"},
-    {"TruncatedSequence", "\xe2\x82", "\\xe2\\x82"},
     {"LoneContinuation", "\x80", "\\x80"},
     {"Overlong", "\xc0\xaf", "\\xc0\\xaf"},
-    {"Surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
-    {"BeyondUnicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
     {"SixtyBytesKept", std::string(60, 'a'), std::string(60, 'a')},
     {"LongerIsCut", std::string(61, 'a'), std::string(60, 'a') + "..."},
 };
@@ -255,32 +218,21 @@ protected:
     std::filesystem::path dir_;
 };
 
-TEST_F(PatternFileOnDisk, ReadsTheSameAsText) {
-    const std::string text = "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n";
-    const auto from_disk = vael::cli::read_pattern_file(write("p.txt", text));
-    ASSERT_TRUE(from_disk.ok());
-    EXPECT_EQ(from_disk.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));
-}
-
-TEST_F(PatternFileOnDisk, ErrorCarriesLine) {
-    const auto result = vael::cli::read_pattern_file(write("p.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"));
-    ASSERT_FALSE(result.ok());
-    EXPECT_EQ(*result.error, (PatternFileError{3, "NUL byte in keyword rule 'c\\x00'"}));
-}
-
-TEST_F(PatternFileOnDisk, UnreadableFileIsLineZero) {
-    struct Case {
-        std::string path;
-        std::string message;
+// Through the file: records as from text, an error with its line, and a
+// file that cannot be read at line 0.
+TEST_F(PatternFileOnDisk, ReadsAsText) {
+    const auto good = vael::cli::read_pattern_file(write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
+    ASSERT_TRUE(good.ok());
+    EXPECT_EQ(good.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));
+    const std::pair<std::string, PatternFileError> bad[] = {
+        {write("b.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"), {3, "NUL byte in keyword rule 'c\\x00'"}},
+        {(dir_ / "missing.txt").string(), {0, "No such file or directory"}},
+        {dir_.string(), {0, "Is a directory"}},
     };
-    const Case cases[] = {
-        {(dir_ / "missing.txt").string(), "No such file or directory"},
-        {dir_.string(), "Is a directory"},
-    };
-    for (const auto &c : cases) {
-        const auto result = vael::cli::read_pattern_file(c.path);
-        ASSERT_FALSE(result.ok()) << c.path;
-        EXPECT_EQ(*result.error, (PatternFileError{0, c.message})) << c.path;
+    for (const auto &[path, error] : bad) {
+        const auto result = vael::cli::read_pattern_file(path);
+        ASSERT_FALSE(result.ok()) << path;
+        EXPECT_EQ(*result.error, error) << path;
     }
 }
 
@@ -303,15 +255,6 @@ TEST_F(PatternFileOnDisk, ReadWholeFileKeepsEveryByteAndHonoursTheLimit) {
     out = "stale";
     EXPECT_EQ(vael::cli::read_whole_file(write("empty.bin", ""), out), std::nullopt);
     EXPECT_TRUE(out.empty());
-}
-
-TEST(PatternFileSamples, BundledPatternFileIsValid) {
-    const auto result = vael::cli::read_pattern_file(VAEL_SAMPLES_DIR "/patterns.txt");
-    ASSERT_TRUE(result.ok()) << "line " << result.error->line << ": " << result.error->message;
-    EXPECT_GE(result.records.size(), 100u);
-    std::set<std::int32_t> ids;
-    for (const auto &record : result.records)
-        EXPECT_TRUE(ids.insert(record.id).second) << "id " << record.id << " repeats on line " << record.line;
 }
 
 }  // namespace

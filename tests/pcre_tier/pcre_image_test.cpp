@@ -195,21 +195,6 @@ TEST(PcreImage, ArgumentsAndSpace) {
     EXPECT_GE(before - vael_pmglob_memory_get_alloc_total(), (intptr_t)re_size);
 }
 
-// The row that vael_pcre_init filled, as the frame reads it.
-TEST(PcreRow, Filled) {
-    const vael_pm_tier2_funcs &row = pm_tier2_funcs[VAEL_PM_TIER2_PCRE];
-    EXPECT_STREQ(row.name, "PCRE");
-    EXPECT_EQ(row.tier2_flags, 3u);
-    ASSERT_NE(row.has_start_anchor, nullptr);
-    auto h = compile("^a");
-    ASSERT_TRUE(h);
-    EXPECT_EQ(row.has_start_anchor(h.get()), 0);
-    EXPECT_EQ(pcre_get_heapframe_size(), 332);
-    vael_test::LogCapture log;
-    EXPECT_EQ(vael_pcre_stack_frame_pool_sz_cb(), 0);
-    EXPECT_TRUE(log.contains("QX-1: changing PCRE's stack frame pool size can be done only from boot!\n"));
-}
-
 // ---------------------------------------------------------------- allocation failures
 
 struct CompileCase {

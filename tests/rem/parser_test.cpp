@@ -138,7 +138,6 @@ TEST_F(RemParser, GroupingAndPrecedence) {
         {"ab|cd", "alt(cat(a,b),cat(c,d))"},
         {"ab*", "cat(a,star(b))"},
         {"(ab)*", "star(cat(a,b))"},
-        {"a(b)c", "cat(cat(a,b),c)"},
         {"(a)(b)", "cat(a,b)"},
         {"a**", "star(star(a))"},
         {"a*?", "rep{0,1}(star(a))"},
@@ -172,10 +171,8 @@ TEST_F(RemParser, RefusalsWithWordsAndPosition) {
         {"", nullptr, 0},  // no operand at all
         {"a)", "Correlating '(' for ')' is missing", 2},
         {"(a", "Missing a closing ')'", 2},
-        {"((a)", "Missing a closing ')'", 4},
         {"*a", "Not enough operands for the operator", 2},
         {"a|", "Not enough operands for the operator", 2},
-        {"|a", "Not enough operands for the operator", 2},
         {"a||b", "Not enough operands for the operator", 3},
         {"a{x", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
         {"(a[b)", "Could not find closing bracket ']'", 5},

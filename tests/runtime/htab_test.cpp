@@ -169,23 +169,22 @@ TEST(HtabEntries, EachKeySitsInTheBinOfTheHashRule) {
     }
 }
 
-TEST(HtabEntries, SetCreatesUpdatesAndResizesInPlace) {
+// Results and values of set are the model's; here where an update leaves
+// the entry, and the table that refuses updates.
+TEST(HtabEntries, UpdatesStayInPlace) {
     Table t("set", 1, 0); // one bin: the chain order is the insertion order
-    int result = 9;
-    ASSERT_EQ(t.set({1}, {10}, KEEP, &result), 0);
-    EXPECT_EQ(result, VAEL_HTAB_SET_NEW);
-    ASSERT_EQ(t.set({2}, {20}), 0);
-    ASSERT_EQ(t.set({3}, {30}), 0);
+    for (uint32_t k = 1; k <= 3; k++) {
+        ASSERT_EQ(t.set({k}, {k * 10}), 0);
+    }
     vael_htab_entry *before = entry_of(t.record(), {2});
-    ASSERT_EQ(t.set({2}, {21}, KEEP, &result), 0);
-    EXPECT_EQ(result, VAEL_HTAB_SET_UPDATED);
+    ASSERT_EQ(t.set({2}, {21}), 0);
     EXPECT_EQ(entry_of(t.record(), {2}), before) << "same value count: same entry";
     ASSERT_EQ(t.set({2}, {22, 23, 24}), 0);
-    EXPECT_EQ(t.get({2}), (std::vector<uint32_t>{22, 23, 24}));
     EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}, {2}, {3}})) << "a resized entry keeps its place";
     EXPECT_TRUE(t.freed.empty()) << "updates tell the free function nothing";
 
     Table fixed("noupd", 4, VAEL_HTAB_NO_UPDATE);
+    int result = 0;
     ASSERT_EQ(fixed.set({7}, {1}), 0);
     EXPECT_EQ(fixed.set({7}, {2}, KEEP, &result), -1);
     EXPECT_EQ(result, VAEL_HTAB_SET_EXISTS);
@@ -352,26 +351,8 @@ TEST(HtabEntries, PrintsTellEveryWord) {
 }
 
 // ---------------------------------------------------------------- timers
-
-TEST(HtabTimers, TimeoutWordsAndTheirLimits) {
-    FakeClock clock;
-    Table t("tmo", 8, VAEL_HTAB_EXPIRE);
-    ASSERT_EQ(t.set({1}, {1}, 10), 0);
-    auto timeout = [&] { return t.rows().at(0).timeout; };
-    const struct {
-        uint32_t word;
-        int rc;
-        int timeout_after;
-    } rows[] = {
-        {3599, 0, 3599}, {3600, -1, 3599}, {0xfffffffe, -1, 3599}, {KEEP, 0, 3599},
-        {1, 0, 1},       {0, 0, 0},        {KEEP, 0, 0},           {5000, -1, 0},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(t.set_tmo({1}, row.word), row.rc) << row.word;
-        EXPECT_EQ(timeout(), row.timeout_after) << row.word;
-    }
-    EXPECT_EQ(t.set_tmo({2}, 5), -1) << "missing entry";
-}
+// The timeout words, their limits, clock jumps and the ring's slots are held
+// to the reference model below; here what it does not reach.
 
 // A refused timeout costs the entry and the rest of its chain; the count is
 // left as it was, and nothing leaks.
@@ -403,79 +384,34 @@ TEST(HtabTimers, ARefusedTimeoutCutsTheChain) {
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
 }
 
-// The global counters and one table's ring under a stepped clock.
-class HtabExpiry : public ::testing::Test {
-  protected:
-    // n calls of vael_htab_expire in a new second, the first of which
-    // changes the second.
-    void second_with_calls(int n) {
+// A gradual table spreads a due slot over the calls of the second, at the
+// rate the counters measured over the second before.
+TEST(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
+    FakeClock clock;
+    auto second_with_calls = [&](int n) { // the first call changes the second
         clock.step(1);
         for (int i = 0; i < n; i++)
             vael_htab_expire();
-    }
-    void fill(Table &t, int n, uint32_t timeout) {
-        for (int i = 0; i < n; i++) {
-            ASSERT_EQ(t.set({(uint32_t)i, 77}, {(uint32_t)i}, timeout), 0);
-        }
-    }
-    FakeClock clock;
-};
-
-TEST_F(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
+    };
     const struct {
-        int calls_per_second;
-        int due;
+        int calls_per_second, due;
         size_t gone_in_the_second;
     } rows[] = {
-        {1000, 300, 250}, // q 3, p 4
+        {1000, 300, 250},  // q 3, p 4
         {1000, 1000, 999}, // q 1: every call but the one that changed the second
         {1000, 600, 600},  // q 1: the slot is empty before the second ends
         {100, 300, 0},     // q 0: all at the change of second
     };
     for (const auto &row : rows) {
         Table t("gradual", 1024, VAEL_HTAB_EXPIRE_GRADUAL);
-        fill(t, row.due, 2);
+        for (int i = 0; i < row.due; i++) {
+            ASSERT_EQ(t.set({(uint32_t)i, 77}, {(uint32_t)i}, 2), 0);
+        }
         second_with_calls(row.calls_per_second); // measures the rate; the ring reaches slot 1
         second_with_calls(row.calls_per_second); // the ring reaches the due slot
-        const size_t in_second = std::min<size_t>(row.gone_in_the_second, row.due);
-        EXPECT_EQ(t.freed.size(), in_second) << row.due << " due, " << row.calls_per_second << " calls";
+        EXPECT_EQ(t.freed.size(), row.gone_in_the_second) << row.due << " due, " << row.calls_per_second;
         second_with_calls(1);
         EXPECT_EQ(t.freed.size(), (size_t)row.due);
-    }
-}
-
-TEST_F(HtabExpiry, ClockJumps) {
-    const struct {
-        const char *what;
-        int32_t jump;
-        size_t gone_at_jump;
-        size_t gone_one_second_later;
-        int current_slot_after_jump;
-    } rows[] = {
-        {"900 forward moves 900 slots", 900, 20, 20, 900},
-        {"901 forward is a clock change", 901, 0, 0, 0},
-        {"5 back moves nothing", -5, 0, 0, 0},
-        {"1000 back is a clock change", -1000, 0, 0, 0},
-        {"2 forward", 2, 20, 20, 2},
-    };
-    for (const auto &row : rows) {
-        Table t("jumps", 64, VAEL_HTAB_EXPIRE);
-        fill(t, 20, 1);
-        ASSERT_EQ(t.set({999}, {1}, 3000), 0);
-        clock.step(row.jump);
-        vael_htab_expire();
-        EXPECT_EQ(t.freed.size(), row.gone_at_jump) << row.what;
-        EXPECT_EQ((int)t.record()->current_slot, row.current_slot_after_jump) << row.what;
-        EXPECT_EQ(t.record()->last_expire_time, clock.now()) << row.what;
-        second_with_calls(1);
-        EXPECT_EQ(t.freed.size(), row.gone_one_second_later) << row.what;
-        // The long timer keeps its second in the ring: a jump the ring did
-        // not follow lengthens it.
-        const int moved = row.current_slot_after_jump + 1;
-        for (const auto &r : t.rows())
-            if (r.key == Key{999}) {
-                EXPECT_EQ(r.remaining, 3000 - moved) << row.what;
-            }
     }
 }
 
