@@ -415,3 +415,39 @@ TEST(DfaStore, StatesLists) {
 }
 
 }  // namespace
+
+namespace {
+
+// Building and finalizing a machine fails cleanly at every allocation: the
+// machine is destroyed with whatever it held.
+TEST(DfaStore, BuildAndFinalizeFailCleanly) {
+    uint32_t states = 0;
+    auto attempt = [&] {
+        vael_dfa *dfa = vael_dfa_create(0, nullptr);
+        if (!dfa)
+            return false;
+        vael_dfa_state *prev = nullptr;
+        for (int i = 0; i < 5; i++) {
+            vael_dfa_state *s = vael_dfa_state_create(dfa);
+            if (!s || (prev && vael_dfa_state_add_trans(prev, 'a', s) != 0) ||
+                (i == 4 && vael_dfa_state_set_final(s, 1, 0, 0) != 0)) {
+                vael_dfa_destroy(dfa);
+                return false;
+            }
+            if (!prev)
+                vael_dfa_set_initial_state(dfa, s);
+            prev = s;
+        }
+        dfa = vael_dfa_finalize(dfa);
+        if (!dfa)
+            return false;
+        states = dfa->block_capacity[0];
+        vael_dfa_destroy(dfa);
+        return true;
+    };
+    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, [] { return true; });
+    EXPECT_EQ(w.rounds, 5);  // record, block, final id, cut block, success
+    EXPECT_EQ(states, 5u);
+}
+
+}  // namespace
