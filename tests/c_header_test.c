@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "vael/vael_apps.h"
+#include "vael/vael_dfa.h"
 
 static int hits;
 

@@ -1,0 +1,453 @@
+// The automaton store: state limits and blocks, finalize and the two id
+// forms, validation against corrupted records, final ids, duplication and
+// the states lists.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "rem/vael_dfa_internal.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_test::LogCapture;
+using vael_test::ScopedGlobal;
+using vael_test::ScopedTopic;
+
+// Owner of a machine for a test body.
+struct DfaPtr {
+    vael_dfa *p = nullptr;
+    explicit DfaPtr(vael_dfa *d) : p(d) {}
+    ~DfaPtr() { vael_dfa_destroy(p); }
+    DfaPtr(const DfaPtr &) = delete;
+    DfaPtr &operator=(const DfaPtr &) = delete;
+};
+
+// Creates states until one is refused or `most` are made; the count made.
+uint32_t fill(vael_dfa *dfa, uint32_t most) {
+    uint32_t n = 0;
+    while (n < most && vael_dfa_state_create(dfa))
+        n++;
+    return n;
+}
+
+TEST(DfaStore, StateLimitsAndBlocks) {
+    const uint32_t small_fit = (uint32_t)vael_dfa_small_block_size / VAEL_DFA_STATE_SIZE;
+    struct Row {
+        const char *name;
+        int should_limit;
+        uint32_t flags;
+        bool set_limit_zero;
+        uint32_t expect_made;   // states made before the first refusal
+        uint16_t expect_blocks;
+        const char *error_text; // words for the caller, or null
+        const char *log_text;
+    } rows[] = {
+        {"default limit", 1, 0, false, 7767, 1, "This pattern is too complex. Consider rewriting the pattern.",
+         "failed because dfa's state limit (7767 states) has been exceeded"},
+        {"limit check off", 0, 0, false, 7800, 2, nullptr, nullptr},
+        {"limit 0 admits 62135", 1, 0, true, 62135, 8, nullptr,
+         "Exceeded intrnal max states of dfa, more states in dfa than predefined"},
+        {"small blocks", 1, VAEL_DFA_SMALL_BLOCKS, false, small_fit, 1, nullptr,
+         "can't add more blocks: max small blocks reached (1)"},
+    };
+    ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        ScopedGlobal limit(vael_dfa_should_limit_states, r.should_limit);
+        vael_pm_error err;
+        vael_pm_error_init(&err);
+        DfaPtr dfa(vael_dfa_create(r.flags, &err));
+        ASSERT_NE(dfa.p, nullptr);
+        if (r.set_limit_zero) {
+            vael_dfa_set_state_limit(dfa.p, 0);
+            EXPECT_EQ(dfa.p->state_limit, 62136u);
+        }
+        LogCapture log;
+        const uint32_t made = fill(dfa.p, r.expect_made + 1);
+        EXPECT_EQ(made, r.log_text ? r.expect_made : r.expect_made + 1);
+        EXPECT_EQ(vael_dfa_get_num_of_states(dfa.p), made);
+        EXPECT_EQ(dfa.p->num_of_blocks, r.expect_blocks);
+        if (r.error_text) {
+            EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_COMPLEX);
+            EXPECT_STREQ(err.error_string, r.error_text);
+        } else {
+            EXPECT_EQ(err.error_string, nullptr);
+        }
+        if (r.log_text) {
+            EXPECT_TRUE(log.contains(r.log_text)) << log.text();
+        }
+        // Every state is where its linear id says.
+        for (uint32_t id : {0u, made / 2, made - 1}) {
+            vael_dfa_state *s = vael_dfa_state_get_by_id(dfa.p, id);
+            ASSERT_NE(s, nullptr);
+            EXPECT_EQ(s->id, id);
+            EXPECT_EQ(s, dfa.p->blocks[id / 7767] + id % 7767);
+        }
+    }
+}
+
+TEST(DfaStore, FinalizeCutsTheLastBlockAndPacksIds) {
+    ScopedGlobal limit(vael_dfa_should_limit_states, 0);
+    struct Row {
+        uint32_t states;
+        uint32_t target_id;     // the edge 0 -> target on 'x'
+        uint16_t expect_entry;  // what the entry reads after finalize
+        uint16_t expect_blocks;
+    } rows[] = {
+        {5, 4, 4, 1},
+        {7767, 7766, 7766, 1},
+        {7768, 7767, 8192, 2},
+        {2 * 7767 + 6, 2 * 7767 + 5, 2 * 8192 + 5, 3},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.states);
+        DfaPtr dfa(vael_dfa_create(0, nullptr));
+        ASSERT_EQ(fill(dfa.p, r.states), r.states);
+        vael_dfa_state *s0 = vael_dfa_state_get_by_id(dfa.p, 0);
+        vael_dfa_state *t = vael_dfa_state_get_by_id(dfa.p, r.target_id);
+        ASSERT_EQ(vael_dfa_state_add_trans(s0, 'x', t), 0);
+        EXPECT_EQ(vael_dfa_state_get_next_state(s0, 'x'), t);
+        // Every state leads on to the next, the last back to 0, so the
+        // machine is complete and connected.
+        for (uint32_t id = 0; id < r.states; id++) {
+            vael_dfa_state *s = vael_dfa_state_get_by_id(dfa.p, id);
+            vael_dfa_state *next = vael_dfa_state_get_by_id(dfa.p, (id + 1) % r.states);
+            for (int c = 0; c < 256; c++)
+                if (!(id == 0 && c == 'x'))
+                    vael_dfa_state_add_trans(s, (unsigned char)c, next);
+        }
+        vael_dfa_set_initial_state(dfa.p, vael_dfa_state_get_by_id(dfa.p, r.states - 1));
+        ASSERT_EQ(vael_dfa_finalize(dfa.p), dfa.p);
+        EXPECT_EQ(dfa.p->num_of_blocks, r.expect_blocks);
+        const uint16_t last = dfa.p->num_of_blocks - 1;
+        EXPECT_EQ(dfa.p->block_capacity[last], dfa.p->block_used[last]);
+        s0 = vael_dfa_state_get_by_id(dfa.p, 0);
+        EXPECT_EQ(s0->trans['x'], r.expect_entry);
+        vael_dfa_state *tt = vael_dfa_state_get_by_id_fast(dfa.p, s0->trans['x']);
+        ASSERT_NE(tt, nullptr);
+        EXPECT_EQ(tt->id, r.target_id);
+        EXPECT_EQ(vael_dfa_get_initial_state(dfa.p), vael_dfa_state_get_by_id(dfa.p, r.states - 1));
+        const bool packed = (s0->properties & VAEL_DFA_STATE_PACKED) != 0;
+        EXPECT_EQ(packed, r.expect_blocks > 1);
+        EXPECT_EQ(vael_dfa_is_valid(dfa.p), 1);
+        if (r.expect_blocks > 1) {
+            LogCapture log;
+            ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+            EXPECT_EQ(vael_dfa_finalize(dfa.p), nullptr);  // destroys it
+            dfa.p = nullptr;
+            EXPECT_TRUE(log.contains("state [0][0] already transformed")) << log.text();
+        }
+    }
+}
+
+// A finalized machine over "ab" with a dead state: 0 -a-> 1 -b-> 2 (final,
+// loops), everything else to 3 (dead, loops).
+vael_dfa *small_machine(uint32_t extra_states = 0) {
+    vael_dfa *dfa = vael_dfa_create(0, nullptr);
+    vael_dfa_state *s[4];
+    for (auto &p : s)
+        p = vael_dfa_state_create(dfa);
+    for (int c = 0; c < 256; c++)
+        for (int i = 0; i < 4; i++)
+            vael_dfa_state_add_trans(s[i], (unsigned char)c, s[i == 2 ? 2 : 3]);
+    vael_dfa_state_add_trans(s[0], 'a', s[1]);
+    vael_dfa_state_add_trans(s[1], 'b', s[2]);
+    vael_dfa_state_set_final(s[2], 9, 0, 0);
+    vael_dfa_set_initial_state(dfa, s[0]);
+    for (uint32_t i = 0; i < extra_states; i++) {
+        vael_dfa_state *x = vael_dfa_state_create(dfa);
+        for (int c = 0; c < 256; c++)
+            vael_dfa_state_add_trans(x, (unsigned char)c, s[3]);
+    }
+    return vael_dfa_finalize(dfa);
+}
+
+TEST(DfaStore, ValidateCatchesCorruptedRecords) {
+    struct Row {
+        const char *name;
+        uint32_t extra_states;
+        std::function<void(vael_dfa *)> corrupt;
+        int expect;
+        const char *log_text;
+    } rows[] = {
+        {"intact", 0, [](vael_dfa *) {}, 1, nullptr},
+        {"no target", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = VAEL_DFA_NO_STATE; }, 0,
+         "state 1 has incomplete transition table on b (98)"},
+        {"target past the states", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 0)->trans[0] = 4; }, 0,
+         "state 0 has incomplete transition table on"},
+        {"target in a block that is not there", 0,
+         [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 3)->trans[7] = 8192; }, 0,
+         "state 3 has incomplete transition table on"},
+        {"unreachable state", 1, [](vael_dfa *) {}, 0, "state 4 is unreachable"},
+        {"edge cut off", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = 3; }, 0,
+         "state 2 is unreachable"},
+        {"no initial state", 0, [](vael_dfa *d) { d->initial_state = nullptr; }, 0, "no initial state"},
+    };
+    ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+    EXPECT_EQ(vael_dfa_is_valid(nullptr), 1);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        DfaPtr dfa(small_machine(r.extra_states));
+        ASSERT_NE(dfa.p, nullptr);
+        r.corrupt(dfa.p);
+        LogCapture log;
+        EXPECT_EQ(vael_dfa_is_valid(dfa.p), r.expect);
+        if (r.log_text) {
+            EXPECT_TRUE(log.contains(r.log_text)) << log.text();
+        }
+    }
+}
+
+TEST(DfaStore, ValidateReadsPackedEntriesOfAMultiBlockMachine) {
+    ScopedGlobal limit(vael_dfa_should_limit_states, 0);
+    DfaPtr dfa(vael_dfa_create(0, nullptr));
+    const uint32_t n = 7767 + 3;
+    ASSERT_EQ(fill(dfa.p, n), n);
+    for (uint32_t id = 0; id < n; id++)
+        for (int c = 0; c < 256; c++)
+            vael_dfa_state_add_trans(vael_dfa_state_get_by_id(dfa.p, id), (unsigned char)c,
+                                     vael_dfa_state_get_by_id(dfa.p, (id + 1) % n));
+    vael_dfa_set_initial_state(dfa.p, vael_dfa_state_get_by_id(dfa.p, 0));
+    ASSERT_NE(vael_dfa_finalize(dfa.p), nullptr);
+    EXPECT_EQ(vael_dfa_is_valid(dfa.p), 1);
+    // An entry left in linear form names index 7767 of block 0: no state.
+    ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+    LogCapture log;
+    vael_dfa_state_get_by_id(dfa.p, 7766)->trans[65] = 7767;
+    EXPECT_EQ(vael_dfa_is_valid(dfa.p), 0);
+    EXPECT_TRUE(log.contains("state 7766 has incomplete transition table on A (65)")) << log.text();
+}
+
+std::vector<int32_t> ids_of(const vael_dfa_state *s) {
+    std::vector<int32_t> ids;
+    for (const vael_dfa_pattern_id *p = vael_dfa_state_get_pattern_ids(s); p; p = vael_dfa_pattern_id_next(p))
+        ids.push_back(vael_dfa_pattern_id_get_id(p));
+    return ids;
+}
+
+TEST(DfaStore, FinalIds) {
+    DfaPtr dfa(vael_dfa_create(0, nullptr));
+    vael_dfa_state *a = vael_dfa_state_create(dfa.p);
+    vael_dfa_state *b = vael_dfa_state_create(dfa.p);
+    vael_dfa_state *c = vael_dfa_state_create(dfa.p);
+    struct Row {
+        vael_dfa_state *state;
+        int32_t id;
+        int anchored;
+        int expect_rc;
+        std::vector<int32_t> expect_ids;
+        uint32_t expect_final_count;
+    } rows[] = {
+        {a, 5, 0, 0, {5}, 1},
+        {a, 5, 0, 1, {5}, 2},  // one record, counted twice
+        {a, -1, 0, 0, {5, -1}, 3},
+        {b, 0, 1, 0, {0}, 4},
+    };
+    for (const Row &r : rows) {
+        EXPECT_EQ(vael_dfa_state_set_final_ex(r.state, r.id, r.anchored), r.expect_rc);
+        EXPECT_EQ(ids_of(r.state), r.expect_ids);
+        EXPECT_EQ(dfa.p->stats.num_of_final_states, r.expect_final_count);
+    }
+    EXPECT_EQ(vael_dfa_state_is_final(a), 1);
+    EXPECT_EQ(vael_dfa_state_is_anchored_final(a), 0);
+    EXPECT_EQ(vael_dfa_state_is_anchored_final(b), 1);
+    EXPECT_EQ(vael_dfa_state_is_final(c), 0);
+    vael_dfa_state_unset_property(b, VAEL_DFA_STATE_FINAL);
+    EXPECT_EQ(vael_dfa_state_is_anchored_final(b), 0);
+
+    // Copying: the target gains the source's ids in order, once each; a
+    // failed copy leaves it as it was and the account where it stood.
+    ASSERT_EQ(vael_dfa_state_set_final(c, 7, 0, 0), 0);
+    auto attempt = [&] { return vael_dfa_state_copy_final_ids(c, a) == 0; };
+    auto clean = [&] { return ids_of(c) == std::vector<int32_t>{7}; };
+    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, clean);
+    EXPECT_EQ(w.rounds, 3);
+    EXPECT_EQ(ids_of(c), (std::vector<int32_t>{7, 5, -1}));
+    EXPECT_EQ(vael_dfa_state_copy_final_ids(c, a), 0);
+    EXPECT_EQ(ids_of(c), (std::vector<int32_t>{7, 5, -1}));
+}
+
+TEST(DfaStore, TransitionsSensitiveAndInsensitive) {
+    DfaPtr dfa(vael_dfa_create(0, nullptr));
+    vael_dfa_state *s = vael_dfa_state_create(dfa.p);
+    vael_dfa_state *t = vael_dfa_state_create(dfa.p);
+    struct Row {
+        unsigned char byte;
+        int sensitive;
+        std::vector<unsigned char> expect_set;
+    } rows[] = {
+        {'a', 1, {'a'}},
+        {'a', 0, {'a', 'A'}},
+        {'Q', 0, {'q', 'Q'}},
+        {'7', 0, {'7'}},
+        {0xE4, 0, {0xE4}},
+    };
+    for (const Row &r : rows) {
+        std::fill(std::begin(s->trans), std::end(s->trans), (uint16_t)VAEL_DFA_NO_STATE);
+        ASSERT_EQ(vael_dfa_state_add_trans_ex(s, r.byte, t, r.sensitive), 0);
+        std::vector<unsigned char> set;
+        for (int c = 0; c < 256; c++)
+            if (vael_dfa_state_get_next_state(s, (unsigned char)c) == t)
+                set.push_back((unsigned char)c);
+        std::sort(set.begin(), set.end());
+        std::vector<unsigned char> want = r.expect_set;
+        std::sort(want.begin(), want.end());
+        EXPECT_EQ(set, want) << "byte " << (int)r.byte;
+    }
+    EXPECT_EQ(vael_dfa_state_add_trans(s, 'a', nullptr), -1);
+    EXPECT_EQ(vael_dfa_state_add_trans(nullptr, 'a', t), -1);
+}
+
+// Two machines of equal shape: same tables, finals and initial id.
+void expect_same_machine(const vael_dfa *a, const vael_dfa *b) {
+    ASSERT_EQ(vael_dfa_get_num_of_states(a), vael_dfa_get_num_of_states(b));
+    ASSERT_EQ(vael_dfa_get_initial_state(a)->id, vael_dfa_get_initial_state(b)->id);
+    EXPECT_EQ(a->flags, b->flags);
+    for (uint32_t id = 0; id < vael_dfa_get_num_of_states(a); id++) {
+        const vael_dfa_state *x = vael_dfa_state_get_by_id(a, id);
+        const vael_dfa_state *y = vael_dfa_state_get_by_id(b, id);
+        EXPECT_EQ(std::memcmp(x->trans, y->trans, sizeof x->trans), 0) << id;
+        EXPECT_EQ(x->properties, y->properties) << id;
+        EXPECT_EQ(ids_of(x), ids_of(y)) << id;
+        EXPECT_EQ(y->dfa, b);
+    }
+}
+
+TEST(DfaStore, DuplicateCopiesAFinishedMachine) {
+    ScopedGlobal limit(vael_dfa_should_limit_states, 0);
+    struct Row {
+        uint32_t extra_states;
+    } rows[] = {{0}, {7767}};  // one block; two blocks, packed
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.extra_states);
+        vael_dfa *orig = small_machine(0);
+        if (r.extra_states) {
+            // A two-block machine: grow one before finalizing.
+            vael_dfa_destroy(orig);
+            orig = vael_dfa_create(0x100000, nullptr);
+            vael_dfa_state *first = vael_dfa_state_create(orig);
+            fill(orig, r.extra_states);
+            for (uint32_t id = 0; id <= r.extra_states; id++)
+                for (int c = 0; c < 256; c++)
+                    vael_dfa_state_add_trans(vael_dfa_state_get_by_id(orig, id), (unsigned char)c,
+                                             vael_dfa_state_get_by_id(orig, (id + c + 1) % (r.extra_states + 1)));
+            vael_dfa_state_set_final(vael_dfa_state_get_by_id(orig, 7767), 3, 0, 0);
+            vael_dfa_set_initial_state(orig, first);
+            orig = vael_dfa_finalize(orig);
+        }
+        DfaPtr o(orig);
+        ASSERT_NE(o.p, nullptr);
+        const vael_dfa_stats stats = o.p->stats;
+        vael_dfa *copy = nullptr;
+        auto attempt = [&] { return (copy = vael_dfa_duplicate(o.p)) != nullptr; };
+        vael_test::FailmemWalk w = vael_test::failmem_walk(attempt, [] { return true; });
+        DfaPtr c(copy);
+        ASSERT_NE(copy, nullptr);
+        expect_same_machine(o.p, copy);
+        EXPECT_EQ(copy->error, nullptr);
+        EXPECT_EQ(std::memcmp(&copy->stats, &stats, sizeof stats), 0);
+        EXPECT_EQ(vael_dfa_is_valid(copy), 1);
+        EXPECT_GE(w.rounds, 3);
+    }
+    // A machine that still holds states lists is not a finished one.
+    DfaPtr d(small_machine());
+    vael_dfa_state_set_correlating_state(vael_dfa_state_get_by_id(d.p, 1), vael_dfa_state_get_by_id(d.p, 2));
+    EXPECT_EQ(vael_dfa_duplicate(d.p), nullptr);
+    EXPECT_EQ(vael_dfa_duplicate(nullptr), nullptr);
+}
+
+TEST(DfaStore, StatesLists) {
+    DfaPtr dfa(vael_dfa_create(0, nullptr));
+    std::vector<vael_dfa_state *> s;
+    for (int i = 0; i < 6; i++)
+        s.push_back(vael_dfa_state_create(dfa.p));
+    auto ids = [](vael_states_list *l) {
+        std::vector<uint32_t> v;
+        for (uintptr_t p : vael_test::list_values(l))
+            v.push_back(reinterpret_cast<vael_dfa_state *>(p)->id);
+        return v;
+    };
+    struct Row {
+        std::vector<int> add;
+        std::vector<uint32_t> expect;
+    } rows[] = {
+        {{}, {}},
+        {{3, 1, 5, 0}, {0, 1, 3, 5}},
+        {{2, 2, 4, 2}, {2, 4}},
+        {{5, 4, 3, 2, 1, 0}, {0, 1, 2, 3, 4, 5}},
+    };
+    for (const Row &r : rows) {
+        vael_states_list *l = vael_states_list_create();
+        for (int i : r.add)
+            ASSERT_EQ(vael_states_list_add(l, s[i]), 0);
+        EXPECT_EQ(ids(l), r.expect);
+        EXPECT_EQ(vael_states_list_num_of_elems(l), r.expect.size());
+        EXPECT_EQ(vael_states_list_is_empty(l), r.expect.empty() ? 1 : 0);
+        for (uint32_t i = 0; i < 6; i++) {
+            const bool in = std::find(r.expect.begin(), r.expect.end(), i) != r.expect.end();
+            EXPECT_EQ(vael_states_list_in(l, s[i]), in ? 1 : 0);
+        }
+        // Equal to a copy made by append, and no longer once one differs.
+        vael_states_list *copy = vael_states_list_create();
+        ASSERT_EQ(vael_states_list_append(l, copy), 0);
+        EXPECT_EQ(vael_states_list_are_equal(l, copy), 1);
+        vael_dfa_state *head = vael_states_list_remove(copy);
+        EXPECT_EQ(head, r.expect.empty() ? nullptr : s[r.expect[0]]);
+        EXPECT_EQ(vael_states_list_are_equal(l, copy), r.expect.empty() ? 1 : 0);
+        vael_states_list_destroy(copy);
+        vael_states_list_destroy(l);
+    }
+    EXPECT_EQ(vael_states_list_are_equal(nullptr, nullptr), 0);
+    // Append does not sort.
+    vael_states_list *a = vael_states_list_create();
+    vael_states_list *b = vael_states_list_create();
+    vael_states_list_add(a, s[1]);
+    vael_states_list_add(b, s[4]);
+    vael_states_list_append(a, b);
+    EXPECT_EQ(ids(b), (std::vector<uint32_t>{4, 1}));
+    vael_states_list_destroy(a);
+    vael_states_list_destroy(b);
+}
+
+}  // namespace
+
+namespace {
+
+// Building and finalizing a machine fails cleanly at every allocation: the
+// machine is destroyed with whatever it held.
+TEST(DfaStore, BuildAndFinalizeFailCleanly) {
+    uint32_t states = 0;
+    auto attempt = [&] {
+        vael_dfa *dfa = vael_dfa_create(0, nullptr);
+        if (!dfa)
+            return false;
+        vael_dfa_state *prev = nullptr;
+        for (int i = 0; i < 5; i++) {
+            vael_dfa_state *s = vael_dfa_state_create(dfa);
+            if (!s || (prev && vael_dfa_state_add_trans(prev, 'a', s) != 0) ||
+                (i == 4 && vael_dfa_state_set_final(s, 1, 0, 0) != 0)) {
+                vael_dfa_destroy(dfa);
+                return false;
+            }
+            if (!prev)
+                vael_dfa_set_initial_state(dfa, s);
+            prev = s;
+        }
+        dfa = vael_dfa_finalize(dfa);
+        if (!dfa)
+            return false;
+        states = dfa->block_capacity[0];
+        vael_dfa_destroy(dfa);
+        return true;
+    };
+    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, [] { return true; });
+    EXPECT_EQ(w.rounds, 5);  // record, block, final id, cut block, success
+    EXPECT_EQ(states, 5u);
+}
+
+}  // namespace

@@ -1,0 +1,443 @@
+// NFA construction and subset construction. Each language of the table is
+// built through the build operations; its NFA is simulated here directly
+// (closure over the epsilon lists, one step per byte) and held against
+// std::regex, and the DFA of vael_nfa2dfa is held against the simulation over
+// every string of up to 6 characters of a small alphabet.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rem/vael_dfa_internal.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_test::LogCapture;
+using vael_test::ScopedTopic;
+
+constexpr uint32_t kExact = VAEL_DFA_NO_FINAL_SINK;  // judge at the end: the DFA accepts exactly L
+const char kTooComplex[] = "This pattern is too complex. Consider rewriting the pattern.";
+
+class Nfa : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { ASSERT_EQ(vael_nfa_init(), 0); }
+    static void TearDownTestSuite() { vael_nfa_fini(); }
+};
+
+using Builder = std::function<vael_nfa *(vael_nfa_env *)>;
+
+vael_nfa *chars(vael_nfa_env *env, const char *s) {
+    return vael_nfa_build_chars(env, reinterpret_cast<const unsigned char *>(s), (uint32_t)strlen(s));
+}
+
+// A class of the bytes of `set`, negated on request, or the empty class.
+vael_nfa *range(vael_nfa_env *env, const char *set, bool negated = false) {
+    vael_pmascii_range r{};
+    r.first = 255;
+    r.last = 0;
+    for (const char *p = set; *p; p++) {
+        const uint8_t c = (uint8_t)*p;
+        r.chars[c] = 1;
+        r.first = std::min(r.first, c);
+        r.last = std::max(r.last, c);
+    }
+    r.negated = negated ? 1 : 0;
+    return vael_nfa_build_range(env, &r);
+}
+
+vael_nfa *any_star(vael_nfa_env *env) { return vael_nfa_build_kleene(range(env, "", true)); }
+
+// The epsilon closure of a set of NFA states, as the test sees the graph.
+std::set<vael_dfa_state *> closure(std::set<vael_dfa_state *> set) {
+    std::vector<vael_dfa_state *> work(set.begin(), set.end());
+    while (!work.empty()) {
+        vael_dfa_state *s = work.back();
+        work.pop_back();
+        for (uintptr_t v : vael_test::list_values(vael_dfa_state_get_states_list(s)))
+            if (set.insert(reinterpret_cast<vael_dfa_state *>(v)).second)
+                work.push_back(reinterpret_cast<vael_dfa_state *>(v));
+    }
+    return set;
+}
+
+// Simulates the finished NFA: whether the string is in its language, and
+// whether a prefix of at least one byte is (what a DFA with the absorbing
+// final state accepts: its initial state is final for the empty string
+// only, and a final set reached after a byte is the sink).
+struct Sim {
+    bool whole = false;
+    bool prefix = false;
+};
+Sim simulate(vael_nfa *nfa, const std::string &s) {
+    vael_dfa_state *end = vael_nfa_get_end(nfa);
+    std::set<vael_dfa_state *> cur = closure({vael_nfa_get_start(nfa)});
+    Sim r;
+    for (unsigned char c : s) {
+        std::set<vael_dfa_state *> next;
+        for (vael_dfa_state *st : cur)
+            if (vael_dfa_state *t = vael_dfa_state_get_next_state(st, c))
+                next.insert(t);
+        cur = closure(next);
+        r.prefix = r.prefix || cur.count(end) > 0;
+    }
+    r.whole = cur.count(end) > 0;
+    return r;
+}
+
+bool dfa_accepts(vael_dfa *dfa, const std::string &s) {
+    vael_dfa_state *st = vael_dfa_get_initial_state(dfa);
+    for (unsigned char c : s)
+        st = vael_dfa_state_get_next_state(st, c);
+    return vael_dfa_state_is_final(st);
+}
+
+std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
+    std::vector<std::string> out{""};
+    for (size_t i = 0; i < out.size(); i++)
+        if (out[i].size() < max_len)
+            for (char c : alphabet)
+                out.push_back(out[i] + c);
+    return out;
+}
+
+struct Language {
+    const char *name;
+    uint32_t flags;
+    Builder build;
+    const char *regex;  // the same language for std::regex (ECMAScript)
+};
+
+std::vector<Language> languages() {
+    const uint32_t ci = VAEL_DFA_CASELESS;
+    return {
+        {"chars", 0, [](vael_nfa_env *e) { return chars(e, "ab"); }, "ab"},
+        {"no chars", 0, [](vael_nfa_env *e) { return chars(e, ""); }, ""},
+        {"empty", 0, [](vael_nfa_env *e) { return vael_nfa_build_empty_nfa(e); }, ""},
+        {"class", 0, [](vael_nfa_env *e) { return range(e, "ab"); }, "[ab]"},
+        {"negated class", 0, [](vael_nfa_env *e) { return range(e, "a", true); }, "[^a]"},
+        {"empty class", 0, [](vael_nfa_env *e) { return range(e, ""); }, "(?!)"},
+        {"concat kleene", 0,
+         [](vael_nfa_env *e) { return vael_nfa_build_concat(chars(e, "a"), vael_nfa_build_kleene(chars(e, "b"))); },
+         "ab*"},
+        {"alternate", 0, [](vael_nfa_env *e) { return vael_nfa_build_alternate(chars(e, "ab"), chars(e, "c")); },
+         "ab|c"},
+        {"kleene of alternate", 0,
+         [](vael_nfa_env *e) { return vael_nfa_build_kleene(vael_nfa_build_alternate(chars(e, "a"), chars(e, "bc"))); },
+         "(a|bc)*"},
+        {"quantify 0", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(chars(e, "ab"), 0); }, ""},
+        {"quantify 1", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(chars(e, "ab"), 1); }, "ab"},
+        {"quantify class 3", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(range(e, "ab"), 3); },
+         "[ab]{3}"},
+        {"quantify loop 2", 0,
+         [](vael_nfa_env *e) {
+             return vael_nfa_build_quantify(vael_nfa_build_concat(vael_nfa_build_kleene(chars(e, "a")), chars(e, "b")),
+                                            2);
+         },
+         "(a*b){2}"},
+        {"quantify optional 4", 0,
+         [](vael_nfa_env *e) {
+             return vael_nfa_build_quantify(vael_nfa_build_alternate(chars(e, "a"), vael_nfa_build_empty_nfa(e)), 4);
+         },
+         "a{0,4}"},
+        {"nested quantify", 0,
+         [](vael_nfa_env *e) {
+             return vael_nfa_build_quantify(
+                 vael_nfa_build_concat(chars(e, "c"), vael_nfa_build_quantify(chars(e, "ab"), 2)), 2);
+         },
+         "(c(ab){2}){2}"},
+        {"unanchored search", 0,
+         [](vael_nfa_env *e) { return vael_nfa_build_concat(vael_nfa_build_concat(any_star(e), chars(e, "ab")), any_star(e)); },
+         "[\\s\\S]*ab[\\s\\S]*"},
+        {"caseless chars", ci, [](vael_nfa_env *e) { return chars(e, "Ab"); }, "ab"},
+        {"caseless negated class", ci, [](vael_nfa_env *e) { return range(e, "a", true); }, "[^a]"},
+        {"caseless class", ci, [](vael_nfa_env *e) { return vael_nfa_build_kleene(range(e, "A")); }, "a*"},
+    };
+}
+
+const std::string kAlphabet = "abcA";
+
+TEST_F(Nfa, LanguagesAgreeWithRegexAndTheDfa) {
+    const std::vector<std::string> strings = all_strings(kAlphabet, 6);
+    for (const Language &lang : languages()) {
+        SCOPED_TRACE(lang.name);
+        auto re_flags = std::regex::ECMAScript | ((lang.flags & VAEL_DFA_CASELESS) ? std::regex::icase
+                                                                                    : std::regex::ECMAScript);
+        const std::regex re(lang.regex, re_flags);
+        for (uint32_t mode : {kExact, 0u}) {
+            vael_nfa_env *env = vael_nfa_env_create(lang.flags | mode, nullptr);
+            ASSERT_NE(env, nullptr);
+            vael_nfa *nfa = lang.build(env);
+            ASSERT_NE(nfa, nullptr);
+            EXPECT_EQ(vael_nfa_env_get_ref_count(env), 1u);  // every argument was consumed
+            ASSERT_EQ(vael_nfa_env_finalize(env, nfa, 0), 0);
+            vael_pm_error err;
+            vael_pm_error_init(&err);
+            vael_dfa *dfa = vael_nfa2dfa(env, 7, &err);
+            ASSERT_NE(dfa, nullptr);
+            // Complete, with no states lists left, and only the real id.
+            for (uint32_t id = 0; id < vael_dfa_get_num_of_states(dfa); id++) {
+                vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+                EXPECT_EQ(vael_dfa_state_get_states_list(s), nullptr);
+                for (int c = 0; c < 256; c++)
+                    ASSERT_NE(s->trans[c], VAEL_DFA_NO_STATE) << "state " << id << " byte " << c;
+                if (vael_dfa_state_is_final(s)) {
+                    ASSERT_NE(vael_dfa_state_get_pattern_ids(s), nullptr);
+                    EXPECT_EQ(vael_dfa_pattern_id_get_id(vael_dfa_state_get_pattern_ids(s)), 7);
+                    EXPECT_EQ(vael_dfa_pattern_id_next(vael_dfa_state_get_pattern_ids(s)), nullptr);
+                }
+            }
+            int mismatches = 0;
+            for (const std::string &s : strings) {
+                const Sim sim = simulate(nfa, s);
+                const bool expect_dfa = mode == kExact || s.empty() ? sim.whole : sim.prefix;
+                if (mode == kExact && sim.whole != std::regex_match(s, re) && mismatches++ < 5)
+                    ADD_FAILURE() << "NFA and regex differ on \"" << s << "\"";
+                if (dfa_accepts(dfa, s) != expect_dfa && mismatches++ < 5)
+                    ADD_FAILURE() << "DFA and NFA differ on \"" << s << "\" mode " << mode;
+            }
+            if (mode == 0) {
+                // The absorbing final state is the first.
+                vael_dfa_state *sink = vael_dfa_state_get_by_id(dfa, 0);
+                EXPECT_TRUE(vael_dfa_state_is_final(sink));
+                for (int c = 0; c < 256; c++)
+                    EXPECT_EQ(vael_dfa_state_get_next_state(sink, (unsigned char)c), sink);
+            }
+            vael_dfa_destroy(dfa);
+            EXPECT_EQ(vael_nfa_env_destroy(env), 0);
+        }
+    }
+}
+
+// Shapes of a few wrapped patterns: the search form has the sink as its only
+// final state; the anchored form a dead state; a pattern that matches the
+// empty string a final initial state.
+TEST_F(Nfa, SinkDeadStateAndFinalStart) {
+    struct Row {
+        const char *name;
+        uint32_t flags;
+        Builder build;
+        int anchored;
+        int32_t pattern_id;
+        bool only_sink_final;
+        bool has_dead_state;
+        bool initial_final;
+    } rows[] = {
+        {"abc", 0,
+         [](vael_nfa_env *e) { return vael_nfa_build_concat(vael_nfa_build_concat(any_star(e), chars(e, "abc")), any_star(e)); },
+         0, -1, true, false, false},
+        {"^abc", VAEL_DFA_CARET, [](vael_nfa_env *e) { return vael_nfa_build_concat(chars(e, "abc"), any_star(e)); }, 0,
+         0, true, true, false},
+        {"abc$", kExact, [](vael_nfa_env *e) { return vael_nfa_build_concat(any_star(e), chars(e, "abc")); }, 1, 5,
+         false, false, false},
+        {"a*", 0, [](vael_nfa_env *e) { return vael_nfa_build_kleene(chars(e, "a")); }, 0, 3, false, true, true},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        vael_nfa_env *env = vael_nfa_env_create(r.flags, nullptr);
+        ASSERT_EQ(vael_nfa_env_finalize(env, r.build(env), r.anchored), 0);
+        vael_dfa *dfa = vael_nfa2dfa(env, r.pattern_id, nullptr);
+        ASSERT_NE(dfa, nullptr);
+        EXPECT_EQ(vael_dfa_get_flags(dfa), r.flags & VAEL_DFA_CARET);
+        std::vector<uint32_t> finals;
+        bool dead = false;
+        for (uint32_t id = 0; id < vael_dfa_get_num_of_states(dfa); id++) {
+            vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+            if (vael_dfa_state_is_final(s)) {
+                finals.push_back(id);
+                EXPECT_EQ(vael_dfa_pattern_id_get_id(vael_dfa_state_get_pattern_ids(s)), r.pattern_id);
+                EXPECT_EQ(vael_dfa_state_is_anchored_final(s), r.anchored);
+            }
+            bool loops = !vael_dfa_state_is_final(s);
+            for (int c = 0; c < 256; c++)
+                loops = loops && vael_dfa_state_get_next_state(s, (unsigned char)c) == s;
+            dead = dead || loops;
+        }
+        if (r.only_sink_final)
+            EXPECT_EQ(finals, std::vector<uint32_t>{0});
+        else
+            EXPECT_FALSE(finals.empty());
+        EXPECT_EQ(dead, r.has_dead_state);
+        EXPECT_EQ(vael_dfa_state_is_final(vael_dfa_get_initial_state(dfa)), r.initial_final ? 1 : 0);
+        // The machine finalizes and validates as one block.
+        dfa = vael_dfa_finalize(dfa);
+        ASSERT_NE(dfa, nullptr);
+        EXPECT_EQ(vael_dfa_is_valid(dfa), 1);
+        vael_dfa_destroy(dfa);
+        EXPECT_EQ(vael_nfa_env_destroy(env), 0);
+    }
+}
+
+// Refusals: the state limit in the NFA and in the subset construction, the
+// dup of a fragment whose end cannot be reached, and misuse.
+TEST_F(Nfa, Refusals) {
+    struct Row {
+        const char *name;
+        uint32_t flags;
+        Builder build;             // null result expected unless convert is set
+        bool convert;              // the NFA builds; the subset construction fails
+        const char *error_text;    // words for the caller, or null
+        const char *log_text;
+    } rows[] = {
+        {"quantifier beyond the limit", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(chars(e, "abcdefgh"), 1000); },
+         false, kTooComplex, "vael_nfa_build_quantify: FAILED"},
+        {"exponential subset", kExact,
+         [](vael_nfa_env *e) {
+             // (a|b)*a(a|b){13}: the DFA must remember 14 bytes.
+             vael_nfa *ab = range(e, "ab");
+             vael_nfa *head = vael_nfa_build_concat(vael_nfa_build_kleene(vael_nfa_dup(ab)), chars(e, "a"));
+             return vael_nfa_build_concat(head, vael_nfa_build_quantify(ab, 13));
+         },
+         true, kTooComplex, "failed because dfa's state limit (7767 states) has been exceeded"},
+        {"dup of an unreachable end", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(range(e, ""), 2); },
+         false, nullptr, "No end state"},
+        {"concat with null", 0, [](vael_nfa_env *e) { return vael_nfa_build_concat(chars(e, "a"), nullptr); }, false,
+         nullptr, nullptr},
+        {"alternate with null", 0, [](vael_nfa_env *e) { return vael_nfa_build_alternate(nullptr, chars(e, "a")); },
+         false, nullptr, nullptr},
+    };
+    ScopedTopic t1("K_PM_INT", VAEL_DBG_INFO);
+    ScopedTopic t2("K_DFA", VAEL_DBG_INFO);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        const intptr_t start = vael_pmglob_memory_get_alloc_total();
+        vael_pm_error err;
+        vael_pm_error_init(&err);
+        vael_nfa_env *env = vael_nfa_env_create(r.flags, &err);
+        LogCapture log;
+        vael_nfa *nfa = r.build(env);
+        if (r.convert) {
+            ASSERT_NE(nfa, nullptr);
+            ASSERT_EQ(vael_nfa_env_finalize(env, nfa, 0), 0);
+            EXPECT_EQ(vael_nfa2dfa(env, 1, &err), nullptr);
+        } else {
+            EXPECT_EQ(nfa, nullptr);
+            EXPECT_EQ(vael_nfa_env_get_ref_count(env), 0u);  // nothing leaked a handle
+        }
+        if (r.error_text) {
+            EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_COMPLEX);
+            EXPECT_STREQ(err.error_string, r.error_text);
+        }
+        if (r.log_text) {
+            EXPECT_TRUE(log.contains(r.log_text)) << log.text().substr(0, 2000);
+        }
+        EXPECT_EQ(vael_nfa_env_destroy(env), 0);
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), start);
+    }
+    // An environment with a fragment alive stays.
+    vael_nfa_env *env = vael_nfa_env_create(0, nullptr);
+    vael_nfa *a = chars(env, "a");
+    LogCapture log;
+    EXPECT_EQ(vael_nfa_env_destroy(env), -1);
+    EXPECT_TRUE(log.contains("ref count is 1, not destroying")) << log.text();
+    EXPECT_EQ(vael_nfa_env_get_dfa(env), nullptr);
+    vael_nfa_destroy(a);
+    EXPECT_EQ(vael_nfa_env_destroy(env), 0);
+    EXPECT_EQ(vael_nfa_env_destroy(nullptr), 0);
+}
+
+// Every allocation site of every build operation and of the subset
+// construction fails once; each failure consumes the arguments and leaves
+// both accounts where they were.
+TEST_F(Nfa, FailInjectionWalksBuildAndSubset) {
+    for (const Language &lang : languages()) {
+        SCOPED_TRACE(lang.name);
+        uint32_t states = 0;
+        bool refs_ok = true;
+        int destroy_rc = 0;
+        auto attempt = [&] {
+            vael_nfa_env *env = vael_nfa_env_create(lang.flags, nullptr);
+            if (!env)
+                return false;
+            vael_nfa *nfa = lang.build(env);
+            vael_dfa *dfa = nullptr;
+            if (nfa) {
+                if (vael_nfa_env_finalize(env, nfa, 0) == 0)
+                    dfa = vael_nfa2dfa(env, 1, nullptr);
+                else
+                    vael_nfa_destroy(nfa);
+            } else {
+                refs_ok = vael_nfa_env_get_ref_count(env) == 0;
+            }
+            if (dfa)
+                states = vael_dfa_get_num_of_states(dfa);
+            vael_dfa_destroy(dfa);
+            destroy_rc = vael_nfa_env_destroy(env);
+            return dfa != nullptr;
+        };
+        auto clean = [&] { return refs_ok && destroy_rc == 0; };
+        vael_test::FailmemWalk w = vael_test::failmem_walk(attempt, clean);
+        EXPECT_TRUE(w.succeeded);
+        EXPECT_GE(w.rounds, 8) << "injected " << w.injected;
+        EXPECT_GT(states, 0u);
+    }
+}
+
+TEST_F(Nfa, FailInjectionAtEveryAllocationOfOneCompile) {
+    const Language lang = languages()[8];  // (a|bc)*: kleene, alternate, chars
+    bool refs_ok = true;
+    auto attempt = [&] {
+        vael_nfa_env *env = vael_nfa_env_create(lang.flags, nullptr);
+        if (!env)
+            return false;
+        vael_nfa *nfa = vael_nfa_build_quantify(lang.build(env), 2);
+        vael_dfa *dfa = nullptr;
+        if (!nfa)
+            refs_ok = refs_ok && vael_nfa_env_get_ref_count(env) == 0;
+        else if (vael_nfa_env_finalize(env, nfa, 0) == 0)
+            dfa = vael_nfa2dfa(env, 1, nullptr);
+        else
+            vael_nfa_destroy(nfa);
+        vael_dfa_destroy(dfa);
+        vael_nfa_env_destroy(env);
+        return dfa != nullptr;
+    };
+    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, [&] { return refs_ok; });
+    EXPECT_TRUE(w.succeeded);
+    EXPECT_GT(w.rounds, 100);
+}
+
+// Two threads compiling at once share only the states hash; each gets the
+// machine a lone compile gets.
+TEST_F(Nfa, TwoThreadsCompileTheSameShapes) {
+    auto compile = [] {
+        vael_nfa_env *env = vael_nfa_env_create(0, nullptr);
+        vael_nfa *n = vael_nfa_build_concat(
+            vael_nfa_build_concat(any_star(env), vael_nfa_build_quantify(vael_nfa_build_alternate(chars(env, "ab"), range(env, "cd")), 3)),
+            any_star(env));
+        vael_nfa_env_finalize(env, n, 0);
+        vael_dfa *dfa = vael_nfa2dfa(env, 2, nullptr);
+        std::vector<uint16_t> shape;
+        for (uint32_t id = 0; dfa && id < vael_dfa_get_num_of_states(dfa); id++) {
+            vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+            shape.insert(shape.end(), std::begin(s->trans), std::end(s->trans));
+            shape.push_back((uint16_t)s->properties);
+        }
+        vael_dfa_destroy(dfa);
+        vael_nfa_env_destroy(env);
+        return shape;
+    };
+    const std::vector<uint16_t> lone = compile();
+    ASSERT_GT(lone.size(), 257u * 4);
+    int differ[2] = {0, 0};
+    auto worker = [&](int t) {
+        for (int i = 0; i < 40; i++)
+            if (compile() != lone)
+                differ[t]++;
+    };
+    std::thread a(worker, 0), b(worker, 1);
+    a.join();
+    b.join();
+    EXPECT_EQ(differ[0], 0);
+    EXPECT_EQ(differ[1], 0);
+    EXPECT_EQ(vael_htab_nents(vael_states_hash_table_id()), 0);
+}
+
+}  // namespace
