@@ -26,6 +26,12 @@ namespace {
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 constexpr uint8_t kNoDepth = 0xff;
 constexpr uint32_t kMaxWindow = 4;
+// The confirmation looks this deep: past the prefixes traffic shares with
+// many patterns ("Host: ", "GET /"), which pass the window at every turn.
+constexpr uint32_t kConfirmDepth = 8;
+// Fewer bits per key than the window's bitmap: only the window's hits are
+// confirmed, about one in fifty of them passes falsely.
+constexpr uint32_t kConfirmBitsPerKey = 64;
 // Bitmap bits per distinct window: about 0.4% of the positions that start
 // no pattern pass as candidates.
 constexpr uint32_t kBitsPerWindow = 256;
@@ -42,7 +48,7 @@ struct Walk {
     const uint32_t *bnfa;
     uint32_t words;       // of the BNFA
     uint8_t *depth;       // per state ID, kNoDepth beyond the walk
-    uint32_t level_nodes[kMaxWindow + 1];
+    uint32_t level_nodes[kConfirmDepth + 1];
 };
 
 bool valid_target(const Walk &w, uint32_t offset) {
@@ -92,16 +98,16 @@ void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
     }
 }
 
-// Marks depths 1..4 breadth-first; returns the shortest pattern's length,
-// or kMaxWindow + 1 when none ends above depth 5.
+// Marks depths 1..8 breadth-first; returns the shortest pattern's length,
+// or kConfirmDepth + 1 when none ends above depth 9.
 uint32_t mark_depths(Walk &w, uint32_t *queue) {
     std::memset(w.depth, kNoDepth, w.nfa->state_num);
     std::memset(w.level_nodes, 0, sizeof w.level_nodes);
     w.depth[0] = 0;
     queue[0] = 0;
-    uint32_t head = 0, tail = 1, shortest = kMaxWindow + 1;
+    uint32_t head = 0, tail = 1, shortest = kConfirmDepth + 1;
     w.level_nodes[0] = 1;
-    for (uint32_t d = 0; d < kMaxWindow; d++) {
+    for (uint32_t d = 0; d < kConfirmDepth; d++) {
         uint32_t level_end = tail;
         for (; head < level_end; head++) {
             for_each_child(w, queue[head], d, [&](uint32_t, uint32_t t) {
@@ -143,6 +149,37 @@ void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint32_t bytes) {
     });
 }
 
+struct ConfirmFill {
+    const Walk *walk;
+    vael_thin_nfa_prefilter_tables *pf; // confirm null while counting
+    uint32_t lengths;
+    uint32_t enumerated;
+};
+
+// Every raw spelling of every path of kConfirmDepth bytes from the root,
+// and of every shorter one that ends in a finite state. A pattern of length
+// L starting at a position shows there either its first 8 bytes or, L < 8,
+// all of its bytes, which end in a finite state: one of the keys is set.
+void fill_confirm(ConfirmFill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
+    if (fill.enumerated > kMaxEnumerated)
+        return;
+    if (d > 0 && (d == kConfirmDepth || (fill.walk->bnfa[offset] & BNFA_STATE_FINITE))) {
+        fill.enumerated++;
+        fill.lengths |= 1u << d;
+        if (fill.pf->confirm)
+            {
+            uint64_t key = vael_thin_nfa_prefilter_confirm_key(bytes, d);
+            uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> fill.pf->confirm_shift);
+            fill.pf->confirm[h >> 5] |= 1u << (h & 31);
+        }
+        if (d == kConfirmDepth)
+            return;
+    }
+    for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
+        fill_confirm(fill, t, d + 1, bytes | ((uint64_t)b << (8 * d)));
+    });
+}
+
 uint32_t window_mask(uint32_t window) { return window >= 4 ? 0xffffffffu : (1u << (8 * window)) - 1; }
 
 inline uint32_t load32(const unsigned char *p) {
@@ -156,9 +193,22 @@ inline uint32_t test_bit(const vael_thin_nfa_prefilter_tables *pf, const unsigne
     return (pf->table[h >> 5] >> (h & 31)) & 1u;
 }
 
-const unsigned char *find_tail(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p, const unsigned char *last) {
+// The first position of the hits in m (bit i: p + i) that is confirmed,
+// or null.
+inline const unsigned char *first_confirmed(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                                            uint32_t m, const unsigned char *end) {
+    for (; m; m &= m - 1) {
+        const unsigned char *q = p + __builtin_ctz(m);
+        if (vael_thin_nfa_prefilter_confirm(pf, q, end))
+            return q;
+    }
+    return nullptr;
+}
+
+const unsigned char *find_tail(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                               const unsigned char *last, const unsigned char *end) {
     for (; p < last; p++)
-        if (test_bit(pf, p))
+        if (test_bit(pf, p) && vael_thin_nfa_prefilter_confirm(pf, p, end))
             return p;
     return last;
 }
@@ -174,10 +224,11 @@ const unsigned char *find_plain(const vael_thin_nfa_prefilter_tables *pf, const 
         for (uint32_t i = 0; i < 8; i++)
             m |= test_bit(pf, p + i) << i;
         if (m)
-            return p + __builtin_ctz(m);
+            if (const unsigned char *q = first_confirmed(pf, p, m, end))
+                return q;
         p += 8;
     }
-    return find_tail(pf, p, last);
+    return find_tail(pf, p, last, end);
 }
 
 // The constants of one AVX2 search.
@@ -212,20 +263,46 @@ __attribute__((target("avx2"))) const unsigned char *find_avx2(const vael_thin_n
     // in vector registers; the table is read with scalar loads, which on
     // common cores outpace a gather.
     alignas(32) uint32_t h[16];
-    alignas(16) uint8_t hit[16];
     const uint32_t *table = pf->table;
     while (end - p >= 24) {
         _mm256_store_si256(reinterpret_cast<__m256i *>(h), hash_avx2(c, p));
         _mm256_store_si256(reinterpret_cast<__m256i *>(h + 8), hash_avx2(c, p + 8));
+        uint32_t m = 0;
         for (int i = 0; i < 16; i++)
-            hit[i] = (uint8_t)(table[h[i] >> 5] >> (h[i] & 31));
-        __m128i bits = _mm_slli_epi16(_mm_load_si128(reinterpret_cast<const __m128i *>(hit)), 7);
-        uint32_t m = (uint32_t)_mm_movemask_epi8(bits);
+            m |= ((table[h[i] >> 5] >> (h[i] & 31)) & 1u) << i;
         if (m)
-            return p + __builtin_ctz(m);
+            if (const unsigned char *q = first_confirmed(pf, p, m, end))
+                return q;
         p += 16;
     }
-    return find_tail(pf, p, last);
+    return find_tail(pf, p, last, end);
+}
+
+// Sizes and fills the confirmation of a filter whose window bitmap is
+// built. A set with too many spellings goes without: 0. -1 on allocation
+// failure.
+int build_confirm(const Walk &w, vael_thin_nfa_prefilter_tables *pf) {
+    ConfirmFill fill{&w, pf, 0, 0};
+    fill_confirm(fill, 0, 0, 0);
+    if (fill.enumerated > kMaxEnumerated || fill.enumerated == 0)
+        return 0;
+    uint32_t log2 = kMinTableLog2;
+    while (log2 < kMaxTableLog2 && (1ull << log2) < (uint64_t)fill.enumerated * kConfirmBitsPerKey &&
+           (1ull << (log2 + 1)) / 8 <= w.nfa->bnfa_size / 8)
+        log2++;
+    pf->confirm_shift = 64 - log2;
+    pf->confirm_words = 1u << (log2 - 5);
+    size_t bytes = sizeof(uint32_t) * (size_t)pf->confirm_words;
+    pf->confirm = static_cast<uint32_t *>(VAEL_PM_KMALLOC(bytes));
+    if (!pf->confirm) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter confirmation of %d bytes\n", (int)bytes);
+        return -1;
+    }
+    std::memset(pf->confirm, 0, bytes);
+    fill.enumerated = 0;
+    fill_confirm(fill, 0, 0, 0);
+    pf->confirm_lengths = fill.lengths;
+    return 0;
 }
 
 bool cpu_has_avx2() {
@@ -291,6 +368,12 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
             std::memset(pf->table, 0, table_bytes);
             fill.enumerated = 0;
             fill_windows(fill, 0, 0, 0);
+            if (build_confirm(w, pf) != 0) {
+                VAEL_PM_KFREE(pf->table, table_bytes);
+                pf->table = nullptr;
+            }
+        }
+        if (pf->table) {
             vael_thin_nfa_prefilter_free(nfa);
             nfa->prefilter = pf;
             pf = nullptr;
@@ -314,6 +397,8 @@ extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {
     vael_thin_nfa_prefilter_tables *pf = nfa->prefilter;
     if (pf->table)
         VAEL_PM_KFREE(pf->table, sizeof(uint32_t) * (size_t)pf->table_words);
+    if (pf->confirm)
+        VAEL_PM_KFREE(pf->confirm, sizeof(uint32_t) * (size_t)pf->confirm_words);
     VAEL_PM_KFREE(pf, sizeof *pf);
     nfa->prefilter = nullptr;
 }
@@ -321,7 +406,9 @@ extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {
 extern "C" size_t vael_thin_nfa_prefilter_memory(const vael_thin_nfa *nfa) {
     if (!nfa || !nfa->prefilter)
         return 0;
-    return sizeof(vael_thin_nfa_prefilter_tables) + sizeof(uint32_t) * (size_t)nfa->prefilter->table_words;
+    const vael_thin_nfa_prefilter_tables *pf = nfa->prefilter;
+    return sizeof(vael_thin_nfa_prefilter_tables) + sizeof(uint32_t) * (size_t)pf->table_words +
+           (pf->confirm ? sizeof(uint32_t) * (size_t)pf->confirm_words : 0);
 }
 
 extern "C" vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_plain_fn(void) { return find_plain; }

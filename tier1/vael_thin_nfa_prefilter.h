@@ -51,6 +51,15 @@ typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
     uint32_t table_words; /* 32-bit words of the bitmap, a power of two */
     uint32_t *table;      /* bit h set: some pattern beginning hashes to h */
+    /* The confirmation of a window's hit, over the first 8 bytes: a key per
+     * path of 8 bytes from the root, and per shorter path that ends in a
+     * finite state, the key of its bytes and its length (the lengths held
+     * in confirm_lengths, bit d for d bytes). Null when the set has too many
+     * spellings; every hit then stands. */
+    uint32_t confirm_lengths;
+    uint32_t confirm_shift; /* 64 - log2 of the confirmation bitmap's bits */
+    uint32_t confirm_words; /* 32-bit words of that bitmap, a power of two */
+    uint32_t *confirm;
 } vael_thin_nfa_prefilter_tables;
 
 /* The first candidate in [p, end - 3), or end - 3 when there is none; p
@@ -83,6 +92,32 @@ static inline int vael_thin_nfa_prefilter_test(const vael_thin_nfa_prefilter_tab
     uint32_t load = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
     uint32_t h = vael_thin_nfa_prefilter_hash(pf, load);
     return (int)((pf->table[h >> 5] >> (h & 31)) & 1u);
+}
+
+/* The confirmation key of the first `len` (1..8) bytes of a little-endian
+ * 64-bit load. */
+static inline uint64_t vael_thin_nfa_prefilter_confirm_key(uint64_t load, uint32_t len) {
+    return len >= 8 ? load : (load & ((1ull << (8 * len)) - 1)) | (uint64_t)len << 56;
+}
+
+static inline int vael_thin_nfa_prefilter_confirm_bit(const vael_thin_nfa_prefilter_tables *pf, uint64_t key) {
+    uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> pf->confirm_shift);
+    return (int)((pf->confirm[h >> 5] >> (h & 31)) & 1u);
+}
+
+/* Whether a window hit at p stands: some pattern's first 8 bytes, or a
+ * shorter pattern, may start there. A hit within 8 bytes of end stands. */
+static inline int vael_thin_nfa_prefilter_confirm(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                                                  const unsigned char *end) {
+    if (!pf->confirm || end - p < 8)
+        return 1;
+    uint64_t load = 0;
+    for (int i = 7; i >= 0; i--)
+        load = load << 8 | p[i];
+    for (uint32_t lengths = pf->confirm_lengths; lengths; lengths &= lengths - 1)
+        if (vael_thin_nfa_prefilter_confirm_bit(pf, vael_thin_nfa_prefilter_confirm_key(load, (uint32_t)__builtin_ctz(lengths))))
+            return 1;
+    return 0;
 }
 
 #ifdef __cplusplus
