@@ -46,6 +46,7 @@ extern "C" {
 
 typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t window;      /* bytes of a pattern's beginning tested per position, 1..4 */
+    uint32_t stride;      /* positions tested: every stride-th, 1..4 (see below) */
     uint32_t window_mask; /* keeps those bytes of a little-endian 32-bit load */
     uint32_t fold;        /* ORed into the window before hashing: 0x20 per byte when case folds, else 0 */
     uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
