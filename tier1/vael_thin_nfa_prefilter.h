@@ -5,21 +5,23 @@
  * While the automaton stands at its root, a byte that starts no pattern
  * leaves it there, and nothing before the next position where a pattern
  * could start can take part in a match. The filter finds that position: it
- * tests the window of the first `window` bytes (1 to 4) at each position
- * against a bitmap of the hashed windows of every pattern's beginning. A set
- * bit is only a candidate, never a match: the automaton runs from the
- * candidate exactly as it would have, so a false candidate costs time and
- * never changes a result.
+ * tests a window of `window` bytes (1 to 4) at every `stride`-th position
+ * against a bitmap of the hashed windows at offsets 0 .. stride - 1 of every
+ * pattern's beginning; a hit then vouches for the stride positions ending
+ * there, each tested again by its own window and confirmed by a second
+ * bitmap keyed on its first 8 bytes. A passed position is only a candidate,
+ * never a match: the automaton runs from it exactly as it would have, so a
+ * false candidate costs time and never changes a result.
  *
  * The tables are derived from the BNFA alone (its root, the states one to
- * four transitions below it, their finite flags and the translation table),
+ * eight transitions below it, their finite flags and the translation table),
  * so a handle gets the same filter whether it was compiled, copied or loaded
  * from an image; the BNFA itself is untouched. The filter is owned by the
  * handle and counted in the PM memory account.
  *
  * Two implementations of the search share the tables: a plain one (SSE2 era,
- * scalar, eight positions per test) and an AVX2 one (sixteen positions per
- * test with gathers), chosen by the CPU at the first run and forced by the
+ * scalar, eight positions per branch) and an AVX2 one (sixteen positions per
+ * branch, hashed and gathered eight at a time), chosen by the CPU at the first run and forced by the
  * tunable vael_thin_nfa_prefilter.
  */
 #ifndef VAEL_THIN_NFA_PREFILTER_H
@@ -63,7 +65,8 @@ typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t *confirm;
 } vael_thin_nfa_prefilter_tables;
 
-/* The first candidate in [p, end - 3), or end - 3 when there is none; p
+/* A position q in [p, end - 3] such that no pattern starts in [p, q): end - 3
+ * when none is found, else one whose own window and confirmation pass; p
  * itself when fewer than 4 bytes are left. */
 typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const vael_thin_nfa_prefilter_tables *pf,
                                                                  const unsigned char *p, const unsigned char *end);
