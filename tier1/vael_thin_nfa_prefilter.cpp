@@ -33,6 +33,9 @@ constexpr uint32_t kConfirmDepth = 8;
 // Fewer bits per key than the window's bitmap: only the window's hits are
 // confirmed, about one in fifty of them passes falsely.
 constexpr uint32_t kConfirmBitsPerKey = 64;
+// Past this many keys the bitmap, capped as the window's, would be too full
+// to turn much away, and enumerating them too slow: no confirmation then.
+constexpr uint32_t kMaxConfirmKeys = 1u << 18;
 // Bitmap bits per distinct window: about 0.4% of the positions that start
 // no pattern pass as candidates.
 constexpr uint32_t kBitsPerWindow = 256;
@@ -166,7 +169,7 @@ struct ConfirmFill {
 // L starting at a position shows there either its first 8 bytes or, L < 8,
 // all of its bytes, which end in a finite state: one of the keys is set.
 void fill_confirm(ConfirmFill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
-    if (fill.enumerated > kMaxEnumerated)
+    if (fill.enumerated > kMaxConfirmKeys)
         return;
     if (d > 0 && (d == kConfirmDepth || (fill.walk->bnfa[offset] & BNFA_STATE_FINITE))) {
         fill.enumerated++;
@@ -309,7 +312,7 @@ __attribute__((target("avx2"))) const unsigned char *find_avx2(const vael_thin_n
 int build_confirm(const Walk &w, vael_thin_nfa_prefilter_tables *pf) {
     ConfirmFill fill{&w, pf, 0, 0};
     fill_confirm(fill, 0, 0, 0);
-    if (fill.enumerated > kMaxEnumerated || fill.enumerated == 0)
+    if (fill.enumerated > kMaxConfirmKeys || fill.enumerated == 0)
         return 0;
     uint32_t log2 = kMinTableLog2;
     while (log2 < kMaxTableLog2 && (1ull << log2) < (uint64_t)fill.enumerated * kConfirmBitsPerKey &&
