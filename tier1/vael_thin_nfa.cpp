@@ -218,7 +218,7 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
                 // that byte; when none can start there, the root serves as
                 // well, and the search may skip again.
                 if (s != bnfa + bnfa[1 + p[-1]] || p >= search_end || p < next_search ||
-                    vael_thin_nfa_prefilter_test(pf, p - 1)) {
+                    (vael_thin_nfa_prefilter_test(pf, p - 1) && vael_thin_nfa_prefilter_confirm(pf, p - 1, end))) {
                     s = bnfa + s[1 + *p++];
                     continue;
                 }

@@ -26,6 +26,16 @@ namespace {
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 constexpr uint8_t kNoDepth = 0xff;
 constexpr uint32_t kMaxWindow = 4;
+constexpr uint32_t kMaxStride = 4;
+// The confirmation looks this deep: past the prefixes traffic shares with
+// many patterns ("Host: ", "GET /"), which pass the window at every turn.
+constexpr uint32_t kConfirmDepth = 8;
+// Fewer bits per key than the window's bitmap: only the window's hits are
+// confirmed, about one in fifty of them passes falsely.
+constexpr uint32_t kConfirmBitsPerKey = 64;
+// Past this many keys the bitmap, capped as the window's, would be too full
+// to turn much away, and enumerating them too slow: no confirmation then.
+constexpr uint32_t kMaxConfirmKeys = 1u << 18;
 // Bitmap bits per distinct window: about 0.4% of the positions that start
 // no pattern pass as candidates.
 constexpr uint32_t kBitsPerWindow = 256;
@@ -42,7 +52,7 @@ struct Walk {
     const uint32_t *bnfa;
     uint32_t words;       // of the BNFA
     uint8_t *depth;       // per state ID, kNoDepth beyond the walk
-    uint32_t level_nodes[kMaxWindow + 1];
+    uint32_t level_nodes[kConfirmDepth + 1];
 };
 
 bool valid_target(const Walk &w, uint32_t offset) {
@@ -92,16 +102,16 @@ void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
     }
 }
 
-// Marks depths 1..4 breadth-first; returns the shortest pattern's length,
-// or kMaxWindow + 1 when none ends above depth 5.
+// Marks depths 1..8 breadth-first; returns the shortest pattern's length,
+// or kConfirmDepth + 1 when none ends above depth 9.
 uint32_t mark_depths(Walk &w, uint32_t *queue) {
     std::memset(w.depth, kNoDepth, w.nfa->state_num);
     std::memset(w.level_nodes, 0, sizeof w.level_nodes);
     w.depth[0] = 0;
     queue[0] = 0;
-    uint32_t head = 0, tail = 1, shortest = kMaxWindow + 1;
+    uint32_t head = 0, tail = 1, shortest = kConfirmDepth + 1;
     w.level_nodes[0] = 1;
-    for (uint32_t d = 0; d < kMaxWindow; d++) {
+    for (uint32_t d = 0; d < kConfirmDepth; d++) {
         uint32_t level_end = tail;
         for (; head < level_end; head++) {
             for_each_child(w, queue[head], d, [&](uint32_t, uint32_t t) {
@@ -123,23 +133,58 @@ struct Fill {
     const Walk *walk;
     vael_thin_nfa_prefilter_tables *pf; // table null while counting
     uint32_t window;
+    uint32_t stride;
     uint32_t enumerated;
 };
 
-// Every raw spelling of every path of `window` bytes from the root.
-void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint32_t bytes) {
+// Every raw spelling of every path of window + stride - 1 bytes from the
+// root, each giving its windows at offsets 0 .. stride - 1.
+void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
     if (fill.enumerated > kMaxEnumerated)
         return;
-    if (d == fill.window) {
-        fill.enumerated++;
+    if (d == fill.window + fill.stride - 1) {
+        fill.enumerated += fill.stride;
         if (fill.pf->table) {
-            uint32_t h = vael_thin_nfa_prefilter_hash(fill.pf, bytes);
-            fill.pf->table[h >> 5] |= 1u << (h & 31);
+            for (uint32_t k = 0; k < fill.stride; k++) {
+                uint32_t h = vael_thin_nfa_prefilter_hash(fill.pf, (uint32_t)(bytes >> (8 * k)));
+                fill.pf->table[h >> 5] |= 1u << (h & 31);
+            }
         }
         return;
     }
     for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
-        fill_windows(fill, t, d + 1, bytes | (b << (8 * d)));
+        fill_windows(fill, t, d + 1, bytes | ((uint64_t)b << (8 * d)));
+    });
+}
+
+struct ConfirmFill {
+    const Walk *walk;
+    vael_thin_nfa_prefilter_tables *pf; // confirm null while counting
+    uint32_t lengths;
+    uint32_t enumerated;
+};
+
+// Every raw spelling of every path of kConfirmDepth bytes from the root,
+// and of every shorter one that ends in a finite state. A pattern of length
+// L starting at a position shows there either its first 8 bytes or, L < 8,
+// all of its bytes, which end in a finite state: one of the keys is set.
+void fill_confirm(ConfirmFill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
+    if (fill.enumerated > kMaxConfirmKeys)
+        return;
+    if (d > 0 && (d == kConfirmDepth || (fill.walk->bnfa[offset] & BNFA_STATE_FINITE))) {
+        fill.enumerated++;
+        fill.lengths |= 1u << d;
+        if (fill.pf->confirm)
+            {
+            uint64_t key = vael_thin_nfa_prefilter_confirm_key(bytes, d);
+            uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> fill.pf->confirm_shift);
+            fill.pf->confirm[h >> 5] |= 1u << (h & 31);
+        }
+        if (d == kConfirmDepth)
+            return;
+    }
+    for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
+        fill_confirm(fill, t, d + 1, bytes | ((uint64_t)b << (8 * d)));
     });
 }
 
@@ -156,9 +201,30 @@ inline uint32_t test_bit(const vael_thin_nfa_prefilter_tables *pf, const unsigne
     return (pf->table[h >> 5] >> (h & 31)) & 1u;
 }
 
-const unsigned char *find_tail(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p, const unsigned char *last) {
-    for (; p < last; p++)
-        if (test_bit(pf, p))
+// The first start at or past `from` that a hit in m vouches for and that
+// passes its own window and the confirmation, or null. Bit i of m: a window
+// of some pattern's first window + stride - 1 bytes shows at p + i * stride,
+// so a pattern may start up to stride - 1 bytes before it.
+inline const unsigned char *first_confirmed(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                                            uint32_t m, const unsigned char *from, const unsigned char *end) {
+    const ptrdiff_t back = (ptrdiff_t)pf->stride - 1;
+    for (; m; m &= m - 1) {
+        const unsigned char *j = p + (ptrdiff_t)__builtin_ctz(m) * (ptrdiff_t)pf->stride;
+        const unsigned char *t = j - from > back ? j - back : from;
+        for (; t <= j; t++)
+            if (test_bit(pf, t) && vael_thin_nfa_prefilter_confirm(pf, t, end))
+                return t;
+    }
+    return nullptr;
+}
+
+// Tests every position from p on, beginning stride - 1 bytes before it
+// (not before `from`): starts there were vouched for by no tested position.
+const unsigned char *find_tail(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                               const unsigned char *from, const unsigned char *last, const unsigned char *end) {
+    const ptrdiff_t back = (ptrdiff_t)pf->stride - 1;
+    for (p = p - from > back ? p - back : from; p < last; p++)
+        if (test_bit(pf, p) && vael_thin_nfa_prefilter_confirm(pf, p, end))
             return p;
     return last;
 }
@@ -167,65 +233,104 @@ const unsigned char *find_plain(const vael_thin_nfa_prefilter_tables *pf, const 
                                 const unsigned char *end) {
     if (end - p < (ptrdiff_t)THIN_NFA_PREFILTER_LOAD)
         return p;
+    const unsigned char *from = p;
     const unsigned char *last = end - (THIN_NFA_PREFILTER_LOAD - 1);
+    const ptrdiff_t s = pf->stride;
     // Eight independent tests and one branch: the loads overlap in flight.
-    while (last - p >= 8) {
+    while (last - p > 7 * s) {
         uint32_t m = 0;
         for (uint32_t i = 0; i < 8; i++)
-            m |= test_bit(pf, p + i) << i;
+            m |= test_bit(pf, p + i * s) << i;
         if (m)
-            return p + __builtin_ctz(m);
-        p += 8;
+            if (const unsigned char *q = first_confirmed(pf, p, m, from, end))
+                return q;
+        p += 8 * s;
     }
-    return find_tail(pf, p, last);
+    return find_tail(pf, p, from, last, end);
 }
 
 // The constants of one AVX2 search.
 struct Avx2Consts {
-    __m256i windows, mask, fold, mul;
+    __m256i windows, mask, fold, mul, low5;
     __m128i shift;
 };
 
-// The hashes of the windows at q + 0..7.
-__attribute__((target("avx2"), always_inline)) inline __m256i hash_avx2(const Avx2Consts &c,
-                                                                         const unsigned char *q) {
-    __m256i v = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(q)));
+// The hashes of the windows at q + k * stride, k = 0..7: k = 0..3 from the
+// low lane, loaded at q, 4..7 from the high lane, loaded at q + 4 * stride.
+__attribute__((target("avx2"), always_inline)) inline __m256i hash_avx2(const Avx2Consts &c, const unsigned char *q,
+                                                                         ptrdiff_t s) {
+    __m256i v = _mm256_loadu2_m128i(reinterpret_cast<const __m128i *>(q + 4 * s),
+                                    reinterpret_cast<const __m128i *>(q));
     __m256i w = _mm256_or_si256(_mm256_and_si256(_mm256_shuffle_epi8(v, c.windows), c.mask), c.fold);
     return _mm256_srl_epi32(_mm256_mullo_epi32(w, c.mul), c.shift);
+}
+
+// Bit k set: the window at q + k * stride hits. The table words come in by
+// one gather, which measured faster than eight scalar loads; shifting bit
+// h & 31 of each to the top lets one movemask collect them.
+__attribute__((target("avx2"), always_inline)) inline uint32_t test_avx2(const Avx2Consts &c, const uint32_t *table,
+                                                                          const unsigned char *q, ptrdiff_t s) {
+    __m256i h = hash_avx2(c, q, s);
+    __m256i g = _mm256_i32gather_epi32(reinterpret_cast<const int *>(table), _mm256_srli_epi32(h, 5), 4);
+    g = _mm256_sllv_epi32(g, _mm256_andnot_si256(h, c.low5));
+    return (uint32_t)_mm256_movemask_ps(_mm256_castsi256_ps(g));
 }
 
 __attribute__((target("avx2"))) const unsigned char *find_avx2(const vael_thin_nfa_prefilter_tables *pf,
                                                                 const unsigned char *p, const unsigned char *end) {
     if (end - p < (ptrdiff_t)THIN_NFA_PREFILTER_LOAD)
         return p;
+    const unsigned char *from = p;
     const unsigned char *last = end - (THIN_NFA_PREFILTER_LOAD - 1);
+    const ptrdiff_t s = pf->stride;
     Avx2Consts c;
-    // The 32-bit window of positions 0..3 from the low lane, 4..7 from the
-    // high lane of one 16-byte load broadcast to both.
-    c.windows = _mm256_setr_epi8(0, 1, 2, 3, 1, 2, 3, 4, 2, 3, 4, 5, 3, 4, 5, 6, 4, 5, 6, 7, 5, 6, 7, 8, 6, 7, 8, 9, 7,
-                                 8, 9, 10);
+    alignas(32) int8_t windows[32];
+    for (int k = 0; k < 4; k++)
+        for (int b = 0; b < 4; b++)
+            windows[4 * k + b] = windows[16 + 4 * k + b] = (int8_t)(k * s + b);
+    c.windows = _mm256_load_si256(reinterpret_cast<const __m256i *>(windows));
     c.mask = _mm256_set1_epi32((int)pf->window_mask);
     c.fold = _mm256_set1_epi32((int)pf->fold);
     c.mul = _mm256_set1_epi32((int)0x9e3779b1u);
     c.shift = _mm_cvtsi32_si128((int)pf->hash_shift);
-    // Sixteen positions read 24 bytes. The hashes are made eight at a time
-    // in vector registers; the table is read with scalar loads, which on
-    // common cores outpace a gather.
-    alignas(32) uint32_t h[16];
-    alignas(16) uint8_t hit[16];
+    c.low5 = _mm256_set1_epi32(31);
+    // Sixteen tested positions read 12 * stride + 16 bytes.
     const uint32_t *table = pf->table;
-    while (end - p >= 24) {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(h), hash_avx2(c, p));
-        _mm256_store_si256(reinterpret_cast<__m256i *>(h + 8), hash_avx2(c, p + 8));
-        for (int i = 0; i < 16; i++)
-            hit[i] = (uint8_t)(table[h[i] >> 5] >> (h[i] & 31));
-        __m128i bits = _mm_slli_epi16(_mm_load_si128(reinterpret_cast<const __m128i *>(hit)), 7);
-        uint32_t m = (uint32_t)_mm_movemask_epi8(bits);
+    while (end - p >= 12 * s + 16) {
+        uint32_t m = test_avx2(c, table, p, s) | test_avx2(c, table, p + 8 * s, s) << 8;
         if (m)
-            return p + __builtin_ctz(m);
-        p += 16;
+            if (const unsigned char *q = first_confirmed(pf, p, m, from, end))
+                return q;
+        p += 16 * s;
     }
-    return find_tail(pf, p, last);
+    return find_tail(pf, p, from, last, end);
+}
+
+// Sizes and fills the confirmation of a filter whose window bitmap is
+// built. A set with too many spellings goes without: 0. -1 on allocation
+// failure.
+int build_confirm(const Walk &w, vael_thin_nfa_prefilter_tables *pf) {
+    ConfirmFill fill{&w, pf, 0, 0};
+    fill_confirm(fill, 0, 0, 0);
+    if (fill.enumerated > kMaxConfirmKeys || fill.enumerated == 0)
+        return 0;
+    uint32_t log2 = kMinTableLog2;
+    while (log2 < kMaxTableLog2 && (1ull << log2) < (uint64_t)fill.enumerated * kConfirmBitsPerKey &&
+           (1ull << (log2 + 1)) / 8 <= w.nfa->bnfa_size / 8)
+        log2++;
+    pf->confirm_shift = 64 - log2;
+    pf->confirm_words = 1u << (log2 - 5);
+    size_t bytes = sizeof(uint32_t) * (size_t)pf->confirm_words;
+    pf->confirm = static_cast<uint32_t *>(VAEL_PM_KMALLOC(bytes));
+    if (!pf->confirm) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter confirmation of %d bytes\n", (int)bytes);
+        return -1;
+    }
+    std::memset(pf->confirm, 0, bytes);
+    fill.enumerated = 0;
+    fill_confirm(fill, 0, 0, 0);
+    pf->confirm_lengths = fill.lengths;
+    return 0;
 }
 
 bool cpu_has_avx2() {
@@ -259,23 +364,35 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
         std::memset(pf, 0, sizeof *pf);
         uint32_t shortest = mark_depths(w, queue);
         uint32_t window = shortest < kMaxWindow ? shortest : kMaxWindow;
-        // A set whose spellings are too many for its window gets a shorter one.
-        Fill fill{&w, pf, window, 0};
+        // With every pattern at least window + stride - 1 bytes long, a
+        // pattern's start lies at most stride - 1 bytes before a tested
+        // position where one of its first stride windows shows.
+        uint32_t stride = 1;
+        if (shortest >= kMaxWindow + 1)
+            stride = shortest - kMaxWindow + 1 < kMaxStride ? shortest - kMaxWindow + 1 : kMaxStride;
+        // A set whose spellings are too many gets no stride, then a shorter
+        // window.
+        Fill fill{&w, pf, window, stride, 0};
         for (;;) {
             fill.window = window;
+            fill.stride = stride;
             fill.enumerated = 0;
             fill_windows(fill, 0, 0, 0);
-            if (fill.enumerated <= kMaxEnumerated || window == 1)
+            if (fill.enumerated <= kMaxEnumerated || (window == 1 && stride == 1))
                 break;
-            window--;
+            if (stride > 1)
+                stride = 1;
+            else
+                window--;
         }
         pf->window = window;
+        pf->stride = stride;
         pf->window_mask = window_mask(window);
         // Letters differ from their other case in bit 5 alone, so with case
         // folded a window and its respellings hash alike.
         bool caseless = (nfa->flags & THIN_NFA_FLAG_XLATION) && nfa->xlation_tab['A'] == 'a';
         pf->fold = caseless ? 0x20202020u & pf->window_mask : 0;
-        uint64_t distinct = caseless ? w.level_nodes[window] : fill.enumerated;
+        uint64_t distinct = caseless ? (uint64_t)w.level_nodes[window + stride - 1] * stride : fill.enumerated;
         uint32_t log2 = kMinTableLog2;
         while (log2 < kMaxTableLog2 && (1ull << log2) < distinct * kBitsPerWindow &&
                (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 8)
@@ -291,6 +408,12 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
             std::memset(pf->table, 0, table_bytes);
             fill.enumerated = 0;
             fill_windows(fill, 0, 0, 0);
+            if (build_confirm(w, pf) != 0) {
+                VAEL_PM_KFREE(pf->table, table_bytes);
+                pf->table = nullptr;
+            }
+        }
+        if (pf->table) {
             vael_thin_nfa_prefilter_free(nfa);
             nfa->prefilter = pf;
             pf = nullptr;
@@ -314,6 +437,8 @@ extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {
     vael_thin_nfa_prefilter_tables *pf = nfa->prefilter;
     if (pf->table)
         VAEL_PM_KFREE(pf->table, sizeof(uint32_t) * (size_t)pf->table_words);
+    if (pf->confirm)
+        VAEL_PM_KFREE(pf->confirm, sizeof(uint32_t) * (size_t)pf->confirm_words);
     VAEL_PM_KFREE(pf, sizeof *pf);
     nfa->prefilter = nullptr;
 }
@@ -321,7 +446,9 @@ extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {
 extern "C" size_t vael_thin_nfa_prefilter_memory(const vael_thin_nfa *nfa) {
     if (!nfa || !nfa->prefilter)
         return 0;
-    return sizeof(vael_thin_nfa_prefilter_tables) + sizeof(uint32_t) * (size_t)nfa->prefilter->table_words;
+    const vael_thin_nfa_prefilter_tables *pf = nfa->prefilter;
+    return sizeof(vael_thin_nfa_prefilter_tables) + sizeof(uint32_t) * (size_t)pf->table_words +
+           (pf->confirm ? sizeof(uint32_t) * (size_t)pf->confirm_words : 0);
 }
 
 extern "C" vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_plain_fn(void) { return find_plain; }

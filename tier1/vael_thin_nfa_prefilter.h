@@ -5,21 +5,23 @@
  * While the automaton stands at its root, a byte that starts no pattern
  * leaves it there, and nothing before the next position where a pattern
  * could start can take part in a match. The filter finds that position: it
- * tests the window of the first `window` bytes (1 to 4) at each position
- * against a bitmap of the hashed windows of every pattern's beginning. A set
- * bit is only a candidate, never a match: the automaton runs from the
- * candidate exactly as it would have, so a false candidate costs time and
- * never changes a result.
+ * tests a window of `window` bytes (1 to 4) at every `stride`-th position
+ * against a bitmap of the hashed windows at offsets 0 .. stride - 1 of every
+ * pattern's beginning; a hit then vouches for the stride positions ending
+ * there, each tested again by its own window and confirmed by a second
+ * bitmap keyed on its first 8 bytes. A passed position is only a candidate,
+ * never a match: the automaton runs from it exactly as it would have, so a
+ * false candidate costs time and never changes a result.
  *
  * The tables are derived from the BNFA alone (its root, the states one to
- * four transitions below it, their finite flags and the translation table),
+ * eight transitions below it, their finite flags and the translation table),
  * so a handle gets the same filter whether it was compiled, copied or loaded
  * from an image; the BNFA itself is untouched. The filter is owned by the
  * handle and counted in the PM memory account.
  *
  * Two implementations of the search share the tables: a plain one (SSE2 era,
- * scalar, eight positions per test) and an AVX2 one (sixteen positions per
- * test with gathers), chosen by the CPU at the first run and forced by the
+ * scalar, eight positions per branch) and an AVX2 one (sixteen positions per
+ * branch, hashed and gathered eight at a time), chosen by the CPU at the first run and forced by the
  * tunable vael_thin_nfa_prefilter.
  */
 #ifndef VAEL_THIN_NFA_PREFILTER_H
@@ -46,14 +48,25 @@ extern "C" {
 
 typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t window;      /* bytes of a pattern's beginning tested per position, 1..4 */
+    uint32_t stride;      /* positions tested: every stride-th, 1..4 (see below) */
     uint32_t window_mask; /* keeps those bytes of a little-endian 32-bit load */
     uint32_t fold;        /* ORed into the window before hashing: 0x20 per byte when case folds, else 0 */
     uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
     uint32_t table_words; /* 32-bit words of the bitmap, a power of two */
     uint32_t *table;      /* bit h set: some pattern beginning hashes to h */
+    /* The confirmation of a window's hit, over the first 8 bytes: a key per
+     * path of 8 bytes from the root, and per shorter path that ends in a
+     * finite state, the key of its bytes and its length (the lengths held
+     * in confirm_lengths, bit d for d bytes). Null when the set has too many
+     * spellings; every hit then stands. */
+    uint32_t confirm_lengths;
+    uint32_t confirm_shift; /* 64 - log2 of the confirmation bitmap's bits */
+    uint32_t confirm_words; /* 32-bit words of that bitmap, a power of two */
+    uint32_t *confirm;
 } vael_thin_nfa_prefilter_tables;
 
-/* The first candidate in [p, end - 3), or end - 3 when there is none; p
+/* A position q in [p, end - 3] such that no pattern starts in [p, q): end - 3
+ * when none is found, else one whose own window and confirmation pass; p
  * itself when fewer than 4 bytes are left. */
 typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const vael_thin_nfa_prefilter_tables *pf,
                                                                  const unsigned char *p, const unsigned char *end);
@@ -83,6 +96,32 @@ static inline int vael_thin_nfa_prefilter_test(const vael_thin_nfa_prefilter_tab
     uint32_t load = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
     uint32_t h = vael_thin_nfa_prefilter_hash(pf, load);
     return (int)((pf->table[h >> 5] >> (h & 31)) & 1u);
+}
+
+/* The confirmation key of the first `len` (1..8) bytes of a little-endian
+ * 64-bit load. */
+static inline uint64_t vael_thin_nfa_prefilter_confirm_key(uint64_t load, uint32_t len) {
+    return len >= 8 ? load : (load & ((1ull << (8 * len)) - 1)) | (uint64_t)len << 56;
+}
+
+static inline int vael_thin_nfa_prefilter_confirm_bit(const vael_thin_nfa_prefilter_tables *pf, uint64_t key) {
+    uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> pf->confirm_shift);
+    return (int)((pf->confirm[h >> 5] >> (h & 31)) & 1u);
+}
+
+/* Whether a window hit at p stands: some pattern's first 8 bytes, or a
+ * shorter pattern, may start there. A hit within 8 bytes of end stands. */
+static inline int vael_thin_nfa_prefilter_confirm(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
+                                                  const unsigned char *end) {
+    if (!pf->confirm || end - p < 8)
+        return 1;
+    uint64_t load = 0;
+    for (int i = 7; i >= 0; i--)
+        load = load << 8 | p[i];
+    for (uint32_t lengths = pf->confirm_lengths; lengths; lengths &= lengths - 1)
+        if (vael_thin_nfa_prefilter_confirm_bit(pf, vael_thin_nfa_prefilter_confirm_key(load, (uint32_t)__builtin_ctz(lengths))))
+            return 1;
+    return 0;
 }
 
 #ifdef __cplusplus

@@ -92,8 +92,9 @@ class Generator {
     std::vector<Pattern> patterns(uint32_t flags) {
         std::vector<Pattern> out;
         const int n = uniform(1, 40);
-        // Sets without short patterns get a prefilter window of 2 to 4 bytes.
-        const int min_len = chance(40) ? uniform(2, 5) : 1;
+        // Sets without short patterns get a prefilter window of 2 to 4 bytes,
+        // and from 5 bytes on a stride of 2 to 4.
+        const int min_len = chance(40) ? uniform(2, 8) : 1;
         int32_t next_id = uniform(0, 5) * 100;
         auto add = [&](std::string text) { out.push_back({std::move(text), next_id++ * 3 + 1}); };
         if (chance(30)) {
@@ -109,9 +110,9 @@ class Generator {
             if (!out.empty() && chance(15))
                 add(respell(out[uniform(0, (int)out.size() - 1)].text, flags)); // same text, new id
             else if (!out.empty() && chance(15))
-                add(out[uniform(0, (int)out.size() - 1)].text.substr(0, uniform(min_len, 8))); // a prefix
+                add(out[uniform(0, (int)out.size() - 1)].text.substr(0, uniform(min_len, 10))); // a prefix
             else
-                add(word(min_len, 8));
+                add(word(min_len, 10));
         }
         return out;
     }

@@ -59,18 +59,25 @@ TEST(ThinNfaPrefilter, WindowAndFoldFollowTheSetsShape) {
         std::vector<std::string> patterns;
         uint32_t compile_flags;
         uint32_t window;
+        uint32_t stride;
         uint32_t fold;
+        uint32_t confirm_lengths; // 0: no confirmation
     };
     const Row rows[] = {
-        {{"abcdef", "xyz12"}, 0, 4, 0},
-        {{"abcdefgh", "abc"}, 0, 3, 0},
-        {{"ab", "xyzw"}, 0, 2, 0},
-        {{"abcdefgh", "a"}, 0, 1, 0},
-        {{std::string("\xff\x00\x01\x02", 4)}, 0, 4, 0},
-        {{"Abcd"}, VAEL_PM_CASELESS, 4, 0x20202020},
-        {{"Ab"}, VAEL_PM_CASELESS, 2, 0x2020},
-        {{"1234", "x9"}, VAEL_PM_DIGITLESS, 2, 0},
-        {{"a1B2c3"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, 4, 0x20202020},
+        {{"abcdef", "xyz12"}, 0, 4, 2, 0, 1u << 5 | 1u << 6},
+        {{"abcdefgh", "abc"}, 0, 3, 1, 0, 1u << 3 | 1u << 8},
+        {{"ab", "xyzw"}, 0, 2, 1, 0, 1u << 2 | 1u << 4},
+        {{"abcdefgh", "a"}, 0, 1, 1, 0, 1u << 1 | 1u << 8},
+        {{"abcdefgh"}, 0, 4, 4, 0, 1u << 8},
+        {{"abcdefg", "xyzabcdefghij"}, 0, 4, 4, 0, 1u << 7 | 1u << 8},
+        {{std::string("\xff\x00\x01\x02", 4)}, 0, 4, 1, 0, 1u << 4},
+        {{"Abcd"}, VAEL_PM_CASELESS, 4, 1, 0x20202020, 1u << 4},
+        {{"Ab"}, VAEL_PM_CASELESS, 2, 1, 0x2020, 1u << 2},
+        {{"1234", "x9"}, VAEL_PM_DIGITLESS, 2, 1, 0, 1u << 2 | 1u << 4},
+        {{"a1B2c3"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, 4, 3, 0x20202020, 1u << 6},
+        // 10^8 spellings of the first 8 bytes: no confirmation, and too
+        // many of the first 7 for a stride.
+        {{"12345678"}, VAEL_PM_DIGITLESS, 4, 1, 0, 0},
     };
     for (const Row &row : rows) {
         vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
@@ -78,13 +85,16 @@ TEST(ThinNfaPrefilter, WindowAndFoldFollowTheSetsShape) {
         const vael_thin_nfa_prefilter_tables *pf = nfa.get()->prefilter;
         ASSERT_NE(pf, nullptr);
         EXPECT_EQ(pf->window, row.window) << row.patterns[0];
+        EXPECT_EQ(pf->stride, row.stride) << row.patterns[0];
         EXPECT_EQ(pf->fold, row.fold) << row.patterns[0];
+        EXPECT_EQ(pf->confirm ? pf->confirm_lengths : 0u, row.confirm_lengths) << row.patterns[0];
     }
 }
 
 // Over random sets and texts: every position where brute force finds a
-// pattern's start passes the one-position test, and from every position both
-// searches stop at the first position that passes it.
+// pattern's start passes the one-position test and the confirmation, and
+// from every position both searches stop no later than the first such start
+// and only where both pass.
 TEST(ThinNfaPrefilter, NoPatternStartIsPassedOver) {
     std::mt19937 rng(4711);
     const std::string alphabet = "abcAB01";
@@ -98,34 +108,43 @@ TEST(ThinNfaPrefilter, NoPatternStartIsPassedOver) {
     for (int round = 0; round < 200; round++) {
         const uint32_t flags = folds[round % 4];
         ScopedGlobal tiers(vael_thin_nfa_full_tiers_num, round % 3 + 1);
-        const size_t min_len = 1 + rng() % 5;
+        const size_t min_len = 1 + rng() % 8;
         std::vector<std::string> texts;
         for (int n = 1 + rng() % 30; n > 0; n--)
-            texts.push_back(word(min_len, 8));
+            texts.push_back(word(min_len, 12));
         const std::vector<Pattern> patterns = numbered(texts);
         vael_test::ThinNfa nfa(patterns, flags);
         ASSERT_NE(nfa.get(), nullptr);
         const vael_thin_nfa_prefilter_tables *pf = nfa.get()->prefilter;
         ASSERT_NE(pf, nullptr);
-        const std::string text = word(4, 120);
+        // Half the texts made of the patterns themselves, so starts abound.
+        std::string text = word(4, 200);
+        if (round % 2)
+            for (size_t i = 0; i < texts.size() && text.size() < 300; i++)
+                text.insert(rng() % text.size(), texts[i]);
         const auto *data = reinterpret_cast<const unsigned char *>(text.data());
+        const auto *end = data + text.size();
         const size_t positions = text.size() - 3;
-        std::vector<bool> candidate(positions);
+        std::vector<bool> candidate(positions), start(positions);
         for (size_t i = 0; i < positions; i++)
-            candidate[i] = vael_thin_nfa_prefilter_test(pf, data + i);
+            candidate[i] =
+                vael_thin_nfa_prefilter_test(pf, data + i) && vael_thin_nfa_prefilter_confirm(pf, data + i, end);
         for (const Hit &h : vael_test::brute_force_all(patterns, text, flags)) {
-            size_t start = h.offset + 1 - h.hint;
-            if (start < positions) {
-                EXPECT_TRUE(candidate[start]) << "round " << round << ": id " << h.id << " at " << start;
+            size_t at = h.offset + 1 - h.hint;
+            if (at < positions) {
+                start[at] = true;
+                EXPECT_TRUE(candidate[at]) << "round " << round << ": id " << h.id << " at " << at;
             }
         }
         for (auto find : searches()) {
             for (size_t from = 0; from < positions; from++) {
-                size_t want = from;
-                while (want < positions && !candidate[want])
-                    want++;
-                ASSERT_EQ(find(pf, data + from, data + text.size()) - data, (ptrdiff_t)want)
-                    << "round " << round << ", from " << from;
+                size_t first_start = from;
+                while (first_start < positions && !start[first_start])
+                    first_start++;
+                const size_t got = (size_t)(find(pf, data + from, end) - data);
+                ASSERT_GE(got, from) << "round " << round;
+                ASSERT_LE(got, first_start) << "round " << round << ", from " << from << ", stride " << pf->stride;
+                ASSERT_TRUE(got == positions || candidate[got]) << "round " << round << ", from " << from;
             }
             // Fewer than four bytes left: the automaton reads them.
             for (size_t from = positions; from <= text.size(); from++)
@@ -146,6 +165,11 @@ TEST(ThinNfaPrefilter, BareBnfaGivesTheCompiledTables) {
         ASSERT_EQ(vael_thin_nfa_prefilter_build(copy), 0);
         const vael_thin_nfa_prefilter_tables *a = nfa.get()->prefilter, *b = copy->prefilter;
         EXPECT_EQ(a->window, b->window);
+        EXPECT_EQ(a->stride, b->stride);
+        EXPECT_EQ(a->confirm_lengths, b->confirm_lengths);
+        ASSERT_EQ(a->confirm_words, b->confirm_words);
+        ASSERT_NE(a->confirm, nullptr);
+        EXPECT_EQ(std::memcmp(a->confirm, b->confirm, sizeof(uint32_t) * a->confirm_words), 0) << "flags " << flags;
         EXPECT_EQ(a->fold, b->fold);
         EXPECT_EQ(a->hash_shift, b->hash_shift);
         ASSERT_EQ(a->table_words, b->table_words);
@@ -182,11 +206,11 @@ TEST(ThinNfaPrefilter, EveryAllocationFailureLeavesTheHandleAsItWas) {
     auto unchanged = [&] { return copy->prefilter == nullptr; };
     vael_test::FailmemWalk sites = vael_test::failmem_walk(attempt, unchanged);
     EXPECT_TRUE(sites.succeeded);
-    EXPECT_EQ(sites.rounds, 5); // depths, queue, record, table, success
+    EXPECT_EQ(sites.rounds, 6); // depths, queue, record, table, confirmation, success
     vael_thin_nfa_prefilter_free(copy);
     vael_test::FailmemWalk each = vael_test::failmem_walk_each_allocation(attempt, unchanged);
     EXPECT_TRUE(each.succeeded);
-    EXPECT_EQ(each.rounds, 5);
+    EXPECT_EQ(each.rounds, 6);
     vael_thin_nfa_destroy(copy);
 }
 
@@ -244,6 +268,14 @@ TEST(ThinNfaPrefilter, AdversarialTextsAgreeWithBruteForce) {
         {"overlaps", {"abab", "ba", "aab"}, 0, dense},
         {"caseless", {"AcGt", "tACG"}, VAEL_PM_CASELESS, spaced + "ACGT.acgt.tacg"},
         {"digitless", {"a1c2", "9x"}, VAEL_PM_DIGITLESS, spaced + "a5c7.a1c2.3x"},
+        // Strides 2 and 4: starts at every alignment to the tested positions.
+        {"shortest of five", {"acgta", "gtacgtac"}, 0, first_bytes + spaced + spaced},
+        {"shortest of eight", {"acgtacgt", "t....acgt", "xacgxacgxa"}, 0, spaced + first_bytes + spaced},
+        // Text full of a long pattern's first bytes that the confirmation
+        // turns away, with the pattern itself among them.
+        {"shared prefixes", {"Host: abc", "Host: abd1"}, 0,
+         std::string("Host: www.Host: ab.Host: abc.Host: Host: abd1Host: abcHost: ab")},
+        {"caseless stride", {"AcGtAc", "TACGTACG"}, VAEL_PM_CASELESS, spaced + "ACGTAC.acgtac.tacgtacg"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
