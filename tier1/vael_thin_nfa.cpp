@@ -19,16 +19,6 @@ constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 
 }  // namespace
 
-// The state of one vael_thin_nfa_exec call.
-struct vael_thin_nfa_run_state {
-    const vael_thin_nfa *nfa;
-    const uint32_t *state; // current state, a pointer into the BNFA
-    lst_list **matches;
-    const vael_pm_mask *mask;
-    uint32_t piece_offset; // stream offset of the first byte of the piece being scanned
-    vael_thin_nfa_prefilter_find_fn find; // candidate search while at the root; null: none
-};
-
 // ---------------------------------------------------------------- handle
 
 extern "C" int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags,

@@ -98,7 +98,19 @@ void vael_thin_nfa_stats_free(vael_thin_nfa *nfa);
 /* The run, exported for the frame and for other engines: one scan state per
  * vael_thin_nfa_exec call, the scan of one piece (plain, translated, or by
  * choice), and the reporting of a finite state's patterns. 0 or -1. */
-typedef struct vael_thin_nfa_run_state vael_thin_nfa_run_state;
+/* The candidate search: a position q in [p, end - 3] such that no pattern starts in [p, q): end - 3
+ * when none is found, else one whose own window and confirmation pass; p
+ * itself when fewer than 4 bytes are left. */
+typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const struct vael_thin_nfa_prefilter_tables *pf,
+                                                                 const unsigned char *p, const unsigned char *end);
+typedef struct vael_thin_nfa_run_state {
+    const vael_thin_nfa *nfa;
+    const uint32_t *state;  /* current state, a pointer into the BNFA */
+    lst_list **matches;
+    const vael_pm_mask *mask;
+    uint32_t piece_offset;  /* stream offset of the first byte of the piece being scanned */
+    vael_thin_nfa_prefilter_find_fn find; /* candidate search while at the root; null: none */
+} vael_thin_nfa_run_state;
 int vael_thin_nfa_exec_one_buf(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,
                                uint32_t flags);
 int vael_thin_nfa_exec_one_buf_xlate(vael_thin_nfa_run_state *run, const unsigned char *data, uint32_t length,

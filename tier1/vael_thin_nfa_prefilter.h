@@ -65,11 +65,8 @@ typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t *confirm;
 } vael_thin_nfa_prefilter_tables;
 
-/* A position q in [p, end - 3] such that no pattern starts in [p, q): end - 3
- * when none is found, else one whose own window and confirmation pass; p
- * itself when fewer than 4 bytes are left. */
-typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const vael_thin_nfa_prefilter_tables *pf,
-                                                                 const unsigned char *p, const unsigned char *end);
+/* The search, vael_thin_nfa_prefilter_find_fn, is declared beside the run
+ * state that holds it (vael_thin_nfa_internal.h). */
 
 /* Derives the filter of a handle whose BNFA, flags and xlation_tab are
  * complete, and hangs it on the handle (replacing one already there). 0 or

@@ -228,17 +228,7 @@ TEST(ConformanceExports, RunFunctionsOfTheThinNfaLeaveTheSharedLibrary) {
 
 // The exported scan entries agree with the run they serve: one piece, with
 // and without a translation table, from a run state as the run makes it
-// (its fields in the engine's order: handle, current state, queue, mask,
-// stream offset of the piece, candidate search).
-struct RunState {
-    const vael_thin_nfa *nfa;
-    const uint32_t *state;
-    lst_list **matches;
-    const vael_pm_mask *mask;
-    uint32_t piece_offset;
-    const void *find;  // candidate search at the root; null: none
-};
-
+// (without a candidate search).
 TEST(ConformanceExports, OnePieceScansMatchTheRun) {
     for (uint32_t flags : {0u, (uint32_t)VAEL_PM_CASELESS}) {
         vael_test::ThinNfa nfa({{"he", 1}, {"she", 2}}, flags);
@@ -248,8 +238,8 @@ TEST(ConformanceExports, OnePieceScansMatchTheRun) {
         ASSERT_EQ(nfa.exec(text, &want), 0);
         for (int entry = 0; entry < 2; entry++) {
             lst_list *queue = nullptr;
-            RunState run = {nfa.get(), nfa.get()->bnfa, &queue, nullptr, 0, nullptr};
-            auto *r = reinterpret_cast<vael_thin_nfa_run_state *>(&run);
+            vael_thin_nfa_run_state run = {nfa.get(), nfa.get()->bnfa, &queue, nullptr, 0, nullptr};
+            auto *r = &run;
             const auto *data = reinterpret_cast<const unsigned char *>(text.data());
             bool xlate = nfa.get()->flags & THIN_NFA_FLAG_XLATION;
             int rc = entry == 0 ? vael_thin_nfa_exec_one_buf_ex(r, data, (uint32_t)text.size(), 1, xlate,
