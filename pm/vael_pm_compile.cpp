@@ -181,7 +181,11 @@ extern "C" vael_pm_lss *vael_pm_compile_get_lss_from_pattern(const vael_pm_one_p
     if (!lss) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR",
                  "%s: lss given by user is illegal, cannot compile (user pattern id: %d)\n", pattern->id);
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUserLssIllegal, pattern->id);
+        // A text taken as it stands fails only for want of memory.
+        if (pattern->lss)
+            vael_pm_error_set_details2(err, VAEL_PM_ERROR_INTERNAL, kOutOfMemory, pattern->id);
+        else
+            vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUserLssIllegal, pattern->id);
     }
     return lss;
 }
