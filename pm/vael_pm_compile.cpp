@@ -318,7 +318,7 @@ int compile_tier2(vael_pm_handle *pm, vael_pm_handle *old_pm, uint32_t row_index
     if (!row.compile) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: second tier row %u of pattern %d is not in this build\n",
                  row_index, pattern->id);
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kTier2Absent, pattern->id);
+        vael_pm_error_set_details3(err, VAEL_PM_ERROR_ILLEGAL, kTier2Absent, pattern->id, 0);
         return VAEL_ERROR;
     }
     if (const vael_pm_array_one_handle *old = vael_pm_need_to_compile_tier2(pm, old_pm, row_index, text, pattern)) {
@@ -366,7 +366,7 @@ extern "C" int vael_pm_compile_add_array_handle(vael_pm_handle *pm, vael_pm_hand
     if (need_tier2) {
         uint32_t row;
         if (vael_tier2_set_type(pattern->type, pattern->flags, &row) != 0) {
-            vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kTier2Absent, pattern->id);
+            vael_pm_error_set_details3(err, VAEL_PM_ERROR_ILLEGAL, kTier2Absent, pattern->id, 0);
             return VAEL_ERROR;
         }
         // A plain string that needs a check of its case goes to the second
