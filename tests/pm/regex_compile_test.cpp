@@ -172,4 +172,71 @@ TEST(RegexCompile, FailsCleanlyAtEveryAllocation) {
     vael_pm_patterns_destroy(list);
 }
 
+std::vector<std::pair<int32_t, uint32_t>> run_sorted(vael_pm_handle *pm, const char *text, uint32_t flags) {
+    std::vector<std::pair<int32_t, uint32_t>> got;
+    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text), (uint32_t)strlen(text), nullptr,
+                              nullptr, &got, flags),
+              0);
+    std::sort(got.begin(), got.end());
+    return got;
+}
+
+int other_collect(vael_pm_handle *pm, int32_t id, void *arg, const unsigned char *buf, uint32_t len, uint32_t offset,
+                  vael_vbuf *vbuf, int *keep_going) {
+    return collect(pm, id, arg, buf, len, offset, vbuf, keep_going);
+}
+
+// An update gives what a fresh compile of the new list gives, keeps the old
+// PM's callback, and leaves the old PM working.
+TEST(RegexUpdate, EqualsAFreshCompile) {
+    LogCapture quiet;
+    vael_pm_patterns *old_list = make_list(mixed_set());
+    vael_pm_error err;
+    vael_pm_handle *old_pm = vael_pm_compile(old_list, other_collect, 0, &err, "old");
+    ASSERT_NE(old_pm, nullptr);
+    const struct {
+        const char *name;
+        std::vector<Rec> recs;
+        uint32_t flags;
+    } cases[] = {
+        {"Unchanged", mixed_set(), 0},
+        {"OnePatternChanged", {{'p', "abc[0-9]+de"}, {'p', "GET /[a-z]+\\.php"}, {'p', "x(yz|wv)qq?"}}, 0},
+        {"CompileFlagsChanged", mixed_set(), VAEL_PM_CASELESS},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        vael_pm_patterns *list = make_list(c.recs);
+        vael_pm_handle *fresh = vael_pm_compile(list, collect, c.flags, &err, "fresh");
+        vael_pm_handle *updated = vael_pm_update(old_pm, list, c.flags, &err, "updated");
+        ASSERT_NE(fresh, nullptr);
+        ASSERT_NE(updated, nullptr);
+        EXPECT_EQ(updated->match_cb[0], other_collect);
+        EXPECT_EQ(updated->num_tier2, fresh->num_tier2);
+        EXPECT_EQ(updated->stats.num_tier2_compiled, fresh->stats.num_tier2_compiled);
+        for (uint32_t flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
+            const char *text = "ABC12DE abc12de GET /index.php xwvq xwvqq z abbc Hello world WORLD";
+            EXPECT_EQ(run_sorted(updated, text, flags), run_sorted(fresh, text, flags));
+        }
+        vael_pm_destroy(updated);
+        vael_pm_destroy(fresh);
+        vael_pm_patterns_destroy(list);
+    }
+    EXPECT_EQ(run_sorted(old_pm, kMixedText, 0), kMixedWant);
+    EXPECT_EQ(vael_pm_update(nullptr, old_list, 0, &err, "x"), nullptr);
+    EXPECT_EQ(vael_pm_update(old_pm, nullptr, 0, &err, "x"), nullptr);
+
+    for (int each = 0; each < 2; each++) {
+        SCOPED_TRACE(each ? "each allocation" : "sites");
+        vael_pm_handle *pm = nullptr;
+        auto attempt = [&] { return (pm = vael_pm_update(old_pm, old_list, 0, &err, "walk")) != nullptr; };
+        auto clean = [&] { return !pm; };
+        auto w = each ? vael_test::failmem_walk_each_allocation(attempt, clean) : vael_test::failmem_walk(attempt, clean);
+        EXPECT_TRUE(w.succeeded);
+        EXPECT_EQ(run_sorted(pm, kMixedText, 0), kMixedWant);
+        vael_pm_destroy(pm);
+    }
+    vael_pm_destroy(old_pm);
+    vael_pm_patterns_destroy(old_list);
+}
+
 }  // namespace
