@@ -186,6 +186,45 @@ int other_collect(vael_pm_handle *pm, int32_t id, void *arg, const unsigned char
     return collect(pm, id, arg, buf, len, offset, vbuf, keep_going);
 }
 
+struct Answer {
+    int result;
+    int keep_going;
+    int calls = 0;
+};
+
+int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t, uint32_t, vael_vbuf *,
+           int *keep_going) {
+    auto *a = static_cast<Answer *>(arg);
+    a->calls++;
+    *keep_going = a->keep_going;
+    return a->result;
+}
+
+// A second tier's match ends the run as a first tier's does: the callback's
+// value comes back unchanged, and keep_going 0 ends the run with 0.
+TEST(RegexRun, CallbackEndsTheRunFromTheSecondTier) {
+    const struct {
+        int result, keep_going;
+        int want_rc, want_calls;
+    } rows[] = {{0, 1, 0, 3}, {7, 1, 7, 1}, {-5, 1, -5, 1}, {0, 0, 0, 1}};
+    vael_pm_patterns *list = make_list({{'p', "a[0-9]+b"}});
+    LogCapture quiet;
+    vael_pm_error err;
+    vael_pm_handle *pm = vael_pm_compile(list, answer, 0, &err, "regex run test");
+    ASSERT_NE(pm, nullptr);
+    const char text[] = "a1b a22b a333b";
+    for (const auto &r : rows) {
+        Answer a{r.result, r.keep_going};
+        EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text), sizeof text - 1, nullptr, nullptr,
+                                  &a, VAEL_PM_EXEC_ALL_MATCHES),
+                  r.want_rc);
+        EXPECT_EQ(a.calls, r.want_calls);
+    }
+    EXPECT_EQ(pm->pm_array[0].tier1_matches, 4u);
+    vael_pm_destroy(pm);
+    vael_pm_patterns_destroy(list);
+}
+
 // An update gives what a fresh compile of the new list gives, keeps the old
 // PM's callback, and leaves the old PM working.
 TEST(RegexUpdate, EqualsAFreshCompile) {
