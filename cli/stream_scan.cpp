@@ -6,8 +6,10 @@
 
 namespace vael::cli {
 
-StreamScanner::StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink)
-    : pm_(pm), history_cap_(history), all_matches_(all_matches), sink_(sink) {
+StreamScanner::StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink,
+                             bool match_start)
+    : pm_(pm), history_cap_(history), all_matches_(all_matches), sink_(sink), match_start_(match_start) {
+    if (pm_ != nullptr) vael_pm_set_extended_match_cb(pm_, on_match_ext);
     history_buf_.reset(new (std::nothrow) unsigned char[history_cap_ > 0 ? history_cap_ : 1]);
     // The window never holds more than the history: the block is replaced
     // after every run, never added to.
@@ -38,7 +40,7 @@ StreamScanner::Result StreamScanner::feed(const unsigned char *data, std::size_t
 
 StreamScanner::Result StreamScanner::run(const unsigned char *data, std::uint32_t len) {
     run_base_ = position_ - history_len_;
-    const std::uint32_t exec_flags = all_matches_ ? VAEL_PM_EXEC_ALL_MATCHES : 0;
+    const std::uint32_t exec_flags = VAEL_PM_EXEC_ALL_MATCHES | (match_start_ ? VAEL_PM_EXEC_MATCH_START : 0);
     const int rc = vael_pm_exec_ex(pm_, data, len, history_len_ > 0 ? vbuf_ : nullptr, nullptr, this, exec_flags);
     position_ += len;
     if (stop_) return Result::stopped;
@@ -67,8 +69,14 @@ bool StreamScanner::keep_tail(const unsigned char *data, std::uint32_t len) {
     return true;
 }
 
-int StreamScanner::on_match(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const unsigned char *,
-                            std::uint32_t, std::uint32_t offset, vael_vbuf *, int *keep_going) {
+int StreamScanner::on_match(vael_pm_handle *pm, std::int32_t pattern_id, void *user_arg, const unsigned char *buf,
+                            std::uint32_t len, std::uint32_t offset, vael_vbuf *vbuf, int *keep_going) {
+    return on_match_ext(pm, pattern_id, user_arg, buf, len, offset, vbuf, keep_going, nullptr);
+}
+
+int StreamScanner::on_match_ext(vael_pm_handle *, std::int32_t pattern_id, void *user_arg, const unsigned char *,
+                                std::uint32_t, std::uint32_t offset, vael_vbuf *, int *keep_going,
+                                std::uint32_t *extra) {
     auto &self = *static_cast<StreamScanner *>(user_arg);
     // Ended in the history: the run before delivered it.
     if (offset < self.history_len_) return 0;
@@ -79,7 +87,12 @@ int StreamScanner::on_match(vael_pm_handle *, std::int32_t pattern_id, void *use
             return -1;  // the run fails, as for the library's own memory
         }
     }
-    if (!self.sink_(self.sink_ctx_, pattern_id, self.run_base_ + offset)) {
+    std::uint64_t start = kNoStart;
+    // A start before the run's data (0xfffffffe) cannot come from a match
+    // that the history holds whole; it reads as the run's first byte.
+    if (self.match_start_ && extra != nullptr)
+        start = self.run_base_ + (extra[1] <= offset ? extra[1] : 0);
+    if (!self.sink_(self.sink_ctx_, pattern_id, start, self.run_base_ + offset)) {
         self.stop_ = true;
         *keep_going = 0;
     }

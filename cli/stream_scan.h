@@ -26,9 +26,11 @@
 
 namespace vael::cli {
 
-// Receives one match: the user's pattern id and the stream offset of its
-// last byte. Returns false to end the stream's scan.
-using MatchSink = bool (*)(void *ctx, std::int32_t pattern_id, std::uint64_t end_offset);
+// Receives one match: the user's pattern id, the stream offset of its first
+// byte (kNoStart unless the scanner was asked for starts) and of its last
+// byte. Returns false to end the stream's scan.
+constexpr std::uint64_t kNoStart = UINT64_MAX;
+using MatchSink = bool (*)(void *ctx, std::int32_t pattern_id, std::uint64_t start_offset, std::uint64_t end_offset);
 
 class StreamScanner {
 public:
@@ -39,8 +41,18 @@ public:
     // `history` is the number of bytes before a run that a match ending in
     // the run may reach back into: the longest pattern's length minus one.
     // `all_matches`: every occurrence; else the first of each pattern id in
-    // the stream. The PM's match callback must be StreamScanner::on_match.
-    StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink);
+    // the stream. `match_start`: the sink gets each match's start too.
+    // The PM's match callback must be StreamScanner::on_match; the scanner
+    // sets the extended one itself.
+    //
+    // A second tier searches a run's whole data, history included, and in a
+    // first-only run stops at its first match, which may end in the history
+    // and be dropped there. So every run asks for all matches, and the
+    // scanner keeps the first of each id itself: none is lost for lying
+    // behind one in the history, and none is doubled, since a match is
+    // delivered only by the run in whose new bytes it ends.
+    StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink,
+                  bool match_start = false);
     StreamScanner(const StreamScanner &) = delete;
     StreamScanner &operator=(const StreamScanner &) = delete;
     ~StreamScanner();
@@ -66,6 +78,9 @@ public:
     // The PM's match callback; user_arg is the scanner.
     static int on_match(vael_pm_handle *pm, std::int32_t pattern_id, void *user_arg, const unsigned char *buf,
                         std::uint32_t len, std::uint32_t offset, vael_vbuf *vbuf, int *keep_going);
+    static int on_match_ext(vael_pm_handle *pm, std::int32_t pattern_id, void *user_arg, const unsigned char *buf,
+                            std::uint32_t len, std::uint32_t offset, vael_vbuf *vbuf, int *keep_going,
+                            std::uint32_t *extra);
 
 private:
     Result run(const unsigned char *data, std::uint32_t len);
@@ -75,6 +90,7 @@ private:
     const std::uint32_t history_cap_;
     const bool all_matches_;
     MatchSink sink_;
+    const bool match_start_;
     void *sink_ctx_ = nullptr;
 
     std::unique_ptr<unsigned char[]> history_buf_;

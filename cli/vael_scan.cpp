@@ -63,6 +63,7 @@ struct Options {
     std::string pattern_file;
     std::vector<std::string> inputs;  // "-" is standard input
     bool all_matches = false;
+    bool match_start = false;  // --start: FILE:START-END:ID
     bool count_only = false;
     bool list_files = false;  // -l: names of files with a match
     bool quiet = false;
@@ -156,6 +157,11 @@ constexpr OptionRow kOptions[] = {
     {'\0', "all", "", "report every occurrence, not only the first of each pattern",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.all_matches = true;
+         return std::nullopt;
+     }},
+    {'\0', "start", "", "print each match's start offset too, as START-END",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.match_start = true;
          return std::nullopt;
      }},
     {'c', "count", "", "print the number of matches of each file instead of the matches",
@@ -335,7 +341,8 @@ void print_help(std::FILE *out) {
                  "(with -r and no FILE, the current directory).\n"
                  "Prints one line per match, FILE:END_OFFSET:ID, where END_OFFSET is the\n"
                  "offset of the match's last byte and ID the pattern's id; FILE is left\n"
-                 "out when there is one input (see -H).\n"
+                 "out when there is one input (see -H). With --start the line is\n"
+                 "FILE:START-END:ID, START being the offset of the match's first byte.\n"
                  "\n"
                  "Options:\n",
                  kProgram);
@@ -633,7 +640,7 @@ struct FileScan {
     std::uint64_t matches = 0;
 };
 
-bool on_stream_match(void *ctx, std::int32_t pattern_id, std::uint64_t offset) {
+bool on_stream_match(void *ctx, std::int32_t pattern_id, std::uint64_t start, std::uint64_t offset) {
     auto &scan = *static_cast<FileScan *>(ctx);
     ++scan.matches;
     const Options &options = scan.options;
@@ -644,6 +651,7 @@ bool on_stream_match(void *ctx, std::int32_t pattern_id, std::uint64_t offset) {
     }
     if (options.count_only) return true;
     if (scan.show_name) std::printf("%s:", scan.name.c_str());
+    if (start != vael::cli::kNoStart) std::printf("%" PRIu64 "-", start);
     std::printf("%" PRIu64 ":%" PRId32 "\n", offset, pattern_id);
     return true;
 }
@@ -680,7 +688,7 @@ public:
     Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names)
         : options_(options),
           show_names_(show_names),
-          stream_(pm, history, options.all_matches, on_stream_match),
+          stream_(pm, history, options.all_matches, on_stream_match, options.match_start),
           progress_(options.progress) {}
 
     bool any_match() const { return any_match_; }

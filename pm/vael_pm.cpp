@@ -25,15 +25,6 @@ int vael_pm_stats_take_exec_time = 0;
 int vael_pm_default_back_offset_to_search_match_start = 200;
 int vael_pm_tier1_use_thin_nfa = 1;
 
-// Texts handed to the caller in vael_pm_error.
-static const char kLssTooShort[] = "The pattern's LSS is too short";
-static const char kNeedsWordMatcher[] = "Words need the word matcher, which is not in this build";
-static const char kNeedsTier2[] =
-    "The pattern needs a second tier (regular expression, keyword rule or whole-word match), which is not in this "
-    "build";
-static const char kNeedsCaseCheck[] =
-    "A case-sensitive pattern among caseless ones needs a second tier to check its case, which is not in this build";
-
 // ---------------------------------------------------------------- PM list
 
 namespace {
@@ -109,6 +100,12 @@ void vael_pm_remove_from_pm_list(vael_pm_handle *pm) {
 }
 }  // namespace
 
+extern "C" void vael_pm_insert_to_pm_list_locked(vael_pm_handle *pm) {
+    pm_list_lock();
+    vael_pm_insert_to_pm_list(pm);
+    pm_list_unlock();
+}
+
 // ---------------------------------------------------------------- start and stop
 
 extern "C" int vael_tier1_init(void) {
@@ -147,6 +144,7 @@ constexpr InitStep kInitSteps[] = {
     {vael_tier2_init, vael_tier2_fini},
     {vael_pm_list_lock_init, vael_pm_list_lock_destroy},
     {matches_pool_init, matches_pool_fini},
+    {vael_pm_fbuf_pool_init, vael_pm_fbuf_pool_fini},
 };
 constexpr int kNumInitSteps = sizeof kInitSteps / sizeof kInitSteps[0];
 }  // namespace
@@ -456,7 +454,10 @@ int vael_pm_array_init(vael_pm_handle *pm, uint32_t n) {
     return 0;
 }
 
-vael_pm_handle *vael_pm_create_handle(uint32_t n, vael_pm_match_cb match_cb, uint32_t flags, const char *caller) {
+}  // namespace
+
+extern "C" vael_pm_handle *vael_pm_create_handle(uint32_t n, vael_pm_match_cb match_cb, uint32_t flags,
+                                                const char *caller) {
     auto *pm = static_cast<vael_pm_handle *>(VAEL_PM_KMALLOC(sizeof(vael_pm_handle)));
     if (!pm) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR",
@@ -479,6 +480,8 @@ vael_pm_handle *vael_pm_create_handle(uint32_t n, vael_pm_match_cb match_cb, uin
     }
     return pm;
 }
+
+namespace {
 
 bool magic_ok(const vael_pm_handle *pm) { return pm->magic == VAEL_PM_MAGIC_ALIVE; }
 
@@ -606,64 +609,6 @@ intptr_t vael_pm_patterns_count_words(vael_pm_patterns *patterns, bool *any_case
     return w;
 }
 
-int vael_pm_compile_refuse(const vael_pm_one_pattern *p, const char *why, vael_pm_error *err) {
-    vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, why, p->id);
-    VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d: %s\n", p->id, why);
-    return -1;
-}
-
-// Puts one plain-string record into the LSS list and fills its PM entry.
-// A record that needs an engine this build lacks is refused at the step of
-// the record's road where that engine would be called: pre-processing of a
-// bounded pattern, the word list, the LSS finder for a pattern without an
-// LSS, then, after the LSS length check, the second tier. A caseless string
-// engine matches a case-sensitive string too often: only a second tier could
-// check its case, so such a string is refused there too. The records are
-// walked in list order, so the first record that fails, at its first failing
-// step, is the one in err.
-int vael_pm_compile_one_string(vael_pm_handle *pm, const vael_pm_one_pattern *p, uint32_t internal_id,
-                               vael_pmglob_patterns *lss_list, uint32_t flags, bool any_caseless,
-                               vael_pm_error *err) {
-    if (p->flags & VAEL_PM_BOUND)
-        return vael_pm_compile_refuse(p, kNeedsTier2, err);
-    if (p->type == VAEL_PM_TYPE_WORD)
-        return vael_pm_compile_refuse(p, kNeedsWordMatcher, err);
-    const vael_pmglob_string *lss = p->lss;
-    if (!lss)
-        return vael_pm_compile_refuse(p, kNeedsTier2, err);
-    if (!(p->flags & VAEL_PM_SHORT_LSS) && (int32_t)lss->size < vael_pm_min_lss_size) {
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kLssTooShort, p->id);
-        VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: lss of pattern ID %d is shorter than the miminum length (%d)\n",
-                 p->id, vael_pm_min_lss_size);
-        return -1;
-    }
-    if (p->type != VAEL_PM_TYPE_PATTERN || p->re)
-        return vael_pm_compile_refuse(p, kNeedsTier2, err);
-    if (any_caseless && !((p->flags | flags) & VAEL_PM_CASELESS))
-        return vael_pm_compile_refuse(p, kNeedsCaseCheck, err);
-    // Out of memory here leaves only the pattern's id in err.
-    vael_pmglob_string *s = vael_pmglob_string_create(lss->pattern, lss->size, (int32_t)internal_id, lss->flags | p->flags);
-    if (!s || !lst_insert(lss_list, reinterpret_cast<uintptr_t>(s))) {
-        vael_pmglob_string_destroy(s);
-        vael_pm_error_set_pattern_id(err, p->id);
-        return -1;
-    }
-    vael_pm_array_one_handle &e = pm->pm_array[internal_id];
-    e.tier1_matches = 0;
-    e.matches = 0;
-    e.type = p->type;
-    e.id = p->id;
-    e.match_len = p->match_len;
-    e.flags = p->flags;
-    e.tier2_type = VAEL_PM_TIER2_NONE;
-    e.tier2_h = nullptr;
-    if (vael_pmglob_string_save(s, &e.lss_str, &e.lss_size) != 0) {
-        vael_pm_error_set_pattern_id(err, p->id);
-        return -1;
-    }
-    return 0;
-}
-
 }  // namespace
 
 extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_patterns *patterns,
@@ -711,11 +656,11 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
     for (lst_cursor c = ok ? lst_iterate(patterns, nullptr, &value) : nullptr; c;
          c = lst_iterate(patterns, c, &value)) {
         auto *p = reinterpret_cast<vael_pm_one_pattern *>(value);
-        if (vael_pm_compile_one_string(pm, p, internal_id, lss_list, flags, any_caseless, err) != 0) {
+        if (vael_pm_compile_one_pattern(pm, old_pm, p, &internal_id, word_list, lss_list, flags, any_caseless,
+                                        err) != 0) {
             ok = false;
             break;
         }
-        internal_id++;
     }
 
     // Word list first, then the LSS list: the first engine compiled takes
@@ -735,6 +680,9 @@ extern "C" vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_pa
 
     if (ok && vael_pm_validate(pm) != 0)
         ok = false;
+    if (ok && old_pm)
+        VAEL_LOG(VAEL_DBG_NOTICE, "K_PM", "%s: recompiled %u out of %u patterns\n", pm->stats.num_tier2_compiled,
+                 (unsigned)n);
     if (!ok) {
         vael_pm_destroy(pm);
         return nullptr;
@@ -812,31 +760,6 @@ int vael_pm_exec_tier1_cb(vael_pm_exec_cb_ctx *ctx, uint32_t offset, uint32_t *e
                                       &ctx->keep_going, extra, "first");
 }
 
-// Delivers the queued first-tier hits in arrival order. A pattern without a
-// second tier is final at its first-tier hit.
-int vael_pm_exec_drain_tier1(vael_pm_handle *pm, lst_list *queue, vael_pm_exec_cb_ctx *ctx, uint32_t exec_flags) {
-    while (vael_queue_size(queue) >= 1) {
-        auto *hit = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-        if (!hit)
-            return VAEL_ERROR;
-        int32_t id;
-        uint32_t offset, hint, extra[2];
-        vael_pmglob_match_data_get(hit, &id, &offset, &hint, extra);
-        vael_pmglob_match_data_free(hit);
-        vael_pm_array_one_handle &entry = pm->pm_array[id];
-        vael_counter_add(entry.tier1_matches, 1u);
-        vael_counter_add(entry.matches, 1u);
-        if (exec_flags & VAEL_PM_EXEC_MATCH_START)
-            extra[1] = offset + 1 >= hint ? offset - hint + 1 : (uint32_t)-2;
-        ctx->keep_going = 1;
-        int result = vael_pm_exec_call_on_match(pm, entry.id, ctx->user_arg, ctx->buf, ctx->len, offset, ctx->vbuf,
-                                                &ctx->keep_going, extra, "first");
-        if (result != 0 || !ctx->keep_going)
-            return result;
-    }
-    return VAEL_OK;
-}
-
 }  // namespace
 
 extern "C" int vael_pm_exec_ex2(vael_pm_handle *pm, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf,
@@ -872,7 +795,9 @@ extern "C" int vael_pm_exec_ex2(vael_pm_handle *pm, const unsigned char *buf, ui
         }
     }
 
-    result = vael_pm_exec_drain_tier1(pm, queue, &ctx, exec_flags);
+    vael_pm_exec_flat flat = {nullptr, 0, 0};
+    result = vael_pm_exec_drain_tier1(pm, queue, buf, len, vbuf, user_arg, exec_flags, back_offset, &flat);
+    vael_pm_exec_flat_release(&flat);
     vael_queue_cleanup(queue);
     return result;
 }

@@ -221,6 +221,56 @@ int vael_pm_exec_call_on_match(vael_pm_handle *pm, int32_t pattern_id, void *use
                                uint32_t len, uint32_t offset, vael_vbuf *vbuf, int *keep_going, uint32_t *extra,
                                const char *tier);
 
+/* The id of every hit a second tier reports: the frame knows the pattern. */
+#define VAEL_PM_REM_DEFAULT_ID (-1)
+
+/* The compile of one user record: pre-processing, LSS, first-tier strings,
+ * second tier and PM entry; *internal_id grows by one for a non-word. The
+ * error carries the user's id. 0 or -1. */
+int vael_pm_compile_one_pattern(vael_pm_handle *pm, vael_pm_handle *old_pm, vael_pm_one_pattern *record,
+                                uint32_t *internal_id, vael_pmglob_patterns *word_list,
+                                vael_pmglob_patterns *lss_list, uint32_t flags, int any_caseless,
+                                vael_pm_error *err);
+int vael_pm_create_bounded_patt(vael_pm_one_pattern *pattern);
+extern char vael_pm_bounded_string_patt[4][16];
+extern const uint32_t vael_pm_bounded_string_patt_num_of_percent_s[4];
+
+/* The flat copy of vbuf then buf that a run makes at most once, at the
+ * first hit whose second tier cannot walk a virtual buffer. */
+typedef struct vael_pm_exec_flat {
+    unsigned char *buf; /* null until made */
+    uint32_t size;      /* bytes of the block */
+    int allocated;      /* 1: a plain allocation, 0: from the flat buffer pool */
+} vael_pm_exec_flat;
+
+/* Delivers the queued first-tier hits in arrival order, handing each hit of
+ * a pattern with a second tier over to it. The run's result. */
+int vael_pm_exec_drain_tier1(vael_pm_handle *pm, lst_list *queue, const unsigned char *buf, uint32_t len,
+                             vael_vbuf *vbuf, void *user_arg, uint32_t exec_flags, uint32_t back_offset,
+                             vael_pm_exec_flat *flat);
+void vael_pm_exec_flat_release(vael_pm_exec_flat *flat);
+
+/* The flat buffer pool. In this build it keeps no buffers: a get allocates
+ * buf_size bytes and a free frees them. */
+typedef struct vael_pmglob_ctx_reentrant {
+    uint32_t buf_size;
+    uint32_t max_reentrance;
+    uint32_t kind[2]; /* 5, 0 */
+    uint32_t reserved;
+} vael_pmglob_ctx_reentrant;
+extern vael_pmglob_ctx_reentrant vael_pm_fbuf_pool;
+extern int pm_fbuf_size;          /* default 65496 */
+extern int vael_pm_max_reentrance; /* default 2; stored, not enforced here */
+int vael_pm_fbuf_pool_init(void);
+void vael_pm_fbuf_pool_fini(void);
+void *vael_pmglob_ctx_reentrant_get(vael_pmglob_ctx_reentrant *pool);
+void vael_pmglob_ctx_reentrant_free(vael_pmglob_ctx_reentrant *pool, void *buf);
+void vael_pmglob_ctx_reentrant_destroy(vael_pmglob_ctx_reentrant *pool);
+
+/* Handle life shared by compile, update and duplicate. */
+vael_pm_handle *vael_pm_create_handle(uint32_t n, vael_pm_match_cb match_cb, uint32_t flags, const char *caller);
+void vael_pm_insert_to_pm_list_locked(vael_pm_handle *pm);
+
 /* Engines' init functions fill one row each. */
 int vael_thin_nfa_init(vael_pm_tier1_funcs *row);
 void vael_thin_nfa_fini(void);

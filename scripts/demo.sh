@@ -43,6 +43,12 @@ run "$scan" --count -p samples/patterns.txt "${traffic[@]}"
 run "$scan" --count --all -p samples/patterns.txt "${traffic[@]}"
 
 echo
+echo "==> the regular expressions alone (ids 10001 and up), each line FILE:START-END:ID;"
+echo "    every block size gives the same matches, in an order that may differ"
+run bash -c "\"$scan\" --start -p samples/patterns.txt ${traffic[*]} | grep ':1000[0-9]\$'"
+run bash -c "\"$scan\" --start --block-size 7 -p samples/patterns.txt ${traffic[*]} | grep ':1000[0-9]\$'"
+
+echo
 echo "==> the files below samples/ that hold a match, found by walking the directory"
 run "$scan" -rl -p samples/patterns.txt samples
 

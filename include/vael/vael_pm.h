@@ -139,6 +139,11 @@ vael_pm_handle *vael_pm_compile_with_wm(vael_pm_patterns *patterns, vael_pm_matc
                                         vael_pm_error *err, const char *caller);
 vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_patterns *patterns, vael_pm_match_cb match_cb,
                                    uint32_t flags, vael_pm_error *err, const char *caller);
+/* A new PM from a new list, taking over the old PM's second tiers where the
+ * pattern, its flags and the compile flags are unchanged and the engine
+ * allows it; the callbacks are the old PM's. The old PM stays alive. */
+vael_pm_handle *vael_pm_update(vael_pm_handle *old_pm, vael_pm_patterns *patterns, uint32_t flags,
+                               vael_pm_error *err, const char *caller);
 /* Drops one reference; destroys the PM at the last. Null is allowed. */
 void vael_pm_destroy(vael_pm_handle *pm);
 

@@ -152,14 +152,14 @@ TEST(ConformanceError, TheFirstFailingRecordInListOrderIsBlamed) {
         {"ShortLssBeforeWord", {{Record::kSimple, "ab", 1}, {Record::kWord, "word", 2}}, 1, true},
         {"ShortLssBeforeRegex", {{Record::kSimple, "ab", 1}, {Record::kRe, "abc[0-9]", 2}}, 1, true},
         {"RegexBeforeWord", {{Record::kSimple, "abcd", 1}, {Record::kRe, "x+y", 2}, {Record::kWord, "w", 3}}, 2,
-         false},
+         true},
         {"WordBeforeShortLss", {{Record::kWord, "word", 1}, {Record::kSimple, "ab", 2}}, 1, false},
         // The LSS length is checked before a second tier is asked for.
         {"ShortLssOfARegex", {{Record::kReWithLss, "ab[0-9]", 4, 0, "ab"}}, 4, true},
-        {"CaseCheckAfterShortLss",
-         {{Record::kSimple, "ab", 5}, {Record::kSimple, "abcd", 6, VAEL_PM_CASELESS}}, 5, true},
-        {"CaseCheckOfTheFirst", {{Record::kSimple, "abcd", 5}, {Record::kSimple, "ab", 6, VAEL_PM_CASELESS}}, 5,
-         false},
+        // A case-sensitive string among caseless ones goes to a second tier:
+        // the caseless string after it is the one refused.
+        {"CaseCheckedStringBeforeShortLss",
+         {{Record::kSimple, "abcd", 5}, {Record::kSimple, "ab", 6, VAEL_PM_CASELESS}}, 6, true},
     };
     ScopedGlobal min_lss(vael_pm_min_lss_size, 3);
     for (const auto &c : cases) {

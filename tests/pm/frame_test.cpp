@@ -91,10 +91,9 @@ bool in_pm_list(const vael_pm_handle *pm) {
 // ------------------------------------------------------------------ compile errors
 
 TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
-    const char *kTier2 = "The pattern needs a second tier (regular expression, keyword rule or whole-word match), "
-                         "which is not in this build";
-    const char *kCase = "A case-sensitive pattern among caseless ones needs a second tier to check its case, which is "
-                        "not in this build";
+    const char *kTier2 = "The pattern's second tier engine is not in this build";
+    const char *kBound = "Error while trying to process a bounded pattern.";
+    const char *kNoLss = "Error while trying to find LSS for pattern. Verify that pattern contains LSS";
     const char *kWord = "Words need the word matcher, which is not in this build";
     // Each record: (kind, text). Kinds: s simple, S simple caseless, p pattern, w word, k keyword rule.
     const struct {
@@ -109,14 +108,19 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"LssTooShort", {{'s', "abc"}, {'s', "ab"}, {'s', "xy"}}, 0, 3, 2, "The pattern's LSS is too short"},
         {"ShortLssFlag", {{'s', "abc"}, {'s', "{shortlss}:ab"}}, 0, 3, 0, nullptr},
         {"Word", {{'s', "abc"}, {'w', "word"}}, 0, 1, 2, kWord},
-        {"Regex", {{'s', "abc"}, {'p', "a.*b"}}, 0, 1, 2, kTier2},
-        {"RegexWithLss", {{'s', "abc"}, {'p', "{LSS(ab)}:ab+"}}, 0, 1, 2, kTier2},
+        {"Regex", {{'s', "abc"}, {'p', "a.*b"}}, 0, 1, 0, nullptr},
+        {"RegexWithLss", {{'s', "abc"}, {'p', "{LSS(ab)}:ab+"}}, 0, 1, 0, nullptr},
+        {"RegexBound", {{'p', "{bound}:ab+c"}}, 0, 1, 0, nullptr},
+        {"RegexLssTooShort", {{'p', "ab[0-9]+"}}, 0, 3, 1, "The pattern's LSS is too short"},
+        {"RegexWithoutLss", {{'s', "abc"}, {'p', "[a-z]+"}}, 0, 1, 2, kNoLss},
+        {"RegexBadSyntax", {{'s', "abc"}, {'p', "abc(d"}}, 0, 1, 2, "Missing a closing ')'"},
         {"KwRule", {{'S', "abc"}, {'k', "data:abc;"}}, 0, 1, 2, kTier2},
-        {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, kTier2},
-        // Records are refused in list order, whatever the reason.
-        {"CaseSensitiveStringBeforeAWord", {{'S', "abc"}, {'s', "def"}, {'w', "w"}}, 0, 1, 2, kCase},
-        {"CaseSensitiveAmongCaseless", {{'S', "abc"}, {'s', "def"}}, 0, 1, 2, kCase},
-        {"CaseSensitiveFirst", {{'s', "def"}, {'s', "{caseless}:abc"}}, 0, 1, 1, kCase},
+        {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, kBound},
+        {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w"}}, 0, 1, 3, kWord},
+        // A case-sensitive string among caseless ones is checked by a
+        // second tier.
+        {"CaseSensitiveAmongCaseless", {{'S', "abc"}, {'s', "def"}}, 0, 1, 0, nullptr},
+        {"CaseSensitiveFirst", {{'s', "def"}, {'s', "{caseless}:abc"}}, 0, 1, 0, nullptr},
         {"AllCaseless", {{'S', "abc"}, {'s', "{caseless}:def"}}, 0, 1, 0, nullptr},
         {"CaselessByCompileFlags", {{'S', "abc"}, {'s', "def"}}, VAEL_PM_CASELESS, 1, 0, nullptr},
     };
