@@ -264,7 +264,7 @@ TEST_F(VaelScan, RegexLinesWithStartsInEveryChunkSize) {
     std::uint32_t seed = 99;
     auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
     std::string data;
-    for (int i = 0; i < 3000; ++i) data += "abcxyzq0129 "[next() % 12];
+    for (int i = 0; i < 600; ++i) data += "abcxyzq0129 "[next() % 12];
     data += " ab1c xqyz aqq";
     const auto g = write("g", data);
     auto lines = [](const std::string &out) {
@@ -276,7 +276,7 @@ TEST_F(VaelScan, RegexLinesWithStartsInEveryChunkSize) {
     const auto first = lines(run({"--start", "-p", p, g}).out);
     const auto all = lines(run({"--all", "--start", "-p", p, g}).out);
     EXPECT_EQ(first.size(), 3u);
-    EXPECT_GT(all.size(), 20u);
+    EXPECT_GT(all.size(), 5u);
     for (const char *block : {"1", "3", "7", "100", "4K"}) {
         SCOPED_TRACE(block);
         EXPECT_EQ(lines(run({"--start", "--block-size", block, "-p", p, g}).out), first);
