@@ -33,7 +33,7 @@ struct B {
         return vael_nfa_build_chars(env, reinterpret_cast<const unsigned char *>(s.data()), (uint32_t)s.size());
     }
     // A class from "a-z0-9_" style text (ranges and single bytes).
-    vael_nfa *cls(const std::string &spec, bool negated = false) const {
+    vael_nfa *cls(const std::string &members, bool negated = false) const {
         vael_pmascii_range r{};
         r.first = 255;
         r.last = 0;
@@ -44,13 +44,13 @@ struct B {
             if (c > r.last)
                 r.last = c;
         };
-        for (size_t i = 0; i < spec.size(); i++) {
-            if (i + 2 < spec.size() && spec[i + 1] == '-') {
-                for (int c = (unsigned char)spec[i]; c <= (unsigned char)spec[i + 2]; c++)
+        for (size_t i = 0; i < members.size(); i++) {
+            if (i + 2 < members.size() && members[i + 1] == '-') {
+                for (int c = (unsigned char)members[i]; c <= (unsigned char)members[i + 2]; c++)
                     add((unsigned char)c);
                 i += 2;
             } else {
-                add((unsigned char)spec[i]);
+                add((unsigned char)members[i]);
             }
         }
         r.negated = negated ? 1 : 0;

@@ -626,7 +626,7 @@ struct SubsetRun {
     vael_dfa *dfa = nullptr;
     uint32_t local_id = 0;
     lst_list *free_list = nullptr;
-    vael_states_list *todo = nullptr;
+    vael_states_list *pending = nullptr;
     vael_states_list *last_move = nullptr;
     vael_dfa_state *last_target = nullptr;
     vael_states_list *prev_move = nullptr;
@@ -636,7 +636,7 @@ struct SubsetRun {
     unsigned failed_line = 0;
 
     ~SubsetRun() {
-        vael_states_list_destroy(todo);
+        vael_states_list_destroy(pending);
         vael_states_list_destroy(last_move);
         vael_states_list_destroy(prev_move);
         vael_states_hash_table_local_nfa_fini(free_list);
@@ -664,7 +664,7 @@ struct SubsetRun {
             return t;
         if (is_final && vael_dfa_state_set_final_ex(t, pattern_id, anchored) < 0)
             return nullptr;
-        return vael_states_list_add(todo, t) == 0 ? t : nullptr;
+        return vael_states_list_add(pending, t) == 0 ? t : nullptr;
     }
 
     bool start() {
@@ -701,11 +701,11 @@ struct SubsetRun {
             return fail(__LINE__);
         vael_dfa_set_initial_state(dfa, init);
         last_target = init;
-        return vael_states_list_add(todo, init) == 0 ? true : fail(__LINE__);
+        return vael_states_list_add(pending, init) == 0 ? true : fail(__LINE__);
     }
 
     bool run() {
-        while (vael_dfa_state *d = vael_states_list_remove(todo)) {
+        while (vael_dfa_state *d = vael_states_list_remove(pending)) {
             for (uint32_t c = 0; c < 256; c++) {
                 vael_states_list *m = move(d, (unsigned char)c);
                 if (!m)
@@ -755,8 +755,8 @@ extern "C" vael_dfa *vael_nfa2dfa(vael_nfa_env *env, int32_t pattern_id, vael_pm
     // Of all the pattern's flags only the caret survives here; the caller
     // adds the rest.
     r.dfa = vael_dfa_create(vael_dfa_get_flags(env->dfa) & VAEL_DFA_CARET, error);
-    r.todo = vael_states_list_create();
-    bool ok = r.dfa && r.todo ? r.start() && r.run() : r.fail(__LINE__);
+    r.pending = vael_states_list_create();
+    bool ok = r.dfa && r.pending ? r.start() && r.run() : r.fail(__LINE__);
     if (!ok) {
         VAEL_LOG(VAEL_DBG_ERR, kTopics, "%s: failed in file %s on line %u\n", __FILE__, r.failed_line);
         vael_dfa_destroy(r.dfa);
