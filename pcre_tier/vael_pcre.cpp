@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "runtime/vael_alloc.h"
+#include "runtime/vael_image_io.h"
 #include "runtime/vael_runtime.h"
 
 int vael_pm_pcre_match_limit = 0;
@@ -161,72 +162,6 @@ void log_compile_failure(const char *name, int offset, const char *message, cons
     vael_us_adaptor_kdprintf("%s: pcre compile failed at offset %d with error message: %s. pattern:\n", name,
                              offset, message);
     vael_us_adaptor_kdprintf_no_prefix("%s\n", text);
-}
-
-// ---------------------------------------------------------------- image fields
-
-// The writer of an image: the space was tested once for the whole.
-void put_u32(unsigned char **position, uint32_t *space, uint32_t value) {
-    std::memcpy(*position, &value, 4);
-    *position += 4;
-    *space -= 4;
-}
-
-void put_bytes(unsigned char **position, uint32_t *space, const void *bytes, uint32_t n) {
-    if (n)
-        std::memcpy(*position, bytes, n);
-    *position += n;
-    *space -= n;
-}
-
-// The reader of an image, one field at a time: a field longer than the space
-// left makes the space 0 and is not read, which the next magic catches. With
-// a vbuf the fields come from it through its iterator.
-struct ImageReader {
-    const unsigned char **position;
-    uint32_t *space;
-    vael_vbuf *vbuf;
-    vael_vbuf_iter *iter;
-
-    // True when the field was read.
-    bool bytes(void *dest, uint32_t n) {
-        if (n == 0)
-            return true;
-        if (*space < n) {
-            *space = 0;
-            return false;
-        }
-        if (!vbuf) {
-            std::memcpy(dest, *position, n);
-            *position += n;
-            *space -= n;
-            return true;
-        }
-        int error = 0;
-        iter = vael_vbuf_get_next_data2(vbuf, iter, dest, n, &error);
-        if (!iter && error) {
-            *space = 0;
-            return false;
-        }
-        *space -= n;
-        return true;
-    }
-    bool u32(uint32_t *value) {
-        *value = 0;
-        return bytes(value, 4);
-    }
-};
-
-// The common statistics in an image: the two compile words.
-constexpr uint32_t kStatsImageSize = 8;
-
-void stats_serialize(const vael_pm_stats_common *stats, unsigned char **position, uint32_t *space) {
-    put_u32(position, space, stats->memory);
-    put_u32(position, space, stats->compile_time);
-}
-
-bool stats_deserialize(vael_pm_stats_common *stats, ImageReader &in) {
-    return in.u32(&stats->memory) && in.u32(&stats->compile_time);
 }
 
 // ---------------------------------------------------------------- handle
@@ -794,7 +729,7 @@ extern "C" uint32_t vael_pcre_get_serialized_size(void *handle) {
         VAEL_LOG(VAEL_DBG_ERR, kPcreErrTopics, "%s: NULL pcre handle\n");
         return 0;
     }
-    return 20 + (uint32_t)size + study_size_of(h) + kStatsImageSize;
+    return 20 + (uint32_t)size + study_size_of(h) + vael_pm_stats_common_get_serialize_size();
 }
 
 extern "C" int vael_pcre_serialize(void *handle, unsigned char **position, uint32_t *space) {
@@ -816,14 +751,14 @@ extern "C" int vael_pcre_serialize(void *handle, unsigned char **position, uint3
     size_t re_size = 0;
     pcre_fullinfo(h->re, h->extra, PCRE_INFO_SIZE, &re_size);
     const uint32_t study_size = study_size_of(h);
-    put_u32(position, space, (uint32_t)re_size);
-    put_bytes(position, space, h->re, (uint32_t)re_size);
-    put_u32(position, space, study_size);
-    put_u32(position, space, study_size ? PCRE_EXTRA_STUDY_DATA : 0);
-    put_bytes(position, space, study_size ? h->extra->study_data : nullptr, study_size);
-    put_u32(position, space, h->flags);
-    put_u32(position, space, VAEL_PCRE_MAGIC);
-    stats_serialize(&h->stats, position, space);
+    vael::image_put_u32(position, space, (uint32_t)re_size);
+    vael::image_put_bytes(position, space, h->re, (uint32_t)re_size);
+    vael::image_put_u32(position, space, study_size);
+    vael::image_put_u32(position, space, study_size ? PCRE_EXTRA_STUDY_DATA : 0);
+    vael::image_put_bytes(position, space, study_size ? h->extra->study_data : nullptr, study_size);
+    vael::image_put_u32(position, space, h->flags);
+    vael::image_put_u32(position, space, VAEL_PCRE_MAGIC);
+    vael_pm_stats_common_serialize(&h->stats, position, space);
     return VAEL_OK;
 }
 
@@ -833,7 +768,7 @@ extern "C" void *vael_pcre_deserialize(const unsigned char **position, uint32_t 
         VAEL_LOG(VAEL_DBG_ERR, kPcreErrTopics, "%s: invalid parameters\n");
         return nullptr;
     }
-    ImageReader in{position, space, vbuf, iter};
+    vael::ImageReader in{position, space, vbuf, iter};
     auto *h = VAEL_PM_NEW_ZEROED(vael_pcre_handle);
     if (!h) {
         VAEL_LOG(VAEL_DBG_ERR, kPcreErrTopics, "%s: Error in allocating the pcre handle\n");
@@ -886,7 +821,7 @@ extern "C" void *vael_pcre_deserialize(const unsigned char **position, uint32_t 
         VAEL_LOG(VAEL_DBG_ERR, kPcreErrTopics, "%s: Wrong serialization magic (%x) at the buffer\n", magic);
         return fail();
     }
-    if (!stats_deserialize(&h->stats, in)) {
+    if (vael_pm_stats_common_deserialize(&h->stats, in.position, in.space, in.vbuf, in.iter) != 0) {
         VAEL_LOG(VAEL_DBG_ERR, kPcreErrTopics, "%s: Error in deserializing stats\n");
         return fail();
     }

@@ -4,6 +4,8 @@
 
 #include "pm/vael_pm_stats.h"
 
+#include "runtime/vael_image_io.h"
+
 extern "C" int vael_pm_stats_common_init(vael_pm_stats_common *stats) {
     if (!stats)
         return -1;
@@ -29,4 +31,22 @@ extern "C" void vael_pm_stats_common_update_exec(vael_pm_stats_common *stats, ui
 extern "C" void vael_pm_stats_common_update_exec_time(vael_pm_stats_common *stats, uint32_t total,
                                                       uint32_t cb_time) {}
 
+// The image holds the compile figures only: run figures belong to the
+// process that ran.
 extern "C" uint32_t vael_pm_stats_common_get_serialize_size(void) { return 8; }
+
+extern "C" void vael_pm_stats_common_serialize(const vael_pm_stats_common *stats, unsigned char **position,
+                                               uint32_t *space) {
+    vael::image_put_u32(position, space, stats->memory);
+    vael::image_put_u32(position, space, stats->compile_time);
+}
+
+extern "C" int vael_pm_stats_common_deserialize(vael_pm_stats_common *stats, const unsigned char **position,
+                                                uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter) {
+    vael::ImageReader in{position, space, vbuf, iter};
+    if (*space < 8) {
+        *space = 0;
+        return -1;
+    }
+    return in.u32(&stats->memory) && in.u32(&stats->compile_time) ? 0 : -1;
+}

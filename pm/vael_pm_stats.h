@@ -7,6 +7,8 @@
 
 #include <stdint.h>
 
+#include "vael/vael_vbuf.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -27,6 +29,12 @@ void vael_pm_stats_common_update_compile(vael_pm_stats_common *stats, uint32_t m
 void vael_pm_stats_common_update_exec(vael_pm_stats_common *stats, uint32_t len, uint32_t matches);
 void vael_pm_stats_common_update_exec_time(vael_pm_stats_common *stats, uint32_t total, uint32_t cb_time);
 uint32_t vael_pm_stats_common_get_serialize_size(void);
+/* Writes the 8-byte image; the caller has tested the space for its whole. */
+void vael_pm_stats_common_serialize(const vael_pm_stats_common *stats, unsigned char **position, uint32_t *space);
+/* Reads it back; with fewer than 8 bytes left the space becomes 0 and -1 is
+ * given. */
+int vael_pm_stats_common_deserialize(vael_pm_stats_common *stats, const unsigned char **position, uint32_t *space,
+                                     vael_vbuf *vbuf, vael_vbuf_iter *iter);
 
 #ifdef __cplusplus
 }
