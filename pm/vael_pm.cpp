@@ -11,6 +11,7 @@
 
 #include "analysis/vael_pm_lss_finder.h"
 #include "pcre_tier/vael_pcre.h"
+#include "rem/vael_rem_tier.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_counter.h"
@@ -124,10 +125,23 @@ extern "C" void vael_tier1_fini(void) {
         row = vael_pm_tier1_funcs{};
 }
 
-// Rows in order REM, PCRE, KW, undone in reverse. Of the three only PCRE is
-// in this build; the others stay empty.
-extern "C" int vael_tier2_init(void) { return vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]); }
-extern "C" void vael_tier2_fini(void) { vael_pcre_fini(); }
+// Rows in order REM, PCRE, KW, undone in reverse. The keyword row is not in
+// this build and stays empty.
+extern "C" int vael_tier2_init(void) {
+    if (vael_rem_init(&pm_tier2_funcs[VAEL_PM_TIER2_REM]) != 0)
+        return VAEL_ERROR;
+    if (vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]) != 0) {
+        vael_rem_fini();
+        pm_tier2_funcs[VAEL_PM_TIER2_REM] = vael_pm_tier2_funcs{};
+        return VAEL_ERROR;
+    }
+    return VAEL_OK;
+}
+extern "C" void vael_tier2_fini(void) {
+    vael_pcre_fini();
+    vael_rem_fini();
+    pm_tier2_funcs[VAEL_PM_TIER2_REM] = vael_pm_tier2_funcs{};
+}
 
 namespace {
 struct InitStep {
