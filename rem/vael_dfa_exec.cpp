@@ -64,6 +64,33 @@ void unwind(lst_list *queue, uint32_t count) {
     }
 }
 
+// Whether the queue holds a hit of this pattern (the queue's own test for a
+// duplicate, made before a record is allocated).
+bool is_queued(lst_list *queue, int32_t id) {
+    if (!queue || vael_queue_size(queue) == 0)
+        return false;
+    vael_pmglob_match_data key{};
+    key.id = id;
+    uintptr_t found;
+    return vael_queue_lookup(queue, nullptr, reinterpret_cast<uintptr_t>(&key), &found) != nullptr;
+}
+
+// A final state that every byte leads back to, whose records carry no check
+// of their own: once its records are queued, the rest of the data can only
+// repeat them.
+bool settles(const vael_dfa *dfa, const vael_dfa_state *s) {
+    constexpr uint32_t kChecks = VAEL_PM_LSS_START_ANCHOR | VAEL_PM_LSS_END_ANCHOR | VAEL_PM_BOUND;
+    if ((s->properties & VAEL_DFA_STATE_ANCHORED_FINAL) || (dfa->flags & VAEL_PM_BOUND))
+        return false;
+    for (const vael_dfa_pattern_id *rec = s->patterns; rec; rec = rec->next)
+        if (rec->flags & kChecks)
+            return false;
+    for (unsigned c = 0; c < 256; c++)
+        if (next_state(dfa, s, (unsigned char)c) != s)
+            return false;
+    return true;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- one hit
@@ -92,15 +119,22 @@ extern "C" int vael_dfa_insert_match_data(lst_list **queue, const vael_dfa_state
             offset != end - 1 && next_index < piece_end && is_word_character(buffer[next_index]))
             continue;
         *matched = 1;
+        uint32_t match_flags = 0;
+        if ((exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !(flags & VAEL_PM_NEED_TIER2))
+            match_flags |= VAEL_PMGLOB_MATCH_KEEP_ALL;
+        if (!(match_flags & VAEL_PMGLOB_MATCH_KEEP_ALL) && is_queued(*queue, rec->pattern_id)) {
+            // The queue would drop it: a machine that stays in its absorbing
+            // final state asks at every byte, and pays no allocation for it.
+            if (exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY)
+                return VAEL_OK;
+            continue;
+        }
         vael_pmglob_match_data *d = vael_pmglob_match_data_alloc();
         if (!d) {
             VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: failed to allocate a match record\n");
             unwind(*queue, added);
             return VAEL_ERROR;
         }
-        uint32_t match_flags = 0;
-        if ((exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !(flags & VAEL_PM_NEED_TIER2))
-            match_flags |= VAEL_PMGLOB_MATCH_KEEP_ALL;
         if ((exec_flags & VAEL_PM_EXEC_PRESENT_BUFFER) && offset == index)
             match_flags |= VAEL_PMGLOB_MATCH_PRESENT;
         const uint32_t start_value = (flags & VAEL_PM_LITERAL_LSS) ? rec->len : hint;
@@ -160,6 +194,10 @@ extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned ch
         if (restart && matched) {
             state = dfa->initial_state;
             *hint = offset + 1;
+        } else if (matched && !(exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !mask && settles(dfa, state)) {
+            // Every later byte would ask again and be dropped as a duplicate.
+            *running = state;
+            return VAEL_DFA_EXEC_SETTLED;
         }
     }
     *running = state;
@@ -196,12 +234,14 @@ extern "C" int vael_dfa_exec(vael_dfa *dfa, const unsigned char *buf, uint32_t l
         while (start < vsize && vael_vbuf_iterate(vbuf, &iter, start, &piece, &piece_len)) {
             if (!have_flat && base + piece_len >= vsize)
                 flags |= VAEL_PM_EXEC_LAST_BUFFER;
-            if (vael_dfa_exec_one_buf(&state, piece, piece_len, 0, base, queue, flags, mask, dfa_flags, &hint) !=
-                0) {
+            const int rc =
+                vael_dfa_exec_one_buf(&state, piece, piece_len, 0, base, queue, flags, mask, dfa_flags, &hint);
+            if (rc == VAEL_ERROR) {
                 vael_pm_stats_common_update_exec(&dfa->stats.common, vsize, (uint32_t)vael_queue_size(*queue));
                 return VAEL_ERROR;
             }
-            if ((exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY) && vael_queue_size(*queue) > 0) {
+            if (rc == VAEL_DFA_EXEC_SETTLED ||
+                ((exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY) && vael_queue_size(*queue) > 0)) {
                 vael_pm_stats_common_update_exec(&dfa->stats.common, vsize, (uint32_t)vael_queue_size(*queue));
                 return VAEL_OK;
             }
@@ -214,7 +254,7 @@ extern "C" int vael_dfa_exec(vael_dfa *dfa, const unsigned char *buf, uint32_t l
                                    exec_flags | VAEL_PM_EXEC_LAST_BUFFER | VAEL_PM_EXEC_PRESENT_BUFFER, mask,
                                    dfa_flags, &hint);
     vael_pm_stats_common_update_exec(&dfa->stats.common, len, (uint32_t)vael_queue_size(*queue));
-    return rc;
+    return rc == VAEL_ERROR ? VAEL_ERROR : VAEL_OK;
 }
 
 extern "C" int vael_dfa_tier1_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,

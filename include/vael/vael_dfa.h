@@ -230,7 +230,10 @@ vael_dfa *vael_dfa_minimize(vael_dfa *dfa);
 int vael_dfa_exec(vael_dfa *dfa, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,
                   lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask);
 /* One contiguous piece: bytes start_index..end_index - 1 at offsets base +
- * index. *running and *hint go on to the next piece. */
+ * index. *running and *hint go on to the next piece. 0, -1, or
+ * VAEL_DFA_EXEC_SETTLED: the machine sits in an absorbing final state whose
+ * hits are queued, and the rest of the data would only repeat them. */
+#define VAEL_DFA_EXEC_SETTLED 1
 int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
                           uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
                           const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint);
