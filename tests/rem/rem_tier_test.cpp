@@ -337,4 +337,22 @@ TEST(RemFailmem, EveryAllocationOfACompileFailsCleanly) {
     }
 }
 
+TEST(RemFailmem, APmCompileWithRemPatternsFailsCleanly) {
+    vael_pm_patterns *list = rem_list({"abc[0-9]+de", "^x(y|z)*$"});
+    vael_pm_handle *pm = nullptr;
+    vael_pm_error err{};
+    LogCapture quiet;
+    vael_test::FailmemWalk w = vael_test::failmem_walk(
+        [&] {
+            pm = vael_pm_compile(list, nullptr, 0, &err, "rem failmem");
+            return pm != nullptr;
+        },
+        [&] { return pm == nullptr; });
+    EXPECT_GT(w.injected, 5);
+    ASSERT_NE(pm, nullptr);
+    EXPECT_EQ(pm->pm_array[0].tier2_type, (uint32_t)VAEL_PM_TIER2_REM);
+    vael_pm_destroy(pm);
+    vael_pm_patterns_destroy(list);
+}
+
 }  // namespace
