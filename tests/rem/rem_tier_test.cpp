@@ -330,9 +330,13 @@ TEST(RemFailmem, EveryAllocationOfACompileFailsCleanly) {
         EXPECT_GT(w.injected, 0);
         vael_dfa_destroy(dfa);
         dfa = nullptr;
-        vael_test::FailmemWalk each = vael_test::failmem_walk_each_allocation(attempt, failed);
-        EXPECT_GT(each.rounds, w.rounds - 1);
-        vael_dfa_destroy(dfa);
+        if (p == patterns[0]) {
+            // Every allocation in turn: quadratic in the compile's
+            // allocations, so the smallest pattern only.
+            vael_test::FailmemWalk each = vael_test::failmem_walk_each_allocation(attempt, failed);
+            EXPECT_GT(each.rounds, w.rounds - 1);
+            vael_dfa_destroy(dfa);
+        }
         vael_pmglob_string_destroy(s);
     }
 }
