@@ -16,6 +16,8 @@ namespace kw_test {
 
 inline const vael_kw_vtable &vtable_of(uint32_t type) {
     switch (type) {
+    case VAEL_KW_TYPE_DATA:
+        return vael_kw_data_vtable;
     case VAEL_KW_TYPE_LENGTH:
         return vael_kw_length_vtable;
     default:
