@@ -29,14 +29,6 @@ const char kKeywordAbsent[] = "Rule contains a keyword that is not in this build
 
 }  // namespace
 
-// Weak until the keywords are linked in: a row whose table is absent reads
-// as a keyword not in this build.
-extern "C" {
-extern const vael_kw_vtable vael_kw_data_vtable __attribute__((weak));
-extern const vael_kw_vtable vael_kw_length_vtable __attribute__((weak));
-extern const vael_kw_vtable vael_kw_test_vtable __attribute__((weak));
-}
-
 // The rows in this order: a name is found as the first row that is a prefix
 // of the keyword's text. The keywords of rows 3 to 5 are not in this build.
 vael_kw_table_row vael_kw_table[VAEL_KW_TYPE_NUM] = {
