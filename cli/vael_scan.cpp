@@ -484,8 +484,9 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
     return std::nullopt;
 }
 
-// The whole text goes to the library, which parses the metadata again; the
-// pattern's own bits come only from there, never from the command line.
+// The whole text of a str or re goes to the library, which parses the
+// metadata again; the pattern's own bits come only from there, never from the
+// command line. A rule goes as its LSS and its rule text, as the add takes them.
 int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const ReadPattern &read) {
     const char *bytes = record.bytes.c_str();
     const auto len = static_cast<std::uint32_t>(record.bytes.size());
@@ -497,7 +498,7 @@ int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const Re
     case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
-    // The reader refused a NUL inside a rule, so c_str() is the whole rule.
+    // The reader refused a NUL inside a rule, so the C string is the whole rule.
     case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, lss, lss_len, rule, record.id);
     case PatternKind::kw_nohistory:
         return vael_pm_patterns_add_pattern_kw_nohistory(patterns, lss, lss_len, rule, record.id);
@@ -859,7 +860,8 @@ int run(const Options &options) {
         ReadPattern read;
         std::optional<std::string> error = read_pattern(record, read);
         if (!error && options.explain) explain(record, read);
-        if (!error && add_record(patterns.get(), record, read) != 0) error = "cannot add pattern " + std::to_string(record.id);
+        if (!error && add_record(patterns.get(), record, read) != 0)
+            error = "cannot add pattern " + std::to_string(record.id);
         if (error) {
             // The lines explained so far come before the message.
             std::fflush(stdout);
