@@ -83,7 +83,8 @@ extern "C" int vael_kw_mgr_find_start_offset(const vael_kw_abs *keyword, vael_kw
                                              int from_backtrack, uint32_t *start_offset, uint32_t *size_to_scan) {
     if (from_backtrack) {
         *start_offset = position->offset;
-        *size_to_scan = position->end - position->offset;
+        // A keyword that moved the offset past its range leaves nothing.
+        *size_to_scan = position->end > position->offset ? position->end - position->offset : 0;
         return VAEL_OK;
     }
     uint32_t start = (keyword->props & VAEL_KW_PROP_ABSOLUTE) ? 0 : position->offset;
