@@ -45,8 +45,19 @@ uint32_t search(const unsigned char *buf, uint32_t len, const unsigned char *pat
         return start;
     }
     const int64_t last = (int64_t)len - m;
+    const unsigned char *tail = buf + (m - 1);
     while (pos <= last) {
-        int64_t j = m - 1;
+        // A mismatch at the last byte steps by the skip table alone: the
+        // byte's last place in the pattern lies k bytes before the end, and
+        // then the pattern differs from itself shifted by k at its last byte,
+        // so shift[m - 1] is k or less. The entry is 0 only for the last
+        // byte itself.
+        for (int64_t step; (step = (int16_t)skip[tail[pos]]) != 0;) {
+            pos += step;
+            if (pos > last)
+                return (uint32_t)pos;
+        }
+        int64_t j = m - 2;
         while (j >= 0 && pattern[j] == Fold::fold(buf[pos + j]))
             j--;
         if (j < 0) {

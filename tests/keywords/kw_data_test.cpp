@@ -2,6 +2,7 @@
 // gives, its memory of what it scanned, its resumption and its image.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -239,6 +240,36 @@ TEST(KwDataImage, RoundTripCutsAndCorruption) {
             vael_kw_abs *back = vael_kw_data_vtable.deserialize(&r, &left, nullptr, nullptr);
             EXPECT_EQ(back, nullptr);
             vael_kw_data_vtable.destroy(back);
+        }
+    }
+}
+
+// Each keyword's image read from a virtual buffer in small blocks is the
+// same keyword.
+TEST(KwImage, FromVirtualBuffer) {
+    for (const char *text : {"data: \"ab|00|cd\", nocase, offset 3;", "length: 7, max, relative;",
+                             "test: 3, !<, -2, 1, string, dec;"}) {
+        Keyword k(text);
+        ASSERT_NE(k.kw, nullptr);
+        const vael_kw_vtable &vt = kw_test::vtable_of(k.kw->type);
+        std::vector<unsigned char> image = kw_test::image_of(k.kw);
+        for (uint32_t block : {1u, 3u, 64u}) {
+            SCOPED_TRACE(testing::Message() << text << " in blocks of " << block);
+            vael_vbuf *vbuf = vael_vbuf_create(1 << 20, 0);
+            ASSERT_NE(vbuf, nullptr);
+            for (size_t at = 0; at < image.size(); at += block)
+                ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, image.data() + at,
+                                                  (uint32_t)std::min<size_t>(block, image.size() - at), nullptr,
+                                                  nullptr),
+                          0);
+            vael_vbuf_iter iter{};
+            uint32_t space = (uint32_t)image.size();
+            vael_kw_abs *back = vt.deserialize(nullptr, &space, vbuf, &iter);
+            ASSERT_NE(back, nullptr);
+            EXPECT_EQ(space, 0u);
+            EXPECT_EQ(kw_test::image_of(back), image);
+            vt.destroy(back);
+            vael_vbuf_destroy(vbuf);
         }
     }
 }
