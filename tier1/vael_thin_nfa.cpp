@@ -62,14 +62,17 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
 
 extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size) {
     auto *nfa = static_cast<vael_thin_nfa *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa)));
-    if (!nfa)
+    if (!nfa) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating the nfa\n");
         return nullptr;
+    }
     std::memset(nfa, 0, sizeof *nfa);
     nfa->state_num = state_num;
     // The read pad lies beside the BNFA, outside its size and the PM figure:
     // the image and the memory figure are those of the BNFA alone.
     nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC_PADDED(bnfa_size, BNFA_READ_PAD));
     if (!nfa->bnfa) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating the bnfa - size %d\n", (int)bnfa_size);
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
@@ -79,11 +82,13 @@ extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa
     size_t ids_bytes = sizeof(vael_thin_nfa_pattern_id *) * state_num;
     nfa->pattern_ids = static_cast<vael_thin_nfa_pattern_id **>(VAEL_PM_KMALLOC(ids_bytes));
     if (!nfa->pattern_ids) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating pattern info for %d states\n", (int)state_num);
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
     std::memset(nfa->pattern_ids, 0, ids_bytes);
     if (vael_thin_nfa_stats_init(nfa) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error initializing statistics structure\n");
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
