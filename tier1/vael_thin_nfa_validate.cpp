@@ -42,30 +42,37 @@ enum LinkKind {
     kTableLink = 2,   // an entry of a full state's table
 };
 
+constexpr uint32_t kNoNext = UINT32_MAX;
+
+// Twelve bytes a state: the array is the one allocation of a validation,
+// sized by the state count.
 struct vael_thin_nfa_state_info {
-    uint32_t bnfa_offset;            // where the state of this ID starts; kNoOffset when none does
-    int32_t level;                   // breadth-first depth, -1 until visited
-    vael_thin_nfa_state_info *next;  // the walk's queue
+    uint32_t bnfa_offset; // where the state of this ID starts; kNoOffset when none does
+    int32_t level;        // breadth-first depth, -1 until visited
+    uint32_t next;        // the walk's queue: the next state's ID, kNoNext at the tail
 };
 
 struct StateQueue {
-    vael_thin_nfa_state_info *first = nullptr;
-    vael_thin_nfa_state_info *last = nullptr;
+    vael_thin_nfa_state_info *info;
+    uint32_t first = kNoNext;
+    uint32_t last = kNoNext;
+    explicit StateQueue(vael_thin_nfa_state_info *states) : info(states) {}
     void push(vael_thin_nfa_state_info *s) {
-        s->next = nullptr;
-        if (last)
-            last->next = s;
+        uint32_t id = (uint32_t)(s - info);
+        s->next = kNoNext;
+        if (last != kNoNext)
+            info[last].next = id;
         else
-            first = s;
-        last = s;
+            first = id;
+        last = id;
     }
     vael_thin_nfa_state_info *pop() {
-        vael_thin_nfa_state_info *s = first;
-        if (s) {
-            first = s->next;
-            if (!first)
-                last = nullptr;
-        }
+        if (first == kNoNext)
+            return nullptr;
+        vael_thin_nfa_state_info *s = &info[first];
+        first = s->next;
+        if (first == kNoNext)
+            last = kNoNext;
         return s;
     }
 };
@@ -76,7 +83,7 @@ vael_thin_nfa_state_info *info_alloc(uint32_t n) {
     auto *info = static_cast<vael_thin_nfa_state_info *>(VAEL_KMALLOC(sizeof(vael_thin_nfa_state_info) * (size_t)n));
     if (info)
         for (uint32_t i = 0; i < n; i++)
-            info[i] = vael_thin_nfa_state_info{kNoOffset, -1, nullptr};
+            info[i] = vael_thin_nfa_state_info{kNoOffset, -1, kNoNext};
     return info;
 }
 
@@ -134,7 +141,7 @@ int thin_nfa_validation_find_states(const vael_thin_nfa *nfa, vael_thin_nfa_stat
                      (int)id, (int)nfa->state_num);
             return -1;
         }
-        info[id] = vael_thin_nfa_state_info{offset, -1, nullptr};
+        info[id] = vael_thin_nfa_state_info{offset, -1, kNoNext};
         offset += size / 4;
     }
     return 0;
@@ -186,7 +193,7 @@ int thin_nfa_validation_scan_tree(const vael_thin_nfa *nfa, vael_thin_nfa_state_
     if (!root)
         return -1;
     int rc = 0;
-    StateQueue queue;
+    StateQueue queue(info);
     root->level = 0;
     queue.push(root);
     // A fault is recorded and the walk goes on, so that all faults are told.
@@ -413,7 +420,7 @@ extern "C" int vael_thin_nfa_dump_xml(const vael_thin_nfa *nfa) {
             y += 100;
         };
 
-        StateQueue queue;
+        StateQueue queue(info);
         vael_thin_nfa_state_info *root = &info[state_id_at(nfa, 0)];
         root->level = 0;
         print_state(root);
