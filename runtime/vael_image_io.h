@@ -51,6 +51,12 @@ struct ImageReader {
             *space -= n;
             return true;
         }
+        // The iterator is gone once the vbuf's last byte was read: nothing
+        // is left to give.
+        if (!iter) {
+            *space = 0;
+            return false;
+        }
         int error = 0;
         iter = vael_vbuf_get_next_data2(vbuf, iter, dest, n, &error);
         if (!iter && error) {

@@ -23,6 +23,21 @@
 #define VAEL_PM_KMALLOC(size) vael_pmglob_memory_kmalloc_ex_((size), __func__, 0, __FILE__, __LINE__)
 #define VAEL_PM_KFREE(ptr, size) vael_pmglob_memory_kfree_ex_((ptr), (size), __func__, __FILE__, __LINE__)
 
+/* Memory owned by a PM with `slack` bytes behind it that only wide reads
+ * touch: the general account counts size + slack, the PM account size. */
+#ifdef __cplusplus
+extern "C" {
+#endif
+void *vael_pmglob_memory_kmalloc_padded_ex_(size_t size, size_t slack, const char *caller, int flags,
+                                            const char *file, int line);
+void vael_pmglob_memory_kfree_padded_ex_(void *ptr, size_t size, size_t slack);
+#ifdef __cplusplus
+}
+#endif
+#define VAEL_PM_KMALLOC_PADDED(size, slack) \
+    vael_pmglob_memory_kmalloc_padded_ex_((size), (slack), __func__, 0, __FILE__, __LINE__)
+#define VAEL_PM_KFREE_PADDED(ptr, size, slack) vael_pmglob_memory_kfree_padded_ex_((ptr), (size), (slack))
+
 /* A debug line of `level` under `topics`; fmt's first "%s" is the caller's
  * name. Arguments are evaluated only when the line is wanted. */
 #define VAEL_LOG(level, topics, fmt, ...)                                                 \

@@ -203,6 +203,24 @@ extern "C" void vael_pmglob_memory_kfree_ex_(void *ptr, size_t size, const char 
     qx_kfree_(ptr, size);
 }
 
+// A PM block with slack behind it for wide reads: one allocation of
+// size + slack, the whole in the general account, only `size` in the PM
+// account, so that figures read from the PM account stay those of the data.
+extern "C" void *vael_pmglob_memory_kmalloc_padded_ex_(size_t size, size_t slack, const char *caller, int flags,
+                                                       const char *file, int line) {
+    void *p = qx_kmalloc_ex_(size + slack, caller, flags, file, line);
+    if (p)
+        g_pm_total.fetch_add((intptr_t)size, std::memory_order_relaxed);
+    return p;
+}
+
+extern "C" void vael_pmglob_memory_kfree_padded_ex_(void *ptr, size_t size, size_t slack) {
+    if (!ptr)
+        return;
+    g_pm_total.fetch_sub((intptr_t)size, std::memory_order_relaxed);
+    qx_kfree_(ptr, size + slack);
+}
+
 extern "C" intptr_t vael_pmglob_memory_get_alloc_total(void) { return g_pm_total.load(std::memory_order_relaxed); }
 
 extern "C" intptr_t vael_pmglob_memory_check_leaks(int panic, int print) {

@@ -50,7 +50,7 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
         return;
     vael_thin_nfa_prefilter_free(nfa);
     if (nfa->bnfa)
-        VAEL_PM_KFREE(nfa->bnfa, (size_t)nfa->bnfa_size + BNFA_READ_PAD);
+        VAEL_PM_KFREE_PADDED(nfa->bnfa, nfa->bnfa_size, BNFA_READ_PAD);
     vael_thin_nfa_stats_free(nfa);
     if (nfa->pattern_ids) {
         for (uint32_t i = 0; i < nfa->state_num; i++)
@@ -62,12 +62,17 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
 
 extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size) {
     auto *nfa = static_cast<vael_thin_nfa *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa)));
-    if (!nfa)
+    if (!nfa) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating the nfa\n");
         return nullptr;
+    }
     std::memset(nfa, 0, sizeof *nfa);
     nfa->state_num = state_num;
-    nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC((size_t)bnfa_size + BNFA_READ_PAD));
+    // The read pad lies beside the BNFA, outside its size and the PM figure:
+    // the image and the memory figure are those of the BNFA alone.
+    nfa->bnfa = static_cast<uint32_t *>(VAEL_PM_KMALLOC_PADDED(bnfa_size, BNFA_READ_PAD));
     if (!nfa->bnfa) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating the bnfa - size %d\n", (int)bnfa_size);
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
@@ -77,11 +82,13 @@ extern "C" vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa
     size_t ids_bytes = sizeof(vael_thin_nfa_pattern_id *) * state_num;
     nfa->pattern_ids = static_cast<vael_thin_nfa_pattern_id **>(VAEL_PM_KMALLOC(ids_bytes));
     if (!nfa->pattern_ids) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error allocating pattern info for %d states\n", (int)state_num);
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
     std::memset(nfa->pattern_ids, 0, ids_bytes);
     if (vael_thin_nfa_stats_init(nfa) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Error initializing statistics structure\n");
         vael_thin_nfa_destroy(nfa);
         return nullptr;
     }
@@ -349,6 +356,22 @@ int thin_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, 
     return vael_thin_nfa_exec(static_cast<vael_thin_nfa *>(h), buf, len, vbuf, start, queue, exec_flags, mask);
 }
 
+void *thin_duplicate(void *h) { return vael_thin_nfa_duplicate(static_cast<vael_thin_nfa *>(h)); }
+
+uint32_t thin_serialize_size(void *h) { return vael_thin_get_serialize_size(static_cast<vael_thin_nfa *>(h)); }
+
+int thin_serialize(void *h, unsigned char **position, uint32_t *space) {
+    return vael_thin_nfa_serialize(static_cast<vael_thin_nfa *>(h), position, space);
+}
+
+void *thin_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter) {
+    return vael_thin_nfa_deserialize(position, space, vbuf, iter);
+}
+
+int thin_is_valid(void *h) { return vael_thin_nfa_is_valid(static_cast<vael_thin_nfa *>(h)); }
+
+void thin_dump(void *h, int format) { vael_thin_nfa_dump(static_cast<vael_thin_nfa *>(h), format); }
+
 void thin_destroy(void *h) { vael_thin_nfa_destroy(static_cast<vael_thin_nfa *>(h)); }
 
 vael_pm_stats_common *thin_common_stats(void *h) {
@@ -362,8 +385,14 @@ extern "C" int vael_thin_nfa_init(vael_pm_tier1_funcs *row) {
     row->name = "Thin NFA";
     row->compile = thin_compile;
     row->exec = thin_exec;
+    row->duplicate = thin_duplicate;
+    row->get_serialize_size = thin_serialize_size;
+    row->serialize = thin_serialize;
+    row->deserialize = thin_deserialize;
+    row->is_valid = thin_is_valid;
     row->destroy = thin_destroy;
     row->get_common_stats = thin_common_stats;
+    row->dump = thin_dump;
     return 0;
 }
 

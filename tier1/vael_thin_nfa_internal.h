@@ -92,6 +92,10 @@ vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint
 int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags, uint32_t len);
 void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
 vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
+/* The validation of vael_thin_nfa_is_valid with a third answer: 1 sound, 0
+ * faulty, -1 not checked for want of memory (which is_valid counts as
+ * sound, and a load refuses). */
+int vael_thin_nfa_validate(const vael_thin_nfa *nfa);
 int vael_thin_nfa_stats_init(vael_thin_nfa *nfa);
 void vael_thin_nfa_stats_free(vael_thin_nfa *nfa);
 
@@ -124,7 +128,9 @@ int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_
 
 /* The BNFA's memory runs this many bytes past bnfa_size, zeroed, so that a
  * search may load a partial state's transitions 16 bytes at a time without a
- * bound check; what lies past the transitions is masked off. */
+ * bound check; what lies past the transitions is masked off. The pad is no
+ * part of the BNFA: bnfa_size, the image and the PM memory figure leave it
+ * out (the general account holds it), and a copy or a load makes it anew. */
 #define BNFA_READ_PAD 64u
 
 /* The state reached by an explicit transition of a partial state, or null.

@@ -144,6 +144,10 @@ vael_pm_handle *vael_pm_compile_ex(vael_pm_handle *old_pm, vael_pm_patterns *pat
  * allows it; the callbacks are the old PM's. The old PM stays alive. */
 vael_pm_handle *vael_pm_update(vael_pm_handle *old_pm, vael_pm_patterns *patterns, uint32_t flags,
                                vael_pm_error *err, const char *caller);
+/* A second, independent PM with the same patterns and callbacks: every
+ * engine handle copied through its engine. caller becomes its name. Null on
+ * failure, or when an engine of the PM cannot be copied. */
+vael_pm_handle *vael_pm_duplicate(vael_pm_handle *orig_pm, const char *caller);
 /* Drops one reference; destroys the PM at the last. Null is allowed. */
 void vael_pm_destroy(vael_pm_handle *pm);
 

@@ -40,6 +40,35 @@ void vael_thin_nfa_destroy(vael_thin_nfa *nfa);
 int vael_thin_nfa_exec(vael_thin_nfa *nfa, const unsigned char *buffer, uint32_t length, vael_vbuf *vbuf,
                        uint32_t offset, lst_list **matches, uint32_t flags, const vael_pm_mask *mask);
 
+/* A deep copy, or null. */
+vael_thin_nfa *vael_thin_nfa_duplicate(const vael_thin_nfa *nfa);
+
+/* The image ("NZRS"): the BNFA word for word, the pattern lists, the
+ * statistics. The size in bytes, 0 for a null handle. */
+uint32_t vael_thin_get_serialize_size(const vael_thin_nfa *nfa);
+/* Writes the image at *position and moves *position and *space on; -1 with
+ * nothing written when *space is short. */
+int vael_thin_nfa_serialize(const vael_thin_nfa *nfa, unsigned char **position, uint32_t *space);
+/* Reads an image from the flat *position, or from vbuf through *iter when
+ * vbuf is given; *space bounds the read either way. The loaded BNFA is
+ * validated before it is used: null on any fault. */
+vael_thin_nfa *vael_thin_nfa_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
+                                         vael_vbuf_iter *iter);
+
+/* 1 when the BNFA's structure is sound (every link lands on a state, partial
+ * transitions form a tree, fail chains end, finite flags match the pattern
+ * lists), else 0 with the faults in the debug log. */
+int vael_thin_nfa_is_valid(const vael_thin_nfa *nfa);
+
+/* Dumps through the debug print: format 0 JFLAP 6.0 XML, 1 CSV. 0 or -1. */
+#define VAEL_THIN_NFA_DUMP_XML 0
+#define VAEL_THIN_NFA_DUMP_CSV 1
+int vael_thin_nfa_dump(const vael_thin_nfa *nfa, int format);
+int vael_thin_nfa_dump_xml(const vael_thin_nfa *nfa);
+int vael_thin_nfa_dump_csv(const vael_thin_nfa *nfa);
+extern int vael_thin_nfa_csv_printable_only;    /* CSV leaves out non-printable byte columns; default 0 */
+extern int vael_thin_nfa_xml_omit_fail_to_init; /* XML leaves out failure edges to the initial state; default 1 */
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,357 @@
+// Copies of a Thin NFA: the duplicate and the "NZRS" image, read back from a
+// flat buffer and from a vbuf. A copy scans exactly like its original; an
+// image holds the BNFA word for word and nothing beyond it; a cut or changed
+// image is refused or gives a BNFA that validates and scans safely; every
+// allocation failure leaves the accounts where they were.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
+
+namespace {
+
+using vael_test::Hit;
+using vael_test::LogCapture;
+using vael_test::Pattern;
+using vael_test::ScopedTopic;
+using vael_test::ThinNfa;
+
+using Image = std::vector<unsigned char>;
+
+Image image_of(const vael_thin_nfa *nfa) {
+    Image image(vael_thin_get_serialize_size(nfa));
+    unsigned char *p = image.data();
+    uint32_t space = (uint32_t)image.size();
+    EXPECT_EQ(vael_thin_nfa_serialize(nfa, &p, &space), 0);
+    EXPECT_EQ(space, 0u);
+    return image;
+}
+
+struct Loaded {
+    vael_thin_nfa *nfa = nullptr;
+    ~Loaded() { vael_thin_nfa_destroy(nfa); }
+};
+
+vael_thin_nfa *load_flat(const Image &image, uint32_t size) {
+    // An exact-size copy, so that a read past the cut is ASan's to catch.
+    std::vector<unsigned char> cut(image.begin(), image.begin() + size);
+    const unsigned char *p = cut.data();
+    uint32_t space = size;
+    return vael_thin_nfa_deserialize(&p, &space, nullptr, nullptr);
+}
+
+vael_thin_nfa *load_vbuf(const Image &image, uint32_t block) {
+    vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
+    for (size_t at = 0; at < image.size(); at += block)
+        EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<unsigned char *>(image.data()) + at,
+                                          (uint32_t)std::min<size_t>(block, image.size() - at), nullptr, nullptr),
+                  0);
+    vael_vbuf_iter iter{};
+    uint32_t space = (uint32_t)image.size();
+    vael_thin_nfa *nfa = vael_thin_nfa_deserialize(nullptr, &space, vbuf, &iter);
+    EXPECT_EQ(space, 0u);
+    vael_vbuf_destroy(vbuf);
+    return nfa;
+}
+
+// Every hit of a handle over a text, in queue order, flat and (when asked)
+// split into a vbuf of blocks.
+std::vector<Hit> scan(const vael_thin_nfa *nfa, const std::string &text, size_t block = 0) {
+    lst_list *queue = nullptr;
+    vael_vbuf *vbuf = nullptr;
+    if (block) {
+        vbuf = vael_vbuf_create(UINT32_MAX, 0);
+        for (size_t at = 0; at < text.size(); at += block)
+            EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()) + at,
+                                              (uint32_t)std::min(block, text.size() - at), nullptr, nullptr),
+                      0);
+    }
+    const auto *buf = reinterpret_cast<const unsigned char *>(text.data());
+    int rc = vbuf ? vael_thin_nfa_exec(const_cast<vael_thin_nfa *>(nfa), nullptr, 0, vbuf, 0, &queue,
+                                       VAEL_PM_EXEC_ALL_MATCHES, nullptr)
+                  : vael_thin_nfa_exec(const_cast<vael_thin_nfa *>(nfa), buf, (uint32_t)text.size(), nullptr, 0,
+                                       &queue, VAEL_PM_EXEC_ALL_MATCHES, nullptr);
+    EXPECT_EQ(rc, 0);
+    std::vector<Hit> hits;
+    while (queue && vael_queue_size(queue) > 0) {
+        auto *m = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
+        hits.push_back(Hit{m->id, m->offset, m->match_flags, m->hint});
+        vael_pmglob_match_data_free(m);
+    }
+    lst_destroy(queue);
+    vael_vbuf_destroy(vbuf);
+    return hits;
+}
+
+// Texts over the patterns' own alphabet, so that hits are many.
+std::vector<std::string> random_texts(const std::vector<Pattern> &patterns, uint32_t seed, int count) {
+    std::mt19937 rng(seed);
+    std::string alphabet = "xyz \n\0\xff";
+    for (const auto &p : patterns)
+        alphabet += p.text;
+    std::vector<std::string> texts;
+    for (int i = 0; i < count; i++) {
+        std::string t(rng() % 600, ' ');
+        for (auto &c : t)
+            c = alphabet[rng() % alphabet.size()];
+        for (int k = 0; k < 3 && !patterns.empty(); k++)
+            t.insert(rng() % (t.size() + 1), patterns[rng() % patterns.size()].text);
+        texts.push_back(t);
+    }
+    return texts;
+}
+
+std::vector<Pattern> random_set(uint32_t seed, int count, size_t max_len) {
+    std::mt19937 rng(seed);
+    std::vector<Pattern> set;
+    for (int i = 0; i < count; i++) {
+        std::string s(1 + rng() % max_len, ' ');
+        for (auto &c : s)
+            c = "abcdeABC019-\x80"[rng() % 13];
+        set.push_back(Pattern{s, i, (rng() % 4 == 0) ? (uint32_t)VAEL_PM_NEED_TIER2 : 0u});
+    }
+    return set;
+}
+
+const std::vector<Pattern> kHeShe = {{"he", 1}, {"she", 2}};
+
+struct SetRow {
+    const char *name;
+    std::vector<Pattern> patterns;
+    uint32_t compile_flags;
+};
+
+std::vector<SetRow> set_rows() {
+    return {
+        {"plain", {{"he", 1}, {"she", 2}, {"his", 3}, {"hers", 4}, {"aaaa", 5}, {"a", 6}}, 0},
+        {"caseless", {{"GET /", 1}, {"Host:", 2}, {"abc", 3}, {"ABD", 4}}, VAEL_PM_CASELESS},
+        {"digitless", {{"id=123", 1}, {"9x9", 2}, {"v1.0", 3}}, VAEL_PM_DIGITLESS},
+        {"caseless digitless", {{"Ab1", 1}, {"aB22", 2}}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS},
+        {"large", random_set(7, 1500, 12), 0},
+        {"large caseless", random_set(8, 800, 6), VAEL_PM_CASELESS},
+    };
+}
+
+// The image of he/she: the header, the BNFA word for word, the lists, the
+// statistics; its size is the sum of its parts, with no read pad anywhere.
+TEST(ThinNfaImage, LayoutIsTheBnfaAndTheLists) {
+    ThinNfa nfa(kHeShe);
+    ASSERT_NE(nfa.get(), nullptr);
+    nfa.get()->stats.common.memory = 1234;
+    nfa.get()->stats.common.compile_time = 56;
+    Image image = image_of(nfa.get());
+    auto word = [&](size_t at) {
+        uint32_t w;
+        std::memcpy(&w, image.data() + at, 4);
+        return w;
+    };
+    ASSERT_EQ(nfa.get()->bnfa_size, 3112u);
+    // 6 states: he's list (1), she's list (2: she, he), four empty ones.
+    const uint32_t lists = 6 * 4 + 3 * 12;
+    EXPECT_EQ(image.size(), 276u + 3112u + lists + 4u + 8u + 8u);
+    EXPECT_EQ(std::memcmp(image.data(), "NZRS", 4), 0);
+    EXPECT_EQ(word(4), nfa.get()->flags);
+    EXPECT_EQ(word(8), 6u);
+    EXPECT_EQ(word(12), 3112u);
+    EXPECT_EQ(word(16), 3084u);
+    EXPECT_EQ(std::memcmp(image.data() + 276, nfa.get()->bnfa, 3112), 0);
+    // State 5 (she): count 2, then she, then he.
+    const size_t lists_at = 276 + 3112;
+    EXPECT_EQ(word(lists_at + 4 * 5 + 12 * 1), 2u);
+    EXPECT_EQ(word(lists_at + 4 * 5 + 12 + 4), 2u);
+    EXPECT_EQ(word(lists_at + 4 * 5 + 12 + 16), 1u);
+    const size_t end = lists_at + lists;
+    EXPECT_EQ(std::memcmp(image.data() + end, "SZRS", 4), 0);
+    EXPECT_EQ(word(end + 4), 1234u);
+    EXPECT_EQ(word(end + 8), 56u);
+    EXPECT_EQ(word(end + 12), 6u);
+    EXPECT_EQ(word(end + 16), 2u);
+
+    // One state, no pattern: the smallest image.
+    ThinNfa empty({});
+    ASSERT_NE(empty.get(), nullptr);
+    EXPECT_EQ(vael_thin_get_serialize_size(empty.get()), 276u + 1028u + 4u + 4u + 8u + 8u);
+
+    // A buffer one byte short: refused before anything is written.
+    Image short_buf(image.size() - 1, 0xa5);
+    unsigned char *p = short_buf.data();
+    uint32_t space = (uint32_t)short_buf.size();
+    LogCapture log;
+    ScopedTopic topic("K_THINNFA", VAEL_DBG_ERR);
+    EXPECT_EQ(vael_thin_nfa_serialize(nfa.get(), &p, &space), -1);
+    EXPECT_EQ(p, short_buf.data());
+    EXPECT_EQ(space, short_buf.size());
+    EXPECT_EQ(short_buf, Image(image.size() - 1, 0xa5));
+    EXPECT_TRUE(log.contains("vael_thin_nfa_serialize: Not enough space in the buffer, buf size (" +
+                             std::to_string(image.size() - 1) + ") < needed (" + std::to_string(image.size()) +
+                             ") \n"))
+        << log.text();
+    EXPECT_EQ(vael_thin_get_serialize_size(nullptr), 0u);
+}
+
+// The read pad of the BNFA is allocated beside it: the PM account (the
+// memory figure) holds the BNFA's own size, the general account the pad too.
+TEST(ThinNfaImage, ReadPadIsOutsideTheMemoryFigure) {
+    const intptr_t pm_before = vael_pmglob_memory_get_alloc_total();
+    const intptr_t kmem_before = qx_kmem_get_alloc_total();
+    vael_thin_nfa *nfa = vael_thin_nfa_create(6, 3112, 3084);
+    ASSERT_NE(nfa, nullptr);
+    const intptr_t own = (intptr_t)(sizeof(*nfa) + 3112 + 6 * sizeof(void *));
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total() - pm_before, own);
+    EXPECT_EQ(qx_kmem_get_alloc_total() - kmem_before, own + (intptr_t)BNFA_READ_PAD);
+    vael_thin_nfa_destroy(nfa);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_before);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_before);
+}
+
+// Duplicate, flat image and vbuf image of every kind of set scan exactly
+// like the original, and give the same image again.
+TEST(ThinNfaImage, CopiesScanLikeTheOriginal) {
+    for (const SetRow &row : set_rows()) {
+        SCOPED_TRACE(row.name);
+        ThinNfa nfa(row.patterns, row.compile_flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const Image image = image_of(nfa.get());
+        Loaded dup{vael_thin_nfa_duplicate(nfa.get())};
+        Loaded flat{load_flat(image, (uint32_t)image.size())};
+        // Blocks of one byte for the small images, cut anywhere for the rest.
+        Loaded vb1{load_vbuf(image, image.size() < 20000 ? 1 : 1009)};
+        Loaded vb7{load_vbuf(image, 7)};
+        Loaded vbig{load_vbuf(image, 4096)};
+        for (const Loaded *copy : {&dup, &flat, &vb1, &vb7, &vbig}) {
+            ASSERT_NE(copy->nfa, nullptr);
+            EXPECT_EQ(image_of(copy->nfa), image);
+            EXPECT_EQ(copy->nfa->prefilter != nullptr, nfa.get()->prefilter != nullptr);
+            EXPECT_EQ(vael_thin_nfa_is_valid(copy->nfa), 1);
+        }
+        for (const std::string &text : random_texts(row.patterns, 11, 20)) {
+            const std::vector<Hit> want = scan(nfa.get(), text);
+            for (const Loaded *copy : {&dup, &flat, &vb7}) {
+                EXPECT_EQ(scan(copy->nfa, text), want);
+                EXPECT_EQ(scan(copy->nfa, text, 13), scan(nfa.get(), text, 13));
+            }
+        }
+    }
+}
+
+// A refused image says why, in the engine's words.
+TEST(ThinNfaImage, RefusalTexts) {
+    ThinNfa nfa(kHeShe);
+    const Image image = image_of(nfa.get());
+    auto with_word = [&](size_t at, uint32_t value) {
+        Image bad = image;
+        std::memcpy(bad.data() + at, &value, 4);
+        return bad;
+    };
+    const size_t mark_at = image.size() - 20;
+    const struct {
+        Image image;
+        const char *text;
+    } rows[] = {
+        {with_word(0, 0x53525A44),
+         "vael_thin_nfa_deserialize: Trying to deserialize a DFA, not a Thin NFA (53525a44 != 53525A4E)\n"},
+        {with_word(0, 0x12345678),
+         "vael_thin_nfa_deserialize: Wrong serialization magic (12345678 != 53525a4e) at the buffer start\n"},
+        {with_word(mark_at, 0x53525A54),
+         "vael_thin_nfa_deserialize: Wrong serialization magic (53525a54 != 53525a4e) at the buffer end\n"},
+        // Sizes the image cannot back: refused as a cut image, before any
+        // allocation of that size.
+        {with_word(12, 0xfffffff0u),
+         "vael_thin_nfa_deserialize: Wrong serialization magic (0 != 53525a4e) at the buffer end\n"},
+        {with_word(8, 0x40000000u),
+         "vael_thin_nfa_deserialize: Wrong serialization magic (0 != 53525a4e) at the buffer end\n"},
+        // A count past the end of the image.
+        {with_word(276 + 3112, 1000),
+         "vael_thin_nfa_deserialize: Wrong serialization magic (0 != 53525a4e) at the buffer end\n"},
+    };
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    ScopedTopic topic("K_THINNFA", VAEL_DBG_ERR);
+    for (const auto &r : rows) {
+        LogCapture log;
+        Loaded back{load_flat(r.image, (uint32_t)r.image.size())};
+        EXPECT_EQ(back.nfa, nullptr) << r.text;
+        EXPECT_TRUE(log.contains(r.text)) << log.text();
+    }
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+}
+
+// Every cut and every single-byte change of a small image: refused, or a
+// BNFA that validates and scans without fault (ASan watches the reads).
+TEST(ThinNfaImage, CutsAndByteChanges) {
+    ThinNfa nfa({{"he", 1}, {"she", 2}, {"hers", 3}}, VAEL_PM_CASELESS);
+    const Image image = image_of(nfa.get());
+    const std::vector<std::string> texts = {"ushers HERS she he", std::string(300, 'h') + "ers",
+                                            "\x01\x02\xff hhsshe"};
+    // Match queues keep their cells for the next run: none at either end.
+    lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const intptr_t kmem_start = qx_kmem_get_alloc_total();
+    ScopedTopic thin("K_THINNFA", VAEL_DBG_ERR);
+    ScopedTopic error("K_ERROR", VAEL_DBG_ERR);
+    // A refusal names its reason in one of the engine's texts.
+    auto refused_with_text = [](const LogCapture &log) {
+        for (const char *text : {" at the buffer start\n", " at the buffer end\n", "Trying to deserialize a DFA",
+                                 " validation failed\n"})
+            if (log.contains(text))
+                return true;
+        return false;
+    };
+    for (uint32_t cut = 1; cut < image.size(); cut++) {
+        LogCapture log;
+        Loaded back{load_flat(image, cut)};
+        // Only the statistics' tail may be missing.
+        if (back.nfa) {
+            EXPECT_GE(cut, image.size() - 16) << "cut at " << cut;
+        } else {
+            EXPECT_TRUE(refused_with_text(log)) << "cut at " << cut << ": " << log.text();
+        }
+    }
+    int accepted = 0;
+    for (size_t at = 0; at < image.size(); at++) {
+        for (unsigned change : {0x01u, 0x80u, 0xffu}) {
+            Image bad = image;
+            bad[at] ^= (unsigned char)change;
+            LogCapture log;
+            Loaded back{load_flat(bad, (uint32_t)bad.size())};
+            if (!back.nfa) {
+                EXPECT_TRUE(refused_with_text(log)) << "byte " << at << ": " << log.text();
+                continue;
+            }
+            accepted++;
+            EXPECT_EQ(vael_thin_nfa_is_valid(back.nfa), 1);
+            for (const std::string &t : texts)
+                scan(back.nfa, t, (at % 3) + 1);
+        }
+    }
+    EXPECT_GT(accepted, 0); // the translation table, ids, flags and statistics take any value
+    lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
+}
+
+// Each allocation of the duplicate and of the load fails once; each failure
+// gives null and leaves both accounts where they were.
+TEST(ThinNfaImage, AllocationFailures) {
+    ThinNfa nfa({{"he", 1}, {"she", 2}, {"hers", 3}, {"his", 4}});
+    const Image image = image_of(nfa.get());
+    vael_thin_nfa *copy = nullptr;
+    LogCapture quiet;
+    auto cleanly = [&] { return copy == nullptr; };
+    auto w1 = vael_test::failmem_walk_each_allocation(
+        [&] { return (copy = vael_thin_nfa_duplicate(nfa.get())) != nullptr; }, cleanly);
+    EXPECT_GT(w1.rounds, 5);
+    vael_thin_nfa_destroy(copy);
+    copy = nullptr;
+    auto w2 = vael_test::failmem_walk_each_allocation(
+        [&] { return (copy = load_flat(image, (uint32_t)image.size())) != nullptr; }, cleanly);
+    EXPECT_GT(w2.rounds, 5);
+    vael_thin_nfa_destroy(copy);
+}
+
+}  // namespace

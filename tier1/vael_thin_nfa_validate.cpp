@@ -1,0 +1,613 @@
+// vael_thin_nfa_validate.cpp - proof that a BNFA is sound, and its dumps for
+// people (JFLAP 6.0 XML and CSV).
+//
+// A BNFA may come from an image, and one wrong offset would send the run's
+// fast loop outside its memory. The validation walks all of it:
+//
+//   1. the states tile the BNFA from offset 0, each inside bnfa_size, and
+//      exactly the full non-finite ones lie below bnfa_full_size;
+//   2. breadth-first from the initial state, every link lands on the start
+//      of a state; a partial state's forward transitions reach only states
+//      not yet seen (they form a tree) and its fail state lies on a smaller
+//      level (so a fail chain ends);
+//   3. every state is reached;
+//   4. a state is finite exactly when it has patterns.
+//
+// After it a run cannot leave the BNFA or its read pad, cannot loop without
+// consuming input, and indexes pattern_ids by IDs below state_num only.
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "runtime/vael_runtime.h"
+#include "tier1/vael_thin_nfa_internal.h"
+
+extern "C" {
+int vael_thin_nfa_csv_printable_only = 0;
+int vael_thin_nfa_xml_omit_fail_to_init = 1;
+}
+
+namespace {
+
+constexpr const char *kFaultTopics = "K_THINNFA | K_ERROR";
+constexpr uint32_t kNoOffset = UINT32_MAX;
+
+// Kinds of a link under check.
+enum LinkKind {
+    kFailLink = 0,    // a partial state's fail state
+    kForwardLink = 1, // a partial state's explicit transition
+    kTableLink = 2,   // an entry of a full state's table
+};
+
+constexpr uint32_t kNoNext = UINT32_MAX;
+
+// Twelve bytes a state: the array is the one allocation of a validation,
+// sized by the state count.
+struct vael_thin_nfa_state_info {
+    uint32_t bnfa_offset; // where the state of this ID starts; kNoOffset when none does
+    int32_t level;        // breadth-first depth, -1 until visited
+    uint32_t next;        // the walk's queue: the next state's ID, kNoNext at the tail
+};
+
+struct StateQueue {
+    vael_thin_nfa_state_info *info;
+    uint32_t first = kNoNext;
+    uint32_t last = kNoNext;
+    explicit StateQueue(vael_thin_nfa_state_info *states) : info(states) {}
+    void push(vael_thin_nfa_state_info *s) {
+        uint32_t id = (uint32_t)(s - info);
+        s->next = kNoNext;
+        if (last != kNoNext)
+            info[last].next = id;
+        else
+            first = id;
+        last = id;
+    }
+    vael_thin_nfa_state_info *pop() {
+        if (first == kNoNext)
+            return nullptr;
+        vael_thin_nfa_state_info *s = &info[first];
+        first = s->next;
+        if (first == kNoNext)
+            last = kNoNext;
+        return s;
+    }
+};
+
+uint32_t state_id_at(const vael_thin_nfa *nfa, uint32_t offset) { return nfa->bnfa[offset] >> BNFA_STATE_ID_SHIFT; }
+
+vael_thin_nfa_state_info *info_alloc(uint32_t n) {
+    auto *info = static_cast<vael_thin_nfa_state_info *>(VAEL_KMALLOC(sizeof(vael_thin_nfa_state_info) * (size_t)n));
+    if (info)
+        for (uint32_t i = 0; i < n; i++)
+            info[i] = vael_thin_nfa_state_info{kNoOffset, -1, kNoNext};
+    return info;
+}
+
+void info_free(vael_thin_nfa_state_info *info, uint32_t n) { VAEL_KFREE(info, sizeof(vael_thin_nfa_state_info) * (size_t)n); }
+
+bool part_in_range(const vael_thin_nfa *nfa, uint32_t offset, int32_t state_index, uint32_t bytes,
+                   const char *part) {
+    if (4ull * offset + bytes <= nfa->bnfa_size)
+        return true;
+    VAEL_LOG_AS("thin_nfa_validate_state_in_range", VAEL_DBG_ERR, kFaultTopics,
+                "%s: State %d at BNFA offset %d (%d bytes) %s %d - exceeds size %d\n", (int)state_index, (int)offset,
+                (int)(4ull * offset), part, (int)bytes, (int)nfa->bnfa_size);
+    return false;
+}
+
+bool thin_nfa_validate_state_in_range(const vael_thin_nfa *nfa, uint32_t offset, int32_t state_index,
+                                      uint32_t *size) {
+    if (!part_in_range(nfa, offset, state_index, 4, "header"))
+        return false;
+    if (nfa->bnfa[offset] & BNFA_STATE_PARTIAL) {
+        if (!part_in_range(nfa, offset, state_index, BNFA_PARTIAL_HEADER_BYTES, "partial header"))
+            return false;
+        *size = BNFA_PARTIAL_HEADER_BYTES + 4 * (nfa->bnfa[offset + 1] & 0xffu);
+    } else {
+        *size = BNFA_FULL_STATE_BYTES;
+    }
+    return part_in_range(nfa, offset, state_index, *size, "size");
+}
+
+int thin_nfa_validation_find_states(const vael_thin_nfa *nfa, vael_thin_nfa_state_info *info) {
+    const uint32_t *limit = nfa->bnfa + nfa->bnfa_full_size / 4;
+    uint32_t offset = 0;
+    for (uint32_t i = 0; i < nfa->state_num; i++) {
+        uint32_t size = 0;
+        if (!thin_nfa_validate_state_in_range(nfa, offset, (int32_t)i, &size))
+            return -1;
+        const uint32_t *state = nfa->bnfa + offset;
+        uint32_t kind = *state & BNFA_STATE_KIND_MASK;
+        if (kind && state < limit) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics,
+                     "%s: Partial state or Full non-matching state at %p is smaller than its limit: %p, flags = %x\n",
+                     (const void *)state, (const void *)limit, kind);
+            return -1;
+        }
+        if (!kind && state >= limit) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics,
+                     "%s: Full non-matching state at  %p is greater/equal than its limit: %p, flags = %x\n",
+                     (const void *)state, (const void *)limit, kind);
+            return -1;
+        }
+        // The ID comes from the image: tested before it indexes anything.
+        uint32_t id = state_id_at(nfa, offset);
+        if (id >= nfa->state_num) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State at BNFA offset %d has ID %d state_num=%d\n", (int)offset,
+                     (int)id, (int)nfa->state_num);
+            return -1;
+        }
+        info[id] = vael_thin_nfa_state_info{offset, -1, kNoNext};
+        offset += size / 4;
+    }
+    return 0;
+}
+
+// The target's info record when the link is sound, else null.
+vael_thin_nfa_state_info *thin_nfa_check_transition(const vael_thin_nfa *nfa, vael_thin_nfa_state_info *info,
+                                                    uint32_t target, const vael_thin_nfa_state_info *source,
+                                                    LinkKind kind) {
+    if (!part_in_range(nfa, target, -1, 4, "header"))
+        return nullptr;
+    uint32_t id = state_id_at(nfa, target);
+    if (id >= nfa->state_num) {
+        VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State at BNFA offset %d has ID %d state_num=%d\n", (int)target,
+                 (int)id, (int)nfa->state_num);
+        return nullptr;
+    }
+    vael_thin_nfa_state_info *t = &info[id];
+    if (t->bnfa_offset != target) {
+        VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State at BNFA offset %d has ID %d but this state is at %d\n",
+                 (int)target, (int)id, (int)t->bnfa_offset);
+        return nullptr;
+    }
+    int source_id = source ? (int)state_id_at(nfa, source->bnfa_offset) : -1;
+    int source_level = source ? source->level : -1;
+    if (kind == kForwardLink && t->level >= 0) {
+        VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Forward transition %d -> %d, but levels %d -> %d\n", source_id,
+                 (int)id, source_level, (int)t->level);
+        return nullptr;
+    }
+    if (kind == kFailLink && (t->level < 0 || t->level >= source_level)) {
+        VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Fail state transition %d -> %d, but levels %d -> %d\n", source_id,
+                 (int)id, source_level, (int)t->level);
+        return nullptr;
+    }
+    return t;
+}
+
+void visit(StateQueue &queue, vael_thin_nfa_state_info *target, const vael_thin_nfa_state_info *source) {
+    if (target->level >= 0)
+        return;
+    target->level = source->level + 1;
+    queue.push(target);
+}
+
+int thin_nfa_validation_scan_tree(const vael_thin_nfa *nfa, vael_thin_nfa_state_info *info) {
+    // The run starts at offset 0: that is the initial state, level 0.
+    vael_thin_nfa_state_info *root = thin_nfa_check_transition(nfa, info, 0, nullptr, kTableLink);
+    if (!root)
+        return -1;
+    int rc = 0;
+    StateQueue queue(info);
+    root->level = 0;
+    queue.push(root);
+    // A fault is recorded and the walk goes on, so that all faults are told.
+    while (vael_thin_nfa_state_info *s = queue.pop()) {
+        const uint32_t *state = nfa->bnfa + s->bnfa_offset;
+        int id = (int)(*state >> BNFA_STATE_ID_SHIFT);
+        if (!(*state & BNFA_STATE_PARTIAL)) {
+            for (uint32_t c = 0; c < 256; c++) {
+                vael_thin_nfa_state_info *t = thin_nfa_check_transition(nfa, info, state[1 + c], s, kTableLink);
+                if (!t) {
+                    VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Invalid transition for %02x from full state %d\n", c,
+                             id);
+                    rc = -1;
+                    continue;
+                }
+                visit(queue, t, s);
+            }
+            continue;
+        }
+        if (!thin_nfa_check_transition(nfa, info, state[1] >> 8, s, kFailLink)) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Invalid default state for state %d\n", id);
+            rc = -1;
+        }
+        uint32_t n = state[1] & 0xffu;
+        for (uint32_t i = 0; i < n; i++) {
+            uint32_t byte = state[2 + i] & 0xffu;
+            if (i > 0 && byte <= (state[1 + i] & 0xffu)) {
+                VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Transitions from state %d not sorted - %02x after %02x\n",
+                         id, byte, state[1 + i] & 0xffu);
+                rc = -1;
+            }
+            vael_thin_nfa_state_info *t = thin_nfa_check_transition(nfa, info, state[2 + i] >> 8, s, kForwardLink);
+            if (!t) {
+                VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: Invalid transition for %02x from partial state %d\n", byte,
+                         id);
+                rc = -1;
+                continue;
+            }
+            visit(queue, t, s);
+        }
+    }
+    return rc;
+}
+
+int thin_nfa_validation_unvisited_states(const vael_thin_nfa *nfa, const vael_thin_nfa_state_info *info) {
+    int rc = 0;
+    for (uint32_t id = 0; id < nfa->state_num; id++) {
+        if (info[id].level < 0) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State %d never visited\n", (int)id);
+            rc = -1;
+        }
+    }
+    return rc;
+}
+
+int thin_nfa_validation_check_finite_states(const vael_thin_nfa *nfa, const vael_thin_nfa_state_info *info) {
+    int rc = 0;
+    for (uint32_t id = 0; id < nfa->state_num; id++) {
+        bool finite = nfa->bnfa[info[id].bnfa_offset] & BNFA_STATE_FINITE;
+        const vael_thin_nfa_pattern_id *list = nfa->pattern_ids[id];
+        if (finite && !list) {
+            VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State %d is finite but has no pattern IDs\n", (int)id);
+            rc = -1;
+        }
+        if (!finite) {
+            for (const vael_thin_nfa_pattern_id *p = list; p; p = p->next) {
+                VAEL_LOG(VAEL_DBG_ERR, kFaultTopics, "%s: State %d is not finite but has pattern ID %d\n", (int)id,
+                         (int)p->id);
+                rc = -1;
+            }
+        }
+    }
+    return rc;
+}
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_validate(const vael_thin_nfa *nfa) {
+    if (!nfa || !nfa->bnfa || !nfa->pattern_ids)
+        return 0;
+    vael_thin_nfa_state_info *info = info_alloc(nfa->state_num ? nfa->state_num : 1);
+    if (!info) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_PM", "%s: Failed to allocate memory for validating %d states\n",
+                 (int)nfa->state_num);
+        return -1;
+    }
+    bool valid = thin_nfa_validation_find_states(nfa, info) == 0 && thin_nfa_validation_scan_tree(nfa, info) == 0 &&
+                 thin_nfa_validation_unvisited_states(nfa, info) == 0 &&
+                 thin_nfa_validation_check_finite_states(nfa, info) == 0;
+    info_free(info, nfa->state_num ? nfa->state_num : 1);
+    if (valid)
+        VAEL_LOG_AS("vael_thin_nfa_is_valid", VAEL_DBG_NOTICE, "K_THINNFA", "%s: Thin NFA %p validation succeeded\n",
+                    (const void *)nfa);
+    else
+        VAEL_LOG_AS("vael_thin_nfa_is_valid", VAEL_DBG_ERR, "K_ERROR", "%s: Thin NFA %p validation failed\n",
+                    (const void *)nfa);
+    return valid ? 1 : 0;
+}
+
+// A lack of memory is no fault of the automaton: it counts as valid here.
+extern "C" int vael_thin_nfa_is_valid(const vael_thin_nfa *nfa) { return vael_thin_nfa_validate(nfa) != 0; }
+
+// ---------------------------------------------------------------- dumps
+
+namespace {
+
+void out(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void out(const char *format, ...) {
+    char line[1024];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    vael_us_adaptor_kdprintf_no_prefix("%s", line);
+}
+
+// Where the target of a full table entry or a link stands, by ID; -1 for an
+// offset that starts no state.
+int32_t target_id(const vael_thin_nfa *nfa, const vael_thin_nfa_state_info *info, uint32_t offset) {
+    if (4ull * offset + 4 > nfa->bnfa_size)
+        return -1;
+    uint32_t id = state_id_at(nfa, offset);
+    return id < nfa->state_num && info[id].bnfa_offset == offset ? (int32_t)id : -1;
+}
+
+// The edge label of one XML transition, built in one buffer: dumps must not
+// overlap.
+constexpr size_t kLabelMax = 1280;
+char g_xml_label[kLabelMax + 8];
+
+const char *edge_label(const unsigned char *marks) {
+    size_t used = 0;
+    g_xml_label[0] = 0;
+    for (int c = 0; c < 256 && used < kLabelMax; c++) {
+        if (!marks[c])
+            continue;
+        char item[8];
+        int n = std::isalnum(c) ? std::snprintf(item, sizeof item, "%c", c) : std::snprintf(item, sizeof item, "0x%02x", c);
+        const char *sep = used ? "|" : "";
+        size_t need = std::strlen(sep) + (size_t)n;
+        if (used + need > kLabelMax)
+            break;
+        std::memcpy(g_xml_label + used, sep, std::strlen(sep));
+        used += std::strlen(sep);
+        std::memcpy(g_xml_label + used, item, (size_t)n);
+        used += (size_t)n;
+        g_xml_label[used] = 0;
+    }
+    return g_xml_label;
+}
+
+void print_edge(int from, int to, const char *label) {
+    out("\t\t<transition>\n");
+    out("\t\t\t<from>%d</from>\n", from);
+    out("\t\t\t<to>%d</to>\n", to);
+    if (!label) {
+        out("\t\t\t<read/>\n");
+    } else {
+        // A label can pass the length of one debug line: it goes in pieces.
+        out("\t\t\t<read>");
+        for (size_t at = 0, len = std::strlen(label); at < len; at += 512)
+            out("%.512s", label + at);
+        out("</read>\n");
+    }
+    out("\t\t</transition>\n");
+}
+
+// Per target state of the state being printed: how many bytes lead there,
+// and which.
+struct EdgeWork {
+    uint32_t *count;
+    unsigned char *marks; // 256 per state
+};
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_dump_xml(const vael_thin_nfa *nfa) {
+    if (!nfa || vael_thin_nfa_validate(nfa) != 1) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR", "%s: Failed to validate Thin NFA\n");
+        return -1;
+    }
+    const uint32_t n = nfa->state_num;
+    vael_thin_nfa_state_info *info = info_alloc(n);
+    if (!info) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR", "%s: Failed to allocate memory for validating %d states\n",
+                 (int)n);
+        return -1;
+    }
+    EdgeWork work{static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * (size_t)n)),
+                  static_cast<unsigned char *>(VAEL_KMALLOC(256 * (size_t)n))};
+    int rc = -1;
+    if (!work.count || !work.marks) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR",
+                 "%s: Failed to allocate memory for transition info of %d states\n", (int)n);
+    } else if (thin_nfa_validation_find_states(nfa, info) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR", "%s: Failed to fill NFA state info\n");
+    } else {
+        std::memset(work.count, 0, sizeof(uint32_t) * (size_t)n);
+        std::memset(work.marks, 0, 256 * (size_t)n);
+        out("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+        out("<!--Created with JFLAP 6.0.--> ");
+        out("<structure>\n");
+        out("\t<type>fa</type>\n");
+        out("\t<automaton>\n");
+        out("\t\t<!--The list of states.-->\n");
+
+        int32_t x = 0, y = 0, printed_level = 0;
+        auto print_state = [&](vael_thin_nfa_state_info *s) {
+            if (s->level > printed_level) {
+                printed_level = s->level;
+                x += 100;
+                y = 0;
+            }
+            uint32_t header = nfa->bnfa[s->bnfa_offset];
+            int id = (int)(header >> BNFA_STATE_ID_SHIFT);
+            out("\t\t<state id=\"%d\" name=\"%c%d\">\n", id, (header & BNFA_STATE_PARTIAL) ? 'p' : 'f', id);
+            out("\t\t\t<x>%d</x>\n", x);
+            out("\t\t\t<y>%d</y>\n", y);
+            if (s->bnfa_offset == 0)
+                out("\t\t\t<%s/>\n", "initial");
+            else if (header & BNFA_STATE_FINITE)
+                out("\t\t\t<%s/>\n", "final");
+            out("\t\t</state>\n");
+            y += 100;
+        };
+
+        StateQueue queue(info);
+        vael_thin_nfa_state_info *root = &info[state_id_at(nfa, 0)];
+        root->level = 0;
+        print_state(root);
+        queue.push(root);
+        while (vael_thin_nfa_state_info *s = queue.pop()) {
+            const uint32_t *state = nfa->bnfa + s->bnfa_offset;
+            int from = (int)(*state >> BNFA_STATE_ID_SHIFT);
+            bool partial = *state & BNFA_STATE_PARTIAL;
+            // At most 256 targets per state: only they are looked at, so the
+            // dump stays linear in the BNFA.
+            uint32_t touched[256];
+            uint32_t touched_num = 0;
+            auto mark = [&](uint32_t c, uint32_t offset) {
+                int32_t t = target_id(nfa, info, offset);
+                if (t < 0 || work.marks[256 * (size_t)t + c])
+                    return;
+                work.marks[256 * (size_t)t + c] = 1;
+                if (work.count[t]++ == 0)
+                    touched[touched_num++] = (uint32_t)t;
+            };
+            if (partial) {
+                for (uint32_t i = 0; i < (state[1] & 0xffu); i++)
+                    mark(state[2 + i] & 0xffu, state[2 + i] >> 8);
+            } else {
+                for (uint32_t c = 0; c < 256; c++)
+                    mark(c, state[1 + c]);
+            }
+            std::sort(touched, touched + touched_num);
+            uint32_t top = 0;
+            bool tie = false;
+            for (uint32_t i = 0; i < touched_num; i++) {
+                uint32_t count = work.count[touched[i]];
+                if (count > top) {
+                    top = count;
+                    tie = false;
+                } else if (count == top) {
+                    tie = true;
+                }
+            }
+            // New states of the next level, by ascending ID, before the edges.
+            for (uint32_t i = 0; i < touched_num; i++) {
+                vael_thin_nfa_state_info *t = &info[touched[i]];
+                if (t->level < 0) {
+                    t->level = s->level + 1;
+                    print_state(t);
+                    queue.push(t);
+                }
+            }
+            for (uint32_t i = 0; i < touched_num; i++) {
+                uint32_t t = touched[i];
+                if (work.count[t] == top && top >= 2 && !tie) {
+                    // The default edge: the bytes that lead nowhere special.
+                    if (!(info[t].bnfa_offset == 0 && vael_thin_nfa_xml_omit_fail_to_init))
+                        print_edge(from, (int)t, "OTHER");
+                } else {
+                    print_edge(from, (int)t, edge_label(work.marks + 256 * (size_t)t));
+                }
+                work.count[t] = 0;
+                std::memset(work.marks + 256 * (size_t)t, 0, 256);
+            }
+            if (partial) {
+                int32_t fail = target_id(nfa, info, state[1] >> 8);
+                if (fail >= 0 && !(info[fail].bnfa_offset == 0 && vael_thin_nfa_xml_omit_fail_to_init))
+                    print_edge(from, fail, nullptr);
+            }
+        }
+        out("\t</automaton>\n");
+        out("</structure>\n");
+        rc = 0;
+    }
+    if (work.count)
+        VAEL_KFREE(work.count, sizeof(uint32_t) * (size_t)n);
+    if (work.marks)
+        VAEL_KFREE(work.marks, 256 * (size_t)n);
+    info_free(info, n);
+    return rc;
+}
+
+namespace {
+
+const char *column_name(int c, char *buf, size_t size) {
+    switch (c) {
+        case ' ':
+            return "space";
+        case '"':
+            return "dquote";
+        case '\'':
+            return "quote";
+        case ',':
+            return "comma";
+        case '\\':
+            return "bslash";
+        default:
+            break;
+    }
+    if (std::isprint(c))
+        std::snprintf(buf, size, "%c", c);
+    else
+        std::snprintf(buf, size, "0x%02X", c);
+    return buf;
+}
+
+bool column_shown(int c) { return !vael_thin_nfa_csv_printable_only || std::isprint(c); }
+
+}  // namespace
+
+extern "C" int vael_thin_nfa_dump_csv(const vael_thin_nfa *nfa) {
+    if (!nfa)
+        return -1;
+    const uint32_t n = nfa->state_num;
+    vael_thin_nfa_state_info *info = info_alloc(n ? n : 1);
+    if (!info) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR", "%s: Failed to allocate memory for dumping %d states\n",
+                 (int)n);
+        return -1;
+    }
+    if (thin_nfa_validation_find_states(nfa, info) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, "K_THINNFA | K_ERROR", "%s: Failed to fill NFA state info\n");
+        info_free(info, n ? n : 1);
+        return -1;
+    }
+    out("state_id,is_final,is_partial,fail_state\n");
+    for (uint32_t id = 0; id < n; id++) {
+        if (info[id].bnfa_offset == kNoOffset)
+            continue;
+        const uint32_t *state = nfa->bnfa + info[id].bnfa_offset;
+        bool partial = *state & BNFA_STATE_PARTIAL;
+        out("%d,%d,%d", (int)id, (*state & BNFA_STATE_FINITE) ? 1 : 0, partial ? 1 : 0);
+        if (partial)
+            out(", %d", (int)target_id(nfa, info, state[1] >> 8));
+        else
+            out(", ");
+        out("\n");
+    }
+    out("\n");
+    out("Transition table:\n");
+    bool first = true;
+    for (int c = 0; c < 256; c++) {
+        if (!column_shown(c))
+            continue;
+        char buf[8];
+        out("%s%s", first ? "" : ",", column_name(c, buf, sizeof buf));
+        first = false;
+    }
+    out("\n");
+    for (uint32_t id = 0; id < n; id++) {
+        if (info[id].bnfa_offset == kNoOffset)
+            continue;
+        const uint32_t *state = nfa->bnfa + info[id].bnfa_offset;
+        bool partial = *state & BNFA_STATE_PARTIAL;
+        first = true;
+        for (int c = 0; c < 256; c++) {
+            if (!column_shown(c))
+                continue;
+            const char *sep = first ? "" : ",";
+            first = false;
+            if (!partial) {
+                out("%s%d", sep, (int)target_id(nfa, info, state[1 + c]));
+                continue;
+            }
+            int32_t t = -1;
+            bool found = false;
+            for (uint32_t i = 0; i < (state[1] & 0xffu) && !found; i++) {
+                if ((state[2 + i] & 0xffu) == (uint32_t)c) {
+                    t = target_id(nfa, info, state[2 + i] >> 8);
+                    found = true;
+                }
+            }
+            if (found)
+                out("%s%d", sep, (int)t);
+            else
+                out("%s", sep);
+        }
+        out("\n");
+    }
+    info_free(info, n ? n : 1);
+    return 0;
+}
+
+extern "C" int vael_thin_nfa_dump(const vael_thin_nfa *nfa, int format) {
+    switch (format) {
+        case VAEL_THIN_NFA_DUMP_XML:
+            return vael_thin_nfa_dump_xml(nfa);
+        case VAEL_THIN_NFA_DUMP_CSV:
+            return vael_thin_nfa_dump_csv(nfa);
+        default:
+            VAEL_LOG(VAEL_DBG_ERR, "K_ERROR", "%s: Invalid dump format %d\n", format);
+            return -1;
+    }
+}
