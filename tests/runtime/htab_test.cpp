@@ -766,21 +766,8 @@ int host_ioctl(int number, void *record, int instance) {
 int host_ioctl_num() { return 77; }
 
 class HtabUser : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        saved_ioctl_ = vael_ioctl_func_multik;
-        saved_num_ = vael_get_ioctl_num;
-        vael_ioctl_func_multik = host_ioctl;
-        vael_get_ioctl_num = host_ioctl_num;
-    }
-    void TearDown() override {
-        vael_ioctl_func_multik = saved_ioctl_;
-        vael_get_ioctl_num = saved_num_;
-    }
-
-  private:
-    vael_apps_ioctl_multik_fn saved_ioctl_;
-    vael_apps_get_ioctl_num_fn saved_num_;
+    vael_test::ScopedValue<vael_apps_ioctl_multik_fn> ioctl_{vael_ioctl_func_multik, host_ioctl};
+    vael_test::ScopedValue<vael_apps_get_ioctl_num_fn> num_{vael_get_ioctl_num, host_ioctl_num};
 };
 
 TEST_F(HtabUser, SummaryAndEntriesComeThroughTheChannel) {

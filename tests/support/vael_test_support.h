@@ -77,6 +77,20 @@ class ScopedGlobal {
     int saved_;
 };
 
+// Sets a variable of any type for the scope and puts the old value back.
+template <class T>
+class ScopedValue {
+  public:
+    ScopedValue(T &var, T value) : var_(var), saved_(var) { var_ = value; }
+    ~ScopedValue() { var_ = saved_; }
+    ScopedValue(const ScopedValue &) = delete;
+    ScopedValue &operator=(const ScopedValue &) = delete;
+
+  private:
+    T &var_;
+    T saved_;
+};
+
 struct Pattern {
     std::string text;
     int32_t id;
