@@ -159,6 +159,7 @@ TEST_F(RemLexer, TokenStreamsAndRefusals) {
         {"[\\]\\-\\\\]", 0, "<[\\-\\\\\\]]>", nullptr, 0},
         {"[.*([{$]", 0, "<[$(*.[{]>", nullptr, 0},
         {"[\\n-\\r]", 0, "<[\\x0a-\\x0d]>", nullptr, 0},
+        {"[\\^_]", 0, "<[\\^_]>", nullptr, 0},  // a '^' first in the printed class is escaped
         {"[a-a]", 0, "<a>", nullptr, 0},
             {"{", 0, "", "Illegal sequence beginning with '{': '{' must be followed by a digit", 1},
         {"a{x", 0, "<a>", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
