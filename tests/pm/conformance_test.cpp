@@ -231,7 +231,7 @@ TEST(ConformanceExports, OnePieceScansMatchTheRun) {
                                 : (xlate ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf)(
                                       r, data, (uint32_t)text.size(), 1);
             EXPECT_EQ(rc, 0);
-            EXPECT_EQ(vael_test::drain(queue), want) << "flags " << flags << ", entry " << entry;
+            EXPECT_EQ(vael_test::drain_queue(queue), want) << "flags " << flags << ", entry " << entry;
         }
     }
 }

@@ -107,7 +107,7 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
                                      (uint32_t)c.text.size(), nullptr, 0, &queue, 0, nullptr),
                   0);
         std::set<int32_t> got;
-        for (const auto &h : vael_test::drain(queue))
+        for (const auto &h : vael_test::drain_queue(queue))
             got.insert(h.id);
         EXPECT_EQ(got, want);
         vael_thin_nfa_destroy(nfa);

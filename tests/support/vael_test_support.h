@@ -112,7 +112,7 @@ inline void PrintTo(const Hit &h, std::ostream *os) {
 }
 
 // Empties and destroys a run's queue: its hits in queue order.
-inline std::vector<Hit> drain(lst_list *queue) {
+inline std::vector<Hit> drain_queue(lst_list *queue) {
     std::vector<Hit> hits;
     while (lst_nelements(queue) > 0) {
         auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
@@ -156,7 +156,7 @@ class ThinNfa {
                  uint32_t offset = 0, const vael_pm_mask *mask = nullptr, vael_vbuf *vbuf = nullptr) const {
         lst_list *queue = nullptr;
         int rc = vael_thin_nfa_exec(nfa_, buf, len, vbuf, offset, &queue, flags, mask);
-        std::vector<Hit> got = drain(queue);
+        std::vector<Hit> got = drain_queue(queue);
         if (hits)
             *hits = std::move(got);
         return rc;
