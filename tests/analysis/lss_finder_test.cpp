@@ -106,24 +106,25 @@ TEST(LssFinder, ExpressionsAndWhatTheyMustContain) {
     }
 }
 
-TEST(LssFinder, RepeatsAreBounded) {
-    vael_pm_error err;
-    vael_pm_error_init(&err);
-    Lss lss(vael_pm_lss_find(bytes("x(ab){4000000000}"), 17, 0, &err, nullptr));
-    ASSERT_NE(lss, nullptr);
-    EXPECT_EQ(lss->longest_can->len, VAEL_PM_LSS_MAX_REPEAT_BYTES + 1);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(lss->longest_can->str), 5), "xabab");
-}
-
-TEST(LssFinder, JoinsAreBounded) {
-    // A long literal is joined up to the bound, then goes on as a new string;
-    // multi mode, needing the whole string, gives up.
+// A repeat is unrolled up to its bound; a long literal is joined up to the
+// bound, then goes on as a new string, and multi mode, needing the whole
+// string, gives up.
+TEST(LssFinder, RepeatsAndJoinsAreBounded) {
     const std::string literal(5000, 'x');
+    const struct {
+        std::string pattern;
+        uint32_t len;
+        const char *head;
+    } rows[] = {{"x(ab){4000000000}", VAEL_PM_LSS_MAX_REPEAT_BYTES + 1, "xabab"},
+                {literal, VAEL_PM_LSS_MAX_JOIN_BYTES, "xxxxx"}};
     vael_test::LogCapture quiet;
-    Lss lss(vael_pm_lss_find(bytes(literal), (uint32_t)literal.size(), 0, nullptr, nullptr));
-    ASSERT_NE(lss, nullptr);
-    EXPECT_FALSE(vael_pm_lss_can_be_used_instead_of_RE(lss.get()));
-    EXPECT_EQ(lss->longest_can->len, VAEL_PM_LSS_MAX_JOIN_BYTES);
+    for (const auto &row : rows) {
+        Lss lss(vael_pm_lss_find(bytes(row.pattern), (uint32_t)row.pattern.size(), 0, nullptr, nullptr));
+        ASSERT_NE(lss, nullptr);
+        EXPECT_FALSE(vael_pm_lss_can_be_used_instead_of_RE(lss.get()));
+        EXPECT_EQ(lss->longest_can->len, row.len);
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(lss->longest_can->str), 5), row.head);
+    }
 }
 
 // An alternation of two strings keeps what both contain: its longest string

@@ -196,22 +196,6 @@ TEST(ConformanceLifecycle, DestroyAtRefcountZeroAssertsCountsDownAndKeepsThePm) 
     vael_pm_destroy(pm);
 }
 
-// ---------------------------------------------------------------- tier table
-
-TEST(ConformanceTierTable, ARowNotFilledAtARestartIsEmpty) {
-    {
-        Restart restart(1);
-        EXPECT_NE(pm_tier1_funcs[VAEL_PM_TIER1_STRING].compile, nullptr);
-    }
-    Restart restart(0);
-    const vael_pm_tier1_funcs &row = pm_tier1_funcs[VAEL_PM_TIER1_STRING];
-    EXPECT_EQ(row.name, nullptr);
-    EXPECT_EQ(row.compile, nullptr);
-    EXPECT_EQ(row.exec, nullptr);
-    EXPECT_EQ(row.destroy, nullptr);
-    EXPECT_EQ(row.get_common_stats, nullptr);
-}
-
 // ---------------------------------------------------------------- exports
 
 TEST(ConformanceExports, RunFunctionsOfTheThinNfaLeaveTheSharedLibrary) {
@@ -247,14 +231,7 @@ TEST(ConformanceExports, OnePieceScansMatchTheRun) {
                                 : (xlate ? vael_thin_nfa_exec_one_buf_xlate : vael_thin_nfa_exec_one_buf)(
                                       r, data, (uint32_t)text.size(), 1);
             EXPECT_EQ(rc, 0);
-            std::vector<vael_test::Hit> got;
-            while (lst_nelements(queue) > 0) {
-                auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-                got.push_back({d->id, d->offset});
-                vael_pmglob_match_data_free(d);
-            }
-            lst_destroy(queue);
-            EXPECT_EQ(got, want) << "flags " << flags << ", entry " << entry;
+            EXPECT_EQ(vael_test::drain_queue(queue), want) << "flags " << flags << ", entry " << entry;
         }
     }
 }

@@ -107,12 +107,8 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
                                      (uint32_t)c.text.size(), nullptr, 0, &queue, 0, nullptr),
                   0);
         std::set<int32_t> got;
-        while (lst_nelements(queue) > 0) {
-            auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-            got.insert(d->id);
-            vael_pmglob_match_data_free(d);
-        }
-        lst_destroy(queue);
+        for (const auto &h : vael_test::drain_queue(queue))
+            got.insert(h.id);
         EXPECT_EQ(got, want);
         vael_thin_nfa_destroy(nfa);
         vael_pmglob_patterns_destroy(strings);

@@ -199,30 +199,6 @@ TEST(Tunables, ReadInBaseTenFromTheEnvironment) {
     EXPECT_EQ(log.text(), expected_log);
 }
 
-TEST(Locks, MutexExcludesAndIsAccounted) {
-    tqlock_init();
-    const intptr_t kmem = qx_kmem_get_alloc_total();
-    vael_mutex *lock = nullptr;
-    ASSERT_EQ(tqlock_lock_init(&lock), 0);
-    long counter = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; i++) {
-                MtMutexLock(lock);
-                counter++;
-                MtMutexUnLock(lock);
-            }
-        });
-    for (auto &t : threads)
-        t.join();
-    EXPECT_EQ(counter, 80000);
-    tqlock_lock_term(&lock);
-    EXPECT_EQ(lock, nullptr);
-    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
-    tqlock_term();
-}
-
 TEST(Clock, DifferencesInMicroseconds) {
     const struct {
         vael_timeval a, b;

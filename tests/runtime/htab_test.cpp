@@ -252,73 +252,58 @@ TEST(HtabEntries, InvalidArgumentsAndTablesAreRefused) {
     EXPECT_EQ(vael_htab_nents(t.id()), 1);
 }
 
-// A user function may read its table but not change it.
+// A user function may read its table but not change it; the free function is
+// in user context too, and the mark of a nested walk does not end it.
+int walk_on(const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }
+
 TEST(HtabEntries, UserFunctionsReadButDoNotChange) {
     Table t("user", 8, VAEL_HTAB_EXPIRE | VAEL_HTAB_REFRESH);
     ASSERT_EQ(t.set({1}, {10}, 5), 0);
     ASSERT_EQ(t.set({2}, {20}, 5), 0);
     const int id = t.id();
     const uint32_t k1[] = {1}, v[] = {3};
-    struct Call {
-        const char *what;
-        std::function<int()> call;
-        int rc;
-    };
     uint32_t dest[4];
     int len = 4, found = 0, result = 0;
-    const std::vector<Call> calls = {
-        {"get", [&] { len = 4; return vael_htab_get(id, k1, 1, dest, &len, 0, nullptr); }, 0},
-        {"in", [&] { return vael_htab_in(id, k1, 1, &found, 0); }, 0},
-        {"nents", [&] { return vael_htab_nents(id) == 2 ? 0 : 1; }, 0},
-        {"read-only traverse",
-         [&] { return vael_htab_traverse(id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 1, nullptr); },
-         0},
-        {"get with refresh", [&] { len = 4; return vael_htab_get(id, k1, 1, dest, &len, 1, &result); }, -1},
-        {"in with refresh", [&] { return vael_htab_in(id, k1, 1, &found, 1); }, -1},
-        {"set", [&] { return vael_htab_set(id, k1, 1, v, 1, KEEP, nullptr); }, -1},
-        {"set_tmo", [&] { return vael_htab_set_tmo(id, k1, 1, 9); }, -1},
-        {"del", [&] { return vael_htab_del(id, k1, 1, "x"); }, -1},
-        {"delete_all", [&] { return vael_htab_delete_all(id); }, -1},
-        {"writing traverse",
-         [&] { return vael_htab_traverse(id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 0, nullptr); },
-         -1},
-        {"destroy", [&] { return vael_htab_destroy(id) == 1 ? -1 : 0; }, -1},
+    const std::vector<std::pair<int, std::function<int()>>> calls = {  // expected rc, call
+        {0, [&] { return vael_htab_get(id, k1, 1, dest, &len, 0, nullptr); }},
+        {0, [&] { return vael_htab_in(id, k1, 1, &found, 0); }},
+        {-1, [&] { return vael_htab_del(id, k1, 1, "x"); }},
+        {-1, [&] { return vael_htab_delete_all(id); }},
+        {-1, [&] { return vael_htab_destroy(id) == 1 ? -1 : 0; }},
+        // A nested walk leaves the mark in place for the calls after it.
+        {0, [&] { return vael_htab_traverse(id, walk_on, 1, nullptr); }},
+        {-1, [&] { return vael_htab_get(id, k1, 1, dest, &len, 1, &result); }},
+        {-1, [&] { return vael_htab_in(id, k1, 1, &found, 1); }},
+        {-1, [&] { return vael_htab_set(id, k1, 1, v, 1, KEEP, nullptr); }},
+        {-1, [&] { return vael_htab_set_tmo(id, k1, 1, 9); }},
+        {-1, [&] { return vael_htab_traverse(id, walk_on, 0, nullptr); }},
     };
     LogCapture log;
-    struct Ctx {
-        const std::vector<Call> *calls;
-        std::vector<int> rcs;
-    } ctx{&calls, {}};
-    ASSERT_EQ(vael_htab_traverse(
-                  id,
-                  [](const uint32_t *key, int, uint32_t *, int, int, int, void *c) {
-                      auto *ctx = static_cast<Ctx *>(c);
-                      if (key[0] == 1)
-                          for (const auto &call : *ctx->calls)
-                              ctx->rcs.push_back(call.call());
-                      return 1;
-                  },
-                  1, &ctx),
-              0);
-    ASSERT_EQ(ctx.rcs.size(), calls.size());
-    for (size_t i = 0; i < calls.size(); i++) {
-        EXPECT_EQ(ctx.rcs[i], calls[i].rc) << calls[i].what;
-    }
+    std::vector<int> rcs, want;
+    for (const auto &c : calls)
+        want.push_back(c.first);
+    auto run_all = [&] {
+        for (const auto &c : calls)
+            rcs.push_back(c.second());
+    };
+    // Inside a walk, then inside the free function.
+    auto in_walk = [](const uint32_t *key, int, uint32_t *, int, int, int, void *run) {
+        if (key[0] == 1)
+            (*static_cast<decltype(run_all) *>(run))();
+        return 1;
+    };
+    ASSERT_EQ(vael_htab_traverse(id, in_walk, 1, &run_all), 0);
+    EXPECT_EQ(rcs, want);
+    rcs.clear();
+    t.on_freed = [&](const Freed &) { run_all(); };
+    EXPECT_EQ(t.del({2}), 0);
+    EXPECT_EQ(rcs, want);
+    t.on_freed = nullptr;
     EXPECT_EQ(result, VAEL_HTAB_GET_INVALID);
     EXPECT_TRUE(log.contains("fatal error in vael_htab_del: vael htab(" + std::to_string(id) + ") is in user context"));
-    // Nothing changed, and outside the walk the same calls work again.
+    // Nothing changed, and outside the free function the same calls work again.
     EXPECT_EQ(t.get({1}), std::vector<uint32_t>{10});
     EXPECT_EQ(t.del({1}), 0);
-    // The free function is in user context too; the mark of a nested walk
-    // does not end it.
-    std::vector<int> inside;
-    t.on_freed = [&](const Freed &) {
-        inside.push_back(vael_htab_traverse(
-            id, [](const uint32_t *, int, uint32_t *, int, int, int, void *) { return 1; }, 1, nullptr));
-        inside.push_back(vael_htab_del(id, k1, 1, "nested"));
-    };
-    EXPECT_EQ(t.del({2}), 0);
-    EXPECT_EQ(inside, (std::vector<int>{0, -1}));
 }
 
 TEST(HtabEntries, PrintsTellEveryWord) {
@@ -782,21 +767,8 @@ int host_ioctl(int number, void *record, int instance) {
 int host_ioctl_num() { return 77; }
 
 class HtabUser : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        saved_ioctl_ = vael_ioctl_func_multik;
-        saved_num_ = vael_get_ioctl_num;
-        vael_ioctl_func_multik = host_ioctl;
-        vael_get_ioctl_num = host_ioctl_num;
-    }
-    void TearDown() override {
-        vael_ioctl_func_multik = saved_ioctl_;
-        vael_get_ioctl_num = saved_num_;
-    }
-
-  private:
-    vael_apps_ioctl_multik_fn saved_ioctl_;
-    vael_apps_get_ioctl_num_fn saved_num_;
+    vael_test::ScopedValue<vael_apps_ioctl_multik_fn> ioctl_{vael_ioctl_func_multik, host_ioctl};
+    vael_test::ScopedValue<vael_apps_get_ioctl_num_fn> num_{vael_get_ioctl_num, host_ioctl_num};
 };
 
 TEST_F(HtabUser, SummaryAndEntriesComeThroughTheChannel) {

@@ -14,6 +14,7 @@
 
 #include "pm/vael_pm_internal.h"
 #include "tier1/vael_thin_nfa_internal.h"
+#include "tier1/vael_thin_nfa_prefilter.h"
 #include "vael/vael_apps.h"
 
 namespace vael_test {
@@ -76,6 +77,20 @@ class ScopedGlobal {
     int saved_;
 };
 
+// Sets a variable of any type for the scope and puts the old value back.
+template <class T>
+class ScopedValue {
+  public:
+    ScopedValue(T &var, T value) : var_(var), saved_(var) { var_ = value; }
+    ~ScopedValue() { var_ = saved_; }
+    ScopedValue(const ScopedValue &) = delete;
+    ScopedValue &operator=(const ScopedValue &) = delete;
+
+  private:
+    T &var_;
+    T saved_;
+};
+
 struct Pattern {
     std::string text;
     int32_t id;
@@ -94,6 +109,18 @@ struct Hit {
 
 inline void PrintTo(const Hit &h, std::ostream *os) {
     *os << "{id " << h.id << ", end " << h.offset << ", len " << h.hint << ", flags " << h.match_flags << "}";
+}
+
+// Empties and destroys a run's queue: its hits in queue order.
+inline std::vector<Hit> drain_queue(lst_list *queue) {
+    std::vector<Hit> hits;
+    while (lst_nelements(queue) > 0) {
+        auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
+        hits.push_back(Hit{d->id, d->offset, d->match_flags, d->hint});
+        vael_pmglob_match_data_free(d);
+    }
+    lst_destroy(queue);
+    return hits;
 }
 
 // A compiled Thin NFA that destroys itself.
@@ -118,25 +145,20 @@ class ThinNfa {
     vael_thin_nfa *get() const { return nfa_; }
     const vael_pm_error &error() const { return err_; }
 
-    // Scans `text` and returns the result; the hits in queue order go to *hits.
+    // Scans `text` (after the blocks of `vbuf`, if any) and returns the
+    // result; the hits in queue order go to *hits.
     int exec(const std::string &text, std::vector<Hit> *hits, uint32_t flags = 0, uint32_t offset = 0,
-             const vael_pm_mask *mask = nullptr) const {
+             const vael_pm_mask *mask = nullptr, vael_vbuf *vbuf = nullptr) const {
         return exec_raw(reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), hits, flags,
-                        offset, mask);
+                        offset, mask, vbuf);
     }
     int exec_raw(const unsigned char *buf, uint32_t len, std::vector<Hit> *hits, uint32_t flags = 0,
-                 uint32_t offset = 0, const vael_pm_mask *mask = nullptr) const {
+                 uint32_t offset = 0, const vael_pm_mask *mask = nullptr, vael_vbuf *vbuf = nullptr) const {
         lst_list *queue = nullptr;
-        int rc = vael_thin_nfa_exec(nfa_, buf, len, nullptr, offset, &queue, flags, mask);
+        int rc = vael_thin_nfa_exec(nfa_, buf, len, vbuf, offset, &queue, flags, mask);
+        std::vector<Hit> got = drain_queue(queue);
         if (hits)
-            hits->clear();
-        while (lst_nelements(queue) > 0) {
-            auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-            if (hits)
-                hits->push_back(Hit{d->id, d->offset, d->match_flags, d->hint});
-            vael_pmglob_match_data_free(d);
-        }
-        lst_destroy(queue);
+            *hits = std::move(got);
         return rc;
     }
     std::vector<Hit> hits(const std::string &text, uint32_t flags = 0) const {
@@ -149,6 +171,15 @@ class ThinNfa {
     vael_thin_nfa *nfa_ = nullptr;
     vael_pm_error err_;
 };
+
+// The candidate prefilter's settings: off, the plain search, and AVX2 where
+// the CPU has it.
+inline std::vector<int> all_prefilter_modes() {
+    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
+    if (vael_thin_nfa_prefilter_find_avx2_fn())
+        modes.push_back(THIN_NFA_PREFILTER_AUTO);
+    return modes;
+}
 
 // A mask over internal ids, laid out as the engine reads it.
 class RawMask {

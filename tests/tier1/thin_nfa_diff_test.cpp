@@ -24,14 +24,6 @@ using vael_test::Hit;
 using vael_test::Pattern;
 using vael_test::ScopedGlobal;
 
-// Off, the plain search, and AVX2 where the CPU has it.
-std::vector<int> prefilter_modes() {
-    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
-    if (vael_thin_nfa_prefilter_find_avx2_fn())
-        modes.push_back(THIN_NFA_PREFILTER_AUTO);
-    return modes;
-}
-
 struct Config {
     uint32_t compile_flags;
     int full_tiers;
@@ -199,7 +191,7 @@ class ThinNfaDifferential : public testing::TestWithParam<const char *> {
             // The queue of the plain run, which every prefilter run must
             // repeat in the same order.
             std::vector<Hit> plain_all, plain_first;
-            for (int mode : prefilter_modes()) {
+            for (int mode : vael_test::all_prefilter_modes()) {
                 ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
                 SCOPED_TRACE("prefilter " + std::to_string(mode));
                 std::vector<Hit> hits;

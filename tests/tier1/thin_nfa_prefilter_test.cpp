@@ -28,13 +28,6 @@ std::vector<Pattern> numbered(const std::vector<std::string> &texts) {
     return out;
 }
 
-std::vector<int> prefilter_modes() {
-    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
-    if (vael_thin_nfa_prefilter_find_avx2_fn())
-        modes.push_back(THIN_NFA_PREFILTER_AUTO);
-    return modes;
-}
-
 std::vector<vael_thin_nfa_prefilter_find_fn> searches() {
     std::vector<vael_thin_nfa_prefilter_find_fn> out = {vael_thin_nfa_prefilter_find_plain_fn()};
     if (vael_thin_nfa_prefilter_find_avx2_fn())
@@ -284,7 +277,7 @@ TEST(ThinNfaPrefilter, AdversarialTextsAgreeWithBruteForce) {
         ASSERT_NE(nfa.get(), nullptr);
         const auto all = vael_test::brute_force_all(patterns, row.text, row.compile_flags);
         ASSERT_FALSE(all.empty());
-        for (int mode : prefilter_modes()) {
+        for (int mode : vael_test::all_prefilter_modes()) {
             ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
             // Every start offset, so the scan begins at every alignment.
             for (uint32_t offset = 0; offset < 20; offset++) {

@@ -12,49 +12,21 @@
 #include <utility>
 #include <vector>
 
-#include "tier1/vael_thin_nfa_prefilter.h"
-#include "vael/vael_apps.h"
+#include "tests/support/vael_test_support.h"
 
 namespace {
 
-using Hit = std::pair<int32_t, uint32_t>; // (id, end offset)
+using vael_test::Hit;
+using vael_test::ScopedGlobal;
+using vael_test::ThinNfa;
 
-// Off, the plain search, and AVX2 where the CPU has it.
-std::vector<int> prefilter_modes() {
-    std::vector<int> modes = {THIN_NFA_PREFILTER_OFF, THIN_NFA_PREFILTER_PLAIN};
-    if (vael_thin_nfa_prefilter_find_avx2_fn())
-        modes.push_back(THIN_NFA_PREFILTER_AUTO);
-    return modes;
+// Patterns numbered from 0, with their flags.
+std::vector<vael_test::Pattern> numbered(const std::vector<std::pair<std::string, uint32_t>> &patterns) {
+    std::vector<vael_test::Pattern> out;
+    for (const auto &[text, flags] : patterns)
+        out.push_back({text, (int32_t)out.size(), flags});
+    return out;
 }
-
-class ScopedPrefilter {
-  public:
-    explicit ScopedPrefilter(int mode) : saved_(vael_thin_nfa_prefilter) { vael_thin_nfa_prefilter = mode; }
-    ~ScopedPrefilter() { vael_thin_nfa_prefilter = saved_; }
-
-  private:
-    int saved_;
-};
-
-struct Engine {
-    vael_thin_nfa *nfa = nullptr;
-    explicit Engine(const std::vector<std::pair<std::string, uint32_t>> &patterns, uint32_t compile_flags = 0) {
-        vael_pmglob_patterns *list = vael_pmglob_patterns_create();
-        int32_t id = 0;
-        for (const auto &[text, flags] : patterns) {
-            vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(text.data()),
-                                                              (uint32_t)text.size(), id++, flags);
-            EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
-            vael_pmglob_string_destroy(s);
-        }
-        vael_pm_error err;
-        vael_pm_error_init(&err);
-        nfa = vael_thin_nfa_compile(list, compile_flags, &err);
-        vael_pmglob_patterns_destroy(list);
-        EXPECT_NE(nfa, nullptr);
-    }
-    ~Engine() { vael_thin_nfa_destroy(nfa); }
-};
 
 // Blocks of a vbuf that point into strings the caller keeps alive.
 struct Stream {
@@ -67,79 +39,55 @@ struct Stream {
     ~Stream() { vael_vbuf_destroy(vbuf); }
 };
 
-std::vector<Hit> drain(lst_list *queue) {
-    std::vector<Hit> hits;
-    while (vael_queue_size(queue) > 0) {
-        auto *m = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-        hits.emplace_back(m->id, m->offset);
-        vael_pmglob_match_data_free(m);
-    }
-    lst_destroy(queue);
-    return hits;
-}
-
-std::vector<Hit> run(const Engine &e, vael_vbuf *vbuf, const std::string &flat, uint32_t offset,
+std::vector<Hit> run(const ThinNfa &e, vael_vbuf *vbuf, const std::string &flat, uint32_t offset,
                      uint32_t flags = VAEL_PM_EXEC_ALL_MATCHES, int *rc_out = nullptr) {
-    lst_list *queue = nullptr;
-    int rc = vael_thin_nfa_exec(e.nfa, reinterpret_cast<const unsigned char *>(flat.data()), (uint32_t)flat.size(),
-                                vbuf, offset, &queue, flags, nullptr);
+    std::vector<Hit> hits;
+    const int rc = e.exec(flat, &hits, flags, offset, nullptr, vbuf);
     if (rc_out)
         *rc_out = rc;
     else
         EXPECT_EQ(rc, 0);
-    return drain(queue);
+    return hits;
 }
 
-TEST(ThinNfaStream, PatternSpanningBlocksIsFoundAtItsStreamOffset) {
-    Engine e({{"abcdef", 0}, {"cd", 0}});
-    Stream s({"xxab", "c", "de", "fyy"});
-    EXPECT_EQ(run(e, s.vbuf, "", 0), (std::vector<Hit>{{1, 5}, {0, 7}}));
-    // The same blocks followed by a present buffer: offsets continue.
-    EXPECT_EQ(run(e, s.vbuf, "abcdef", 0), (std::vector<Hit>{{1, 5}, {0, 7}, {1, 13}, {0, 15}}));
-}
-
-TEST(ThinNfaStream, MatchInLastByteOfABlockIsReportedByThatBlock) {
-    Engine e({{"ab", 0}});
-    Stream s({"xab", "ab"});
-    EXPECT_EQ(run(e, s.vbuf, "", 0), (std::vector<Hit>{{0, 2}, {0, 4}}));
-}
-
-TEST(ThinNfaStream, EndAnchorNeedsTheLastByteOfTheData) {
-    Engine e({{"ab", VAEL_PM_LSS_END_ANCHOR}});
-    Stream s({"ab", "ab"});
-    // Empty present buffer: the last block ends the data.
-    EXPECT_EQ(run(e, s.vbuf, "", 0), (std::vector<Hit>{{0, 3}}));
-    // With a present buffer, only its end counts.
-    EXPECT_EQ(run(e, s.vbuf, "xab", 0), (std::vector<Hit>{{0, 6}}));
-    EXPECT_EQ(run(e, s.vbuf, "abx", 0), (std::vector<Hit>{}));
-}
-
-TEST(ThinNfaStream, StartAnchorAndStartOffset) {
-    Engine e({{"ab", VAEL_PM_LSS_START_ANCHOR}, {"b", 0}});
-    Stream s({"a", "bab"});
-    EXPECT_EQ(run(e, s.vbuf, "", 0), (std::vector<Hit>{{0, 1}, {1, 1}, {1, 3}}));
-    // Starting past the anchored match's start: it is not reported, offsets
-    // stay counted from the start of the stream.
-    EXPECT_EQ(run(e, s.vbuf, "", 1), (std::vector<Hit>{{1, 1}, {1, 3}}));
-    EXPECT_EQ(run(e, s.vbuf, "b", 3), (std::vector<Hit>{{1, 3}, {1, 4}}));
-    // An offset inside the present buffer skips into it.
-    EXPECT_EQ(run(e, s.vbuf, "abab", 6), (std::vector<Hit>{{1, 7}}));
-}
-
-TEST(ThinNfaStream, OffsetAtOrPastTheEnd) {
-    Engine e({{"a", 0}});
-    Stream s({"aa"});
-    EXPECT_EQ(run(e, s.vbuf, "", 2), (std::vector<Hit>{}));
-    EXPECT_EQ(run(e, s.vbuf, "aa", 4), (std::vector<Hit>{}));
-    int rc = 0;
-    EXPECT_EQ(run(e, s.vbuf, "aa", 5, VAEL_PM_EXEC_ALL_MATCHES, &rc), (std::vector<Hit>{}));
-    EXPECT_EQ(rc, -1);
-}
-
-TEST(ThinNfaStream, TranslatedBytesAcrossBlocks) {
-    Engine e({{"abc1", 0}}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS);
-    Stream s({"xA", "B", "c7ABC", "9"});
-    EXPECT_EQ(run(e, s.vbuf, "", 0), (std::vector<Hit>{{0, 4}, {0, 8}}));
+// Blocks and a present buffer: the state carries across blocks, offsets count
+// from the start of the stream, the end anchor needs the last byte of the
+// data (the last block when the present buffer is empty), a start offset skips
+// the bytes before it, and one past the end is refused.
+TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
+    const auto kStart = VAEL_PM_LSS_START_ANCHOR, kEnd = VAEL_PM_LSS_END_ANCHOR;
+    const struct {
+        std::vector<std::pair<std::string, uint32_t>> patterns;
+        uint32_t compile_flags;
+        std::vector<std::string> blocks;
+        std::string present;
+        uint32_t offset;
+        std::vector<Hit> hits;
+        int rc;
+    } rows[] = {
+        {{{"abcdef", 0}, {"cd", 0}}, 0, {"xxab", "c", "de", "fyy"}, "", 0, {{1, 5}, {0, 7}}, 0},
+        {{{"abcdef", 0}, {"cd", 0}}, 0, {"xxab", "c", "de", "fyy"}, "abcdef", 0, {{1, 5}, {0, 7}, {1, 13}, {0, 15}}, 0},
+        {{{"ab", 0}}, 0, {"xab", "ab"}, "", 0, {{0, 2}, {0, 4}}, 0},
+        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "", 0, {{0, 3}}, 0},
+        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "xab", 0, {{0, 6}}, 0},
+        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "abx", 0, {}, 0},
+        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "", 0, {{0, 1}, {1, 1}, {1, 3}}, 0},
+        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "", 1, {{1, 1}, {1, 3}}, 0},
+        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "b", 3, {{1, 3}, {1, 4}}, 0},
+        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "abab", 6, {{1, 7}}, 0},
+        {{{"a", 0}}, 0, {"aa"}, "", 2, {}, 0},
+        {{{"a", 0}}, 0, {"aa"}, "aa", 4, {}, 0},
+        {{{"a", 0}}, 0, {"aa"}, "aa", 5, {}, -1},
+        {{{"abc1", 0}}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, {"xA", "B", "c7ABC", "9"}, "", 0, {{0, 4}, {0, 8}}, 0},
+    };
+    for (const auto &row : rows) {
+        ThinNfa e(numbered(row.patterns), row.compile_flags);
+        Stream s(row.blocks);
+        int rc = 0;
+        EXPECT_EQ(run(e, s.vbuf, row.present, row.offset, VAEL_PM_EXEC_ALL_MATCHES, &rc), row.hits)
+            << row.blocks[0] << " + " << row.present << " from " << row.offset;
+        EXPECT_EQ(rc, row.rc);
+    }
 }
 
 // Random texts split at random places must give the flat scan's hits.
@@ -158,7 +106,7 @@ TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
         for (int i = 0; i < n; i++)
             patterns.emplace_back(random_text(1 + rng() % 6), 0);
         uint32_t flags = (round % 3 == 0) ? VAEL_PM_CASELESS : 0;
-        Engine e(patterns, flags);
+        ThinNfa e(numbered(patterns), flags);
         std::string text = random_text(1 + rng() % 200);
 
         std::vector<std::string> blocks;
@@ -181,11 +129,11 @@ TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
         for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
             std::vector<Hit> expected;
             {
-                ScopedPrefilter off(THIN_NFA_PREFILTER_OFF);
+                ScopedGlobal off(vael_thin_nfa_prefilter, THIN_NFA_PREFILTER_OFF);
                 expected = run(e, nullptr, text, 0, exec_flags);
             }
-            for (int mode : prefilter_modes()) {
-                ScopedPrefilter prefilter(mode);
+            for (int mode : vael_test::all_prefilter_modes()) {
+                ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
                 ASSERT_EQ(run(e, s.vbuf, present, 0, exec_flags), expected)
                     << "round " << round << " prefilter " << mode << " text " << text;
                 ASSERT_EQ(run(e, nullptr, text, 0, exec_flags), expected)
@@ -222,16 +170,16 @@ TEST(ThinNfaStream, EverySplitOfShortTextsMatchesTheFlatScan) {
         std::vector<std::pair<std::string, uint32_t>> patterns;
         for (const auto &p : c.patterns)
             patterns.emplace_back(p, 0);
-        Engine e(patterns, c.compile_flags);
+        ThinNfa e(numbered(patterns), c.compile_flags);
         for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
             std::vector<Hit> expected;
             {
-                ScopedPrefilter off(THIN_NFA_PREFILTER_OFF);
+                ScopedGlobal off(vael_thin_nfa_prefilter, THIN_NFA_PREFILTER_OFF);
                 expected = run(e, nullptr, c.text, 0, exec_flags);
             }
             ASSERT_FALSE(expected.empty()) << c.text;
-            for (int mode : prefilter_modes()) {
-                ScopedPrefilter prefilter(mode);
+            for (int mode : vael_test::all_prefilter_modes()) {
+                ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
                 for (size_t cut = 1; cut < c.text.size(); cut++) {
                     const std::string head = c.text.substr(0, cut), tail = c.text.substr(cut);
                     Stream two({head, tail});
@@ -256,7 +204,7 @@ TEST(ThinNfaStream, PmRunOverHistoryAndPresentBuffer) {
     auto cb = [](vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset,
                  vael_vbuf *vbuf, int *) -> int {
         auto *s = static_cast<Seen *>(arg);
-        s->hits.emplace_back(id, offset);
+        s->hits.push_back(Hit{id, offset});
         s->vbuf = vbuf;
         return 0;
     };
