@@ -361,9 +361,10 @@ void print_help(std::FILE *out) {
                  "\n"
                  "Pattern file: one pattern per line, ID<TAB>TEXT or ID<TAB>KIND<TAB>TEXT.\n"
                  "ID is a signed 32-bit decimal number. KIND is str (a plain string, the\n"
-                 "default), re (a regular expression), word (a word or phrase), kw or\n"
-                 "kw-nohistory (a keyword rule). This build compiles only str patterns,\n"
-                 "none marked bound, and if one is marked caseless all must be (or give -i).\n"
+                 "default), re (a regular expression), word (a word or phrase between\n"
+                 "delimiters), word-continuous (one that may hit inside a word), kw or\n"
+                 "kw-nohistory (a keyword rule). This build compiles str, re and word\n"
+                 "patterns; -i makes words caseless too.\n"
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
                  "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
@@ -461,6 +462,9 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
     case PatternKind::word:
     case PatternKind::kw:
         break;  // no metadata: a leading '{' is part of the text
+    case PatternKind::word_continuous:
+        read.flags = VAEL_PM_CONTINUOUS_WORD;
+        break;
     case PatternKind::kw_nohistory:
         read.flags = VAEL_PM_NO_HISTORY;
         break;
@@ -470,13 +474,18 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
 
 // The whole text goes to the library, which parses the metadata again; the
 // pattern's own bits come only from there, never from the command line.
-int add_record(vael_pm_patterns *patterns, const PatternRecord &record) {
+// A word carries its case rule itself (the word matcher reads no compile
+// flags), so -i reaches words as their own caseless bit.
+int add_record(vael_pm_patterns *patterns, const PatternRecord &record, std::uint32_t compile_flags) {
     const char *bytes = record.bytes.c_str();
     const auto len = static_cast<std::uint32_t>(record.bytes.size());
+    const std::uint32_t word_case = compile_flags & VAEL_PM_CASELESS;
     switch (record.kind) {
     case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
-    case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
+    case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, word_case);
+    case PatternKind::word_continuous:
+        return vael_pm_patterns_add_word(patterns, bytes, len, record.id, word_case | VAEL_PM_CONTINUOUS_WORD);
     // The reader refused a NUL inside a rule, so c_str() is the whole rule.
     case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, nullptr, 0, bytes, record.id);
     case PatternKind::kw_nohistory:
@@ -492,7 +501,7 @@ struct FlagName {
 };
 constexpr FlagName kFlagNames[] = {
     {VAEL_PM_CASELESS, "CASELESS"}, {VAEL_PM_LITERAL, "LITERAL"},       {VAEL_PM_SHORT_LSS, "SHORT_LSS"},
-    {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"},
+    {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"}, {VAEL_PM_CONTINUOUS_WORD, "CONTINUOUS_WORD"},
 };
 
 std::string flag_names(std::uint32_t flags) {
@@ -623,6 +632,13 @@ std::uint32_t history_needed(const std::vector<PatternRecord> &records) {
     return history;
 }
 
+// The word matcher reads one flat buffer, never a history in a vbuf.
+bool has_words(const std::vector<PatternRecord> &records) {
+    return std::any_of(records.begin(), records.end(), [](const PatternRecord &r) {
+        return r.kind == PatternKind::word || r.kind == PatternKind::word_continuous;
+    });
+}
+
 // ---------------------------------------------------------------------------
 // Scanning.
 
@@ -685,10 +701,10 @@ private:
 
 class Scanner {
 public:
-    Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names)
+    Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names, bool flat)
         : options_(options),
           show_names_(show_names),
-          stream_(pm, history, options.all_matches, on_stream_match, options.match_start),
+          stream_(pm, history, options.all_matches, on_stream_match, options.match_start, flat),
           progress_(options.progress) {}
 
     bool any_match() const { return any_match_; }
@@ -775,6 +791,10 @@ private:
             if (result == vael::cli::StreamScanner::Result::stopped) break;
             progress_.update(scan.name, stream_.position(), scan.matches);
         }
+        if (!any_error_ && !done_ && stream_.finish() == vael::cli::StreamScanner::Result::failed) {
+            done_ = true;
+            error(path, "out of memory while scanning");
+        }
         progress_.finish();
         if (scan.matches > 0) {
             any_match_ = true;
@@ -839,7 +859,7 @@ int run(const Options &options) {
         ReadPattern read;
         std::optional<std::string> error = read_pattern(record, read);
         if (!error && options.explain) explain(record, read);
-        if (!error && add_record(patterns.get(), record) != 0) error = "cannot add pattern " + std::to_string(record.id);
+        if (!error && add_record(patterns.get(), record, options.compile_flags) != 0) error = "cannot add pattern " + std::to_string(record.id);
         if (error) {
             // The lines explained so far come before the message.
             std::fflush(stdout);
@@ -872,7 +892,7 @@ int run(const Options &options) {
     if (inputs.empty()) inputs.emplace_back(options.recursive ? "." : "-");
     const bool show_names = options.file_names == FileNames::always ||
                             (options.file_names == FileNames::automatic && (inputs.size() > 1 || options.recursive));
-    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names);
+    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names, has_words(parsed.records));
     for (const auto &input : inputs) {
         scanner.operand(input);
         if (scanner.done()) break;
