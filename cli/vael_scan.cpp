@@ -364,7 +364,7 @@ void print_help(std::FILE *out) {
                  "default), re (a regular expression), word (a word or phrase between\n"
                  "delimiters), word-continuous (one that may hit inside a word), kw or\n"
                  "kw-nohistory (a keyword rule). This build compiles str, re and word\n"
-                 "patterns; -i makes words caseless too.\n"
+                 "patterns; words keep their case, -i does not reach them.\n"
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
                  "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
@@ -474,18 +474,15 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
 
 // The whole text goes to the library, which parses the metadata again; the
 // pattern's own bits come only from there, never from the command line.
-// A word carries its case rule itself (the word matcher reads no compile
-// flags), so -i reaches words as their own caseless bit.
-int add_record(vael_pm_patterns *patterns, const PatternRecord &record, std::uint32_t compile_flags) {
+int add_record(vael_pm_patterns *patterns, const PatternRecord &record) {
     const char *bytes = record.bytes.c_str();
     const auto len = static_cast<std::uint32_t>(record.bytes.size());
-    const std::uint32_t word_case = compile_flags & VAEL_PM_CASELESS;
     switch (record.kind) {
     case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
-    case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, word_case);
+    case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
     case PatternKind::word_continuous:
-        return vael_pm_patterns_add_word(patterns, bytes, len, record.id, word_case | VAEL_PM_CONTINUOUS_WORD);
+        return vael_pm_patterns_add_word(patterns, bytes, len, record.id, VAEL_PM_CONTINUOUS_WORD);
     // The reader refused a NUL inside a rule, so c_str() is the whole rule.
     case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, nullptr, 0, bytes, record.id);
     case PatternKind::kw_nohistory:
@@ -859,7 +856,7 @@ int run(const Options &options) {
         ReadPattern read;
         std::optional<std::string> error = read_pattern(record, read);
         if (!error && options.explain) explain(record, read);
-        if (!error && add_record(patterns.get(), record, options.compile_flags) != 0) error = "cannot add pattern " + std::to_string(record.id);
+        if (!error && add_record(patterns.get(), record) != 0) error = "cannot add pattern " + std::to_string(record.id);
         if (error) {
             // The lines explained so far come before the message.
             std::fflush(stdout);
