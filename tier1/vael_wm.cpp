@@ -9,6 +9,7 @@
 
 #include "runtime/vael_alloc.h"
 #include "runtime/vael_counter.h"
+#include "runtime/vael_lookup3_impl.h"
 #include "runtime/vael_runtime.h"
 #include "runtime/vael_unicode.h"
 #include "vael/vael_lookup3.h"
@@ -27,6 +28,14 @@ const char kNoWord[] = "Invalid arguments (not valid utf8 or only delimiters phr
 // The process-wide buffer of folded text, shared by every handle.
 unsigned char *g_temp = nullptr;
 uint32_t g_temp_size = 0;
+
+// The ASCII answers of the delimiter test and of folding, asked once at
+// start: a run asks them for nearly every byte of text.
+uint8_t g_ascii_delimiter[128];
+uint8_t g_ascii_fold[128];
+// 1 for an ASCII byte that is no delimiter, 0 for a delimiter and for every
+// byte at or above 0x80, which needs decoding.
+uint8_t g_ascii_word_byte[256];
 
 }  // namespace
 
@@ -134,6 +143,19 @@ extern "C" int vael_wm_is_delimiter_uni(int32_t c) {
     return c == -1 || c == '<' || c == '>' || tq_u_isspace(c) || tq_u_ispunct(c);
 }
 
+namespace {
+
+// The code point at s as the run reads it, and whether it is a delimiter.
+inline bool next_is_delimiter(const unsigned char *s, uint32_t n, uint32_t *used) {
+    if (s[0] < 0x80) {
+        *used = 1;
+        return g_ascii_delimiter[s[0]];
+    }
+    return vael_wm_is_delimiter_uni(decode_forward(s, n, used));
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------- temporary buffer
 
 extern "C" void vael_wm_update_phrase_temp_buffer(uint32_t size) {
@@ -170,17 +192,26 @@ extern "C" uint32_t vael_wm_phrase_temp_buffer_size(void) { return g_temp_size; 
 // ---------------------------------------------------------------- hash
 
 extern "C" uint32_t vael_wm_hash_word(vael_wm_handle *h, const unsigned char *word, uint32_t length) {
+    // An ASCII word folds byte for byte: it is hashed as it is folded, with
+    // the result of folding into the buffer first.
+    if (length <= g_temp_size) {
+        uint32_t i = 0;
+        while (i < length && word[i] < 0x80)
+            i++;
+        if (i == length)
+            return vael_lookup3::hashlittle(length, 1, [word](size_t k) { return g_ascii_fold[word[k]]; }) &
+                   h->hash_mask;
+    }
     uint32_t out = 0;
     for (uint32_t i = 0; i < length;) {
-        uint32_t used;
-        int32_t c;
         if (word[i] < 0x80) {
-            c = word[i];
-            used = 1;
-        } else {
-            c = decode_forward(word + i, length - i, &used);
+            if (out + 1 > g_temp_size)
+                break;
+            g_temp[out++] = g_ascii_fold[word[i++]];
+            continue;
         }
-        c = tq_u_simple_fold_case(c);
+        uint32_t used;
+        const int32_t c = tq_u_simple_fold_case(decode_forward(word + i, length - i, &used));
         const uint32_t n = vael_wm_detail::encoded_size(c);
         if (out + n > g_temp_size)
             break;
@@ -192,6 +223,8 @@ extern "C" uint32_t vael_wm_hash_word(vael_wm_handle *h, const unsigned char *wo
 }
 
 namespace {
+
+uint32_t occupied_words(uint32_t hash_size) { return (hash_size + 63) / 64; }
 
 int stats_alloc_and_init(vael_wm_handle *h) {
     h->exec_stats = VAEL_PM_NEW_ZEROED_ARRAY(vael_wm_exec_stats, 1);
@@ -214,7 +247,8 @@ extern "C" vael_wm_handle *vael_wm_hash_init(uint32_t size) {
     h->hash_size = size;
     h->hash_mask = size - 1;
     h->buckets = VAEL_PM_NEW_ZEROED_ARRAY(vael_wm_node *, size);
-    if (!h->buckets || stats_alloc_and_init(h) != 0) {
+    h->occupied = VAEL_PM_NEW_ZEROED_ARRAY(uint64_t, occupied_words(size));
+    if (!h->buckets || !h->occupied || stats_alloc_and_init(h) != 0) {
         vael_wm_destroy(h);
         return nullptr;
     }
@@ -236,6 +270,7 @@ extern "C" int vael_wm_insert_phrase(vael_wm_handle *h, uint32_t bucket, const u
     node->id = id;
     node->next = h->buckets[bucket];
     h->buckets[bucket] = node;
+    h->occupied[bucket / 64] |= 1ull << (bucket % 64);
     return VAEL_OK;
 }
 
@@ -253,6 +288,8 @@ extern "C" void vael_wm_destroy(void *handle) {
         }
         VAEL_PM_KFREE(h->buckets, sizeof(vael_wm_node *) * h->hash_size);
     }
+    if (h->occupied)
+        VAEL_PM_KFREE(h->occupied, sizeof(uint64_t) * occupied_words(h->hash_size));
     if (h->exec_stats)
         VAEL_PM_KFREE(h->exec_stats, sizeof(vael_wm_exec_stats) * h->exec_stats_num);
     vael_pm_stats_common_free(&h->stats);
@@ -443,11 +480,9 @@ bool vael_wm_test_node(const vael_wm_run &run, const vael_wm_node *node, uint32_
     // A simple phrase stands between delimiters or the edges of the buffer.
     if (*start && !vael_wm_is_delimiter_uni(decode_backward(run.buf, *start)))
         return false;
-    if (*end < run.len) {
-        uint32_t used;
-        if (!vael_wm_is_delimiter_uni(decode_forward(run.buf + *end, run.len - *end, &used)))
-            return false;
-    }
+    uint32_t used;
+    if (*end < run.len && !next_is_delimiter(run.buf + *end, run.len - *end, &used))
+        return false;
     return true;
 }
 
@@ -461,8 +496,9 @@ bool vael_wm_lookup(vael_wm_run &run, uint32_t w, uint32_t length, uint32_t word
         return false;
     }
     vael_counter_add(run.stats->executed_words, 1u);
-    const vael_wm_node *node = run.h->buckets[vael_wm_hash_word(const_cast<vael_wm_handle *>(run.h), run.buf + w,
-                                                                length)];
+    const uint32_t bucket = vael_wm_hash_word(const_cast<vael_wm_handle *>(run.h), run.buf + w, length);
+    const vael_wm_node *node =
+        (run.h->occupied[bucket / 64] >> (bucket % 64)) & 1 ? run.h->buckets[bucket] : nullptr;
     if (!node) {
         vael_counter_add(run.stats->empty_bucket_mismatches, 1u);
         return false;
@@ -494,9 +530,9 @@ void vael_wm_hash_search_buffer(const vael_wm_handle *h, const unsigned char *bu
     bool open = false, stop = false;
     for (uint32_t p = 0; p < len && !stop;) {
         uint32_t used;
-        const int32_t c = decode_forward(buf + p, len - p, &used);
+        const bool delimiter = next_is_delimiter(buf + p, len - p, &used);
         const uint32_t q = p + used;
-        if (vael_wm_is_delimiter_uni(c)) {
+        if (delimiter) {
             if (open) {
                 open = false;
                 word_count++;
@@ -509,6 +545,16 @@ void vael_wm_hash_search_buffer(const vael_wm_handle *h, const unsigned char *bu
         } else {
             chars++;
             open = true;
+            if (!continuous) {
+                // The rest of a run of ASCII word bytes needs no look-up:
+                // step over it in one go.
+                uint32_t r = q;
+                while (r < len && g_ascii_word_byte[buf[r]])
+                    r++;
+                chars += r - q;
+                p = r;
+                continue;
+            }
         }
         if (!stop && continuous)
             stop = vael_wm_lookup(run, p, q - p, 0);
@@ -686,6 +732,11 @@ extern "C" void vael_wm_stats_print(void *handle, int level) {
 // ---------------------------------------------------------------- row
 
 extern "C" int vael_wm_init(vael_pm_tier1_funcs *row) {
+    for (int32_t c = 0; c < 128; c++) {
+        g_ascii_delimiter[c] = (uint8_t)vael_wm_is_delimiter_uni(c);
+        g_ascii_word_byte[c] = !g_ascii_delimiter[c];
+        g_ascii_fold[c] = (uint8_t)tq_u_simple_fold_case(c);
+    }
     static const vael_pm_tier1_funcs kRow = {
         "WM",
         vael_wm_compile,

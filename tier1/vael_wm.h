@@ -83,6 +83,10 @@ typedef struct vael_wm_handle {
     vael_wm_exec_stats *exec_stats;
     uint32_t exec_stats_num;
     vael_wm_hash_stats hash_stats;
+    /* One bit per bucket, set when the bucket holds a phrase: 16 KiB for a
+     * compiled table, so that the many words of a run that meet an empty
+     * bucket are told so from the cache, not from the bucket array. */
+    uint64_t *occupied;
 } vael_wm_handle;
 
 int vael_wm_init(vael_pm_tier1_funcs *row);
