@@ -362,9 +362,10 @@ void print_help(std::FILE *out) {
                  "Pattern file: one pattern per line, ID<TAB>TEXT or ID<TAB>KIND<TAB>TEXT.\n"
                  "ID is a signed 32-bit decimal number. KIND is str (a plain string, the\n"
                  "default), re (a regular expression), word (a word or phrase between\n"
-                 "delimiters), word-continuous (one that may hit inside a word), kw or\n"
-                 "kw-nohistory (a keyword rule). This build compiles str, re and word\n"
-                 "patterns; words keep their case, -i does not reach them.\n"
+                 "delimiters; words keep their case, -i does not reach them),\n"
+                 "word-continuous (one that may hit inside a word), kw or kw-nohistory\n"
+                 "(a keyword rule, written {LSS(TEXT)}:RULE: a hit of its LSS runs the\n"
+                 "rule over the data).\n"
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
                  "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
@@ -460,33 +461,54 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
         break;
     }
     case PatternKind::word:
-    case PatternKind::kw:
         break;  // no metadata: a leading '{' is part of the text
     case PatternKind::word_continuous:
         read.flags = VAEL_PM_CONTINUOUS_WORD;
         break;
-    case PatternKind::kw_nohistory:
-        read.flags = VAEL_PM_NO_HISTORY;
+    case PatternKind::kw:
+    case PatternKind::kw_nohistory: {
+        // A rule is found by its LSS, which only its author can name: the
+        // metadata block holds it and nothing else.
+        const char *lss = nullptr;
+        std::uint32_t lss_len = 0;
+        const char *text = record.bytes.data();
+        auto text_len = static_cast<std::uint32_t>(record.bytes.size());
+        std::uint32_t flags = 0;
+        if (vael_pm_patterns_parse_metadata(&lss, &lss_len, &text, &text_len, &flags, 1) != 0 || flags != 0)
+            return "bad metadata in '" + vael::cli::printable(record.bytes) + "' (a rule takes {LSS(TEXT)}: only)";
+        if (lss == nullptr || lss_len == 0)
+            return "keyword rule without its LSS in '" + vael::cli::printable(record.bytes) +
+                   "' (write {LSS(TEXT)}: in front of the rule)";
+        if (text_len == 0) return "empty rule after metadata in '" + vael::cli::printable(record.bytes) + "'";
+        read.lss = std::string_view(lss, lss_len);
+        read.text = std::string_view(text, text_len);
+        if (record.kind == PatternKind::kw_nohistory) read.flags = VAEL_PM_NO_HISTORY;
         break;
+    }
     }
     return std::nullopt;
 }
 
-// The whole text goes to the library, which parses the metadata again; the
-// pattern's own bits come only from there, never from the command line.
-int add_record(vael_pm_patterns *patterns, const PatternRecord &record) {
+// The whole text of a str or re goes to the library, which parses the
+// metadata again; the pattern's own bits come only from there, never from the
+// command line. A rule goes as its LSS and its rule text, as the add takes them.
+int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const ReadPattern &read) {
     const char *bytes = record.bytes.c_str();
     const auto len = static_cast<std::uint32_t>(record.bytes.size());
+    // A rule's text is the end of the record's bytes, so it ends in a NUL.
+    const char *rule = read.text.data();
+    const char *lss = read.lss ? read.lss->data() : nullptr;
+    const auto lss_len = static_cast<std::uint32_t>(read.lss ? read.lss->size() : 0);
     switch (record.kind) {
     case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
     case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
     case PatternKind::word_continuous:
         return vael_pm_patterns_add_word(patterns, bytes, len, record.id, VAEL_PM_CONTINUOUS_WORD);
-    // The reader refused a NUL inside a rule, so c_str() is the whole rule.
-    case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, nullptr, 0, bytes, record.id);
+    // The reader refused a NUL inside a rule, so the C string is the whole rule.
+    case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, lss, lss_len, rule, record.id);
     case PatternKind::kw_nohistory:
-        return vael_pm_patterns_add_pattern_kw_nohistory(patterns, nullptr, 0, bytes, record.id);
+        return vael_pm_patterns_add_pattern_kw_nohistory(patterns, lss, lss_len, rule, record.id);
     }
     return -1;
 }
@@ -856,7 +878,8 @@ int run(const Options &options) {
         ReadPattern read;
         std::optional<std::string> error = read_pattern(record, read);
         if (!error && options.explain) explain(record, read);
-        if (!error && add_record(patterns.get(), record) != 0) error = "cannot add pattern " + std::to_string(record.id);
+        if (!error && add_record(patterns.get(), record, read) != 0)
+            error = "cannot add pattern " + std::to_string(record.id);
         if (error) {
             // The lines explained so far come before the message.
             std::fflush(stdout);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "analysis/vael_pm_lss_finder.h"
+#include "keywords/vael_kw_mgr.h"
 #include "pcre_tier/vael_pcre.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
@@ -129,10 +130,24 @@ extern "C" void vael_tier1_fini(void) {
         row = vael_pm_tier1_funcs{};
 }
 
-// Rows in order REM, PCRE, KW, undone in reverse. Of the three only PCRE is
-// in this build; the others stay empty.
-extern "C" int vael_tier2_init(void) { return vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]); }
-extern "C" void vael_tier2_fini(void) { vael_pcre_fini(); }
+// Rows in order REM, PCRE, KW, undone in reverse. REM is not in this build;
+// its row stays empty.
+extern "C" int vael_tier2_init(void) {
+    if (vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]) != 0)
+        return VAEL_ERROR;
+    if (vael_kw_init(&pm_tier2_funcs[VAEL_PM_TIER2_KW]) != 0) {
+        vael_pcre_fini();
+        return VAEL_ERROR;
+    }
+    return VAEL_OK;
+}
+
+extern "C" void vael_tier2_fini(void) {
+    vael_kw_fini();
+    vael_pcre_fini();
+    for (auto &row : pm_tier2_funcs)
+        row = vael_pm_tier2_funcs{};
+}
 
 namespace {
 struct InitStep {

@@ -60,3 +60,7 @@ run "$scan" -rl -p samples/patterns.txt samples
 echo
 echo "==> every occurrence again, without regard to case: SQL written in lower case counts too"
 run "$scan" --count --all -i -p samples/patterns.txt "${traffic[@]}"
+
+echo
+echo "==> keyword rules (samples/rules.txt): a string, then checks of what follows it"
+run "$scan" -p samples/rules.txt "${traffic[@]}"

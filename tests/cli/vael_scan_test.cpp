@@ -458,6 +458,12 @@ TEST_F(VaelScan, Messages) {
         {"empty after metadata", "2\t{caseless}:\n", {}, {}, "P:1: empty pattern text after metadata in '{caseless}:'\n", 2},
         {"refused pattern quoted after its metadata", "1\t{caseless}:abc\n# c\n2\t{bound}:xyz\n", {}, {},
          "P:3: cannot compile pattern 2 'xyz': Error while trying to process a bounded pattern.\n", 2},
+        {"rule without its LSS", "1\tkw\tdata: \"a\";\n", {}, {},
+         "P:1: keyword rule without its LSS in 'data: \"a\";' (write {LSS(TEXT)}: in front of the rule)\n", 2},
+        {"rule with another item", "1\tkw\t{caseless;LSS(a)}:data: \"a\";\n", {}, {},
+         "P:1: bad metadata in '{caseless;LSS(a)}:data: \"a\";' (a rule takes {LSS(TEXT)}: only)\n", 2},
+        {"rule with a keyword not in this build", "1\tabc\n2\tkw\t{LSS(a)}:jump: 1, 0;\n", {}, {},
+         "P:2: cannot compile pattern 2 'jump: 1, 0;': Rule contains a keyword that is not in this build\n", 2},
         {"duplicate ids warn with both lines", "7\tabc\n8\tdef\n7\tdef\n", {}, {},
          "P:3: warning: pattern id 7 is also used on line 1\n", 0},
         {"no NUL note unasked", "1\ta\\x00b\n", {}, {}, "", 1},
@@ -510,11 +516,10 @@ TEST_F(VaelScan, OutOfMemoryNamesTheFile) {
     EXPECT_EQ(r.status, 2);
 }
 
-// The kinds this build has no engine for are read, then refused by the
-// compile, by line and quoted after their metadata.
-TEST_F(VaelScan, KindsWithoutAnEngineAreRefusedAtCompile) {
+// A pattern the compile refuses is named by its line and quoted after its
+// metadata.
+TEST_F(VaelScan, CompileRefusalsNameTheLine) {
     const std::pair<std::string, std::string> rows[] = {
-        {"kw\tpart:\"x\"", "'part:\"x\"'"},
         {"{bound}:abc", "'abc'"},
     };
     const auto f = write("f", "abc a.*b two words");
@@ -530,6 +535,31 @@ TEST_F(VaelScan, KindsWithoutAnEngineAreRefusedAtCompile) {
     }
 }
 
+// Keyword rules: found by their LSS, run over the history too unless the
+// line says kw-nohistory, whose rule sees the block just read alone.
+TEST_F(VaelScan, KeywordRules) {
+    const auto p = write("p.txt",
+                         "1\tkw\t{LSS(abc)}:data: \"abc\"; data: \"12\", relative, depth 3;\n"
+                         "2\tkw-nohistory\t{LSS(abc)}:data: \"abc\"; data: \"12\", relative, depth 3;\n"
+                         "3\tkw\t{LSS(abc)}:data: \"abc\"; test: 2, >, 11, 0, relative, string, dec;\n"
+                         "4\tplain\n");
+    // The first place of abc has no 12 behind it, the second has.
+    const auto f = write("f", "abcx abc 12 abcy12 plain");
+    auto sorted = [](const std::string &out) {
+        std::multiset<std::string> set;
+        std::istringstream in(out);
+        for (std::string line; std::getline(in, line);) set.insert(line);
+        return set;
+    };
+    using Lines = std::multiset<std::string>;
+    EXPECT_EQ(sorted(run({"-p", p, f}).out), (Lines{"10:1", "10:2", "23:4"}));
+    // Read 4 bytes at a time, the rule without history never sees abc and
+    // 12 in one block; the others find the same ends.
+    EXPECT_EQ(sorted(run({"--block-size", "4", "-p", p, f}).out), (Lines{"10:1", "23:4"}));
+    // A rule ends where the last string it found ends: a test moves nothing.
+    EXPECT_EQ(sorted(run({"-p", p, write("g", "abc12")}).out), (Lines{"4:1", "4:2", "2:3"}));
+}
+
 // ---------------------------------------------------------------------------
 // --explain.
 
@@ -541,8 +571,8 @@ const char kEveryKind[] =
     "3\tre\t{shortlss;LSS(abc)}:a.*bc\n"
     "\n"
     "4\tword\t{caseless}:two words\n"
-    "5\tkw\tpart:\"x\"\n"
-    "-6\tkw-nohistory\tpcre:\"/a\\tb/\"\n"
+    "5\tkw\t{LSS(x)}:part:\"x\"\n"
+    "-6\tkw-nohistory\t{LSS(a)}:pcre:\"/a\\tb/\"\n"
     "7\t{bound;nosuch}:w\n"
     "8\tre\t{LSS()}:x\n";
 const char kEveryKindExplained[] =
@@ -550,8 +580,8 @@ const char kEveryKindExplained[] =
     "3: id=2 kind=str flags=CASELESS|LITERAL text='Ab\\x00c'\n"
     "4: id=3 kind=re flags=SHORT_LSS lss='abc' text='a.*bc'\n"
     "6: id=4 kind=word flags=0 text='{caseless}:two words'\n"
-    "7: id=5 kind=kw flags=0 text='part:\"x\"'\n"
-    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY text='pcre:\"/a\\x09b/\"'\n"
+    "7: id=5 kind=kw flags=0 lss='x' text='part:\"x\"'\n"
+    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY lss='a' text='pcre:\"/a\\x09b/\"'\n"
     "9: id=7 kind=str flags=BOUND text='w'\n"
     "10: id=8 kind=re flags=0 lss='' text='x'\n";
 
@@ -716,6 +746,14 @@ TEST_F(VaelScan, BundledSamples) {
     for (std::string line; std::getline(lines, line);) hit_ids.insert(line.substr(line.rfind(':') + 1));
     EXPECT_GE(hit_ids.size(), 10u);
     EXPECT_LT(hit_ids.size() * 2, patterns.records.size()) << "most sample patterns should not occur";
+
+    // Each sample rule matches somewhere in the traffic.
+    const auto rules = run({"-r", "-p", samples + "/rules.txt", samples + "/traffic"});
+    ASSERT_EQ(rules.status, 0) << rules.err;
+    std::set<std::string> rule_ids;
+    std::istringstream rule_lines(rules.out);
+    for (std::string line; std::getline(rule_lines, line);) rule_ids.insert(line.substr(line.rfind(':') + 1));
+    EXPECT_EQ(rule_ids, (std::set<std::string>{"20001", "20002", "20003", "20004", "20005"})) << rules.out;
 }
 
 }  // namespace

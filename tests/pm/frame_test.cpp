@@ -92,7 +92,6 @@ bool in_pm_list(const vael_pm_handle *pm) {
 // ------------------------------------------------------------------ compile errors
 
 TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
-    const char *kTier2 = "The pattern's second tier engine is not in this build";
     const char *kBound = "Error while trying to process a bounded pattern.";
     const char *kNoLss = "Error while trying to find LSS for pattern. Verify that pattern contains LSS";
     const char *kWord = "Invalid arguments (not valid utf8 or only delimiters phrase)";
@@ -116,7 +115,9 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"RegexLssTooShort", {{'p', "ab[0-9]+"}}, 0, 3, 1, "The pattern's LSS is too short"},
         {"RegexWithoutLss", {{'s', "abc"}, {'p', "[a-z]+"}}, 0, 1, 2, kNoLss},
         {"RegexBadSyntax", {{'s', "abc"}, {'p', "abc(d"}}, 0, 1, 2, "Missing a closing ')'"},
-        {"KwRule", {{'S', "abc"}, {'k', "data:abc;"}}, 0, 1, 2, kTier2},
+        {"KwRule", {{'S', "abc"}, {'k', "data: \"abc\";"}}, 0, 1, 0, nullptr},
+        {"KwRuleRefused", {{'S', "abc"}, {'k', "data:abc;"}}, 0, 1, 2,
+         "Content needs to be enclosed in quotation marks (\") in data keyword"},
         {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, kBound},
         {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w,"}}, 0, 1, 0, nullptr},
         {"BadWordAfterStrings", {{'S', "abc"}, {'s', "def"}, {'w', "\xFF"}}, 0, 1, 3, kWord},
