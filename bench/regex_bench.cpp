@@ -4,16 +4,25 @@
 // with the same set. Before any timing, which patterns match in each chunk
 // is compared between the three; a difference ends the benchmark with an
 // error.
+//
+// The second tier's two rows side by side: the patterns the REM language
+// accepts, compiled once with PCRE as second tier and once with the REM
+// (VAEL_PM_USE_REM): compile time and memory of each PM, and its scan. And
+// the DFA's inner loop alone, one table load per byte over the whole corpus,
+// beside memchr.
 #include <benchmark/benchmark.h>
 #include <pcre.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "corpus.h"
+#include "rem/vael_rem_tier.h"
 #include "vael/vael_pm.h"
 
 #ifdef VAEL_HAVE_VECTORSCAN
@@ -230,6 +239,146 @@ BENCHMARK(BM_RegexVectorscan)->Unit(benchmark::kMillisecond);
 
 BENCHMARK(BM_RegexPm)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RegexPcreOneAfterAnother)->Unit(benchmark::kMillisecond);
+
+// ---- the second tier: PCRE row against REM row
+
+// The REM's own compile of one pattern, as the PM would ask for it.
+vael_dfa *rem_compile(const std::string &re) {
+    vael_pmglob_string *s =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(re.data()), (uint32_t)re.size(), -1, 0);
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    auto *dfa = s ? static_cast<vael_dfa *>(vael_rem_compile(s, 0x1, 0, &err)) : nullptr;
+    vael_pmglob_string_destroy(s);
+    return dfa;
+}
+
+// The ids (1-based, as in regex_set) of the patterns the REM accepts.
+const std::vector<int> &rem_ids() {
+    static const std::vector<int> ids = [] {
+        std::vector<int> out;
+        const auto set = regex_set();
+        for (int i = 0; i < kRegexCount; i++) {
+            if (vael_dfa *dfa = rem_compile(set[i])) {
+                out.push_back(i + 1);
+                vael_dfa_destroy(dfa);
+            }
+        }
+        return out;
+    }();
+    return ids;
+}
+
+// A PM of the REM-accepted set with the given second tier, with what its
+// compile cost.
+struct TierPm {
+    vael_pm_handle *pm = nullptr;
+    double compile_ms = 0;
+    intptr_t memory = 0;
+    explicit TierPm(uint32_t pattern_flags) {
+        vael_pm_patterns *list = vael_pm_patterns_create();
+        const auto set = regex_set();
+        for (int id : rem_ids())
+            vael_pm_patterns_add_pattern(list, set[id - 1].data(), (uint32_t)set[id - 1].size(), id, pattern_flags);
+        vael_pm_error err;
+        const intptr_t before = vael_pmglob_memory_get_alloc_total();
+        const auto t0 = std::chrono::steady_clock::now();
+        pm = vael_pm_compile(list, pm_found, 0, &err, "regex tier bench");
+        compile_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+        vael_pm_patterns_destroy(list);
+        memory = vael_pmglob_memory_get_alloc_total() - before;
+        if (!pm)
+            std::fprintf(stderr, "regex bench: tier PM compile failed at pattern %d: %s\n", err.pattern_id,
+                         err.error_string ? err.error_string : "");
+    }
+};
+
+TierPm &tier_pm(bool rem) {
+    static TierPm pcre_pm(0);
+    static TierPm rem_pm(VAEL_PM_USE_REM);
+    return rem ? rem_pm : pcre_pm;
+}
+
+// Both rows must find the same patterns in every chunk.
+std::string check_tiers() {
+    static std::string verdict = [] {
+        if (!tier_pm(false).pm || !tier_pm(true).pm)
+            return std::string("tier PM compile failed");
+        for (size_t c = 0; c < chunk_count(); c++) {
+            std::set<int32_t> with_pcre, with_rem;
+            vael_pm_exec_ex(tier_pm(false).pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &with_pcre, 0);
+            vael_pm_exec_ex(tier_pm(true).pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &with_rem, 0);
+            if (with_pcre != with_rem)
+                return "PCRE and REM second tiers differ in chunk " + std::to_string(c);
+        }
+        return std::string();
+    }();
+    return verdict;
+}
+
+// Arg 0: PCRE as second tier; 1: REM.
+void BM_RegexTier2(benchmark::State &state) {
+    const bool rem = state.range(0) == 1;
+    state.SetLabel(rem ? "REM" : "PCRE");
+    if (auto why = check_tiers(); !why.empty())
+        return state.SkipWithError(why.c_str());
+    vael_pm_handle *pm = tier_pm(rem).pm;
+    size_t found = 0;
+    for (auto _ : state) {
+        std::set<int32_t> ids;
+        for (size_t c = 0; c < chunk_count(); c++)
+            vael_pm_exec_ex(pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &ids, 0);
+        found = ids.size();
+    }
+    report(state, found);
+    state.counters["patterns"] = (double)rem_ids().size();
+    state.counters["compile_ms"] = tier_pm(rem).compile_ms;
+    state.counters["memory_KiB"] = (double)tier_pm(rem).memory / 1024.0;
+}
+BENCHMARK(BM_RegexTier2)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The DFA alone over the corpus, from the start of each chunk: a pattern of
+// the set that never matches, so the loop does nothing but its one load per
+// byte and the final test.
+void BM_RemDfaLoop(benchmark::State &state) {
+    static vael_dfa *dfa = rem_compile("Zq\\xff[a-z]+\\xfe");
+    if (!dfa)
+        return state.SkipWithError("REM compile failed");
+    size_t hits = 0;
+    for (auto _ : state) {
+        for (size_t c = 0; c < chunk_count(); c++) {
+            lst_list *queue = nullptr;
+            vael_dfa_exec(dfa, chunk(c), (uint32_t)chunk_len(c), nullptr, 0, &queue, 0, nullptr);
+            hits += (size_t)vael_queue_size(queue);
+            vael_queue_cleanup(queue);
+        }
+    }
+    if (hits)
+        return state.SkipWithError("the loop's pattern matched");
+    state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)corpus().size());
+    state.counters["dfa_states"] = vael_dfa_get_num_of_states(dfa);
+}
+BENCHMARK(BM_RemDfaLoop)->Unit(benchmark::kMillisecond);
+
+// memchr over the same chunks for a byte the corpus holds rarely: the
+// floor of any byte-at-a-time scan.
+void BM_Memchr(benchmark::State &state) {
+    size_t found = 0;
+    for (auto _ : state) {
+        found = 0;
+        for (size_t c = 0; c < chunk_count(); c++) {
+            const unsigned char *p = chunk(c), *end = p + chunk_len(c);
+            while ((p = static_cast<const unsigned char *>(std::memchr(p, 0xfe, (size_t)(end - p)))) != nullptr) {
+                found++;
+                p++;
+            }
+        }
+        benchmark::DoNotOptimize(found);
+    }
+    state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)corpus().size());
+    state.counters["found"] = (double)found;
+}
+BENCHMARK(BM_Memchr)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace vael_bench

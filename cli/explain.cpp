@@ -10,6 +10,7 @@
 #include <string>
 
 #include "analysis/vael_pm_lss_finder.h"
+#include "rem/vael_rem_tier.h"
 #include "vael/vael_apps.h"
 #include "vael/vael_rem.h"
 
@@ -168,6 +169,23 @@ int print_lss(std::string_view pattern, std::uint32_t flags, std::FILE *out) {
     vael_apps_fini();
     if (std::fflush(out) != 0) return 2;
     return status;
+}
+
+long rem_dfa_states(std::string_view pattern, std::uint32_t pattern_flags, std::uint32_t compile_flags) {
+    vael_pmglob_string *text =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(pattern.data()),
+                                  static_cast<std::uint32_t>(pattern.size()), -1, pattern_flags);
+    if (!text) return -1;
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    // The frame adds dot-all (0x1) unless the compile flags ask otherwise (0x2).
+    const std::uint32_t effective = (compile_flags & 0x2u) ? compile_flags : (compile_flags | 0x1u);
+    auto *dfa = static_cast<vael_dfa *>(vael_rem_compile(text, effective, pattern_flags, &err));
+    vael_pmglob_string_destroy(text);
+    if (!dfa) return -1;
+    const long states = vael_dfa_get_num_of_states(dfa);
+    vael_dfa_destroy(dfa);
+    return states;
 }
 
 }  // namespace vael::cli

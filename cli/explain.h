@@ -25,6 +25,12 @@ int print_tokens(std::string_view pattern, std::uint32_t flags, std::FILE *out);
 // refusal, 2 when the library failed.
 int print_lss(std::string_view pattern, std::uint32_t flags, std::FILE *out);
 
+// The number of states of the minimized DFA that the REM machine makes of
+// `pattern`, compiled as the PM compiles an re line with VAEL_PM_USE_REM
+// (`pattern_flags` the line's metadata bits, `compile_flags` the PM's); -1
+// when the machine refuses the pattern. The library must be started.
+long rem_dfa_states(std::string_view pattern, std::uint32_t pattern_flags, std::uint32_t compile_flags);
+
 // The pattern with non-printing bytes as \xHH, and the column at which byte
 // `index` of the pattern starts in it.
 std::string escaped_pattern(std::string_view pattern, std::size_t index, std::size_t *column);

@@ -77,6 +77,7 @@ struct Options {
     std::string debug_level;                     // as VAEL_DEBUG_LEVEL; empty: NOTICE
     bool memory = false;
     bool explain = false;  // print how each pattern was read
+    bool rem = false;      // re lines go to the library's own regex machine, not PCRE
     std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
 };
@@ -242,6 +243,11 @@ constexpr OptionRow kOptions[] = {
          o.explain = true;
          return std::nullopt;
      }},
+    {'\0', "rem", "", "compile re lines with the library's own regex machine (REM) instead of PCRE",
+     [](Options &o, std::string_view) -> std::optional<std::string> {
+         o.rem = true;
+         return std::nullopt;
+     }},
     {'\0', "tokens", "PATTERN", "print the REM tokens of PATTERN, one per line, and exit (no FILE needed)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          o.tokens = std::string(v);
@@ -374,10 +380,12 @@ void print_help(std::FILE *out) {
                  "\n"
                  "--explain prints one line per pattern, before anything is compiled and\n"
                  "even with -q (with no FILE it only explains):\n"
-                 "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT'\n"
+                 "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT' [dfa_states=N]\n"
                  "FLAGS are the bits the pattern sets for itself (CASELESS, LITERAL,\n"
                  "SHORT_LSS, BOUND, NO_HISTORY, joined by '|'), or 0; lss is shown when the\n"
                  "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
+                 "With --rem an re line also shows the states of the minimized DFA that the\n"
+                 "REM machine makes of TEXT (dfa_states=refused when it refuses TEXT).\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -491,8 +499,9 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
 
 // The whole text of a str or re goes to the library, which parses the
 // metadata again; the pattern's own bits come only from there, never from the
-// command line. A rule goes as its LSS and its rule text, as the add takes them.
-int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const ReadPattern &read) {
+// command line (but --rem, which picks the second tier of re lines). A rule
+// goes as its LSS and its rule text, as the add takes them.
+int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const ReadPattern &read, bool rem) {
     const char *bytes = record.bytes.c_str();
     const auto len = static_cast<std::uint32_t>(record.bytes.size());
     // A rule's text is the end of the record's bytes, so it ends in a NUL.
@@ -501,7 +510,8 @@ int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const Re
     const auto lss_len = static_cast<std::uint32_t>(read.lss ? read.lss->size() : 0);
     switch (record.kind) {
     case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
-    case PatternKind::re: return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, 0);
+    case PatternKind::re:
+        return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, rem ? VAEL_PM_USE_REM : 0);
     case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
     case PatternKind::word_continuous:
         return vael_pm_patterns_add_word(patterns, bytes, len, record.id, VAEL_PM_CONTINUOUS_WORD);
@@ -542,11 +552,18 @@ std::string flag_names(std::uint32_t flags) {
     return names;
 }
 
-void explain(const PatternRecord &record, const ReadPattern &read) {
+void explain(const Options &options, const PatternRecord &record, const ReadPattern &read) {
     std::string line = std::to_string(record.line) + ": id=" + std::to_string(record.id) +
                        " kind=" + std::string(vael::cli::kind_name(record.kind)) + " flags=" + flag_names(read.flags);
     if (read.lss) line += " lss='" + vael::cli::printable(*read.lss) + "'";
-    line += " text='" + vael::cli::printable(read.text) + "'\n";
+    line += " text='" + vael::cli::printable(read.text) + "'";
+    if (options.rem && record.kind == PatternKind::re) {
+        // The machine REM makes of the text; whether the PM needs it depends
+        // on the LSS.
+        const long states = vael::cli::rem_dfa_states(read.text, read.flags, options.compile_flags);
+        line += states < 0 ? " dfa_states=refused" : " dfa_states=" + std::to_string(states);
+    }
+    line += '\n';
     std::fputs(line.c_str(), stdout);
 }
 
@@ -877,8 +894,8 @@ int run(const Options &options) {
     for (const auto &record : parsed.records) {
         ReadPattern read;
         std::optional<std::string> error = read_pattern(record, read);
-        if (!error && options.explain) explain(record, read);
-        if (!error && add_record(patterns.get(), record, read) != 0)
+        if (!error && options.explain) explain(options, record, read);
+        if (!error && add_record(patterns.get(), record, read, options.rem) != 0)
             error = "cannot add pattern " + std::to_string(record.id);
         if (error) {
             // The lines explained so far come before the message.

@@ -12,6 +12,7 @@
 #include "analysis/vael_pm_lss_finder.h"
 #include "keywords/vael_kw_mgr.h"
 #include "pcre_tier/vael_pcre.h"
+#include "rem/vael_rem_tier.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_counter.h"
@@ -130,13 +131,20 @@ extern "C" void vael_tier1_fini(void) {
         row = vael_pm_tier1_funcs{};
 }
 
-// Rows in order REM, PCRE, KW, undone in reverse. REM is not in this build;
-// its row stays empty.
+// Rows in order REM, PCRE, KW, undone in reverse.
 extern "C" int vael_tier2_init(void) {
-    if (vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]) != 0)
+    if (vael_rem_init(&pm_tier2_funcs[VAEL_PM_TIER2_REM]) != 0)
         return VAEL_ERROR;
+    if (vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]) != 0) {
+        vael_rem_fini();
+        pm_tier2_funcs[VAEL_PM_TIER2_REM] = vael_pm_tier2_funcs{};
+        return VAEL_ERROR;
+    }
     if (vael_kw_init(&pm_tier2_funcs[VAEL_PM_TIER2_KW]) != 0) {
         vael_pcre_fini();
+        vael_rem_fini();
+        for (auto &row : pm_tier2_funcs)
+            row = vael_pm_tier2_funcs{};
         return VAEL_ERROR;
     }
     return VAEL_OK;
@@ -145,6 +153,7 @@ extern "C" int vael_tier2_init(void) {
 extern "C" void vael_tier2_fini(void) {
     vael_kw_fini();
     vael_pcre_fini();
+    vael_rem_fini();
     for (auto &row : pm_tier2_funcs)
         row = vael_pm_tier2_funcs{};
 }

@@ -87,6 +87,41 @@ struct vael_nfa {
     vael_dfa_state *end;
 };
 
+/* Minimization's table: row i holds the cells of the pairs (i, j), j < i;
+ * 1 joined (held equal), 0 divided. Row 0 is empty. */
+typedef struct vael_dfa_partition_matrix {
+    uint32_t **rows;
+    uint32_t num_of_rows;
+} vael_dfa_partition_matrix;
+
+typedef struct vael_dfa_partition_state {
+    vael_dfa_state *state;
+    int32_t group; /* representative's id, -1 until grouped */
+} vael_dfa_partition_state;
+
+typedef struct vael_dfa_partitions {
+    vael_dfa_partition_state *states; /* one per state of the input, by id */
+    vael_dfa_partition_matrix *matrix;
+    uint32_t num_of_states;
+} vael_dfa_partitions;
+
+vael_dfa_partition_matrix *vael_dfa_partition_matrix_create(uint32_t n);
+void vael_dfa_partition_matrix_destroy(vael_dfa_partition_matrix *matrix, uint32_t n);
+vael_dfa_partitions *vael_dfa_partitions_create(vael_dfa *dfa);
+void vael_dfa_partitions_destroy(vael_dfa_partitions *partitions);
+/* Either order of i and j; i = j does nothing. */
+void vael_dfa_partitions_divide(vael_dfa_partitions *partitions, uint32_t i, uint32_t j);
+void vael_dfa_partitions_join(vael_dfa_partitions *partitions, uint32_t i, uint32_t j);
+void vael_dfa_partitions_print(vael_dfa_partitions *partitions);
+
+/* The run entries of the tier rows (the SM row and the REM row). */
+struct vael_pm_exec_cb_ctx;
+int vael_dfa_tier1_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,
+                        lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask,
+                        struct vael_pm_exec_cb_ctx *ctx);
+int vael_dfa_tier2_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,
+                        lst_list **queue, uint32_t exec_flags, struct vael_pm_exec_cb_ctx *ctx);
+
 /* Linear id to packed id. */
 static inline uint32_t vael_dfa_linear_to_packed(uint32_t id) {
     uint32_t block = id / VAEL_DFA_BLOCK_STATES;

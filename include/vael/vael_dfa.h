@@ -28,6 +28,7 @@
 #include "vael/vael_list.h"
 #include "vael/vael_pm.h"
 #include "vael/vael_pmglob.h"
+#include "vael/vael_vbuf.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -212,6 +213,58 @@ void vael_nfa_fini(void);
  * pattern_id on its final states; not minimized, not finalized. The
  * environment is not changed. */
 vael_dfa *vael_nfa2dfa(vael_nfa_env *env, int32_t pattern_id, vael_pm_error *error);
+
+/* ---------------------------------------------------------------- minimization */
+
+/* A new machine with the fewest states, from a complete machine that is not
+ * yet finalized (table filling). The input stays the caller's, its states
+ * lists cleaned; null on failure. */
+vael_dfa *vael_dfa_minimize(vael_dfa *dfa);
+
+/* ---------------------------------------------------------------- runs */
+
+/* Runs a finalized machine over vbuf from `start`, then over buf (which
+ * follows vbuf), from the initial state. Hits go to *queue (made at the
+ * first hit) with the offset of their last byte in the whole data. 0 or -1;
+ * on -1 the queue holds what came before the failing state's records. */
+int vael_dfa_exec(vael_dfa *dfa, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,
+                  lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask);
+/* One contiguous piece: bytes start_index..end_index - 1 at offsets base +
+ * index. *running and *hint go on to the next piece. 0, -1, or
+ * VAEL_DFA_EXEC_SETTLED: the machine sits in an absorbing final state whose
+ * hits are queued, and the rest of the data would only repeat them. */
+#define VAEL_DFA_EXEC_SETTLED 1
+int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
+                          uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
+                          const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint);
+/* The records of a final state that pass their checks, queued. piece_end is
+ * the end of the bytes buffer holds, for the word check after the match. */
+int vael_dfa_insert_match_data(lst_list **queue, const vael_dfa_state *state, uint32_t offset, uint32_t index,
+                               uint32_t exec_flags, const vael_pm_mask *mask, uint32_t end,
+                               const unsigned char *buffer, uint32_t next_index, uint32_t piece_end,
+                               uint32_t dfa_flags, uint32_t hint, int *matched);
+
+/* The highest start from which a run reaches the match's end again: the
+ * offset, (uint32_t)-1 for none found, (uint32_t)-2 for a failed run.
+ * anchored: the machine runs from offset 0 only (then the answer is 0
+ * unless pattern_flags hold VAEL_PM_BOUNDED_LEFT). */
+uint32_t vael_dfa_match_start_find(vael_dfa *dfa, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf,
+                                   uint32_t exec_flags, vael_pmglob_match_data *match, uint32_t back_offset,
+                                   int anchored, uint32_t pattern_flags);
+/* Up to 500 offsets in start..start + length - 1 where a match may start:
+ * after a non-word byte when bounded, else where the byte leaves the initial
+ * state. -1 on the 501st. */
+int vael_dfa_exec_find_potential_start_points(const vael_dfa *dfa, const unsigned char *buf, uint32_t len,
+                                              vael_vbuf *vbuf, uint32_t start, uint32_t *array, uint32_t *count,
+                                              uint32_t length, int bounded);
+/* Moves a probe of a bounded search over plain offsets to the nearest
+ * offset behind a non-word byte; 1 when there is none in low..high. */
+int vael_dfa_match_start_fix_index_for_binary_search(uint32_t low, uint32_t high, int bounded,
+                                                     const uint32_t *array, const unsigned char *buf, uint32_t len,
+                                                     vael_vbuf *vbuf, uint32_t *index);
+int vael_dfa_exec_match_start_is_match_at_offset(vael_dfa *dfa, const unsigned char *buf, uint32_t len,
+                                                 vael_vbuf *vbuf, uint32_t exec_flags, int32_t id, uint32_t end,
+                                                 uint32_t candidate, int *status);
 
 #ifdef __cplusplus
 }

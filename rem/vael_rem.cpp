@@ -1,0 +1,123 @@
+// vael_rem.cpp - the REM second tier as the frame sees it: the compile chain
+// (pattern to NFA, subset construction, minimization, finalize), row 0 of
+// pm_tier2_funcs, and the start and stop of the machinery under it (the
+// states hash of subset construction and the parser's class array).
+//
+// The row has no image slots: a DFA image is not part of this build, and
+// the frame reaches those slots only when a PM is written out.
+
+#include "rem/vael_rem_tier.h"
+
+#include "rem/vael_dfa_internal.h"
+#include "runtime/vael_runtime.h"
+
+namespace {
+
+const char kTopics[] = "K_REM";
+const char kPmTopics[] = "K_PM | K_REM";
+const char kErrTopics[] = "K_REM | K_ERROR";
+
+bool g_initialized;
+
+int has_start_anchor(void *h) { return (vael_dfa_get_flags(static_cast<vael_dfa *>(h)) & VAEL_DFA_CARET) ? 1 : 0; }
+
+uint32_t find_match_start(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t exec_flags,
+                          vael_pmglob_match_data *hit, uint32_t back_offset, uint32_t pattern_flags) {
+    return vael_dfa_match_start_find(static_cast<vael_dfa *>(h), buf, len, vbuf, exec_flags, hit, back_offset,
+                                     has_start_anchor(h), pattern_flags);
+}
+
+void *duplicate(void *h) { return vael_dfa_duplicate(static_cast<vael_dfa *>(h)); }
+int is_valid(void *h) { return vael_dfa_is_valid(static_cast<vael_dfa *>(h)); }
+void destroy(void *h) { vael_dfa_destroy(static_cast<vael_dfa *>(h)); }
+vael_pm_stats_common *get_common_stats(void *h) { return vael_dfa_get_common_stats(static_cast<vael_dfa *>(h)); }
+
+const vael_pm_tier2_funcs kRow = {
+    "REM",
+    VAEL_PM_TIER2_REUSABLE,
+    vael_rem_compile,
+    vael_dfa_tier2_exec,
+    has_start_anchor,
+    find_match_start,
+    duplicate,
+    nullptr,  // get_serialize_size
+    nullptr,  // serialize
+    nullptr,  // deserialize
+    is_valid,
+    destroy,
+    nullptr,  // stats_print
+    get_common_stats,
+    nullptr,  // dump
+};
+
+}  // namespace
+
+extern "C" int vael_rem_init(vael_pm_tier2_funcs *row) {
+    if (g_initialized) {
+        VAEL_ASSERT(0, "called when already initialized\n");
+        return VAEL_ERROR;
+    }
+    if (!row)
+        return VAEL_ERROR;
+    if (vael_nfa_init() != 0)
+        return VAEL_ERROR;
+    if (vael_rem_pattern2nfa_init() != 0) {
+        vael_nfa_fini();
+        return VAEL_ERROR;
+    }
+    *row = kRow;
+    g_initialized = true;
+    return VAEL_OK;
+}
+
+extern "C" void vael_rem_fini(void) {
+    if (!g_initialized)
+        return;
+    vael_nfa_fini();
+    vael_rem_pattern2nfa_fini();
+    g_initialized = false;
+}
+
+extern "C" void *vael_rem_compile(vael_pmglob_string *pattern, uint32_t compile_flags, uint32_t pattern_flags,
+                                  vael_pm_error *error) {
+    if (!pattern) {
+        VAEL_ASSERT(0, "pattern is NULL");
+        return nullptr;
+    }
+    vael_nfa_env *env = vael_rem_pattern2nfa(pattern, compile_flags | (pattern_flags & VAEL_PM_CASELESS), error);
+    if (!env) {
+        VAEL_LOG(VAEL_DBG_NOTICE, kTopics, "%s: vael_rem_pattern2nfa returned NULL\n");
+        return nullptr;
+    }
+    vael_dfa *dfa = vael_nfa2dfa(env, vael_pmglob_string_get_id(pattern), error);
+    vael_nfa_env_destroy(env);
+    if (!dfa) {
+        VAEL_LOG(VAEL_DBG_NOTICE, kTopics, "%s: vael_nfa2dfa returned NULL\n");
+        return nullptr;
+    }
+    VAEL_LOG(VAEL_DBG_INFO, kPmTopics, "%s: dfa with %u states\n", vael_dfa_get_num_of_states(dfa));
+
+    vael_timeval t0, t1;
+    vael_time_get_hrtime(&t0);
+    vael_dfa *minimal = vael_dfa_minimize(dfa);
+    vael_time_get_hrtime(&t1);
+    VAEL_LOG(VAEL_DBG_INFO, kPmTopics, "%s: vael_dfa_minimize time: %u micro seconds\n",
+             vael_time_diff_usec(&t0, &t1));
+    vael_dfa_destroy(dfa);
+    if (!minimal) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: vael_dfa_minimize returned NULL\n");
+        return nullptr;
+    }
+    VAEL_LOG(VAEL_DBG_INFO, kPmTopics, "%s: After minimize:  dfa with %u states\n",
+             vael_dfa_get_num_of_states(minimal));
+
+    vael_dfa *finished = vael_dfa_finalize(minimal);
+    if (!finished) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: vael_dfa_finalize returned NULL\n");
+        return nullptr;
+    }
+    // The string's flags carry VAEL_PM_BOUND to the run.
+    vael_dfa_add_flags(finished, vael_pmglob_string_get_flags(pattern));
+    finished->error = nullptr;  // the caller's record does not outlive the compile
+    return finished;
+}

@@ -1,0 +1,216 @@
+// DFA minimization: the minimized machine accepts exactly what the input
+// accepts (every string of up to 6 letters of a small alphabet), has the
+// state count of an independent minimizer (Moore's partition refinement,
+// written here), keeps one pattern id record per final state, and fails
+// cleanly on every allocation.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/rem/rem_support.h"
+#include "tests/support/failmem_walk.h"
+
+namespace {
+
+using vael_test::LogCapture;
+
+// The unminimized DFA of a pattern, as vael_rem_compile makes it before
+// minimization.
+vael_dfa *subset_dfa(const std::string &pattern, uint32_t flags = vael_test::kRemDotAll) {
+    vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(pattern.data()),
+                                                      (uint32_t)pattern.size(), -1, 0);
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    LogCapture quiet;
+    vael_nfa_env *env = vael_rem_pattern2nfa(s, flags, &err);
+    vael_dfa *dfa = env ? vael_nfa2dfa(env, -1, &err) : nullptr;
+    vael_nfa_env_destroy(env);
+    vael_pmglob_string_destroy(s);
+    return dfa;
+}
+
+vael_dfa_state *state(const vael_dfa *dfa, uint32_t id) { return vael_dfa_state_get_by_id(dfa, id); }
+
+// What the machine says at the end of s: 0 not final, 1 final, 2 anchored
+// final. The machine is not finalized: entries are linear ids.
+int verdict(const vael_dfa *dfa, const std::string &s) {
+    const vael_dfa_state *st = vael_dfa_get_initial_state(dfa);
+    for (unsigned char c : s)
+        st = state(dfa, st->trans[c]);
+    if (!vael_dfa_state_is_final(st))
+        return 0;
+    return vael_dfa_state_is_anchored_final(st) ? 2 : 1;
+}
+
+// Moore's algorithm: classes by finality, refined by the classes of the 256
+// targets until the number of classes stays.
+uint32_t moore_count(const vael_dfa *dfa) {
+    const uint32_t n = vael_dfa_get_num_of_states(dfa);
+    std::vector<uint32_t> cls(n);
+    for (uint32_t i = 0; i < n; i++)
+        cls[i] = vael_dfa_state_is_final(state(dfa, i)) ? 1 : 0;
+    uint32_t count = 0;
+    for (;;) {
+        std::map<std::vector<uint32_t>, uint32_t> sig;
+        std::vector<uint32_t> next(n);
+        for (uint32_t i = 0; i < n; i++) {
+            std::vector<uint32_t> key{cls[i]};
+            for (int c = 0; c < 256; c++)
+                key.push_back(cls[state(dfa, i)->trans[c]]);
+            next[i] = sig.emplace(key, (uint32_t)sig.size()).first->second;
+        }
+        if (sig.size() == count)
+            return count;
+        count = (uint32_t)sig.size();
+        cls = next;
+    }
+}
+
+std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
+    std::vector<std::string> out{""};
+    for (size_t from = 0, len = 0; len < max_len; len++) {
+        const size_t to = out.size();
+        for (size_t i = from; i < to; i++)
+            for (char c : alphabet)
+                out.push_back(out[i] + c);
+        from = to;
+    }
+    return out;
+}
+
+void check_minimization(const std::string &pattern, uint32_t flags, const std::vector<std::string> &strings) {
+    SCOPED_TRACE(pattern + " flags " + std::to_string(flags));
+    vael_dfa *dfa = subset_dfa(pattern, flags);
+    if (!dfa)
+        return;  // too complex for the store: nothing to minimize
+    const uint32_t expected = moore_count(dfa);
+    LogCapture quiet;
+    vael_dfa *min = vael_dfa_minimize(dfa);
+    ASSERT_NE(min, nullptr);
+    EXPECT_EQ(vael_dfa_get_num_of_states(min), expected);
+    for (const std::string &s : strings)
+        ASSERT_EQ(verdict(min, s), verdict(dfa, s)) << "over \"" << s << "\"";
+    // Minimal already: a second pass changes nothing.
+    vael_dfa *again = vael_dfa_minimize(min);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(vael_dfa_get_num_of_states(again), vael_dfa_get_num_of_states(min));
+    for (uint32_t id = 0; id < vael_dfa_get_num_of_states(min); id++) {
+        const vael_dfa_state *st = state(min, id);
+        EXPECT_EQ(vael_dfa_state_get_states_list(st), nullptr);  // correlations are cleaned
+        if (vael_dfa_state_is_final(st)) {
+            EXPECT_EQ(vael_dfa_pattern_id_next(vael_dfa_state_get_pattern_ids(st)), nullptr);
+        }
+    }
+    vael_dfa_destroy(again);
+    vael_dfa_destroy(min);
+    vael_dfa_destroy(dfa);
+}
+
+TEST(DfaMinimize, AcceptsWhatTheInputAcceptsWithTheFewestStates) {
+    const std::vector<std::string> strings = all_strings("abc", 6);
+    const char *fixed[] = {"abc", "^abc$", "(a|b)", "a(b|c)*c", "^(ab|a)*b$", "a{0}", "[^a]b$", "((a|b)c)+", "a.b"};
+    for (const char *p : fixed)
+        for (uint32_t flags : {vael_test::kRemDotAll, 0u})
+            check_minimization(p, flags, strings);
+    std::mt19937 rng(6);
+    for (int i = 0; i < 60; i++) {
+        std::string p = vael_test::random_expression(rng, "abc");
+        if (rng() % 3 == 0)
+            p += "$";
+        if (rng() % 3 == 0)
+            p = "^" + p;
+        check_minimization(p, vael_test::kRemDotAll, strings);
+    }
+}
+
+TEST(DfaMinimize, KnownShapes) {
+    struct Row {
+        const char *pattern;
+        uint32_t states;
+        bool initial_above_zero;
+    };
+    const Row rows[] = {
+        // Both branches and the sink merge: searching, and found.
+        {".*(a|b).*", 2, true},
+        // The sink, made first, keeps id 0.
+        {"abc", 4, true},
+        // Anchored at both ends: one dead state survives.
+        {"^ab$", 4, false},
+    };
+    for (const Row &row : rows) {
+        vael_dfa *dfa = subset_dfa(row.pattern);
+        ASSERT_NE(dfa, nullptr);
+        LogCapture quiet;
+        vael_dfa *min = vael_dfa_minimize(dfa);
+        ASSERT_NE(min, nullptr) << row.pattern;
+        EXPECT_EQ(vael_dfa_get_num_of_states(min), row.states) << row.pattern;
+        EXPECT_EQ(vael_dfa_state_get_id(vael_dfa_get_initial_state(min)) > 0, row.initial_above_zero) << row.pattern;
+        vael_dfa_destroy(min);
+        vael_dfa_destroy(dfa);
+    }
+}
+
+TEST(DfaMinimize, HandBuiltMachines) {
+    // One state, a sink of its own: stays one.
+    vael_dfa *one = vael_dfa_create(0, nullptr);
+    vael_dfa_state *s = vael_dfa_state_create(one);
+    for (int c = 0; c < 256; c++)
+        vael_dfa_state_add_trans(s, (unsigned char)c, s);
+    vael_dfa_set_initial_state(one, s);
+    // Two final states that behave alike, each with the same id: one state,
+    // one record.
+    vael_dfa *two = vael_dfa_create(0, nullptr);
+    vael_dfa_state *init = vael_dfa_state_create(two);
+    vael_dfa_state *f1 = vael_dfa_state_create(two);
+    vael_dfa_state *f2 = vael_dfa_state_create(two);
+    vael_dfa_state_set_final(f1, 7, 0, 0);
+    vael_dfa_state_set_final(f2, 7, 0, 0);
+    for (int c = 0; c < 256; c++) {
+        vael_dfa_state_add_trans(init, (unsigned char)c, c == 'a' ? f1 : c == 'b' ? f2 : init);
+        vael_dfa_state_add_trans(f1, (unsigned char)c, f1);
+        vael_dfa_state_add_trans(f2, (unsigned char)c, f2);
+    }
+    vael_dfa_set_initial_state(two, init);
+    LogCapture quiet;
+    vael_dfa *m1 = vael_dfa_minimize(one);
+    vael_dfa *m2 = vael_dfa_minimize(two);
+    ASSERT_NE(m1, nullptr);
+    ASSERT_NE(m2, nullptr);
+    EXPECT_EQ(vael_dfa_get_num_of_states(m1), 1u);
+    ASSERT_EQ(vael_dfa_get_num_of_states(m2), 2u);
+    const vael_dfa_state *final_state = state(m2, 1);
+    ASSERT_TRUE(vael_dfa_state_is_final(final_state));
+    EXPECT_EQ(vael_dfa_pattern_id_get_id(vael_dfa_state_get_pattern_ids(final_state)), 7);
+    EXPECT_EQ(vael_dfa_pattern_id_next(vael_dfa_state_get_pattern_ids(final_state)), nullptr);
+    EXPECT_EQ(vael_dfa_minimize(nullptr), nullptr);
+    EXPECT_TRUE(quiet.contains("vael_dfa_minimize called with NULL dfa"));
+    for (vael_dfa *d : {m1, m2, one, two})
+        vael_dfa_destroy(d);
+}
+
+TEST(DfaMinimize, EveryAllocationFailsCleanly) {
+    vael_dfa *dfa = subset_dfa("a(b|c)*d{1,2}");
+    ASSERT_NE(dfa, nullptr);
+    vael_dfa *min = nullptr;
+    LogCapture quiet;
+    auto attempt = [&] {
+        min = vael_dfa_minimize(dfa);
+        return min != nullptr;
+    };
+    auto failed = [&] {
+        // The input is the caller's still, with its lists cleaned.
+        for (uint32_t id = 0; id < vael_dfa_get_num_of_states(dfa); id++)
+            if (vael_dfa_state_get_states_list(state(dfa, id)))
+                return false;
+        return min == nullptr;
+    };
+    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, failed);
+    EXPECT_GT(w.rounds, 3);
+    vael_dfa_destroy(min);
+    vael_dfa_destroy(dfa);
+}
+
+}  // namespace

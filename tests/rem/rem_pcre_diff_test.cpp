@@ -1,0 +1,197 @@
+// The REM against PCRE on random expressions of the grammar both share, over
+// random texts. A REM run reports the earliest end of any match that starts
+// at or after its hint, and a report-all run starts again behind each hit.
+// The reference computes the same from PCRE alone: a substring matches when
+// "(?:pattern)\z" matches it anchored. The match start of each hit is the
+// highest start of a match with that end, found by brute force.
+#include <gtest/gtest.h>
+#include <pcre.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/rem/rem_support.h"
+
+namespace {
+
+using vael_test::Rem;
+using vael_test::RemHit;
+
+constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
+
+class WholeMatch {
+  public:
+    explicit WholeMatch(const std::string &pattern) {
+        const char *msg;
+        int at;
+        const std::string text = "(?:" + pattern + ")\\z";
+        re_ = pcre_compile(text.c_str(), PCRE_ANCHORED | PCRE_DOTALL, &msg, &at, nullptr);
+        EXPECT_NE(re_, nullptr) << pattern;
+    }
+    ~WholeMatch() { pcre_free(re_); }
+    WholeMatch(const WholeMatch &) = delete;
+    WholeMatch &operator=(const WholeMatch &) = delete;
+    bool ok() const { return re_ != nullptr; }
+
+    // text[s..e] (e = s - 1: the empty string) is a match.
+    bool at(const std::string &text, int s, int e) const {
+        int ov[30];
+        return pcre_exec(re_, nullptr, text.data() + s, e - s + 1, 0, 0, ov, 30) >= 0;
+    }
+
+  private:
+    pcre *re_ = nullptr;
+};
+
+struct Anchors {
+    bool caret, dollar;
+};
+
+// The earliest end at or after `from` of a match that starts at or after
+// `from`; a match of the empty string is reported on the byte after it.
+// -1 when there is none.
+int earliest_end(const WholeMatch &m, const std::string &text, int from, Anchors a) {
+    const int n = (int)text.size();
+    for (int e = from - 1; e < n; e++) {
+        if (a.dollar && e != n - 1)
+            continue;
+        for (int s = a.caret ? 0 : from; s <= e + 1; s++) {
+            if (m.at(text, s, e))
+                return std::max(e, from);
+            if (a.caret)
+                break;
+        }
+    }
+    return -1;
+}
+
+std::vector<uint32_t> reference(const WholeMatch &m, const std::string &text, bool all, Anchors a) {
+    std::vector<uint32_t> out;
+    for (int from = 0; from < (int)text.size();) {
+        const int e = earliest_end(m, text, from, a);
+        if (e < 0)
+            break;
+        out.push_back((uint32_t)e);
+        if (!all)
+            break;
+        from = e + 1;
+    }
+    return out;
+}
+
+std::string random_text(std::mt19937 &rng) {
+    std::string t;
+    const size_t n = 1 + rng() % 14;
+    for (size_t i = 0; i < n; i++)
+        t += "abcd"[rng() % 4];
+    return t;
+}
+
+TEST(RemPcreDiff, SameMatchesAndEndsAsPcre) {
+    std::mt19937 rng(20261123);
+    int compared = 0, with_hits = 0, skipped = 0;
+    for (int round = 0; round < 600; round++) {
+        const Anchors a{rng() % 5 == 0, rng() % 5 == 0};
+        const std::string body = vael_test::random_expression(rng, "abc");
+        const std::string pattern = (a.caret ? "^" : "") + body + (a.dollar ? "$" : "");
+        Rem rem(pattern);
+        if (!rem.get()) {
+            // Only the store's limit may refuse an expression of the grammar.
+            EXPECT_EQ(rem.error().error_type, (uint32_t)VAEL_PM_ERROR_COMPLEX) << pattern;
+            skipped++;
+            continue;
+        }
+        WholeMatch m(body);
+        ASSERT_TRUE(m.ok()) << body;
+        for (int t = 0; t < 8; t++) {
+            const std::string text = random_text(rng);
+            SCOPED_TRACE(pattern + " over " + text);
+            const std::vector<uint32_t> first = reference(m, text, false, a);
+            EXPECT_EQ(rem.ends(text, 0), first);
+            // A caret pattern restarted behind a hit would be read from a new
+            // start of data: report-all runs are compared without it.
+            if (!a.caret) {
+                EXPECT_EQ(rem.ends(text, kAll), reference(m, text, true, a));
+            }
+            compared++;
+            with_hits += !first.empty();
+        }
+    }
+    EXPECT_GT(with_hits, compared / 5);
+    EXPECT_LT(skipped, 30);
+}
+
+// The highest start of a match that ends at `end`, from `hint` on.
+int brute_start(const WholeMatch &m, const std::string &text, uint32_t hint, uint32_t end) {
+    for (int s = (int)end; s >= (int)hint; s--)
+        if (m.at(text, s, (int)end))
+            return s;
+    return -1;
+}
+
+TEST(RemPcreDiff, MatchStartIsTheHighestStartWithThatEnd) {
+    std::mt19937 rng(4);
+    int checked = 0;
+    for (int round = 0; round < 200; round++) {
+        const std::string pattern = vael_test::random_expression(rng, "abc");
+        WholeMatch m(pattern);
+        ASSERT_TRUE(m.ok());
+        if (m.at("", 0, -1))
+            continue;  // the empty match has no first byte to search for
+        Rem rem(pattern);
+        if (!rem.get())
+            continue;
+        for (int t = 0; t < 6; t++) {
+            const std::string text = random_text(rng) + random_text(rng);
+            SCOPED_TRACE(pattern + " over " + text);
+            for (const RemHit &hit : rem.run(text, kAll)) {
+                vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, hit.offset, hit.match_flags, hit.hint, {0, 0}};
+                const uint32_t got = vael_dfa_match_start_find(
+                    rem.get(), reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr,
+                    kAll, &d, 200, 0, 0);
+                EXPECT_EQ((int)got, brute_start(m, text, hit.hint, hit.offset)) << "end " << hit.offset;
+                checked++;
+            }
+        }
+    }
+    EXPECT_GT(checked, 200);
+}
+
+TEST(RemMatchStart, BoundsAnchorsAndTheFallBackToPlainOffsets) {
+    // 600 candidates: the search runs over offsets, with the answer that
+    // 100 candidates give.
+    Rem many("a[ab]*b");
+    ASSERT_NE(many.get(), nullptr);
+    const std::string text = std::string(600, 'a') + "b";
+    vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, 600, 0, 0, {0, 0}};
+    const auto *buf = reinterpret_cast<const unsigned char *>(text.data());
+    EXPECT_EQ(vael_dfa_match_start_find(many.get(), buf, 601, nullptr, 0, &d, 1000, 0, 0), 599u);
+    EXPECT_EQ(vael_dfa_match_start_find(many.get(), buf, 601, nullptr, 0, &d, 100, 0, 0), 599u);
+
+    // An anchored machine answers 0 unless bounded on the left.
+    Rem caret("^ab");
+    ASSERT_NE(caret.get(), nullptr);
+    vael_pmglob_match_data c{VAEL_PM_REM_DEFAULT_ID, 1, 0, 0, {0, 0}};
+    EXPECT_EQ(vael_dfa_match_start_find(caret.get(), buf, 2, nullptr, 0, &c, 200, 1, 0), 0u);
+
+    // Bounded on the left: candidates sit behind non-word bytes only; the
+    // virtual buffer and the present buffer are one text.
+    Rem word("b+c", vael_test::kRemDotAll, 0, 0);
+    ASSERT_NE(word.get(), nullptr);
+    const std::string w = "xx bbbc";
+    vael_pmglob_match_data h{VAEL_PM_REM_DEFAULT_ID, 6, 0, 0, {0, 0}};
+    const auto *wb = reinterpret_cast<const unsigned char *>(w.data());
+    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &h, 200, 0, VAEL_PM_BOUNDED_LEFT), 3u);
+    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &h, 200, 0, 0), 5u);
+    vael_vbuf *vbuf = vael_vbuf_create(1 << 16, 0);
+    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(w.data()), 4, nullptr, nullptr), 0);
+    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb + 4, 3, vbuf, 0, &h, 200, 0, VAEL_PM_BOUNDED_LEFT), 3u);
+    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb + 4, 3, vbuf, 0, &h, 200, 0, 0), 5u);
+    vael_vbuf_destroy(vbuf);
+    // No match with that end from any start: -1.
+    vael_pmglob_match_data none{VAEL_PM_REM_DEFAULT_ID, 5, 0, 0, {0, 0}};
+    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &none, 200, 0, 0), (uint32_t)-1);
+}
+
+}  // namespace

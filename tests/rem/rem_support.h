@@ -1,0 +1,141 @@
+// Helpers of the REM tier's tests: a compiled machine with its owner, and a
+// run that gives the queued hits as plain records.
+#ifndef VAEL_TESTS_REM_REM_SUPPORT_H
+#define VAEL_TESTS_REM_REM_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "rem/vael_dfa_internal.h"
+#include "rem/vael_rem_tier.h"
+#include "tests/support/vael_test_support.h"
+
+namespace vael_test {
+
+// Dot-all, as the frame's compile passes it.
+constexpr uint32_t kRemDotAll = 0x1;
+
+struct RemHit {
+    uint32_t offset;
+    uint32_t hint;
+    uint32_t match_flags;
+    bool operator==(const RemHit &o) const {
+        return offset == o.offset && hint == o.hint && match_flags == o.match_flags;
+    }
+};
+
+inline void PrintTo(const RemHit &h, std::ostream *os) {
+    *os << "{" << h.offset << " hint " << h.hint << " flags " << h.match_flags << "}";
+}
+
+class Rem {
+  public:
+    Rem(const std::string &pattern, uint32_t compile_flags = kRemDotAll, uint32_t pattern_flags = 0,
+        uint32_t string_flags = 0) {
+        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(pattern.data()),
+                                                          (uint32_t)pattern.size(), VAEL_PM_REM_DEFAULT_ID,
+                                                          string_flags);
+        vael_pm_error_init(&err_);
+        LogCapture quiet;
+        dfa_ = static_cast<vael_dfa *>(vael_rem_compile(s, compile_flags, pattern_flags, &err_));
+        vael_pmglob_string_destroy(s);
+    }
+    ~Rem() { vael_dfa_destroy(dfa_); }
+    Rem(const Rem &) = delete;
+    Rem &operator=(const Rem &) = delete;
+    vael_dfa *get() const { return dfa_; }
+    const vael_pm_error &error() const { return err_; }
+
+    // The text's first cuts as history blocks, the rest as the present
+    // buffer (none when the cuts reach the end).
+    std::vector<RemHit> run(const std::string &text, uint32_t exec_flags, std::vector<size_t> cuts = {},
+                            uint32_t start = 0, int *rc_out = nullptr) const {
+        vael_vbuf *vbuf = nullptr;
+        size_t at = 0;
+        if (!cuts.empty()) {
+            vbuf = vael_vbuf_create(1 << 20, 0);
+            for (size_t cut : cuts) {
+                if (cut > at) {
+                    EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()) + at, (uint32_t)(cut - at),
+                                                      nullptr, nullptr),
+                              0);
+                }
+                at = std::max(at, cut);
+            }
+        }
+        const auto *buf = reinterpret_cast<const unsigned char *>(text.data()) + at;
+        const uint32_t len = (uint32_t)(text.size() - at);
+        lst_list *queue = nullptr;
+        int rc = vael_dfa_exec(dfa_, len ? buf : nullptr, len, vbuf, start, &queue, exec_flags, nullptr);
+        if (rc_out)
+            *rc_out = rc;
+        std::vector<RemHit> out;
+        while (vael_queue_size(queue) > 0) {
+            auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
+            EXPECT_EQ(d->id, VAEL_PM_REM_DEFAULT_ID);
+            out.push_back(RemHit{d->offset, d->hint, d->match_flags});
+            vael_pmglob_match_data_free(d);
+        }
+        vael_queue_cleanup(queue);
+        vael_vbuf_destroy(vbuf);
+        return out;
+    }
+
+    std::vector<uint32_t> ends(const std::string &text, uint32_t exec_flags, std::vector<size_t> cuts = {}) const {
+        std::vector<uint32_t> out;
+        for (const RemHit &h : run(text, exec_flags, cuts))
+            out.push_back(h.offset);
+        return out;
+    }
+
+  private:
+    vael_dfa *dfa_ = nullptr;
+    vael_pm_error err_{};
+};
+
+// A random expression of the grammar REM and PCRE share: letters of
+// `letters`, classes of single letters (a span in a negated REM bracket
+// excludes nothing, so spans stay out), the dot, groups, alternation, and
+// one quantifier at most per atom (a second one means something else in
+// PCRE).
+template <class Rng>
+std::string random_expression(Rng &rng, const char *letters, int depth = 1) {
+    const size_t nl = std::char_traits<char>::length(letters);
+    auto letter = [&] { return std::string(1, letters[rng() % nl]); };
+    std::string out;
+    const int items = 1 + (int)(rng() % 3);
+    for (int i = 0; i < items; i++) {
+        switch (rng() % (depth > 0 ? 6 : 4)) {
+        case 0:
+        case 1:
+            out += letter();
+            break;
+        case 2: {
+            std::string cls = rng() % 3 == 0 ? "[^" : "[";
+            cls += letter();
+            cls += letter();
+            out += cls + "]";
+            break;
+        }
+        case 3:
+            out += ".";
+            break;
+        default: {
+            std::string group = "(" + random_expression(rng, letters, depth - 1);
+            if (rng() % 2)
+                group += "|" + random_expression(rng, letters, depth - 1);
+            out += group + ")";
+            break;
+        }
+        }
+        static const char *kQuant[] = {"", "", "", "*", "+", "?", "{2}", "{0,2}", "{1,}", "{1,3}"};
+        out += kQuant[rng() % 10];
+    }
+    return out;
+}
+
+}  // namespace vael_test
+
+#endif  // VAEL_TESTS_REM_REM_SUPPORT_H
