@@ -16,8 +16,12 @@ struct KindRow {
 };
 
 constexpr KindRow kKinds[] = {
-    {"str", PatternKind::str}, {"re", PatternKind::re}, {"word", PatternKind::word},
-    {"kw", PatternKind::kw},   {"kw-nohistory", PatternKind::kw_nohistory},
+    {"str", PatternKind::str},
+    {"re", PatternKind::re},
+    {"word", PatternKind::word},
+    {"word-continuous", PatternKind::word_continuous},
+    {"kw", PatternKind::kw},
+    {"kw-nohistory", PatternKind::kw_nohistory},
 };
 
 constexpr std::string_view kUtf8Bom = "\xEF\xBB\xBF";

@@ -10,7 +10,9 @@
 // backslash sequence is an error. A raw TAB never appears inside TEXT, so the
 // number of TAB-separated fields tells the two forms apart. KIND says how
 // the library takes TEXT: "str" (the default) a plain string, "re" a regular
-// expression, "word" a word or phrase, "kw" and "kw-nohistory" a keyword rule.
+// expression, "word" a word or phrase that stands between delimiters,
+// "word-continuous" one that may hit inside a word, "kw" and "kw-nohistory"
+// a keyword rule.
 // The reader only checks what it can without the library: a keyword rule is
 // handed over as a C string, so it may not hold a NUL byte. Metadata at the
 // start of TEXT ("{caseless}:abc") is left in the bytes for the library.
@@ -31,7 +33,7 @@
 namespace vael::cli {
 
 // What a pattern's bytes mean, one entry per add operation of the library.
-enum class PatternKind { str, re, word, kw, kw_nohistory };
+enum class PatternKind { str, re, word, word_continuous, kw, kw_nohistory };
 
 // The name of a kind as written in a pattern file ("kw-nohistory").
 std::string_view kind_name(PatternKind kind);

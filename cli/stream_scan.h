@@ -14,6 +14,12 @@
 // The state of the automaton is thus carried by rescanning the history, a few
 // bytes per run: the public API gives no way to hand a run's final state to
 // the next run.
+//
+// A PM with words runs flat: the word matcher reads no vbuf, so the history
+// and the piece are copied into one buffer. A word cut by the end of a run is
+// not yet known to end there, so in that mode hits that end in the last few
+// bytes of a run are left to the next run, which holds those bytes in its
+// history, and finish() delivers them at the end of the stream.
 #ifndef VAEL_CLI_STREAM_SCAN_H
 #define VAEL_CLI_STREAM_SCAN_H
 
@@ -52,13 +58,15 @@ public:
     // behind one in the history, and none is doubled, since a match is
     // delivered only by the run in whose new bytes it ends.
     StreamScanner(vael_pm_handle *pm, std::uint32_t history, bool all_matches, MatchSink sink,
-                  bool match_start = false);
+                  bool match_start = false, bool flat = false);
     StreamScanner(const StreamScanner &) = delete;
     StreamScanner &operator=(const StreamScanner &) = delete;
     ~StreamScanner();
 
     // False when the history buffer could not be allocated.
-    bool ok() const { return history_buf_ != nullptr && (history_cap_ == 0 || vbuf_ != nullptr); }
+    bool ok() const {
+        return history_buf_ != nullptr && (flat_ ? flat_buf_ != nullptr : history_cap_ == 0 || vbuf_ != nullptr);
+    }
 
     // Starts a new stream at offset 0, its matches going to the sink with
     // `sink_ctx`.
@@ -72,6 +80,9 @@ public:
     // Scans the next piece of the stream.
     Result feed(const unsigned char *data, std::size_t len);
 
+    // Ends the stream: delivers the hits a flat run left to the next one.
+    Result finish();
+
     // Bytes fed since the stream started.
     std::uint64_t position() const { return position_; }
 
@@ -83,7 +94,7 @@ public:
                             std::uint32_t *extra);
 
 private:
-    Result run(const unsigned char *data, std::uint32_t len);
+    Result run(const unsigned char *data, std::uint32_t len, bool last = false);
     bool keep_tail(const unsigned char *data, std::uint32_t len);
 
     vael_pm_handle *pm_;
@@ -91,6 +102,7 @@ private:
     const bool all_matches_;
     MatchSink sink_;
     const bool match_start_;
+    const bool flat_;
     void *sink_ctx_ = nullptr;
 
     std::unique_ptr<unsigned char[]> history_buf_;
@@ -98,6 +110,10 @@ private:
     vael_vbuf *vbuf_ = nullptr;      // one block over history_buf_ when history_len_ > 0
     std::uint64_t position_ = 0;     // stream offset just past the bytes fed
     std::uint64_t run_base_ = 0;     // stream offset of the current run's first byte (history included)
+    std::unique_ptr<unsigned char[]> flat_buf_;  // history then piece, in the flat mode
+    std::uint32_t floor_ = 0;    // run offsets below it were delivered by the runs before
+    std::uint32_t ceiling_ = 0;  // run offsets from it on are left to the next run
+    std::uint32_t held_ = 0;     // bytes at the end of the last run left to the next
     bool stop_ = false;
     std::unordered_set<std::int32_t> reported_;  // ids already delivered, when not all_matches
 };

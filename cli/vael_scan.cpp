@@ -367,9 +367,11 @@ void print_help(std::FILE *out) {
                  "\n"
                  "Pattern file: one pattern per line, ID<TAB>TEXT or ID<TAB>KIND<TAB>TEXT.\n"
                  "ID is a signed 32-bit decimal number. KIND is str (a plain string, the\n"
-                 "default), re (a regular expression), word (a word or phrase), kw or\n"
-                 "kw-nohistory (a keyword rule, written {LSS(TEXT)}:RULE: a hit of its LSS\n"
-                 "runs the rule over the data). Words are not in this build.\n"
+                 "default), re (a regular expression), word (a word or phrase between\n"
+                 "delimiters; words keep their case, -i does not reach them),\n"
+                 "word-continuous (one that may hit inside a word), kw or kw-nohistory\n"
+                 "(a keyword rule, written {LSS(TEXT)}:RULE: a hit of its LSS runs the\n"
+                 "rule over the data).\n"
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
                  "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
@@ -468,6 +470,9 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
     }
     case PatternKind::word:
         break;  // no metadata: a leading '{' is part of the text
+    case PatternKind::word_continuous:
+        read.flags = VAEL_PM_CONTINUOUS_WORD;
+        break;
     case PatternKind::kw:
     case PatternKind::kw_nohistory: {
         // A rule is found by its LSS, which only its author can name: the
@@ -508,6 +513,8 @@ int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const Re
     case PatternKind::re:
         return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, rem ? VAEL_PM_USE_REM : 0);
     case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
+    case PatternKind::word_continuous:
+        return vael_pm_patterns_add_word(patterns, bytes, len, record.id, VAEL_PM_CONTINUOUS_WORD);
     // The reader refused a NUL inside a rule, so the C string is the whole rule.
     case PatternKind::kw: return vael_pm_patterns_add_pattern_kw(patterns, lss, lss_len, rule, record.id);
     case PatternKind::kw_nohistory:
@@ -523,7 +530,7 @@ struct FlagName {
 };
 constexpr FlagName kFlagNames[] = {
     {VAEL_PM_CASELESS, "CASELESS"}, {VAEL_PM_LITERAL, "LITERAL"},       {VAEL_PM_SHORT_LSS, "SHORT_LSS"},
-    {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"},
+    {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"}, {VAEL_PM_CONTINUOUS_WORD, "CONTINUOUS_WORD"},
 };
 
 std::string flag_names(std::uint32_t flags) {
@@ -661,6 +668,13 @@ std::uint32_t history_needed(const std::vector<PatternRecord> &records) {
     return history;
 }
 
+// The word matcher reads one flat buffer, never a history in a vbuf.
+bool has_words(const std::vector<PatternRecord> &records) {
+    return std::any_of(records.begin(), records.end(), [](const PatternRecord &r) {
+        return r.kind == PatternKind::word || r.kind == PatternKind::word_continuous;
+    });
+}
+
 // ---------------------------------------------------------------------------
 // Scanning.
 
@@ -723,10 +737,10 @@ private:
 
 class Scanner {
 public:
-    Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names)
+    Scanner(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool show_names, bool flat)
         : options_(options),
           show_names_(show_names),
-          stream_(pm, history, options.all_matches, on_stream_match, options.match_start),
+          stream_(pm, history, options.all_matches, on_stream_match, options.match_start, flat),
           progress_(options.progress) {}
 
     bool any_match() const { return any_match_; }
@@ -812,6 +826,10 @@ private:
             }
             if (result == vael::cli::StreamScanner::Result::stopped) break;
             progress_.update(scan.name, stream_.position(), scan.matches);
+        }
+        if (!any_error_ && !done_ && stream_.finish() == vael::cli::StreamScanner::Result::failed) {
+            done_ = true;
+            error(path, "out of memory while scanning");
         }
         progress_.finish();
         if (scan.matches > 0) {
@@ -911,7 +929,7 @@ int run(const Options &options) {
     if (inputs.empty()) inputs.emplace_back(options.recursive ? "." : "-");
     const bool show_names = options.file_names == FileNames::always ||
                             (options.file_names == FileNames::automatic && (inputs.size() > 1 || options.recursive));
-    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names);
+    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names, has_words(parsed.records));
     for (const auto &input : inputs) {
         scanner.operand(input);
         if (scanner.done()) break;

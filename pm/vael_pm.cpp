@@ -17,6 +17,7 @@
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_counter.h"
 #include "runtime/vael_runtime.h"
+#include "tier1/vael_wm.h"
 #include "vael/vael_thin_nfa.h"
 
 vael_pm_tier1_funcs pm_tier1_funcs[VAEL_PM_TIER1_NUM];
@@ -111,15 +112,19 @@ extern "C" void vael_pm_insert_to_pm_list_locked(vael_pm_handle *pm) {
 // ---------------------------------------------------------------- start and stop
 
 extern "C" int vael_tier1_init(void) {
-    // The word matcher of row 0 is not in this build; its row stays empty.
-    if (vael_pm_tier1_use_thin_nfa)
-        return vael_thin_nfa_init(&pm_tier1_funcs[VAEL_PM_TIER1_STRING]);
+    if (vael_wm_init(&pm_tier1_funcs[VAEL_PM_TIER1_WM]) != 0)
+        return VAEL_ERROR;
+    if (vael_pm_tier1_use_thin_nfa && vael_thin_nfa_init(&pm_tier1_funcs[VAEL_PM_TIER1_STRING]) != 0) {
+        vael_wm_fini();
+        return VAEL_ERROR;
+    }
     return 0;
 }
 
 extern "C" void vael_tier1_fini(void) {
     if (vael_pm_tier1_use_thin_nfa)
         vael_thin_nfa_fini();
+    vael_wm_fini();
     // A row not filled at the next start must read as absent, not as the
     // engine of the last start.
     for (auto &row : pm_tier1_funcs)

@@ -23,7 +23,7 @@ static const char kLssAnchorsNotFound[] =
 static const char kUserLssIllegal[] = "LSS given by user is illegal";
 static const char kLssTooShort[] = "The pattern's LSS is too short";
 static const char kTier2Absent[] = "The pattern's second tier engine is not in this build";
-static const char kWordsAbsent[] = "Words need the word matcher, which is not in this build";
+static const char kNoWordText[] = "Invalid arguments (phrase or phrase length)";
 
 // The templates of a bound pattern, indexed by 1 for a leading '^' plus 2
 // for a trailing '$'. Each '%' stands for the pattern's text.
@@ -425,16 +425,16 @@ extern "C" int vael_pm_compile_one_pattern(vael_pm_handle *pm, vael_pm_handle *o
     vael_pm_lss *lss = nullptr;
     vael_pmglob_string *display = nullptr;
     if (pattern->type == VAEL_PM_TYPE_WORD) {
-        // Words keep the user's id and spend no internal id.
-        if (!pm_tier1_funcs[VAEL_PM_TIER1_WM].compile) {
-            VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: pattern ID %d: %s\n", pattern->id, kWordsAbsent);
-            vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kWordsAbsent, pattern->id);
-        } else {
+        // Words keep the user's id and spend no internal id: the word
+        // matcher reports the user's id itself.
+        if (pattern->lss) {
             vael_pmglob_string_set_id(pattern->lss, pattern->id);
             if (vael_pmglob_patterns_add(word_list, pattern->lss) == 0)
                 rc = VAEL_OK;
             else
                 vael_pm_error_set_pattern_id(err, pattern->id);
+        } else {
+            vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kNoWordText, pattern->id);
         }
         if (copied)
             destroy_copy(pattern);

@@ -123,6 +123,32 @@ def exchange(rng):
     return request(rng) + response(rng)
 
 
+def message(path, text):
+    """A POST of UTF-8 prose, fixed text: it draws nothing from the generator."""
+    body = text.encode()
+    head = [
+        "POST %s HTTP/1.1" % path,
+        "Host: www.example.com",
+        "Content-Type: text/plain; charset=utf-8",
+        "Content-Length: %d" % len(body),
+    ]
+    return ("\r\n".join(head) + "\r\n\r\n").encode() + body + b"\n"
+
+
+# Prose in a few languages, for the word patterns: a help-desk note among the
+# benign traffic, a phishing mail among the attacks.
+BENIGN_MESSAGE = (
+    "Bonjour, j'ai oublié mon mot de passe. Le lien « mot de passe oublié » ne marche pas.\n"
+    "Danke für die schnelle Überweisung der Rechnung!\n"
+    "Please send the password-reset link again (the first one expired).\n"
+)
+ATTACK_MESSAGE = (
+    "URGENT: your account is locked. Confirm the wire transfer today, or send a password reset.\n"
+    "Ihre Überweisung wurde gestoppt. Ваш пароль истёк, введите пароль здесь.\n"
+    "请立即登录您的账户。 Pay the fee in Bitcoin: bc1qexamplebitcoinaddress.\n"
+)
+
+
 def attacks(rng):
     """Requests an intrusion detection system should notice."""
     multipart = (
@@ -190,8 +216,8 @@ def main():
     mixed.append(exchange(rng))
 
     files = {
-        "http-benign.txt": benign.encode(),
-        "http-attacks.txt": "".join(mixed).encode(),
+        "http-benign.txt": benign.encode() + message("/support/ticket", BENIGN_MESSAGE),
+        "http-attacks.txt": "".join(mixed).encode() + message("/mail/inbox", ATTACK_MESSAGE),
         "capture.bin": capture(rng, 12 * 1024),
     }
     for name, data in files.items():

@@ -27,4 +27,4 @@ install_missing() {
 }
 
 # The packages every build of the project needs.
-BUILD_PACKAGES=(cmake g++ make pkg-config libgtest-dev libbenchmark-dev libpcre3-dev)
+BUILD_PACKAGES=(cmake g++ make pkg-config libgtest-dev libbenchmark-dev libpcre3-dev libutf8proc-dev)

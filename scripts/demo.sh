@@ -49,6 +49,11 @@ run bash -c "\"$scan\" --start -p samples/patterns.txt ${traffic[*]} | grep ':10
 run bash -c "\"$scan\" --start --block-size 7 -p samples/patterns.txt ${traffic[*]} | grep ':1000[0-9]\$'"
 
 echo
+echo "==> the words and phrases alone (ids 11001 and up): whole words of UTF-8 text in"
+echo "    several languages, and word-continuous ones that hit inside words"
+run bash -c "\"$scan\" --all --start -p samples/patterns.txt ${traffic[*]} | grep ':110[0-9][0-9]\$'"
+
+echo
 echo "==> the files below samples/ that hold a match, found by walking the directory"
 run "$scan" -rl -p samples/patterns.txt samples
 

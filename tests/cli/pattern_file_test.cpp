@@ -157,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(Lines, PatternFileBad, testing::ValuesIn(kBadCases),
 // what --explain prints can be written back into a pattern file.
 
 TEST(PatternKindNames, RoundTrip) {
-    for (const char *name : {"str", "re", "word", "kw", "kw-nohistory"}) {
+    for (const char *name : {"str", "re", "word", "word-continuous", "kw", "kw-nohistory"}) {
         const auto result = parse_pattern_text("1\t"s + name + "\tx\n");
         ASSERT_TRUE(result.ok()) << name << ": " << result.error->message;
         ASSERT_EQ(result.records.size(), 1u);

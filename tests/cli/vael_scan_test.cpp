@@ -317,6 +317,33 @@ TEST_F(VaelScan, RemCompilesRegexLines) {
     EXPECT_EQ(compiled.status, 2);
 }
 
+// word and word-continuous lines: phrases between delimiters and words
+// inside words, non-ASCII ones, the same whatever the chunks
+// (a word cut by the end of a chunk is not taken for a whole one).
+TEST_F(VaelScan, WordLinesInEveryChunkSize) {
+    const auto p = write("p.txt",
+                         "1\tword\tfoo bar\n2\tword-continuous\tab\n3\tword\t\xC3\xA9t\xC3\xA9\n"
+                         "4\tword\t{x}\n5\tneedle\n");
+    const auto f = write("f", "foo bar xaby \xC3\x89T\xC3\x89 \xC3\xA9t\xC3\xA9 needle foo barn {x} foo bar");
+    // Lines of one run come words first; runs of other chunks mix them.
+    auto lines = [](const std::string &out) {
+        std::multiset<std::string> set;
+        std::istringstream in(out);
+        for (std::string line; std::getline(in, line);) set.insert(line);
+        return set;
+    };
+    using Set = std::multiset<std::string>;
+    EXPECT_EQ(run({"--start", "-p", p, f}).out, "0-6:1\n9-10:2\n19-23:3\n41-43:4\n25-30:5\n");
+    // -i is a compile flag of the string engine; a word keeps its case.
+    EXPECT_EQ(lines(run({"--all", "-i", "-p", p, f}).out), (Set{"6:1", "10:2", "23:3", "30:5", "43:4", "51:1"}));
+    for (const char *block : {"1", "2", "3", "5", "4K"}) {
+        SCOPED_TRACE(block);
+        EXPECT_EQ(lines(run({"--all", "--block-size", block, "-p", p, f}).out),
+                  (Set{"6:1", "10:2", "23:3", "30:5", "43:4", "51:1"}));
+        EXPECT_EQ(run({"--all", "--block-size", block, "-p", p, "-"}, piped("foo barn foo ba")).out, "");
+    }
+}
+
 // Tens of MiB made by repeating a unit: every match of the brute force over
 // the whole input, 64-bit offsets counted through, while the child's resident
 // memory stays far below the input's size.
@@ -522,12 +549,10 @@ TEST_F(VaelScan, OutOfMemoryNamesTheFile) {
     EXPECT_EQ(r.status, 2);
 }
 
-// The kinds this build has no engine for are read, then refused by the
-// compile, by line and quoted after their metadata.
-TEST_F(VaelScan, KindsWithoutAnEngineAreRefusedAtCompile) {
+// A pattern the compile refuses is named by its line and quoted after its
+// metadata.
+TEST_F(VaelScan, CompileRefusalsNameTheLine) {
     const std::pair<std::string, std::string> rows[] = {
-        {"word\ttwo words", "'two words'"},
-        {"word\t{caseless", "'{caseless'"},  // a word has no metadata to be bad
         {"{bound}:abc", "'abc'"},
     };
     const auto f = write("f", "abc a.*b two words");
@@ -613,7 +638,7 @@ TEST_F(VaelScan, Explain) {
         {{"--explain", "-p", every}, kEveryKindExplained, "", 0},
         {{"-i", "--explain", "-p", every}, kEveryKindExplained, "", 0},
         {{"-i", "--explain", "-p", every, f}, kEveryKindExplained,
-         "vael-scan: " + every + ":6: cannot compile pattern 4 '{caseless}:two words': ", 2},
+         "vael-scan: " + every + ":7: cannot compile pattern 5 'part:\"x\"': ", 2},
         {{"--explain", "-p", ok, f, g}, ok_explained + f + ":2:1\n", "", 0},
         {{"--explain", "-q", "-p", ok, f}, ok_explained, "", 0},  // asked for by name
         // Metadata is read pattern by pattern: the lines before it are explained.

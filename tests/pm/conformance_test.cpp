@@ -144,7 +144,7 @@ struct OrderCase {
     const char *name;
     std::vector<Record> records;
     int32_t blamed_id;
-    bool lss_too_short; // else the refusal of an engine this build lacks
+    bool lss_too_short; // else the word matcher's refusal of a phrase
 };
 
 TEST(ConformanceError, TheFirstFailingRecordInListOrderIsBlamed) {
@@ -153,7 +153,10 @@ TEST(ConformanceError, TheFirstFailingRecordInListOrderIsBlamed) {
         {"ShortLssBeforeRegex", {{Record::kSimple, "ab", 1}, {Record::kRe, "abc[0-9]", 2}}, 1, true},
         {"RegexBeforeWord", {{Record::kSimple, "abcd", 1}, {Record::kRe, "x+y", 2}, {Record::kWord, "w", 3}}, 2,
          true},
-        {"WordBeforeShortLss", {{Record::kWord, "word", 1}, {Record::kSimple, "ab", 2}}, 1, false},
+        // Words are compiled after the loop over the records: a bad phrase
+        // is blamed only when no other record is.
+        {"BadWordBeforeShortLss", {{Record::kWord, "--", 1}, {Record::kSimple, "ab", 2}}, 2, true},
+        {"BadWordAfterStrings", {{Record::kSimple, "abcd", 1}, {Record::kWord, "--", 2}}, 2, false},
         // The LSS length is checked before a second tier is asked for.
         {"ShortLssOfARegex", {{Record::kReWithLss, "ab[0-9]", 4, 0, "ab"}}, 4, true},
         // A case-sensitive string among caseless ones goes to a second tier:

@@ -10,6 +10,7 @@
 
 #include "pm/vael_pm_internal.h"
 #include "tests/support/vael_test_support.h"
+#include "tier1/vael_wm.h"
 
 namespace {
 
@@ -93,7 +94,7 @@ bool in_pm_list(const vael_pm_handle *pm) {
 TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
     const char *kBound = "Error while trying to process a bounded pattern.";
     const char *kNoLss = "Error while trying to find LSS for pattern. Verify that pattern contains LSS";
-    const char *kWord = "Words need the word matcher, which is not in this build";
+    const char *kWord = "Invalid arguments (not valid utf8 or only delimiters phrase)";
     // Each record: (kind, text). Kinds: s simple, S simple caseless, p pattern, w word, k keyword rule.
     const struct {
         const char *name;
@@ -106,7 +107,8 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"EmptyList", {}, 0, 1, -1, nullptr},
         {"LssTooShort", {{'s', "abc"}, {'s', "ab"}, {'s', "xy"}}, 0, 3, 2, "The pattern's LSS is too short"},
         {"ShortLssFlag", {{'s', "abc"}, {'s', "{shortlss}:ab"}}, 0, 3, 0, nullptr},
-        {"Word", {{'s', "abc"}, {'w', "word"}}, 0, 1, 2, kWord},
+        {"Word", {{'s', "abc"}, {'w', "word"}}, 0, 1, 0, nullptr},
+        {"WordOfDelimitersOnly", {{'s', "abc"}, {'w', "--"}}, 0, 1, 2, kWord},
         {"Regex", {{'s', "abc"}, {'p', "a.*b"}}, 0, 1, 0, nullptr},
         {"RegexWithLss", {{'s', "abc"}, {'p', "{LSS(ab)}:ab+"}}, 0, 1, 0, nullptr},
         {"RegexBound", {{'p', "{bound}:ab+c"}}, 0, 1, 0, nullptr},
@@ -117,7 +119,8 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"KwRuleRefused", {{'S', "abc"}, {'k', "data:abc;"}}, 0, 1, 2,
          "Content needs to be enclosed in quotation marks (\") in data keyword"},
         {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, kBound},
-        {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w"}}, 0, 1, 3, kWord},
+        {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w,"}}, 0, 1, 0, nullptr},
+        {"BadWordAfterStrings", {{'S', "abc"}, {'s', "def"}, {'w', "\xFF"}}, 0, 1, 3, kWord},
         // A case-sensitive string among caseless ones is checked by a
         // second tier.
         {"CaseSensitiveAmongCaseless", {{'S', "abc"}, {'s', "def"}}, 0, 1, 0, nullptr},
@@ -125,6 +128,9 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"AllCaseless", {{'S', "abc"}, {'s', "{caseless}:def"}}, 0, 1, 0, nullptr},
         {"CaselessByCompileFlags", {{'S', "abc"}, {'s', "def"}}, VAEL_PM_CASELESS, 1, 0, nullptr},
     };
+    // The word matcher's process-wide buffer outlives every PM; made here,
+    // it is no growth of the accounts below.
+    ASSERT_EQ(vael_wm_validate_phrase_temp_buffer(64), 0);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         ScopedGlobal min_lss(vael_pm_min_lss_size, c.min_lss);
