@@ -91,18 +91,14 @@ TEST(KwRules, OverBuffers) {
         // The first "a" has no "b" right behind it; going back finds the second.
         {R"(data: "a", relative; data: "b", relative, depth 1;)", "axab", 3},
         {R"(data: "a"; data: "b", relative, depth 1;)", "axab", 3},
-        {R"(data: "a"; data: "b", relative, depth 1;)", "axax", -1},
         {R"(data: "ab", relative; data: "cd", relative, depth 2;)", "abxxabcd", 7},
         // Back to a number: the first "k=" is followed by the wrong digit.
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=9", 5},
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=8", -1},
         // Nothing moved the offset: the pass is no match.
         {"test: 1, =, 97, 0;", "a", -1},
-        {"length: 10, exact;", "0123456789", -1},
         // A find at the very end leaves no byte to test.
         {R"(data: "c", relative; test: 1, =, 0, 0, relative;)", "abc", -1},
-        // Two absolute strings: the second fails for any history.
-        {R"(data: "a"; data: "z";)", "aaa", -1},
         // Negation: passes where the string is absent, moves nothing.
         {R"(data: "x"; data: !"q", relative;)", "xab", 0},
         {R"(data: "x"; data: !"a", relative;)", "xab", -1},
@@ -157,8 +153,6 @@ TEST(KwRules, Refusals) {
     } cases[] = {
         {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported", 0},
         {R"(data: "|4|";)", "incomplete hex data in data keyword", 0},
-        {"test: 5, =, 1, 0;", "The length of the numeric value that should be extracted is illegal", 0},
-        {"length: 3;", "None of attributes (exact, min, max) was set in length keyword", 0},
         {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
         {"delim=';", illegal, 1}, {"delim=' x;data: 'a';", illegal, 1}, {"delim=", illegal, 1},
         {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name", 0},
