@@ -3,6 +3,7 @@
 // whole runs with their call traces, backtracking included.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 

@@ -3,7 +3,6 @@
 // the engine's range, data's scan memory, images, allocation failures.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <string>
