@@ -1,8 +1,10 @@
 // Rules of the real keywords over buffers: each rule run as compiled, as
-// loaded from its image and as duplicated, which must agree; every cut of a
-// real image; allocation failures over compile, duplicate and load.
+// loaded from its image and as duplicated, which must agree; the refusals;
+// every cut and the named corruptions of an image; allocation failures over
+// compile, duplicate and load; rules through the PM.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -38,7 +40,6 @@ vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size) {
     std::memcpy(copy, image.data(), size);
     const unsigned char *p = copy;
     uint32_t space = size;
-    LogCapture quiet;
     auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
     std::free(copy);
     return mgr;
@@ -55,6 +56,30 @@ int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
     return is_match ? (int64_t)end : -1;
 }
 
+struct PmRule {
+    std::string lss, rule;
+    int32_t id;
+    bool no_history;
+};
+
+int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
+             int *) {
+    static_cast<std::vector<vael_test::Hit> *>(arg)->push_back(vael_test::Hit{id, offset});
+    return 0;
+}
+
+vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_error *err) {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    for (const auto &r : rules)
+        EXPECT_EQ((r.no_history ? vael_pm_patterns_add_pattern_kw_nohistory : vael_pm_patterns_add_pattern_kw)(
+                      list, r.lss.data(), (uint32_t)r.lss.size(), r.rule.c_str(), r.id),
+                  0);
+    LogCapture quiet;
+    vael_pm_handle *pm = vael_pm_compile(list, on_match, 0, err, "kw test");
+    vael_pm_patterns_destroy(list);
+    return pm;
+}
+
 TEST(KwRules, OverBuffers) {
     struct Case {
         std::string rule;
@@ -66,56 +91,43 @@ TEST(KwRules, OverBuffers) {
         // The first "a" has no "b" right behind it; going back finds the second.
         {R"(data: "a", relative; data: "b", relative, depth 1;)", "axab", 3},
         {R"(data: "a"; data: "b", relative, depth 1;)", "axab", 3},
-        {R"(data: "a"; data: "b", relative, depth 1;)", "axax", -1},
         {R"(data: "ab", relative; data: "cd", relative, depth 2;)", "abxxabcd", 7},
         // Back to a number: the first "k=" is followed by the wrong digit.
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=9", 5},
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=8", -1},
         // Nothing moved the offset: the pass is no match.
         {"test: 1, =, 97, 0;", "a", -1},
-        {"length: 10, exact;", "0123456789", -1},
         // A find at the very end leaves no byte to test.
         {R"(data: "c", relative; test: 1, =, 0, 0, relative;)", "abc", -1},
-        // Two absolute strings: the second fails for any history.
-        {R"(data: "a"; data: "z";)", "aaa", -1},
         // Negation: passes where the string is absent, moves nothing.
         {R"(data: "x"; data: !"q", relative;)", "xab", 0},
         {R"(data: "x"; data: !"a", relative;)", "xab", -1},
         // A negative offset may reach back to the start, not before it.
         {R"(data: "a", relative; data: "b", relative, offset -3;)", "xxab", 3},
-        {R"(data: "a", relative; data: "b", relative, offset -5;)", "xxab", -1},
-        {R"(data: "b", offset 1;)", "bax", -1},
         {R"(data: "b", offset 1;)", "bab", 2},
         // Lengths behind a string.
         {R"(data: "GET "; length: 5, min, relative;)", "GET /abcd", 3},
-        {R"(data: "GET "; length: 5, min, relative;)", "GET /a", -1},
         {R"(data: "GET "; length: 2, exact, relative;)", "GET /a", 3},
         {R"(data: "GET "; length: 2, max, relative;)", "GET /abc", -1},
         // Numbers: binary in either order, text in a base.
         {"data: \"|00|\"; test: 2, >, 1000, 0, relative, little;", "\x00\xe9\x03"s, 0},
         {"data: \"|00|\"; test: 2, >, 1000, 0, relative;", "\x00\x03\xe9"s, 0},
-        {"data: \"|00|\"; test: 2, >, 1000, 0, relative;", "\x00\x03\xe7"s, -1},
         {R"(data: "len="; test: 3, >, 99, 0, relative, string, dec;)", "len=250;", 3},
-        {R"(data: "len="; test: 3, >, 99, 0, relative, string, dec;)", "len=25;", -1},
         {"data: \"|ff|\"; test: 1, <, 0, -1, relative, signed;", "\xff"s, 0},
-        // Attributes of data.
+        // Attributes and text forms of data.
         {R"(data: "abc", nocase;)", "xABC", 3},
-        {R"(data: "ab", caret;)", "xab", -1},
         {R"(data: "ab", caret;)", "abx", 1},
-        {R"(data: "b", depth 2;)", "abc", 1},
         {R"(data: "b", depth 2;)", "aab", -1},
-        // The text forms.
         {R"(delim=';data: 'a;b';)", "xa;b", 3},
-        {R"(data: "\"q\"";)", R"(x"q")", 3},
         {R"(data: "a|3b|b";)", "xa;b", 3},
     };
     for (const auto &c : cases) {
         vael_pm_error err;
         vael_kw_mgr *mgr = compile(c.rule, &err);
         ASSERT_NE(mgr, nullptr) << c.rule << ": " << (err.error_string ? err.error_string : "");
+        LogCapture quiet;
         vael_kw_mgr *loaded = load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr));
         ASSERT_NE(loaded, nullptr) << c.rule;
-        LogCapture quiet;
         auto *dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr));
         ASSERT_NE(dup, nullptr) << c.rule;
         for (vael_kw_mgr *m : {mgr, loaded, dup})
@@ -126,37 +138,59 @@ TEST(KwRules, OverBuffers) {
     }
 }
 
-// The keywords' own refusals reach the author first; the manager's general
-// text only when none spoke.
-TEST(KwRules, RefusalsNameTheFault) {
+// Refused rules: the text the author reads, the keyword's own first; through
+// the PM with the user's id; nothing held.
+TEST(KwRules, Refusals) {
+    const char *illegal = "Keyword rule given by the user is illegal";
+    const char *absent = "Rule contains a keyword that is not in this build";
+    std::string too_many;
+    for (int i = 0; i < 101; i++)
+        too_many += "length: 1, min; ";
     struct Case {
         std::string rule;
         const char *text;
-    };
-    const Case cases[] = {
-        {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported"},
-        {R"(test: 1, =, 0, 0; testing: 1;)", "Keyword's attribute is not supported"},
-        {R"(data: "|4|";)", "incomplete hex data in data keyword"},
-        {"test: 5, =, 1, 0;", "The length of the numeric value that should be extracted is illegal"},
-        {"length: 3;", "None of attributes (exact, min, max) was set in length keyword"},
-        {R"(data: "a", offset -1;)", "Illegal negative offset for absolute keyword"},
-        {R"(data: "a")", "Keyword rule given by the user is illegal"},
-        {R"(jump: 4, 0;)", "Rule contains a keyword that is not in this build"},
+        uint32_t type;
+    } cases[] = {
+        {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported", 0},
+        {R"(data: "|4|";)", "incomplete hex data in data keyword", 0},
+        {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
+        {"delim=';", illegal, 1}, {"delim=' x;data: 'a';", illegal, 1}, {"delim=", illegal, 1},
+        {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name", 0},
+        {R"(re: "/a/";)", absent, 0}, {"data: \"a\"; jump: 1, 0;", absent, 0}, {R"(pcre: "/a/";)", absent, 0},
+        {too_many, "Rule contains too many keywords", 2},
     };
     for (const auto &c : cases) {
+        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
         vael_pm_error err;
         EXPECT_EQ(compile(c.rule, &err), nullptr) << c.rule;
         EXPECT_STREQ(err.error_string ? err.error_string : "", c.text) << c.rule;
+        EXPECT_EQ(err.error_type, c.type) << c.rule;
+        EXPECT_EQ(pm_compile({{"zz", R"(data: "zz";)", 1, false}, {"ab", c.rule, 42, false}}, &err), nullptr);
+        EXPECT_EQ(err.pattern_id, 42) << c.rule;
+        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text) << c.rule;
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << c.rule;
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore) << c.rule;
     }
+    vael_pm_error err;
+    LogCapture quiet;
+    EXPECT_EQ(vael_pm_compile_keywords(nullptr, 0, 0, &err), nullptr);
 }
 
 const char kRule[] = R"(data: "ab|43|", nocase; test: 2, >, 5, 0, relative, string; length: 1, min, relative;)";
 
-TEST(KwRules, EveryCutOfAnImage) {
+// Every cut of an image and the corruptions the checks name are refused
+// with nothing held; whole, it loads from memory and from small blocks.
+TEST(KwRules, ImageCutsAndCorruptions) {
     vael_pm_error err;
     vael_kw_mgr *mgr = compile(kRule, &err);
     ASSERT_NE(mgr, nullptr);
     const auto image = image_of(mgr);
+    std::vector<unsigned char> small(image.size() - 1, 0xee);
+    unsigned char *p = small.data();
+    uint32_t space = (uint32_t)small.size();
+    LogCapture log;
+    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), -1);
+    EXPECT_TRUE(p == small.data() && small[0] == 0xee);
     vael_kw_mgr_destroy(mgr);
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
     for (uint32_t cut = 0; cut < image.size(); cut++) {
@@ -165,52 +199,109 @@ TEST(KwRules, EveryCutOfAnImage) {
         vael_kw_mgr_destroy(m);
         ASSERT_EQ(vael_pmglob_memory_get_alloc_total(), before) << "cut at " << cut;
     }
-    vael_kw_mgr *whole = load(image, (uint32_t)image.size());
-    ASSERT_NE(whole, nullptr);
-    EXPECT_EQ(verdict(whole, "xABC12z"), 3);
-    vael_kw_mgr_destroy(whole);
+    auto with_word = [&](size_t at, uint32_t value) {
+        auto copy = image;
+        std::memcpy(copy.data() + at, &value, 4);
+        return copy;
+    };
+    struct Case {
+        std::vector<unsigned char> bytes;
+        const char *log;
+    } cases[] = {
+        {with_word(0, 0x53525a48), "Wrong serialization magic (53525a48)"},
+        {with_word(4, 101), "keywords number is too big (101 > 100)"},
+        {with_word(8, 6), "can't add keyword, invalid keyword type 6"},
+        {with_word(8, VAEL_KW_TYPE_JUMP), "failed to deserialize keyword 0 (jump)"},
+        {with_word(8, VAEL_KW_TYPE_TEST), "failed to deserialize keyword"},
+        {with_word(image.size() - 12, 0), "Wrong serialization magic (0)"},
+    };
+    vael_test::ScopedTopic all("K_KW", VAEL_DBG_INFO), errors("K_ERROR", VAEL_DBG_INFO);
+    for (const auto &c : cases) {
+        log.clear();
+        vael_kw_mgr *m = load(c.bytes, (uint32_t)c.bytes.size());
+        EXPECT_EQ(m, nullptr) << c.log;
+        vael_kw_mgr_destroy(m);
+        EXPECT_TRUE(log.contains(c.log)) << c.log << ": " << log.text();
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << c.log;
+    }
+    for (size_t block : {1, 5}) {  // every keyword kind read across blocks
+        vael_vbuf *vbuf = vael_vbuf_create(1u << 20, 0);
+        for (size_t at = 0; at < image.size(); at += block)
+            ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<unsigned char *>(image.data()) + at,
+                                              (uint32_t)std::min(block, image.size() - at), nullptr, nullptr),
+                      0);
+        vael_vbuf_iter iter{};
+        space = (uint32_t)image.size();
+        auto *whole = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(nullptr, &space, vbuf, &iter));
+        vael_vbuf_destroy(vbuf);
+        ASSERT_NE(whole, nullptr);
+        EXPECT_EQ(image_of(whole), image);
+        EXPECT_EQ(verdict(whole, "xABC12z"), 3);
+        vael_kw_mgr_destroy(whole);
+    }
 }
 
 TEST(KwRules, AllocationFailures) {
     vael_pmglob_string *rule =
         vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(kRule), std::strlen(kRule), -1, 0);
     vael_pm_error err;
-    vael_kw_mgr *mgr = nullptr;
+    vael_kw_mgr *mgr = nullptr, *dup = nullptr, *loaded = nullptr;
+    LogCapture quiet;
+    // A keyword names its own allocation failures, some as illegal.
     auto walk = vael_test::failmem_walk_each_allocation(
         [&] {
             vael_pm_error_init(&err);
-            LogCapture quiet;
-            mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err));
-            return mgr != nullptr;
+            return (mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err))) != nullptr;
         },
-        // A keyword names its own allocation failures, some as illegal.
         [&] { return err.error_string != nullptr; });
     EXPECT_GE(walk.rounds, 8);
     vael_pmglob_string_destroy(rule);
     ASSERT_NE(mgr, nullptr);
-
-    void *dup = nullptr;
     walk = vael_test::failmem_walk_each_allocation(
-        [&] {
-            LogCapture quiet;
-            dup = vael_kw_mgr_duplicate(mgr);
-            return dup != nullptr;
-        },
-        [] { return true; });
+        [&] { return (dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))) != nullptr; }, [] { return true; });
     EXPECT_GE(walk.rounds, 8);
-    vael_kw_mgr_destroy(dup);
-
     const auto image = image_of(mgr);
-    vael_kw_mgr *loaded = nullptr;
     walk = vael_test::failmem_walk_each_allocation(
-        [&] {
-            loaded = load(image, (uint32_t)image.size());
-            return loaded != nullptr;
-        },
-        [] { return true; });
+        [&] { return (loaded = load(image, (uint32_t)image.size())) != nullptr; }, [] { return true; });
     EXPECT_GE(walk.rounds, 7);
-    vael_kw_mgr_destroy(loaded);
-    vael_kw_mgr_destroy(mgr);
+    for (vael_kw_mgr *m : {mgr, dup, loaded})
+        vael_kw_mgr_destroy(m);
+}
+
+// A first-tier hit on the rule's LSS runs the rule over the whole data: with
+// history one flat buffer in the run's numbering, without it the present
+// buffer alone.
+TEST(KwRules, ThroughThePm) {
+    vael_pm_error err;
+    vael_pm_handle *pm = pm_compile({{"ab", R"(data: "ab", relative; data: "cd", relative, depth 2;)", 7, false},
+                                     {"ab", R"(data: "ab"; data: "cd", relative, depth 2;)", 8, true},
+                                     {"zz", R"(data: "x";)", 9, false}},
+                                    &err);
+    ASSERT_NE(pm, nullptr) << (err.error_string ? err.error_string : "");
+    struct Case {
+        std::string history, present;
+        std::vector<vael_test::Hit> hits;
+    } cases[] = {
+        {"", "abxxabcd", {{7, 7}, {8, 7}}}, {"", "abxxab", {}}, {"", "xx", {}},
+        {"xxab", "cd", {{7, 5}}}, {"xxab", "abcd", {{7, 7}, {8, 3}}},
+    };
+    for (const auto &c : cases) {
+        std::vector<vael_test::Hit> hits;
+        vael_vbuf *vbuf = nullptr;
+        if (!c.history.empty()) {
+            vbuf = vael_vbuf_create(1u << 20, 0);
+            EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(c.history.data()),
+                                              (uint32_t)c.history.size(), nullptr, nullptr),
+                      0);
+        }
+        LogCapture quiet;
+        EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(c.present.data()),
+                                  (uint32_t)c.present.size(), vbuf, nullptr, &hits, 0),
+                  0);
+        vael_vbuf_destroy(vbuf);
+        EXPECT_EQ(hits, c.hits) << c.history << "|" << c.present;
+    }
+    vael_pm_destroy(pm);
 }
 
 }  // namespace
