@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "corpus.h"
+#include "serial_pcre.h"
 #include "rem/vael_rem_tier.h"
 #include "vael/vael_pm.h"
 
@@ -94,30 +95,8 @@ RegexPm &regex_pm() {
 
 // ---- PCRE one pattern after the other
 
-struct SerialPcre {
-    std::vector<pcre *> res;
-    std::vector<pcre_extra *> extras;
-    SerialPcre() {
-        for (const auto &re : regex_set()) {
-            const char *msg;
-            int at;
-            pcre *p = pcre_compile(re.c_str(), PCRE_DOTALL | PCRE_UNGREEDY | PCRE_NO_AUTO_CAPTURE, &msg, &at, nullptr);
-            res.push_back(p);
-            extras.push_back(p ? pcre_study(p, 0, &msg) : nullptr);
-        }
-    }
-    template <class OnMatch>
-    void scan(const unsigned char *buf, size_t len, OnMatch &&on_match) const {
-        for (size_t i = 0; i < res.size(); i++) {
-            int ov[3];
-            if (res[i] && pcre_exec(res[i], extras[i], (const char *)buf, (int)len, 0, 0, ov, 3) >= 0)
-                on_match((int32_t)i + 1);
-        }
-    }
-};
-
-const SerialPcre &serial_pcre() {
-    static SerialPcre p;
+const vael_bench::SerialPcre &serial_pcre() {
+    static const vael_bench::SerialPcre p(regex_set(), PCRE_DOTALL | PCRE_UNGREEDY);
     return p;
 }
 
