@@ -388,6 +388,32 @@ int vael_kw_abs_deserialize(vael_kw_abs *kw, const unsigned char **position, uin
     return 0;
 }
 
+int vael_kw_abs_serialize_pair(const char *caller, const vael_kw_abs *kw, unsigned char **position, uint32_t *space,
+                               uint32_t first, uint32_t second) {
+    if (vael_kw_abs_serialize(kw, position, space) != 0)
+        return -1;
+    if (*space < 8) {
+        VAEL_LOG_AS(caller, VAEL_DBG_ERR, kKwErrTopics, "%s: needed_size (%d) > *buf_size (%d)\n", 8, (int)*space);
+        return -1;
+    }
+    vael::image_put_u32(position, space, first);
+    vael::image_put_u32(position, space, second);
+    return 0;
+}
+
+int vael_kw_abs_deserialize_pair(const char *caller, vael_kw_abs *kw, const unsigned char **position,
+                                 uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter, uint32_t pair[2]) {
+    pair[0] = pair[1] = 0;
+    if (vael_kw_abs_deserialize(kw, position, space, vbuf, iter) != 0) {
+        VAEL_LOG_AS(caller, VAEL_DBG_ERR, kKwErrTopics, "%s: failed the deserialize abs kw\n");
+        return -1;
+    }
+    vael::ImageReader reader{position, space, vbuf, iter};
+    if (!reader.bytes(pair, 8))
+        pair[0] = pair[1] = 0;
+    return 0;
+}
+
 int vael_kw_abs_relative_parse(vael_kw_abs *kw, const char **, vael_pm_error *) {
     vael_kw_abs_set_relative(kw);
     return 0;

@@ -89,6 +89,15 @@ int vael_kw_abs_serialize(const vael_kw_abs *kw, unsigned char **position, uint3
 int vael_kw_abs_deserialize(vael_kw_abs *kw, const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
                             vael_vbuf_iter *iter);
 
+/* The images of keywords whose own part is two words behind the base
+ * (`length`, `test`); `caller` names the keyword's function in the log.
+ * Reading gives -1 only when the base fails; a short tail leaves the space 0
+ * and the two words 0, for the manager's next magic to refuse. */
+int vael_kw_abs_serialize_pair(const char *caller, const vael_kw_abs *kw, unsigned char **position, uint32_t *space,
+                               uint32_t first, uint32_t second);
+int vael_kw_abs_deserialize_pair(const char *caller, vael_kw_abs *kw, const unsigned char **position,
+                                 uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter, uint32_t pair[2]);
+
 /* Parsers of the shared attribute rows. */
 int vael_kw_abs_relative_parse(vael_kw_abs *kw, const char **text, vael_pm_error *err);
 int vael_kw_abs_nmon_parse(vael_kw_abs *kw, const char **text, vael_pm_error *err);

@@ -106,16 +106,8 @@ int vael_kw_length_execute(vael_kw_abs *kw, const unsigned char *, uint32_t, vae
 uint32_t vael_kw_length_get_serialized_size(vael_kw_abs *) { return vael_kw_abs_get_serialized_size() + kTailSize; }
 
 int vael_kw_length_serialize(vael_kw_abs *kw, unsigned char **position, uint32_t *space) {
-    if (vael_kw_abs_serialize(kw, position, space) != 0)
-        return -1;
-    if (*space < kTailSize) {
-        VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: needed_size (%d) > *buf_size (%d)\n", (int)kTailSize, (int)*space);
-        return -1;
-    }
     const vael_kw_length *k = as_length(kw);
-    vael::image_put_u32(position, space, k->length);
-    vael::image_put_u32(position, space, (uint32_t)k->comparison);
-    return 0;
+    return vael_kw_abs_serialize_pair(__func__, kw, position, space, k->length, (uint32_t)k->comparison);
 }
 
 vael_kw_abs *vael_kw_length_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
@@ -125,19 +117,13 @@ vael_kw_abs *vael_kw_length_deserialize(const unsigned char **position, uint32_t
         VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: failed to allocate the length keyword\n");
         return nullptr;
     }
-    if (vael_kw_abs_deserialize(&kw->abs, position, space, vbuf, iter) != 0) {
-        VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: failed the deserialize abs kw\n");
+    uint32_t pair[2];
+    if (vael_kw_abs_deserialize_pair(__func__, &kw->abs, position, space, vbuf, iter, pair) != 0) {
         vael_kw_length_destroy(&kw->abs);
         return nullptr;
     }
-    // A short image leaves the space 0 and the fields 0: the manager's next
-    // magic refuses it.
-    uint32_t tail[2] = {};
-    vael::ImageReader reader{position, space, vbuf, iter};
-    if (reader.bytes(tail, sizeof(tail))) {
-        kw->length = tail[0];
-        kw->comparison = tail[1];
-    }
+    kw->length = pair[0];
+    kw->comparison = pair[1];
     return &kw->abs;
 }
 

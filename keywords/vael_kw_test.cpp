@@ -147,16 +147,8 @@ int vael_kw_test_execute(vael_kw_abs *kw, const unsigned char *buf, uint32_t, va
 uint32_t vael_kw_test_get_serialized_size(vael_kw_abs *) { return vael_kw_abs_get_serialized_size() + kTailSize; }
 
 int vael_kw_test_serialize(vael_kw_abs *kw, unsigned char **position, uint32_t *space) {
-    if (vael_kw_abs_serialize(kw, position, space) != 0)
-        return -1;
-    if (*space < kTailSize) {
-        VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: needed_size (%d) > *buf_size (%d)\n", (int)kTailSize, (int)*space);
-        return -1;
-    }
     const vael_kw_test *k = as_test(kw);
-    vael::image_put_u32(position, space, (uint32_t)k->op);
-    vael::image_put_u32(position, space, (uint32_t)k->value);
-    return 0;
+    return vael_kw_abs_serialize_pair(__func__, kw, position, space, (uint32_t)k->op, (uint32_t)k->value);
 }
 
 vael_kw_abs *vael_kw_test_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
@@ -166,19 +158,13 @@ vael_kw_abs *vael_kw_test_deserialize(const unsigned char **position, uint32_t *
         VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: failed to allocate the test keyword\n");
         return nullptr;
     }
-    if (vael_kw_abs_deserialize(&kw->abs, position, space, vbuf, iter) != 0) {
-        VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: failed the deserialize abs kw\n");
+    uint32_t pair[2];
+    if (vael_kw_abs_deserialize_pair(__func__, &kw->abs, position, space, vbuf, iter, pair) != 0) {
         vael_kw_test_destroy(&kw->abs);
         return nullptr;
     }
-    // A short image leaves the space 0 and the fields 0: the manager's next
-    // magic refuses it.
-    uint32_t tail[2] = {};
-    vael::ImageReader reader{position, space, vbuf, iter};
-    if (reader.bytes(tail, sizeof(tail))) {
-        kw->op = tail[0];
-        kw->value = (int32_t)tail[1];
-    }
+    kw->op = pair[0];
+    kw->value = (int32_t)pair[1];
     return &kw->abs;
 }
 
