@@ -185,6 +185,7 @@ TEST(RemMatchStart, BoundsAnchorsAndTheFallBackToPlainOffsets) {
         // the same answer.
         {"a[ab]*b", many, 0, 600, 1000, 0, 0, 599},
         {"a[ab]*b", many, 0, 600, 100, 0, 0, 599},
+        {"b+", std::string(601, 'b'), 0, 600, 1000, 0, 0, 600},
         // An anchored machine answers 0 unless bounded on the left.
         {"^ab", "ab", 0, 1, 200, 1, 0, 0},
         // Bounded on the left: candidates sit behind non-word bytes only; the
@@ -204,7 +205,7 @@ TEST(RemMatchStart, BoundsAnchorsAndTheFallBackToPlainOffsets) {
         }
         vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, r.end, 0, 0, {0, 0}};
         const auto *buf = reinterpret_cast<const unsigned char *>(r.text.data()) + r.history;
-        EXPECT_EQ(vael_dfa_match_start_find(rem.get(), buf, (uint32_t)r.text.size() - r.history, vbuf, 0, &d,
+        EXPECT_EQ(vael_dfa_match_start_find(rem.get(), buf, (uint32_t)r.text.size() - r.history, vbuf, kAll, &d,
                                             r.max_candidates, r.anchored, r.bound),
                   r.start)
             << r.pattern << " over " << r.text << " history " << r.history << " bound " << r.bound;
