@@ -161,10 +161,6 @@ TEST(RemRow, RowZeroIsTheRemTier) {
         Rem rem(r.pattern, r.flags);
         ASSERT_NE(rem.get(), nullptr);
         EXPECT_EQ(row.has_start_anchor(rem.get()), r.anchored) << r.pattern << " flags " << r.flags;
-        void *copy = row.duplicate(rem.get());
-        ASSERT_NE(copy, nullptr);
-        EXPECT_EQ(row.is_valid(copy), 1);
-        row.destroy(copy);
     }
     vael_pm_tier2_funcs again{};
     LogCapture log;
@@ -233,33 +229,26 @@ TEST(RemPm, UseRemPatternsMatchEndToEndWithTheirStarts) {
 
 // ---------------------------------------------------------------- allocation failures
 
-TEST(RemFailmem, EveryAllocationOfACompileFailsCleanly) {
-    // The sites of the parser, the NFA, the subset construction, the
-    // minimization and the finalization, with brackets, groups, repeats and
-    // both anchors; "ab" also fails each allocation in turn.
-    for (const char *p : {"ab", "^a(b|c)*[^x]d{1,2}$"}) {
-        SCOPED_TRACE(p);
-        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(p),
-                                                          (uint32_t)std::strlen(p), -1, 0);
-        vael_dfa *dfa = nullptr;
-        vael_pm_error err;
-        LogCapture quiet;
-        auto attempt = [&] {
+// Each allocation site of the parser, the NFA, the subset construction, the
+// minimization and the finalization fails once, with brackets, groups, every
+// repeat and both anchors in the pattern. Each stage walks its allocations
+// one by one in its own tests; this walk checks the roads between them.
+TEST(RemFailmem, EveryAllocationSiteOfACompileFailsCleanly) {
+    const std::string p = "^a(b|c)*[^x]+y?d{1,2}z{1,}$";
+    vael_pmglob_string *s =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(p.data()), (uint32_t)p.size(), -1, 0);
+    vael_dfa *dfa = nullptr;
+    vael_pm_error err;
+    LogCapture quiet;
+    vael_test::FailmemWalk w = vael_test::failmem_walk(
+        [&] {
             vael_pm_error_init(&err);
-            dfa = static_cast<vael_dfa *>(vael_rem_compile(s, 1, 0, &err));
-            return dfa != nullptr;
-        };
-        auto failed = [&] { return dfa == nullptr; };
-        vael_test::FailmemWalk w = vael_test::failmem_walk(attempt, failed);
-        EXPECT_GT(w.injected, 0);
-        vael_dfa_destroy(dfa);
-        dfa = nullptr;
-        if (std::strlen(p) == 2) {
-            vael_test::failmem_walk_each_allocation(attempt, failed);
-            vael_dfa_destroy(dfa);
-        }
-        vael_pmglob_string_destroy(s);
-    }
+            return (dfa = static_cast<vael_dfa *>(vael_rem_compile(s, 1, 0, &err))) != nullptr;
+        },
+        [&] { return dfa == nullptr; });
+    EXPECT_GT(w.rounds, 15);
+    vael_dfa_destroy(dfa);
+    vael_pmglob_string_destroy(s);
 }
 
 TEST(RemFailmem, APmCompileWithRemPatternsFailsCleanly) {
