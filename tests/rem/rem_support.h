@@ -72,13 +72,10 @@ class Rem {
         if (rc_out)
             *rc_out = rc;
         std::vector<RemHit> out;
-        while (vael_queue_size(queue) > 0) {
-            auto *d = reinterpret_cast<vael_pmglob_match_data *>(vael_dequeue(queue));
-            EXPECT_EQ(d->id, VAEL_PM_REM_DEFAULT_ID);
-            out.push_back(RemHit{d->offset, d->hint, d->match_flags});
-            vael_pmglob_match_data_free(d);
+        for (const Hit &h : drain_queue(queue)) {
+            EXPECT_EQ(h.id, VAEL_PM_REM_DEFAULT_ID);
+            out.push_back(RemHit{h.offset, h.hint, h.match_flags});
         }
-        vael_queue_cleanup(queue);
         vael_vbuf_destroy(vbuf);
         return out;
     }
