@@ -1,0 +1,101 @@
+// fuzz_kw_rule.cpp - keyword rules as an operator might write them, and
+// their images.
+//
+// Input: the rule text up to the first NUL, then the data to run it over. A
+// rule either compiles or is refused with a text for its author; a compiled
+// rule runs over the data (a match ends inside it), its image loads back
+// into a manager whose image is the same bytes and whose verdict is the
+// same, and every one-byte cut of the image is refused or loads without
+// reading past its end. Both memory accounts end where they started.
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "fuzz/fuzz_support.h"
+#include "keywords/vael_kw_mgr.h"
+#include "vael/vael_pmglob.h"
+
+namespace {
+
+std::vector<unsigned char> image_of(void *mgr) {
+    const uint32_t size = vael_kw_mgr_serialize_get_size(mgr);
+    FUZZ_CHECK(size > 0, "a compiled rule without an image size");
+    std::vector<unsigned char> image(size);
+    unsigned char *p = image.data();
+    uint32_t space = size;
+    FUZZ_CHECK(vael_kw_mgr_serialize(mgr, &p, &space) == 0 && space == 0, "the image does not fill its size");
+    return image;
+}
+
+struct Verdict {
+    int rc, is_match;
+    uint32_t match_end;
+    bool operator==(const Verdict &o) const {
+        return rc == o.rc && is_match == o.is_match && (!is_match || match_end == o.match_end);
+    }
+};
+
+Verdict run(void *mgr, const std::string &data) {
+    Verdict v{0, 0, 0};
+    v.rc = vael_kw_mgr_exec(static_cast<vael_kw_mgr *>(mgr), reinterpret_cast<const unsigned char *>(data.data()),
+                            (uint32_t)data.size(), &v.is_match, &v.match_end);
+    FUZZ_CHECK(v.rc == 0 || v.rc == -1, "exec gave %d", v.rc);
+    FUZZ_CHECK(v.rc != 0 || !v.is_match || v.match_end < data.size(), "a match ends at %u past %zu bytes",
+               v.match_end, data.size());
+    return v;
+}
+
+// Every one-byte cut of the image, in a block of exactly its size.
+void check_cuts(const std::vector<unsigned char> &image) {
+    for (size_t n = 0; n < image.size(); n++) {
+        std::unique_ptr<unsigned char[]> cut(new unsigned char[n ? n : 1]);
+        std::memcpy(cut.get(), image.data(), n);
+        const unsigned char *p = cut.get();
+        uint32_t space = (uint32_t)n;
+        void *mgr = vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr);
+        FUZZ_CHECK(p <= cut.get() + n, "read past a cut image");
+        if (mgr)
+            vael_kw_mgr_destroy(mgr);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    vael_fuzz::start_library_once();
+    if (size > 4096)
+        return 0;
+    vael_fuzz::Reader in(data, size);
+    const std::string rule = in.until(0);
+    const std::string text = in.rest();
+    const intptr_t kmem_start = qx_kmem_get_alloc_total();
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+
+    vael_pmglob_string s{};
+    std::vector<unsigned char> owned(rule.begin(), rule.end());
+    owned.push_back(0);
+    s.pattern = owned.data();
+    s.size = (uint32_t)rule.size();
+    s.id = 7;
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    void *mgr = vael_pm_compile_keywords(&s, 0, 0, &err);
+    if (!mgr) {
+        FUZZ_CHECK(err.error_string != nullptr, "a refused rule without a text");
+    } else {
+        const Verdict first = run(mgr, text);
+        const std::vector<unsigned char> image = image_of(mgr);
+        const unsigned char *p = image.data();
+        uint32_t space = (uint32_t)image.size();
+        void *back = vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr);
+        FUZZ_CHECK(back != nullptr && space == 0, "the image of a compiled rule does not load");
+        FUZZ_CHECK(image_of(back) == image, "a round trip changed the image");
+        FUZZ_CHECK(run(back, text) == first, "the loaded rule decides otherwise");
+        vael_kw_mgr_destroy(back);
+        check_cuts(image);
+        vael_kw_mgr_destroy(mgr);
+    }
+    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start && vael_pmglob_memory_get_alloc_total() == pm_start,
+               "memory left behind");
+    return 0;
+}
