@@ -13,6 +13,7 @@
 #ifndef VAEL_BENCH_CORPUS_H
 #define VAEL_BENCH_CORPUS_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -62,6 +63,11 @@ struct Literal {
 
 // The corpus, generated on first use.
 const std::vector<unsigned char> &corpus();
+
+// The corpus as the chunks that every engine is handed one at a time.
+inline size_t chunk_count() { return (corpus().size() + kChunkSize - 1) / kChunkSize; }
+inline size_t chunk_len(size_t i) { return std::min(kChunkSize, corpus().size() - i * kChunkSize); }
+inline const unsigned char *chunk(size_t i) { return corpus().data() + i * kChunkSize; }
 
 // The worst case for a scan that skips bytes where no literal can start: a
 // text of only the first bytes of the set's literals, each drawn as often as

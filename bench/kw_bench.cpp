@@ -20,6 +20,7 @@
 
 #include "corpus.h"
 #include "serial_pcre.h"
+#include "set_scan.h"
 #include "vael/vael_pm.h"
 
 namespace vael_bench {
@@ -54,10 +55,6 @@ std::vector<RuleAndExpression> rule_set() {
     }
     return out;
 }
-
-size_t chunk_count() { return (corpus().size() + kChunkSize - 1) / kChunkSize; }
-size_t chunk_len(size_t i) { return std::min(kChunkSize, corpus().size() - i * kChunkSize); }
-const unsigned char *chunk(size_t i) { return corpus().data() + i * kChunkSize; }
 
 int pm_found(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t, vael_vbuf *, int *) {
     if (arg)
@@ -100,8 +97,8 @@ std::string check_rules() {
             return std::string("PM compile failed");
         for (size_t c = 0; c < chunk_count(); c++) {
             std::set<int32_t> pm_ids, pcre_ids;
-            vael_pm_exec_ex(rules_pm(), chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &pm_ids, 0);
-            serial_pcre().scan(chunk(c), chunk_len(c), [&](int32_t id) { pcre_ids.insert(id); });
+            pm_scan_chunk(rules_pm(), c, &pm_ids);
+            serial_scan_chunk(serial_pcre(), c, &pcre_ids);
             if (pm_ids != pcre_ids)
                 return "rules and PCRE differ in chunk " + std::to_string(c);
         }
@@ -114,12 +111,8 @@ void BM_KwRulesPm(benchmark::State &state) {
     if (auto why = check_rules(); !why.empty())
         return state.SkipWithError(why.c_str());
     size_t found = 0;
-    for (auto _ : state) {
-        std::set<int32_t> ids;
-        for (size_t c = 0; c < chunk_count(); c++)
-            vael_pm_exec_ex(rules_pm(), chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &ids, 0);
-        found = ids.size();
-    }
+    for (auto _ : state)
+        found = pm_ids_over_corpus(rules_pm()).size();
     state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)corpus().size());
     state.counters["matched"] = (double)found;
 }
@@ -128,12 +121,8 @@ void BM_KwRulesPcreOneAfterAnother(benchmark::State &state) {
     if (auto why = check_rules(); !why.empty())
         return state.SkipWithError(why.c_str());
     size_t found = 0;
-    for (auto _ : state) {
-        std::set<int32_t> ids;
-        for (size_t c = 0; c < chunk_count(); c++)
-            serial_pcre().scan(chunk(c), chunk_len(c), [&](int32_t id) { ids.insert(id); });
-        found = ids.size();
-    }
+    for (auto _ : state)
+        found = serial_ids_over_corpus(serial_pcre()).size();
     state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)corpus().size());
     state.counters["matched"] = (double)found;
 }

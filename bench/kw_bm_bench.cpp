@@ -15,10 +15,6 @@
 namespace vael_bench {
 namespace {
 
-size_t chunk_count() { return (corpus().size() + kChunkSize - 1) / kChunkSize; }
-size_t chunk_len(size_t i) { return std::min(kChunkSize, corpus().size() - i * kChunkSize); }
-const unsigned char *chunk(size_t i) { return corpus().data() + i * kChunkSize; }
-
 // A needle of `len` bytes from the middle of the corpus, so that it occurs.
 std::string needle_of(size_t len) {
     const size_t at = corpus().size() / 2 + 4099 * len;

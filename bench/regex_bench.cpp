@@ -23,6 +23,7 @@
 
 #include "corpus.h"
 #include "serial_pcre.h"
+#include "set_scan.h"
 #include "rem/vael_rem_tier.h"
 #include "vael/vael_pm.h"
 
@@ -59,10 +60,6 @@ std::vector<std::string> regex_set() {
 }
 
 using ChunkIds = std::vector<std::set<int32_t>>;
-
-size_t chunk_count() { return (corpus().size() + kChunkSize - 1) / kChunkSize; }
-size_t chunk_len(size_t i) { return std::min(kChunkSize, corpus().size() - i * kChunkSize); }
-const unsigned char *chunk(size_t i) { return corpus().data() + i * kChunkSize; }
 
 // ---- the PM
 
@@ -147,8 +144,8 @@ std::string check_engines() {
             return std::string("PM compile failed");
         for (size_t c = 0; c < chunk_count(); c++) {
             std::set<int32_t> pm_ids, pcre_ids;
-            vael_pm_exec_ex(regex_pm().pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &pm_ids, 0);
-            serial_pcre().scan(chunk(c), chunk_len(c), [&](int32_t id) { pcre_ids.insert(id); });
+            pm_scan_chunk(regex_pm().pm, c, &pm_ids);
+            serial_scan_chunk(serial_pcre(), c, &pcre_ids);
             if (pm_ids != pcre_ids)
                 return "PM and PCRE differ in chunk " + std::to_string(c);
 #ifdef VAEL_HAVE_VECTORSCAN
@@ -175,12 +172,8 @@ void BM_RegexPm(benchmark::State &state) {
         return state.SkipWithError(why.c_str());
     vael_pm_handle *pm = regex_pm().pm;
     size_t found = 0;
-    for (auto _ : state) {
-        std::set<int32_t> ids;
-        for (size_t c = 0; c < chunk_count(); c++)
-            vael_pm_exec_ex(pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &ids, 0);
-        found = ids.size();
-    }
+    for (auto _ : state)
+        found = pm_ids_over_corpus(pm).size();
     report(state, found);
 }
 
@@ -188,12 +181,8 @@ void BM_RegexPcreOneAfterAnother(benchmark::State &state) {
     if (auto why = check_engines(); !why.empty())
         return state.SkipWithError(why.c_str());
     size_t found = 0;
-    for (auto _ : state) {
-        std::set<int32_t> ids;
-        for (size_t c = 0; c < chunk_count(); c++)
-            serial_pcre().scan(chunk(c), chunk_len(c), [&](int32_t id) { ids.insert(id); });
-        found = ids.size();
-    }
+    for (auto _ : state)
+        found = serial_ids_over_corpus(serial_pcre()).size();
     report(state, found);
 }
 
@@ -285,8 +274,8 @@ std::string check_tiers() {
             return std::string("tier PM compile failed");
         for (size_t c = 0; c < chunk_count(); c++) {
             std::set<int32_t> with_pcre, with_rem;
-            vael_pm_exec_ex(tier_pm(false).pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &with_pcre, 0);
-            vael_pm_exec_ex(tier_pm(true).pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &with_rem, 0);
+            pm_scan_chunk(tier_pm(false).pm, c, &with_pcre);
+            pm_scan_chunk(tier_pm(true).pm, c, &with_rem);
             if (with_pcre != with_rem)
                 return "PCRE and REM second tiers differ in chunk " + std::to_string(c);
         }
@@ -303,12 +292,8 @@ void BM_RegexTier2(benchmark::State &state) {
         return state.SkipWithError(why.c_str());
     vael_pm_handle *pm = tier_pm(rem).pm;
     size_t found = 0;
-    for (auto _ : state) {
-        std::set<int32_t> ids;
-        for (size_t c = 0; c < chunk_count(); c++)
-            vael_pm_exec_ex(pm, chunk(c), (uint32_t)chunk_len(c), nullptr, nullptr, &ids, 0);
-        found = ids.size();
-    }
+    for (auto _ : state)
+        found = pm_ids_over_corpus(pm).size();
     report(state, found);
     state.counters["patterns"] = (double)rem_ids().size();
     state.counters["compile_ms"] = tier_pm(rem).compile_ms;
