@@ -23,6 +23,7 @@
 namespace {
 
 using vael_test::LogCapture;
+using vael_test::SplitText;
 
 struct Match {
     int32_t id;
@@ -151,26 +152,12 @@ class RegexPm {
     std::vector<Match> run(const std::string &text, uint32_t flags, std::vector<size_t> cuts = {},
                            vael_pm_mask *mask = nullptr) const {
         std::vector<Match> got;
-        vael_vbuf *vbuf = nullptr;
-        size_t at = 0;
-        if (!cuts.empty()) {
-            vbuf = vael_vbuf_create(1 << 20, 0);
-            for (size_t cut : cuts) {
-                if (cut > at) {
-                    EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()) + at,
-                                                      (uint32_t)(cut - at), nullptr, nullptr),
-                              0);
-                }
-                at = std::max(at, cut);
-            }
-        }
-        const auto *buf = reinterpret_cast<const unsigned char *>(text.data()) + at;
-        const uint32_t len = (uint32_t)(text.size() - at);
+        const SplitText split(text, cuts);
         LogCapture quiet;
-        int rc = vael_pm_exec_ex(pm_, len ? buf : nullptr, len, vbuf, mask, &got, flags | VAEL_PM_EXEC_MATCH_START);
+        int rc = vael_pm_exec_ex(pm_, split.present(), split.present_len(), split.vbuf(), mask, &got,
+                                 flags | VAEL_PM_EXEC_MATCH_START);
         // A run over no data at all is refused by the first tier.
         EXPECT_EQ(rc, text.empty() ? -1 : 0);
-        vael_vbuf_destroy(vbuf);
         std::sort(got.begin(), got.end());
         return got;
     }

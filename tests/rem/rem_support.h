@@ -52,23 +52,10 @@ class Rem {
     // buffer (none when the cuts reach the end).
     std::vector<RemHit> run(const std::string &text, uint32_t exec_flags, std::vector<size_t> cuts = {},
                             uint32_t start = 0, int *rc_out = nullptr) const {
-        vael_vbuf *vbuf = nullptr;
-        size_t at = 0;
-        if (!cuts.empty()) {
-            vbuf = vael_vbuf_create(1 << 20, 0);
-            for (size_t cut : cuts) {
-                if (cut > at) {
-                    EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(text.data()) + at, (uint32_t)(cut - at),
-                                                      nullptr, nullptr),
-                              0);
-                }
-                at = std::max(at, cut);
-            }
-        }
-        const auto *buf = reinterpret_cast<const unsigned char *>(text.data()) + at;
-        const uint32_t len = (uint32_t)(text.size() - at);
+        const SplitText split(text, cuts);
         lst_list *queue = nullptr;
-        int rc = vael_dfa_exec(dfa_, len ? buf : nullptr, len, vbuf, start, &queue, exec_flags, nullptr);
+        int rc = vael_dfa_exec(dfa_, split.present(), split.present_len(), split.vbuf(), start, &queue, exec_flags,
+                               nullptr);
         if (rc_out)
             *rc_out = rc;
         std::vector<RemHit> out;
@@ -76,7 +63,6 @@ class Rem {
             EXPECT_EQ(h.id, VAEL_PM_REM_DEFAULT_ID);
             out.push_back(RemHit{h.offset, h.hint, h.match_flags});
         }
-        vael_vbuf_destroy(vbuf);
         return out;
     }
 

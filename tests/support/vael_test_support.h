@@ -123,6 +123,41 @@ inline std::vector<Hit> drain_queue(lst_list *queue) {
     return hits;
 }
 
+// A text as a scan sees it: the bytes before the last cut, cut at the given
+// places, as the history blocks of a vbuf, and the rest as the present
+// buffer (empty when the cuts reach the end). Without cuts there is no vbuf.
+class SplitText {
+  public:
+    SplitText(const std::string &text, const std::vector<size_t> &cuts) {
+        size_t at = 0;
+        if (!cuts.empty()) {
+            vbuf_ = vael_vbuf_create(1 << 20, 0);
+            for (size_t cut : cuts) {
+                if (cut > at) {
+                    EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf_, const_cast<char *>(text.data()) + at,
+                                                      (uint32_t)(cut - at), nullptr, nullptr),
+                              0);
+                }
+                at = std::max(at, cut);
+            }
+        }
+        len_ = (uint32_t)(text.size() - at);
+        present_ = len_ ? reinterpret_cast<const unsigned char *>(text.data()) + at : nullptr;
+    }
+    ~SplitText() { vael_vbuf_destroy(vbuf_); }
+    SplitText(const SplitText &) = delete;
+    SplitText &operator=(const SplitText &) = delete;
+
+    vael_vbuf *vbuf() const { return vbuf_; }
+    const unsigned char *present() const { return present_; }  // null when empty
+    uint32_t present_len() const { return len_; }
+
+  private:
+    vael_vbuf *vbuf_ = nullptr;
+    const unsigned char *present_ = nullptr;
+    uint32_t len_ = 0;
+};
+
 // A compiled Thin NFA that destroys itself.
 class ThinNfa {
   public:
