@@ -143,6 +143,10 @@ extern "C" int vael_wm_is_delimiter_uni(int32_t c) {
     return c == -1 || c == '<' || c == '>' || tq_u_isspace(c) || tq_u_ispunct(c);
 }
 
+extern "C" int32_t vael_wm_decode_utf8(const unsigned char *s, uint32_t n, uint32_t *used) {
+    return decode_forward(s, n, used);
+}
+
 namespace {
 
 // The code point at s as the run reads it, and whether it is a delimiter.

@@ -110,6 +110,9 @@ vael_wm_handle *vael_wm_hash_init(uint32_t size);
 int vael_wm_insert_phrase(vael_wm_handle *h, uint32_t bucket, const unsigned char *phrase, uint32_t len,
                           uint32_t id, uint8_t flags, uint8_t back_offset);
 int vael_wm_is_delimiter_uni(int32_t c);
+/* The code point at s with n bytes left, as the engine decodes it, or -1 for
+ * input it cannot decode; *used is the bytes it took. */
+int32_t vael_wm_decode_utf8(const unsigned char *s, uint32_t n, uint32_t *used);
 uint32_t vael_wm_hash_word(vael_wm_handle *h, const unsigned char *word, uint32_t length);
 /* 0 with a buffer of at least length * 9 / 4 bytes, -1 without. */
 int vael_wm_validate_phrase_temp_buffer(uint32_t length);
