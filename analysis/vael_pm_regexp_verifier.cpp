@@ -103,7 +103,7 @@ int vael_pm_regexp_meaning_match_cb(vael_pm_handle *pm, int32_t pattern_id, void
     const pm_regexp_conflicting_metachar &row = pm_regexp_conflicting_metachars[pattern_id];
     set_answer(result, row.code, row.type, row.text);
     result->offset = offset;
-    VAEL_LOG(VAEL_DBG_INFO, kTopics, "%s: found match for conflicting meta character in offset %u: %s (%d).\n",
+    VAEL_LOG(VAEL_DBG_NOTICE, kTopics, "%s: found match for conflicting meta character in offset %u: %s (%d).\n",
              offset, row.text, row.code);
     // One difference answers the question.
     *keep_going = 0;

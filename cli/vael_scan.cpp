@@ -34,6 +34,7 @@
 #include "vael/vael_apps.h"
 
 #include "explain.h"
+#include "verify.h"
 #include "pattern_file.h"
 #include "read_file.h"
 #include "stream_scan.h"
@@ -80,6 +81,8 @@ struct Options {
     bool rem = false;      // re lines go to the library's own regex machine, not PCRE
     std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
+    std::optional<std::string> verify;       // --verify: the pattern to ask the syntax questions of
+    std::optional<std::string> verify_word;  // --verify-word: the phrase to ask the word question of
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -258,6 +261,16 @@ constexpr OptionRow kOptions[] = {
          o.lss = std::string(v);
          return std::nullopt;
      }},
+    {'\0', "verify", "PATTERN", "tell whether PATTERN compiles here and in the older regexp engine, and means the same",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.verify = std::string(v);
+         return std::nullopt;
+     }},
+    {'\0', "verify-word", "PHRASE", "tell whether the word matcher takes PHRASE",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.verify_word = std::string(v);
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -386,6 +399,12 @@ void print_help(std::FILE *out) {
                  "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
                  "With --rem an re line also shows the states of the minimized DFA that the\n"
                  "REM machine makes of TEXT (dfa_states=refused when it refuses TEXT).\n"
+                 "\n"
+                 "--verify PATTERN prints whether PATTERN compiles here (pm:), whether the\n"
+                 "older regular-expression engine reads it (regexp:), and whether it means the\n"
+                 "same in both (meaning: code, type, offset and text); -i, --digitless and\n"
+                 "--rem apply. --verify-word PHRASE prints whether the word matcher takes\n"
+                 "PHRASE. Both need no FILE; their status is 0 for success, 1 if not.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -939,6 +958,20 @@ int run(const Options &options) {
     return finish_output(scanner.any_match() ? kExitMatch : kExitNoMatch);
 }
 
+// --verify and --verify-word: the answer's status, 2 when the library fails.
+int verify_main(const Options &options) {
+    Library library;
+    if (!library.ok()) {
+        std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
+        return kExitError;
+    }
+    set_up_debug_output(options);
+    if (options.verify)
+        return vael::cli::verify_pattern(*options.verify, options.compile_flags, options.rem ? VAEL_PM_USE_REM : 0,
+                                         stdout);
+    return vael::cli::verify_word(*options.verify_word, stdout);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -948,6 +981,14 @@ int main(int argc, char **argv) {
         return vael::cli::print_tokens(*options.tokens, options.compile_flags, stdout);
     if (!usage_error && !options.help && options.lss)
         return vael::cli::print_lss(*options.lss, options.compile_flags, stdout);
+    if (!usage_error && !options.help && (options.verify || options.verify_word)) {
+        if (options.verify && options.verify_word)
+            usage_error = "--verify and --verify-word cannot be given together";
+        else if (!options.pattern_file.empty() || !options.inputs.empty())
+            usage_error = "--verify and --verify-word take no pattern file or input";
+        else
+            return verify_main(options);
+    }
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }
