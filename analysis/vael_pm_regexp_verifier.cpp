@@ -106,7 +106,8 @@ int vael_pm_regexp_meaning_match_cb(vael_pm_handle *pm, int32_t pattern_id, void
     VAEL_LOG(VAEL_DBG_NOTICE, kTopics, "%s: found match for conflicting meta character in offset %u: %s (%d).\n",
              offset, row.text, row.code);
     // One difference answers the question.
-    *keep_going = 0;
+    if (keep_going)
+        *keep_going = 0;
     return 0;
 }
 
