@@ -1,6 +1,5 @@
 // The frame and the Thin NFA held to their contracts where an easy reading
-// goes wrong: what stays in the caller's error record, the order in which a
-// list's records are refused, a destroy too many, the rows of the tier table
+// goes wrong: what stays in the caller's error record, a destroy too many, the rows of the tier table
 // across a restart, the exported run functions, a malformed pattern list.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -136,46 +135,6 @@ TEST(ConformanceError, OutOfMemoryCarriesNoTextOfTheFrame) {
         EXPECT_TRUE(engine_texts.count(text)) << text;
     vael_pm_destroy(pm);
     vael_pm_patterns_destroy(list);
-}
-
-// ---------------------------------------------------------------- refusal order
-
-struct OrderCase {
-    const char *name;
-    std::vector<Record> records;
-    int32_t blamed_id;
-    bool lss_too_short; // else the word matcher's refusal of a phrase
-};
-
-TEST(ConformanceError, TheFirstFailingRecordInListOrderIsBlamed) {
-    const OrderCase cases[] = {
-        {"ShortLssBeforeWord", {{Record::kSimple, "ab", 1}, {Record::kWord, "word", 2}}, 1, true},
-        {"ShortLssBeforeRegex", {{Record::kSimple, "ab", 1}, {Record::kRe, "abc[0-9]", 2}}, 1, true},
-        {"RegexBeforeWord", {{Record::kSimple, "abcd", 1}, {Record::kRe, "x+y", 2}, {Record::kWord, "w", 3}}, 2,
-         true},
-        // Words are compiled after the loop over the records: a bad phrase
-        // is blamed only when no other record is.
-        {"BadWordBeforeShortLss", {{Record::kWord, "--", 1}, {Record::kSimple, "ab", 2}}, 2, true},
-        {"BadWordAfterStrings", {{Record::kSimple, "abcd", 1}, {Record::kWord, "--", 2}}, 2, false},
-        // The LSS length is checked before a second tier is asked for.
-        {"ShortLssOfARegex", {{Record::kReWithLss, "ab[0-9]", 4, 0, "ab"}}, 4, true},
-        // A case-sensitive string among caseless ones goes to a second tier:
-        // the caseless string after it is the one refused.
-        {"CaseCheckedStringBeforeShortLss",
-         {{Record::kSimple, "abcd", 5}, {Record::kSimple, "ab", 6, VAEL_PM_CASELESS}}, 6, true},
-    };
-    ScopedGlobal min_lss(vael_pm_min_lss_size, 3);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        vael_pm_error err;
-        LogCapture quiet;
-        EXPECT_EQ(compile(c.records, &err), nullptr);
-        EXPECT_EQ(err.pattern_id, c.blamed_id);
-        EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_ILLEGAL);
-        ASSERT_NE(err.error_string, nullptr);
-        EXPECT_EQ(std::string(err.error_string) == "The pattern's LSS is too short", c.lss_too_short)
-            << err.error_string;
-    }
 }
 
 // ---------------------------------------------------------------- PM life

@@ -95,6 +95,7 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
     const char *kBound = "Error while trying to process a bounded pattern.";
     const char *kNoLss = "Error while trying to find LSS for pattern. Verify that pattern contains LSS";
     const char *kWord = "Invalid arguments (not valid utf8 or only delimiters phrase)";
+    const char *kShort = "The pattern's LSS is too short";
     // Each record: (kind, text). Kinds: s simple, S simple caseless, p pattern, w word, k keyword rule.
     const struct {
         const char *name;
@@ -105,14 +106,14 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         const char *error;
     } cases[] = {
         {"EmptyList", {}, 0, 1, -1, nullptr},
-        {"LssTooShort", {{'s', "abc"}, {'s', "ab"}, {'s', "xy"}}, 0, 3, 2, "The pattern's LSS is too short"},
+        {"LssTooShort", {{'s', "abc"}, {'s', "ab"}, {'s', "xy"}}, 0, 3, 2, kShort},
         {"ShortLssFlag", {{'s', "abc"}, {'s', "{shortlss}:ab"}}, 0, 3, 0, nullptr},
         {"Word", {{'s', "abc"}, {'w', "word"}}, 0, 1, 0, nullptr},
         {"WordOfDelimitersOnly", {{'s', "abc"}, {'w', "--"}}, 0, 1, 2, kWord},
         {"Regex", {{'s', "abc"}, {'p', "a.*b"}}, 0, 1, 0, nullptr},
         {"RegexWithLss", {{'s', "abc"}, {'p', "{LSS(ab)}:ab+"}}, 0, 1, 0, nullptr},
         {"RegexBound", {{'p', "{bound}:ab+c"}}, 0, 1, 0, nullptr},
-        {"RegexLssTooShort", {{'p', "ab[0-9]+"}}, 0, 3, 1, "The pattern's LSS is too short"},
+        {"RegexLssTooShort", {{'p', "ab[0-9]+"}}, 0, 3, 1, kShort},
         {"RegexWithoutLss", {{'s', "abc"}, {'p', "[a-z]+"}}, 0, 1, 2, kNoLss},
         {"RegexBadSyntax", {{'s', "abc"}, {'p', "abc(d"}}, 0, 1, 2, "Missing a closing ')'"},
         {"KwRule", {{'S', "abc"}, {'k', "data: \"abc\";"}}, 0, 1, 0, nullptr},
@@ -127,6 +128,14 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"CaseSensitiveFirst", {{'s', "def"}, {'s', "{caseless}:abc"}}, 0, 1, 0, nullptr},
         {"AllCaseless", {{'S', "abc"}, {'s', "{caseless}:def"}}, 0, 1, 0, nullptr},
         {"CaselessByCompileFlags", {{'S', "abc"}, {'s', "def"}}, VAEL_PM_CASELESS, 1, 0, nullptr},
+        // The first record refused in list order is blamed; words are compiled
+        // after the loop over the records, so a bad phrase only when no other is.
+        {"ShortLssBeforeWord", {{'s', "ab"}, {'w', "word"}}, 0, 3, 1, kShort},
+        {"ShortLssBeforeRegex", {{'s', "ab"}, {'p', "abc[0-9]"}}, 0, 3, 1, kShort},
+        {"RegexBeforeWord", {{'s', "abcd"}, {'p', "x+y"}, {'w', "w"}}, 0, 3, 2, kShort},
+        {"BadWordBeforeShortLss", {{'w', "--"}, {'s', "ab"}}, 0, 3, 2, kShort},
+        {"ShortLssOfARegexBeforeTheSecondTier", {{'p', "{LSS(ab)}:ab[0-9]"}}, 0, 3, 1, kShort},
+        {"CaseCheckedStringBeforeShortLss", {{'s', "abcd"}, {'S', "ab"}}, 0, 3, 2, kShort},
     };
     // The word matcher's process-wide buffer outlives every PM; made here,
     // it is no growth of the accounts below.

@@ -1,6 +1,6 @@
 // The automaton store: state limits and blocks, finalize and the two id
-// forms, validation against corrupted records, final ids, duplication and
-// the states lists.
+// forms, validation against corrupted records, the copy of final ids and
+// duplication.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -216,38 +216,14 @@ std::vector<int32_t> ids_of(const vael_dfa_state *s) {
     return ids;
 }
 
-TEST(DfaStore, FinalIds) {
+// Copying final ids: the target gains the source's ids in order, once each;
+// a failed copy leaves it as it was and the account where it stood.
+TEST(DfaStore, CopyFinalIds) {
     DfaPtr dfa(vael_dfa_create(0, nullptr));
     vael_dfa_state *a = vael_dfa_state_create(dfa.p);
-    vael_dfa_state *b = vael_dfa_state_create(dfa.p);
     vael_dfa_state *c = vael_dfa_state_create(dfa.p);
-    struct Row {
-        vael_dfa_state *state;
-        int32_t id;
-        int anchored;
-        int expect_rc;
-        std::vector<int32_t> expect_ids;
-        uint32_t expect_final_count;
-    } rows[] = {
-        {a, 5, 0, 0, {5}, 1},
-        {a, 5, 0, 1, {5}, 2},  // one record, counted twice
-        {a, -1, 0, 0, {5, -1}, 3},
-        {b, 0, 1, 0, {0}, 4},
-    };
-    for (const Row &r : rows) {
-        EXPECT_EQ(vael_dfa_state_set_final_ex(r.state, r.id, r.anchored), r.expect_rc);
-        EXPECT_EQ(ids_of(r.state), r.expect_ids);
-        EXPECT_EQ(dfa.p->stats.num_of_final_states, r.expect_final_count);
-    }
-    EXPECT_EQ(vael_dfa_state_is_final(a), 1);
-    EXPECT_EQ(vael_dfa_state_is_anchored_final(a), 0);
-    EXPECT_EQ(vael_dfa_state_is_anchored_final(b), 1);
-    EXPECT_EQ(vael_dfa_state_is_final(c), 0);
-    vael_dfa_state_unset_property(b, VAEL_DFA_STATE_FINAL);
-    EXPECT_EQ(vael_dfa_state_is_anchored_final(b), 0);
-
-    // Copying: the target gains the source's ids in order, once each; a
-    // failed copy leaves it as it was and the account where it stood.
+    ASSERT_EQ(vael_dfa_state_set_final_ex(a, 5, 0), 0);
+    ASSERT_EQ(vael_dfa_state_set_final_ex(a, -1, 0), 0);
     ASSERT_EQ(vael_dfa_state_set_final(c, 7, 0, 0), 0);
     auto attempt = [&] { return vael_dfa_state_copy_final_ids(c, a) == 0; };
     auto clean = [&] { return ids_of(c) == std::vector<int32_t>{7}; };
@@ -256,37 +232,6 @@ TEST(DfaStore, FinalIds) {
     EXPECT_EQ(ids_of(c), (std::vector<int32_t>{7, 5, -1}));
     EXPECT_EQ(vael_dfa_state_copy_final_ids(c, a), 0);
     EXPECT_EQ(ids_of(c), (std::vector<int32_t>{7, 5, -1}));
-}
-
-TEST(DfaStore, TransitionsSensitiveAndInsensitive) {
-    DfaPtr dfa(vael_dfa_create(0, nullptr));
-    vael_dfa_state *s = vael_dfa_state_create(dfa.p);
-    vael_dfa_state *t = vael_dfa_state_create(dfa.p);
-    struct Row {
-        unsigned char byte;
-        int sensitive;
-        std::vector<unsigned char> expect_set;
-    } rows[] = {
-        {'a', 1, {'a'}},
-        {'a', 0, {'a', 'A'}},
-        {'Q', 0, {'q', 'Q'}},
-        {'7', 0, {'7'}},
-        {0xE4, 0, {0xE4}},
-    };
-    for (const Row &r : rows) {
-        std::fill(std::begin(s->trans), std::end(s->trans), (uint16_t)VAEL_DFA_NO_STATE);
-        ASSERT_EQ(vael_dfa_state_add_trans_ex(s, r.byte, t, r.sensitive), 0);
-        std::vector<unsigned char> set;
-        for (int c = 0; c < 256; c++)
-            if (vael_dfa_state_get_next_state(s, (unsigned char)c) == t)
-                set.push_back((unsigned char)c);
-        std::sort(set.begin(), set.end());
-        std::vector<unsigned char> want = r.expect_set;
-        std::sort(want.begin(), want.end());
-        EXPECT_EQ(set, want) << "byte " << (int)r.byte;
-    }
-    EXPECT_EQ(vael_dfa_state_add_trans(s, 'a', nullptr), -1);
-    EXPECT_EQ(vael_dfa_state_add_trans(nullptr, 'a', t), -1);
 }
 
 // Two machines of equal shape: same tables, finals and initial id.
@@ -345,59 +290,6 @@ TEST(DfaStore, DuplicateCopiesAFinishedMachine) {
     vael_dfa_state_set_correlating_state(vael_dfa_state_get_by_id(d.p, 1), vael_dfa_state_get_by_id(d.p, 2));
     EXPECT_EQ(vael_dfa_duplicate(d.p), nullptr);
     EXPECT_EQ(vael_dfa_duplicate(nullptr), nullptr);
-}
-
-TEST(DfaStore, StatesLists) {
-    DfaPtr dfa(vael_dfa_create(0, nullptr));
-    std::vector<vael_dfa_state *> s;
-    for (int i = 0; i < 6; i++)
-        s.push_back(vael_dfa_state_create(dfa.p));
-    auto ids = [](vael_states_list *l) {
-        std::vector<uint32_t> v;
-        for (uintptr_t p : vael_test::list_values(l))
-            v.push_back(reinterpret_cast<vael_dfa_state *>(p)->id);
-        return v;
-    };
-    struct Row {
-        std::vector<int> add;
-        std::vector<uint32_t> expect;
-    } rows[] = {
-        {{}, {}},
-        {{3, 1, 5, 0}, {0, 1, 3, 5}},
-        {{2, 2, 4, 2}, {2, 4}},
-        {{5, 4, 3, 2, 1, 0}, {0, 1, 2, 3, 4, 5}},
-    };
-    for (const Row &r : rows) {
-        vael_states_list *l = vael_states_list_create();
-        for (int i : r.add)
-            ASSERT_EQ(vael_states_list_add(l, s[i]), 0);
-        EXPECT_EQ(ids(l), r.expect);
-        EXPECT_EQ(vael_states_list_num_of_elems(l), r.expect.size());
-        EXPECT_EQ(vael_states_list_is_empty(l), r.expect.empty() ? 1 : 0);
-        for (uint32_t i = 0; i < 6; i++) {
-            const bool in = std::find(r.expect.begin(), r.expect.end(), i) != r.expect.end();
-            EXPECT_EQ(vael_states_list_in(l, s[i]), in ? 1 : 0);
-        }
-        // Equal to a copy made by append, and no longer once one differs.
-        vael_states_list *copy = vael_states_list_create();
-        ASSERT_EQ(vael_states_list_append(l, copy), 0);
-        EXPECT_EQ(vael_states_list_are_equal(l, copy), 1);
-        vael_dfa_state *head = vael_states_list_remove(copy);
-        EXPECT_EQ(head, r.expect.empty() ? nullptr : s[r.expect[0]]);
-        EXPECT_EQ(vael_states_list_are_equal(l, copy), r.expect.empty() ? 1 : 0);
-        vael_states_list_destroy(copy);
-        vael_states_list_destroy(l);
-    }
-    EXPECT_EQ(vael_states_list_are_equal(nullptr, nullptr), 0);
-    // Append does not sort.
-    vael_states_list *a = vael_states_list_create();
-    vael_states_list *b = vael_states_list_create();
-    vael_states_list_add(a, s[1]);
-    vael_states_list_add(b, s[4]);
-    vael_states_list_append(a, b);
-    EXPECT_EQ(ids(b), (std::vector<uint32_t>{4, 1}));
-    vael_states_list_destroy(a);
-    vael_states_list_destroy(b);
 }
 
 }  // namespace

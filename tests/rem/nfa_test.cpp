@@ -217,65 +217,6 @@ TEST_F(Nfa, LanguagesAgreeWithRegexAndTheDfa) {
     }
 }
 
-// Shapes of a few wrapped patterns: the search form has the sink as its only
-// final state; the anchored form a dead state; a pattern that matches the
-// empty string a final initial state.
-TEST_F(Nfa, SinkDeadStateAndFinalStart) {
-    struct Row {
-        const char *name;
-        uint32_t flags;
-        Builder build;
-        int anchored;
-        int32_t pattern_id;
-        bool only_sink_final;
-        bool has_dead_state;
-        bool initial_final;
-    } rows[] = {
-        {"abc", 0,
-         [](vael_nfa_env *e) { return vael_nfa_build_concat(vael_nfa_build_concat(any_star(e), chars(e, "abc")), any_star(e)); },
-         0, -1, true, false, false},
-        {"^abc", VAEL_DFA_CARET, [](vael_nfa_env *e) { return vael_nfa_build_concat(chars(e, "abc"), any_star(e)); }, 0,
-         0, true, true, false},
-        {"abc$", kExact, [](vael_nfa_env *e) { return vael_nfa_build_concat(any_star(e), chars(e, "abc")); }, 1, 5,
-         false, false, false},
-        {"a*", 0, [](vael_nfa_env *e) { return vael_nfa_build_kleene(chars(e, "a")); }, 0, 3, false, true, true},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.name);
-        vael_nfa_env *env = vael_nfa_env_create(r.flags, nullptr);
-        ASSERT_EQ(vael_nfa_env_finalize(env, r.build(env), r.anchored), 0);
-        vael_dfa *dfa = vael_nfa2dfa(env, r.pattern_id, nullptr);
-        ASSERT_NE(dfa, nullptr);
-        EXPECT_EQ(vael_dfa_get_flags(dfa), r.flags & VAEL_DFA_CARET);
-        std::vector<uint32_t> finals;
-        bool dead = false;
-        for (uint32_t id = 0; id < vael_dfa_get_num_of_states(dfa); id++) {
-            vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
-            if (vael_dfa_state_is_final(s)) {
-                finals.push_back(id);
-                EXPECT_EQ(vael_dfa_pattern_id_get_id(vael_dfa_state_get_pattern_ids(s)), r.pattern_id);
-                EXPECT_EQ(vael_dfa_state_is_anchored_final(s), r.anchored);
-            }
-            bool loops = !vael_dfa_state_is_final(s);
-            for (int c = 0; c < 256; c++)
-                loops = loops && vael_dfa_state_get_next_state(s, (unsigned char)c) == s;
-            dead = dead || loops;
-        }
-        if (r.only_sink_final)
-            EXPECT_EQ(finals, std::vector<uint32_t>{0});
-        else
-            EXPECT_FALSE(finals.empty());
-        EXPECT_EQ(dead, r.has_dead_state);
-        EXPECT_EQ(vael_dfa_state_is_final(vael_dfa_get_initial_state(dfa)), r.initial_final ? 1 : 0);
-        // The machine finalizes and validates as one block.
-        dfa = vael_dfa_finalize(dfa);
-        ASSERT_NE(dfa, nullptr);
-        EXPECT_EQ(vael_dfa_is_valid(dfa), 1);
-        vael_dfa_destroy(dfa);
-        EXPECT_EQ(vael_nfa_env_destroy(env), 0);
-    }
-}
-
 // Refusals: the state limit in the NFA and in the subset construction, the
 // dup of a fragment whose end cannot be reached, and misuse.
 TEST_F(Nfa, Refusals) {
@@ -379,30 +320,6 @@ TEST_F(Nfa, FailInjectionWalksBuildAndSubset) {
         EXPECT_GE(w.rounds, 8) << "injected " << w.injected;
         EXPECT_GT(states, 0u);
     }
-}
-
-TEST_F(Nfa, FailInjectionAtEveryAllocationOfOneCompile) {
-    const Language lang = languages()[8];  // (a|bc)*: kleene, alternate, chars
-    bool refs_ok = true;
-    auto attempt = [&] {
-        vael_nfa_env *env = vael_nfa_env_create(lang.flags, nullptr);
-        if (!env)
-            return false;
-        vael_nfa *nfa = vael_nfa_build_quantify(lang.build(env), 2);
-        vael_dfa *dfa = nullptr;
-        if (!nfa)
-            refs_ok = refs_ok && vael_nfa_env_get_ref_count(env) == 0;
-        else if (vael_nfa_env_finalize(env, nfa, 0) == 0)
-            dfa = vael_nfa2dfa(env, 1, nullptr);
-        else
-            vael_nfa_destroy(nfa);
-        vael_dfa_destroy(dfa);
-        vael_nfa_env_destroy(env);
-        return dfa != nullptr;
-    };
-    vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, [&] { return refs_ok; });
-    EXPECT_TRUE(w.succeeded);
-    EXPECT_GT(w.rounds, 100);
 }
 
 // Two threads compiling at once share only the states hash; each gets the

@@ -40,12 +40,6 @@ std::string text_of(const Range &r) {
     return std::string(reinterpret_cast<const char *>(u.buf), u.buf_used);
 }
 
-std::string print(const Range &r) {
-    char out[2048];
-    vael_pmglob_range_print(r.get(), out, sizeof out);
-    return out;
-}
-
 // A reference ASCII range: flags plus the span of bytes touched.
 struct Reference {
     Bits bits;
@@ -95,76 +89,6 @@ TEST(PmglobRangeAscii, SpansAndMergeAgreeWithABitsetReference) {
         if (rb.first <= rb.last)
             ra.touch(rb.first, rb.last);
         expect_same(a, ra, "merged:" + log);
-    }
-}
-
-// Builds a range holding exactly `set`, one add per run of set bytes.
-Range range_of_set(const Bits &set) {
-    Range r = make_range();
-    for (int c = 0; c < 256;) {
-        if (!set[c]) {
-            c++;
-            continue;
-        }
-        int end = c;
-        while (end + 1 < 256 && set[end + 1])
-            end++;
-        EXPECT_EQ(vael_pmglob_range_add_range(r.get(), (uint32_t)c, (uint32_t)end, 1, nullptr), 0);
-        c = end + 1;
-    }
-    return r;
-}
-
-// Reads a printed ASCII class back into its set.
-Bits parse_printed(const std::string &text, bool *negated) {
-    Bits b;
-    *negated = false;
-    size_t i = 0;
-    auto one = [&]() -> int {
-        if (text[i] == '\\' && text[i + 1] == 'x') {
-            int v = std::stoi(text.substr(i + 2, 2), nullptr, 16);
-            i += 4;
-            return v;
-        }
-        if (text[i] == '\\')
-            i++;
-        return (unsigned char)text[i++];
-    };
-    if (text.empty() || text[0] != '[') {
-        b[one()] = true;
-        return b;
-    }
-    i = 1;
-    if (text[i] == '^')
-        *negated = true, i++;
-    while (text[i] != ']' || (i + 1 < text.size())) {
-        int lo = one(), hi = lo;
-        if (text[i] == '-' && text[i + 1] != ']')
-            i++, hi = one();
-        for (int c = lo; c <= hi; c++)
-            b[c] = true;
-    }
-    return b;
-}
-
-TEST(PmglobRangeAscii, PrintedClassReadsBackToTheFlags) {
-    std::mt19937 rng(17);
-    for (int round = 0; round < 2000; round++) {
-        Bits set;
-        int density = 1 + (int)(rng() % 8);
-        for (int c = 0; c < 256; c++)
-            set[c] = (int)(rng() % 8) < density;
-        if (set.none())
-            set[rng() % 256] = true;
-        Range r = range_of_set(set);
-        // Negation is a mark that leaves the flags to the reader; twice is once.
-        for (int n = (int)(rng() % 3); n > 0; n--)
-            vael_pmglob_range_negate(r.get());
-        EXPECT_EQ(flags_of(r), set);
-        bool negated = false;
-        const std::string text = print(r);
-        EXPECT_EQ(parse_printed(text, &negated), set) << text;
-        EXPECT_EQ(negated, vael_pmglob_range_is_negate(r.get()) != 0) << text;
     }
 }
 
@@ -296,35 +220,6 @@ TEST(PmglobRangeUtf8, ExclusionsLeaveTheComplement) {
     }
 }
 
-TEST(PmglobRangeUtf8, TextRows) {
-    struct Row {
-        uint32_t first, last;
-        int hexa;
-        const char *text;
-        int has_alternatives;
-    };
-    const Row rows[] = {
-        {0x80, 0xBF, 1, "\\xc2[\\x80-\\xbf]", 0},
-        {'a', 'a', 0, "a", 0},
-        {'a', 'c', 0, "[a-c]", 0},
-        {0x414, 0x414, 1, "\\xd0\\x94", 0},
-        {0x7E, 0x81, 1, "[\\x7e-\\x7f]|\\xc2[\\x80-\\x81]", 1},
-        {0x80, VAEL_PMUTF8_MAX_CODE_POINT, 1,
-         "[\\xc2-\\xdf][\\x80-\\xbf]|\\xe0[\\xa0-\\xbf][\\x80-\\xbf]|[\\xe1-\\xef][\\x80-\\xbf][\\x80-\\xbf]|"
-         "\\xf0[\\x90-\\xbf][\\x80-\\xbf][\\x80-\\xbf]|[\\xf1-\\xf3][\\x80-\\x8f][\\x80-\\xbf][\\x80-\\xbf]|"
-         "\\xf3[\\x90-\\xbf][\\x80-\\xbf][\\x80-\\xbf]|\\xf4[\\x80-\\x8f][\\x80-\\xbf][\\x80-\\xbf]",
-         1},
-    };
-    for (const Row &row : rows) {
-        Range r = make_range(VAEL_PM_UTF8);
-        int rc = row.hexa ? vael_pmglob_range_add_hexa_range(r.get(), row.first, row.last, 1, nullptr)
-                          : vael_pmglob_range_add_range(r.get(), row.first, row.last, 1, nullptr);
-        ASSERT_EQ(rc, 0);
-        EXPECT_EQ(text_of(r), row.text) << std::hex << row.first << "-" << row.last;
-        EXPECT_EQ(utf8(r).has_alternatives, row.has_alternatives) << row.text;
-    }
-}
-
 // The walk lowers the second byte to 8F whenever the limit's lead is F4, also
 // for leads F1..F3: U+50000..U+7FFFF and U+90000..U+BFFFF stay out. Kept as
 // the range code's contract; the text stays under the top code point.
@@ -336,45 +231,6 @@ TEST(PmglobRangeUtf8, CrossingIntoF4LeavesAGap) {
         EXPECT_TRUE(vael_test::matches(alts, vael_test::encode_utf8(cp))) << std::hex << cp;
     for (uint32_t cp : {0x50000u, 0x7FFFFu, 0x90000u, 0xBFFFFu})
         EXPECT_FALSE(vael_test::matches(alts, vael_test::encode_utf8(cp))) << std::hex << cp;
-}
-
-TEST(PmglobRangeUtf8, MergeAndSingles) {
-    // A single into an empty text writes no '|'; the second one does.
-    Range r = make_range(VAEL_PM_UTF8);
-    ASSERT_EQ(vael_pmglob_range_add_range(r.get(), 'a', 'a', 1, nullptr), 0);
-    EXPECT_EQ(utf8(r).has_alternatives, 0);
-    ASSERT_EQ(vael_pmglob_range_add_range(r.get(), 'b', 'b', 1, nullptr), 0);
-    EXPECT_EQ(text_of(r), "a|b");
-    EXPECT_EQ(utf8(r).has_alternatives, 1);
-    // Merge appends with '|' and carries has_alternatives over.
-    Range t = make_range(VAEL_PM_UTF8);
-    ASSERT_EQ(vael_pmglob_range_merge(r.get(), t.get(), 1), 0);
-    EXPECT_EQ(text_of(t), "a|b");
-    EXPECT_EQ(utf8(t).has_alternatives, 1);
-    ASSERT_EQ(vael_pmglob_range_merge(r.get(), t.get(), 1), 0);
-    EXPECT_EQ(text_of(t), "a|b|a|b");
-    // A negative merge excludes the source's span.
-    Range n = make_range(VAEL_PM_UTF8);
-    vael_pmglob_range_negate(n.get());
-    ASSERT_EQ(vael_pmglob_range_merge(r.get(), n.get(), 0), 0);
-    ASSERT_EQ(vael_pmglob_range_handle_logical_range(n.get(), nullptr), 0);
-    const auto alts = alternatives(n);
-    for (uint32_t cp : {0x60u, 0x61u, 0x62u, 0x63u})
-        EXPECT_EQ(vael_test::matches(alts, vael_test::encode_utf8(cp)), cp == 0x60 || cp == 0x63) << cp;
-    // An escaped character writes a backslash and its low byte, no '|'.
-    Range e = make_range(VAEL_PM_UTF8);
-    ASSERT_EQ(vael_pmglob_range_add_simple_backslash(e.get(), '.', '.', nullptr), 0);
-    ASSERT_EQ(vael_pmglob_range_add_simple_backslash(e.get(), 'd', 'd', nullptr), 0);
-    EXPECT_EQ(text_of(e), "\\.\\d");
-    EXPECT_EQ(e->escaped_alnum, 1u);
-    // The one character of a UTF-8 range is its encoding.
-    Range one = make_range(VAEL_PM_UTF8);
-    ASSERT_EQ(vael_pmglob_range_add_range(one.get(), 0x414, 0x414, 1, nullptr), 0);
-    uint32_t len = 0;
-    unsigned char *bytes = vael_pmglob_range_return_one_char_string(one.get(), &len);
-    ASSERT_NE(bytes, nullptr);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(bytes), len), "\xd0\x94");
-    vael_pmglob_memory_kfree_ex_(bytes, len, __func__, __FILE__, __LINE__);
 }
 
 TEST(PmglobRangeUtf8, EncodingRoundTripsEveryCodePoint) {

@@ -147,26 +147,7 @@ TEST(RemExec, VirtualBufferSplitsGiveWhatTheFlatRunGives) {
     }
 }
 
-// ---------------------------------------------------------------- the row and the PM
-
-TEST(RemRow, RowZeroIsTheRemTier) {
-    const vael_pm_tier2_funcs &row = pm_tier2_funcs[VAEL_PM_TIER2_REM];
-    EXPECT_EQ(row.tier2_flags, VAEL_PM_TIER2_REUSABLE);
-    const struct {
-        const char *pattern;
-        uint32_t flags;
-        int anchored;
-    } rows[] = {{"^abc", 1, 1}, {"^abc", 1 | kMultiline, 0}, {"abc$", 1, 0}, {"abc", 1, 0}};
-    for (const auto &r : rows) {
-        Rem rem(r.pattern, r.flags);
-        ASSERT_NE(rem.get(), nullptr);
-        EXPECT_EQ(row.has_start_anchor(rem.get()), r.anchored) << r.pattern << " flags " << r.flags;
-    }
-    vael_pm_tier2_funcs again{};
-    LogCapture log;
-    EXPECT_EQ(vael_rem_init(&again), -1);
-    EXPECT_TRUE(log.contains("called when already initialized"));
-}
+// ---------------------------------------------------------------- through the PM
 
 struct PmHit {
     int32_t id;

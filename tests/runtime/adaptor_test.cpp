@@ -1,6 +1,5 @@
 // The runtime adaptor: debug flags from the environment, the byte accounts,
-// both fail-injection methods, tunables, locks, clock, random bytes, the
-// allocation helpers, and the texts an operator reads.
+// both fail-injection methods, tunables, the allocation helpers, and the texts an operator reads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -197,20 +196,6 @@ TEST(Tunables, ReadInBaseTenFromTheEnvironment) {
     for (const auto &c : cases)
         EXPECT_EQ(*c.global, c.expected) << c.name;
     EXPECT_EQ(log.text(), expected_log);
-}
-
-TEST(Clock, DifferencesInMicroseconds) {
-    const struct {
-        vael_timeval a, b;
-        uint32_t diff;
-    } cases[] = {
-        {{10, 0}, {10, 5}, 5},
-        {{10, 999999}, {11, 1}, 2},
-        {{10, 500}, {12, 400}, 1999900},
-        {{0, 0}, {5000, 0}, (uint32_t)(5000ull * 1000000ull)},  // wraps in 32 bits
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(vael_time_diff_usec(&c.a, &c.b), c.diff);
 }
 
 struct Rec {

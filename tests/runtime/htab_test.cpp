@@ -26,30 +26,6 @@ using vael_test::LogCapture;
 
 constexpr uint32_t KEEP = VAEL_HTAB_TMO_KEEP;
 
-// The bin the hash must give, written from the rule: an odd key starts with
-// (k0 + r0) * r[n] over sign-extended seed words, then pairs add the 64-bit
-// products of their 32-bit sums; the halves are folded by XOR.
-uint32_t reference_bin(const Key &k, uint32_t size) {
-    const uint32_t *r = vael_htab_detail::hash_seed();
-    const size_t n = k.size();
-    uint64_t acc = 0;
-    size_t i = 0;
-    if (n % 2) {
-        acc = (uint64_t)((int64_t)k[0] + (int64_t)(int32_t)r[0]) * (uint64_t)(int64_t)(int32_t)r[n % 16];
-        i = 1;
-    }
-    for (; i + 1 < n; i += 2)
-        acc += (uint64_t)(uint32_t)(k[i] + r[i % 16]) * (uint64_t)(uint32_t)(k[i + 1] + r[(i + 1) % 16]);
-    return ((uint32_t)acc ^ (uint32_t)(acc >> 32)) & (size - 1);
-}
-
-vael_htab_entry *entry_of(vael_htab *t, const Key &k) {
-    for (vael_htab_entry *e = t->bins[reference_bin(k, t->size)]; e; e = e->next)
-        if ((size_t)e->nkeys == k.size() && std::equal(k.begin(), k.end(), e->words))
-            return e;
-    return nullptr;
-}
-
 std::vector<Key> keys_of(const std::vector<Table::Row> &rows) {
     std::vector<Key> out;
     for (const auto &r : rows)
@@ -155,20 +131,6 @@ TEST(HtabCreate, TheRegistryHoldsTwoHundredAndReusesTheLowestId) {
 
 // ---------------------------------------------------------------- hashing and entries
 
-TEST(HtabEntries, EachKeySitsInTheBinOfTheHashRule) {
-    Table t("hash", 0x80000, 0);
-    std::mt19937 rng(7);
-    for (int n = 1; n <= 19; n++) {
-        for (int rep = 0; rep < 20; rep++) {
-            Key k(n);
-            for (auto &w : k)
-                w = rng();
-            ASSERT_EQ(t.set(k, {1}), 0);
-            EXPECT_NE(entry_of(t.record(), k), nullptr) << n << " words";
-        }
-    }
-}
-
 // Results and values of set are the model's; here where an update leaves
 // the entry, and the table that refuses updates.
 TEST(HtabEntries, UpdatesStayInPlace) {
@@ -176,9 +138,6 @@ TEST(HtabEntries, UpdatesStayInPlace) {
     for (uint32_t k = 1; k <= 3; k++) {
         ASSERT_EQ(t.set({k}, {k * 10}), 0);
     }
-    vael_htab_entry *before = entry_of(t.record(), {2});
-    ASSERT_EQ(t.set({2}, {21}), 0);
-    EXPECT_EQ(entry_of(t.record(), {2}), before) << "same value count: same entry";
     ASSERT_EQ(t.set({2}, {22, 23, 24}), 0);
     EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}, {2}, {3}})) << "a resized entry keeps its place";
     EXPECT_TRUE(t.freed.empty()) << "updates tell the free function nothing";
