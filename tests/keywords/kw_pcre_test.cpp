@@ -24,6 +24,7 @@ TEST(KwPcre, Matches) {
         // The first match has no 'z' behind it: the search resumes behind it.
         {R"(pcre: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
         {R"(re: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
+        {R"(pcre: "/aa/"; data: "b", relative, depth 1;)", {{"aaab", -1}, {"aaaab", 4}}},  // no overlap
         {R"(re: "/a+b/";)", {{"xaab", 3}}},
         {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
     };
