@@ -1,6 +1,8 @@
 // kw_bench.cpp - 100 keyword rules end to end through the PM over the corpus
 // in 64 KiB chunks, beside PCRE running 100 equivalent expressions one after
-// the other; and the worst time per buffer of a rule built to backtrack.
+// the other; 100 rules mixing data, jump and pcre, beside the same rules
+// without their pcre keywords; and the worst time per buffer of a rule built
+// to backtrack.
 //
 // Each rule looks for a literal of the set (written as a hex run, found by
 // the literal as its LSS), then checks what follows it, as an intrusion
@@ -32,19 +34,26 @@ struct RuleAndExpression {
     std::string lss, rule, expression;
 };
 
+// A literal as the hex run of a data keyword, and as an expression.
+std::string hex_of(const std::string &bytes, std::string *escaped = nullptr) {
+    std::string hex = "|";
+    for (unsigned char c : bytes) {
+        char b[8];
+        std::snprintf(b, sizeof b, "%s%02x", hex.size() > 1 ? " " : "", c);
+        hex += b;
+        std::snprintf(b, sizeof b, "\\x%02x", c);
+        if (escaped)
+            *escaped += b;
+    }
+    return hex + "|";
+}
+
 std::vector<RuleAndExpression> rule_set() {
     std::vector<RuleAndExpression> out;
     const auto &lits = literal_set(kRuleCount);
     for (size_t i = 0; i < lits.size(); i++) {
-        std::string hex = "|", escaped;
-        for (unsigned char c : lits[i].bytes) {
-            char b[8];
-            std::snprintf(b, sizeof b, "%s%02x", hex.size() > 1 ? " " : "", c);
-            hex += b;
-            std::snprintf(b, sizeof b, "\\x%02x", c);
-            escaped += b;
-        }
-        hex += "|";
+        std::string escaped;
+        const std::string hex = hex_of(lits[i].bytes, &escaped);
         static const char *kChecks[][2] = {
             {"test: 1, >, 64, 0, relative;", "[\\x41-\\xff]"},
             {"length: 16, min, relative;", ".{16}"},
@@ -52,6 +61,26 @@ std::vector<RuleAndExpression> rule_set() {
         };
         const auto &check = kChecks[i % 3];
         out.push_back({lits[i].bytes, "data: \"" + hex + "\"; " + check[0], escaped + check[1]});
+    }
+    return out;
+}
+
+// The literal, then by turns: an expression anchored behind it; a jump by
+// the byte behind it and an expression at the place it lands; a length and
+// a search for a query parameter within 64 bytes. Without the pcre keywords
+// the rules keep the rest.
+std::vector<RuleAndExpression> mixed_rule_set(bool with_pcre) {
+    std::vector<RuleAndExpression> out;
+    const auto &lits = literal_set(kRuleCount);
+    static const char *kTails[][2] = {
+        {"", "pcre: \"/^[a-z ]{2}/i\", relative;"},
+        {"jump: 1, 0, relative, post_offset 1; ", "pcre: \"/^[^ ]/\", relative;"},
+        {"length: 8, min, relative; ", "pcre: \"/=[a-z0-9]+&/\", relative, depth 64;"},
+    };
+    for (size_t i = 0; i < lits.size(); i++) {
+        const auto &tail = kTails[i % 3];
+        out.push_back({lits[i].bytes, "data: \"" + hex_of(lits[i].bytes) + "\"; " + tail[0] + (with_pcre ? tail[1] : ""),
+                       ""});
     }
     return out;
 }
@@ -127,6 +156,19 @@ void BM_KwRulesPcreOneAfterAnother(benchmark::State &state) {
     state.counters["matched"] = (double)found;
 }
 
+// Arg 1: the mixed rules; arg 0: the same without their pcre keywords.
+void BM_KwMixedRulesPm(benchmark::State &state) {
+    static vael_pm_handle *pms[2] = {compile_rules(mixed_rule_set(false)), compile_rules(mixed_rule_set(true))};
+    vael_pm_handle *pm = pms[state.range(0) ? 1 : 0];
+    if (!pm)
+        return state.SkipWithError("PM compile failed");
+    size_t found = 0;
+    for (auto _ : state)
+        found = pm_ids_over_corpus(pm).size();
+    state.SetBytesProcessed((int64_t)state.iterations() * (int64_t)corpus().size());
+    state.counters["matched"] = (double)found;
+}
+
 // The worst case of the search: floating keywords that always find a place
 // (and so never give up) under a last one that always fails. Every place of
 // each resumes every place of the next: the run makes about 64 Ki x depth^2
@@ -182,6 +224,7 @@ void BM_KwBacktrackPcrePeer(benchmark::State &state) {
 
 BENCHMARK(BM_KwRulesPm)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_KwRulesPcreOneAfterAnother)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_KwMixedRulesPm)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_KwBacktrackWorstBuffer)->Arg(4)->Arg(16)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_KwBacktrackPcrePeer)->Arg(4)->Arg(16)->Unit(benchmark::kMillisecond);
 

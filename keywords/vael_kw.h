@@ -76,6 +76,9 @@ typedef struct vael_kw_vtable {
 extern const vael_kw_vtable vael_kw_data_vtable;
 extern const vael_kw_vtable vael_kw_length_vtable;
 extern const vael_kw_vtable vael_kw_test_vtable;
+extern const vael_kw_vtable vael_kw_re_vtable;
+extern const vael_kw_vtable vael_kw_jump_vtable;
+extern const vael_kw_vtable vael_kw_pcre_vtable;
 
 #ifdef __cplusplus
 }

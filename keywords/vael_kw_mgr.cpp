@@ -25,15 +25,14 @@ const char kIllegalName[] = "Rule contains illegal keyword name";
 const char kTooMany[] = "Rule contains too many keywords";
 const char kRuleIllegal[] = "Keyword rule given by the user is illegal";
 const char kRuleNoMemory[] = "Failed to allocate memory for rule";
-const char kKeywordAbsent[] = "Rule contains a keyword that is not in this build";
 
 }  // namespace
 
 // The rows in this order: a name is found as the first row that is a prefix
-// of the keyword's text. The keywords of rows 3 to 5 are not in this build.
+// of the keyword's text.
 vael_kw_table_row vael_kw_table[VAEL_KW_TYPE_NUM] = {
     {"data", 4, &vael_kw_data_vtable}, {"length", 6, &vael_kw_length_vtable}, {"test", 4, &vael_kw_test_vtable},
-    {"re", 2, nullptr},                {"jump", 4, nullptr},                  {"pcre", 4, nullptr},
+    {"re", 2, &vael_kw_re_vtable},     {"jump", 4, &vael_kw_jump_vtable},     {"pcre", 4, &vael_kw_pcre_vtable},
 };
 
 namespace {
@@ -181,9 +180,8 @@ extern "C" int vael_kw_mgr_add_kw(vael_kw_abs **keywords, uint32_t *count_inout,
         }
         const vael_kw_vtable *vt = vael_kw_table[type].vtable;
         if (!vt) {
-            VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: keyword %d (%s) is not in this build\n", (int)count,
+            VAEL_LOG(VAEL_DBG_ERR, kKwErrTopics, "%s: keyword %d (%s) has no function table\n", (int)count,
                      vael_kw_table[type].name);
-            vael_pm_error_set_details(err, VAEL_PM_ERROR_ILLEGAL, kKeywordAbsent);
             return fail();
         }
         // The keyword's text ends in ',' so that its last attribute finds

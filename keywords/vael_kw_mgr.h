@@ -42,10 +42,9 @@ typedef struct vael_kw_mgr {
     vael_kw_abs *keywords[];     /* `count` keywords, in the same block */
 } vael_kw_mgr;
 
-/* A row of the keyword table; its index is the keyword's type. A row whose
- * keyword is not in this build has a null vtable: a rule naming it is
- * refused at compile and an image holding it at load, so no run meets it.
- * The table is writable so that a test can stand a fake keyword in a row. */
+/* A row of the keyword table; its index is the keyword's type. A row with a
+ * null vtable is refused at compile and at load, so no run meets it. The
+ * table is writable so that a test can stand a fake keyword in a row. */
 typedef struct vael_kw_table_row {
     const char *name;
     uint32_t name_len;

@@ -193,6 +193,8 @@ def capture(rng, size):
     embedded = [
         (100, b"SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n"),
         (1500, b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03"),
+        # The record behind the 512 bytes of the handshake: ChangeCipherSpec.
+        (2017, b"\x14\x03\x03\x00\x01\x01"),
         (4000, b"\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03"),
         (6500, b"\x7fELF\x02\x01\x01\x00" + bytes(8)),
         (9000, b"\x90" * 24 + b"\x31\xc0\x50\x68"),

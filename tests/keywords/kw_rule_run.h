@@ -1,0 +1,93 @@
+// A keyword rule as the tests of single keywords use it: compiled from its
+// text, written to an image, loaded back and run over a buffer.
+#ifndef VAEL_TESTS_KW_RULE_RUN_H
+#define VAEL_TESTS_KW_RULE_RUN_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "keywords/vael_kw_mgr.h"
+#include "tests/support/vael_test_support.h"
+
+namespace kw_run {
+
+inline vael_kw_mgr *compile(const std::string &rule, vael_pm_error *err) {
+    vael_pm_error_init(err);
+    vael_pmglob_string *s =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
+    vael_test::LogCapture quiet;
+    auto *mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(s, 0, 0, err));
+    vael_pmglob_string_destroy(s);
+    return mgr;
+}
+
+inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
+    std::vector<unsigned char> image(vael_kw_mgr_serialize_get_size(mgr));
+    unsigned char *p = image.data();
+    uint32_t space = (uint32_t)image.size();
+    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), 0);
+    return image;
+}
+
+// From a block of exactly `size` bytes, so a read past it is ASan's.
+inline vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size) {
+    auto *copy = static_cast<unsigned char *>(std::malloc(size ? size : 1));
+    std::memcpy(copy, image.data(), size);
+    const unsigned char *p = copy;
+    uint32_t space = size;
+    vael_test::LogCapture quiet;
+    auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
+    std::free(copy);
+    return mgr;
+}
+
+// -1: no match; else the match's end.
+inline int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
+    int is_match = 0;
+    uint32_t end = 0;
+    vael_test::LogCapture quiet;
+    EXPECT_EQ(vael_kw_mgr_exec(mgr, (const unsigned char *)buf.data(), (uint32_t)buf.size(), &is_match, &end), 0);
+    return is_match ? (int64_t)end : -1;
+}
+
+// The verdicts of the rule as compiled, as loaded from its image and as
+// duplicated, which must agree; a rule whose image cannot be written (an
+// engine without one) is checked as compiled only.
+inline void expect_verdicts(const std::string &rule, const std::vector<std::pair<std::string, int64_t>> &runs) {
+    vael_pm_error err;
+    vael_kw_mgr *mgr = compile(rule, &err);
+    ASSERT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
+    std::vector<vael_kw_mgr *> all{mgr};
+    vael_test::LogCapture quiet;
+    if (vael_kw_mgr_serialize_get_size(mgr)) {
+        all.push_back(load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr)));
+        all.push_back(static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr)));
+    }
+    for (size_t i = 0; i < all.size(); i++) {
+        EXPECT_NE(all[i], nullptr) << rule << " copy " << i;
+        for (const auto &[buf, end] : runs)
+            EXPECT_EQ(all[i] ? verdict(all[i], buf) : -2, end) << rule << " over '" << buf << "', copy " << i;
+        vael_kw_mgr_destroy(all[i]);
+    }
+}
+
+// Each rule is refused with its text, as illegal, with nothing held.
+inline void expect_refusals(const std::vector<std::pair<const char *, const char *>> &cases) {
+    for (const auto &[rule, text] : cases) {
+        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
+        vael_pm_error err;
+        EXPECT_EQ(compile(rule, &err), nullptr) << rule;
+        EXPECT_STREQ(err.error_string ? err.error_string : "", text) << rule;
+        EXPECT_EQ(err.error_type, 0u) << rule;
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << rule;
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore) << rule;
+    }
+}
+
+}  // namespace kw_run
+
+#endif  // VAEL_TESTS_KW_RULE_RUN_H
