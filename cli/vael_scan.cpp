@@ -33,6 +33,7 @@
 
 #include "vael/vael_apps.h"
 
+#include "dump_dfa.h"
 #include "explain.h"
 #include "pattern_file.h"
 #include "read_file.h"
@@ -80,6 +81,8 @@ struct Options {
     bool rem = false;      // re lines go to the library's own regex machine, not PCRE
     std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
+    std::optional<std::int32_t> dump_dfa;  // --dump-dfa: the id of the re line whose DFA to print
+    vael::cli::DfaDumpFormat dump_format = vael::cli::DfaDumpFormat::text;
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -258,6 +261,17 @@ constexpr OptionRow kOptions[] = {
          o.lss = std::string(v);
          return std::nullopt;
      }},
+    {'\0', "dump-dfa", "ID", "print the REM DFA of re line ID in the FORMAT that follows (text, csv, jflap) and exit",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         const std::string text(v);
+         char *end = nullptr;
+         errno = 0;
+         const long long id = std::strtoll(text.c_str(), &end, 10);
+         if (text.empty() || *end != '\0' || errno != 0 || id < INT32_MIN || id > INT32_MAX)
+             return "bad pattern id '" + vael::cli::printable(v) + "' for --dump-dfa";
+         o.dump_dfa = static_cast<std::int32_t>(id);
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -386,6 +400,10 @@ void print_help(std::FILE *out) {
                  "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
                  "With --rem an re line also shows the states of the minimized DFA that the\n"
                  "REM machine makes of TEXT (dfa_states=refused when it refuses TEXT).\n"
+                 "\n"
+                 "--dump-dfa ID FORMAT prints the minimized DFA that the REM machine makes of\n"
+                 "the re line with id ID, and scans nothing. FORMAT is text (a table), csv\n"
+                 "or jflap (XML that JFLAP opens); all three show the letters a to z only.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -862,6 +880,28 @@ int finish_output(int status) {
     return status;
 }
 
+// --dump-dfa: the line's text after its metadata, through the REM machine.
+int dump_dfa(const Options &options, const PatternRecord &record) {
+    ReadPattern read;
+    if (auto error = read_pattern(record, read)) {
+        report(where_in(options.pattern_file, record.line), *error);
+        return kExitError;
+    }
+    const char *why = nullptr;
+    const int rc = vael::cli::dump_rem_dfa(read.text, read.flags, options.compile_flags, options.dump_format, stdout,
+                                           &why);
+    if (rc == 1) {
+        report(where_in(options.pattern_file, record.line),
+               "the REM machine refuses pattern " + std::to_string(record.id) + ": " + (why ? why : "no reason given"));
+        return kExitError;
+    }
+    if (rc != 0) {
+        std::fprintf(stderr, "%s: cannot dump the DFA of pattern %d\n", kProgram, static_cast<int>(record.id));
+        return kExitError;
+    }
+    return finish_output(kExitMatch);
+}
+
 int run(const Options &options) {
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
@@ -874,6 +914,14 @@ int run(const Options &options) {
         return kExitError;
     }
     warn_duplicate_ids(options, parsed.records);
+    const PatternRecord *dump_record = nullptr;
+    if (options.dump_dfa) {
+        dump_record = find_record(parsed.records, *options.dump_dfa);
+        if (dump_record == nullptr || dump_record->kind != PatternKind::re) {
+            report(options.pattern_file, "--dump-dfa: no re line with id " + std::to_string(*options.dump_dfa));
+            return kExitError;
+        }
+    }
 
     if (auto error = check_tunables()) {
         std::fprintf(stderr, "%s: %s\n", kProgram, error->c_str());
@@ -885,6 +933,7 @@ int run(const Options &options) {
         return kExitError;
     }
     set_up_debug_output(options);
+    if (dump_record != nullptr) return dump_dfa(options, *dump_record);
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -948,6 +997,15 @@ int main(int argc, char **argv) {
         return vael::cli::print_tokens(*options.tokens, options.compile_flags, stdout);
     if (!usage_error && !options.help && options.lss)
         return vael::cli::print_lss(*options.lss, options.compile_flags, stdout);
+    if (!usage_error && !options.help && options.dump_dfa) {
+        // The format is the word after the id; nothing is scanned.
+        const auto format =
+            options.inputs.size() == 1 ? vael::cli::parse_dfa_dump_format(options.inputs[0]) : std::nullopt;
+        if (!format)
+            usage_error = "option '--dump-dfa' takes an id and then a format: text, csv or jflap";
+        else
+            options.dump_format = *format;
+    }
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }
