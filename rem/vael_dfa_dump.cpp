@@ -264,7 +264,8 @@ int dump_xml(const vael_dfa *dfa, Walk &walk, Writer &out) {
     Layout at;
     uint16_t touched[kLetters];
     while (const vael_dfa_state *s = walk.next()) {
-        // Only the rows the last state touched hold anything.
+        // The table is clear here: each state clears the rows it touched
+        // as it prints them, which costs its edges rather than all rows.
         at.next_column();
         uint32_t num_touched = 0, total = 0, highest = 0;
         bool tie = false;
