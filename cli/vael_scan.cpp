@@ -33,6 +33,7 @@
 
 #include "vael/vael_apps.h"
 
+#include "dump_dfa.h"
 #include "explain.h"
 #include "verify.h"
 #include "pattern_file.h"
@@ -83,6 +84,8 @@ struct Options {
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
     std::optional<std::string> verify;       // --verify: the pattern to ask the syntax questions of
     std::optional<std::string> verify_word;  // --verify-word: the phrase to ask the word question of
+    std::optional<std::int32_t> dump_dfa;  // --dump-dfa: the id of the re line whose DFA to print
+    vael::cli::DfaDumpFormat dump_format = vael::cli::DfaDumpFormat::text;
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -271,6 +274,17 @@ constexpr OptionRow kOptions[] = {
          o.verify_word = std::string(v);
          return std::nullopt;
      }},
+    {'\0', "dump-dfa", "ID", "print the REM DFA of re line ID in the FORMAT that follows (text, csv, jflap) and exit",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         const std::string text(v);
+         char *end = nullptr;
+         errno = 0;
+         const long long id = std::strtoll(text.c_str(), &end, 10);
+         if (text.empty() || *end != '\0' || errno != 0 || id < INT32_MIN || id > INT32_MAX)
+             return "bad pattern id '" + vael::cli::printable(v) + "' for --dump-dfa";
+         o.dump_dfa = static_cast<std::int32_t>(id);
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -405,6 +419,9 @@ void print_help(std::FILE *out) {
                  "same in both (meaning: code, type, offset and text); -i, --digitless and\n"
                  "--rem apply. --verify-word PHRASE prints whether the word matcher takes\n"
                  "PHRASE. Both need no FILE; their status is 0 for success, 1 if not.\n"
+                 "--dump-dfa ID FORMAT prints the minimized DFA that the REM machine makes of\n"
+                 "the re line with id ID, and scans nothing. FORMAT is text (a table), csv\n"
+                 "or jflap (XML that JFLAP opens); all three show the letters a to z only.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -881,6 +898,28 @@ int finish_output(int status) {
     return status;
 }
 
+// --dump-dfa: the line's text after its metadata, through the REM machine.
+int dump_dfa(const Options &options, const PatternRecord &record) {
+    ReadPattern read;
+    if (auto error = read_pattern(record, read)) {
+        report(where_in(options.pattern_file, record.line), *error);
+        return kExitError;
+    }
+    const char *why = nullptr;
+    const int rc = vael::cli::dump_rem_dfa(read.text, read.flags, options.compile_flags, options.dump_format, stdout,
+                                           &why);
+    if (rc == 1) {
+        report(where_in(options.pattern_file, record.line),
+               "the REM machine refuses pattern " + std::to_string(record.id) + ": " + (why ? why : "no reason given"));
+        return kExitError;
+    }
+    if (rc != 0) {
+        std::fprintf(stderr, "%s: cannot dump the DFA of pattern %d\n", kProgram, static_cast<int>(record.id));
+        return kExitError;
+    }
+    return finish_output(kExitMatch);
+}
+
 int run(const Options &options) {
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
@@ -893,6 +932,14 @@ int run(const Options &options) {
         return kExitError;
     }
     warn_duplicate_ids(options, parsed.records);
+    const PatternRecord *dump_record = nullptr;
+    if (options.dump_dfa) {
+        dump_record = find_record(parsed.records, *options.dump_dfa);
+        if (dump_record == nullptr || dump_record->kind != PatternKind::re) {
+            report(options.pattern_file, "--dump-dfa: no re line with id " + std::to_string(*options.dump_dfa));
+            return kExitError;
+        }
+    }
 
     if (auto error = check_tunables()) {
         std::fprintf(stderr, "%s: %s\n", kProgram, error->c_str());
@@ -904,6 +951,7 @@ int run(const Options &options) {
         return kExitError;
     }
     set_up_debug_output(options);
+    if (dump_record != nullptr) return dump_dfa(options, *dump_record);
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -988,6 +1036,15 @@ int main(int argc, char **argv) {
             usage_error = "--verify and --verify-word take no pattern file or input";
         else
             return verify_main(options);
+    }
+    if (!usage_error && !options.help && options.dump_dfa) {
+        // The format is the word after the id; nothing is scanned.
+        const auto format =
+            options.inputs.size() == 1 ? vael::cli::parse_dfa_dump_format(options.inputs[0]) : std::nullopt;
+        if (!format)
+            usage_error = "option '--dump-dfa' takes an id and then a format: text, csv or jflap";
+        else
+            options.dump_format = *format;
     }
     if (!usage_error && !options.help) {
         if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";

@@ -3,8 +3,8 @@
 // pm_tier2_funcs, and the start and stop of the machinery under it (the
 // states hash of subset construction and the parser's class array).
 //
-// The row has no image slots: a DFA image is not part of this build, and
-// the frame reaches those slots only when a PM is written out.
+// The row's image slots write and read the DFA's own image
+// (vael_dfa_image.cpp), so a PM with REM second tiers travels whole.
 
 #include "rem/vael_rem_tier.h"
 
@@ -28,6 +28,13 @@ uint32_t find_match_start(void *h, const unsigned char *buf, uint32_t len, vael_
 }
 
 void *duplicate(void *h) { return vael_dfa_duplicate(static_cast<vael_dfa *>(h)); }
+uint32_t get_serialize_size(void *h) { return vael_dfa_calculate_size(static_cast<vael_dfa *>(h)); }
+int serialize(void *h, unsigned char **position, uint32_t *space) {
+    return vael_dfa_serialize(static_cast<vael_dfa *>(h), position, space);
+}
+void *deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter) {
+    return vael_dfa_deserialize(position, space, vbuf, iter);
+}
 int is_valid(void *h) { return vael_dfa_is_valid(static_cast<vael_dfa *>(h)); }
 void destroy(void *h) { vael_dfa_destroy(static_cast<vael_dfa *>(h)); }
 vael_pm_stats_common *get_common_stats(void *h) { return vael_dfa_get_common_stats(static_cast<vael_dfa *>(h)); }
@@ -40,9 +47,9 @@ const vael_pm_tier2_funcs kRow = {
     has_start_anchor,
     find_match_start,
     duplicate,
-    nullptr,  // get_serialize_size
-    nullptr,  // serialize
-    nullptr,  // deserialize
+    get_serialize_size,
+    serialize,
+    deserialize,
     is_valid,
     destroy,
     nullptr,  // stats_print

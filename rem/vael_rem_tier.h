@@ -49,6 +49,8 @@ void vael_rem_fini(void);
  * VAEL_PM_CASELESS is read. A finalized DFA or null. */
 void *vael_rem_compile(vael_pmglob_string *pattern, uint32_t compile_flags, uint32_t pattern_flags,
                        vael_pm_error *error);
+/* Slot 14 of the row: format 0 dumps the DFA as JFLAP XML, 1 as CSV. 0 or -1. */
+int vael_rem_dump(void *dfa, int format);
 
 #ifdef __cplusplus
 }

@@ -266,6 +266,39 @@ int vael_dfa_exec_match_start_is_match_at_offset(vael_dfa *dfa, const unsigned c
                                                  vael_vbuf *vbuf, uint32_t exec_flags, int32_t id, uint32_t end,
                                                  uint32_t candidate, int *status);
 
+/* ---------------------------------------------------------------- images */
+
+/* Bytes of the machine's image; 0 for a null machine or a broken one. */
+uint32_t vael_dfa_calculate_size(vael_dfa *dfa);
+/* Writes the image at *position, which moves on; *space falls by what was
+ * written. Nothing is written when *space is below the image's size. 0 or -1. */
+int vael_dfa_serialize(vael_dfa *dfa, unsigned char **position, uint32_t *space);
+/* Reads an image from *position, or with a vbuf from its iterator. A machine
+ * that runs as it stands, or null. A field longer than what is left makes
+ * *space 0. */
+vael_dfa *vael_dfa_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
+                               vael_vbuf_iter *iter);
+
+/* ---------------------------------------------------------------- dumps */
+
+/* A finalized machine walked breadth first from its initial state, over the
+ * letters a to z only, printed through the debug output: a table, a CSV
+ * table, and JFLAP 6.0 XML with the letters that lead to one target grouped
+ * (or every letter a transition of its own). 0 or -1. */
+int vael_dfa_dump(vael_dfa *dfa);
+int vael_dfa_dump_csv(vael_dfa *dfa);
+int vael_dfa_dump_xml(vael_dfa *dfa);
+int vael_dfa_dump_xml_all(vael_dfa *dfa);
+
+#define VAEL_DFA_DUMP_TEXT 0
+#define VAEL_DFA_DUMP_CSV 1
+#define VAEL_DFA_DUMP_XML 2
+#define VAEL_DFA_DUMP_XML_ALL 3
+/* The same dumps to a sink of one's own, which gets the text in pieces of
+ * whole lines (a line longer than 1 KB comes in several). */
+typedef void (*vael_dfa_dump_sink)(const char *text, void *ctx);
+int vael_dfa_dump_to(vael_dfa *dfa, int format, vael_dfa_dump_sink sink, void *ctx);
+
 #ifdef __cplusplus
 }
 #endif
