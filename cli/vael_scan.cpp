@@ -38,6 +38,7 @@
 #include "verify.h"
 #include "pattern_file.h"
 #include "read_file.h"
+#include "stats.h"
 #include "stream_scan.h"
 
 namespace {
@@ -86,6 +87,7 @@ struct Options {
     std::optional<std::string> verify_word;  // --verify-word: the phrase to ask the word question of
     std::optional<std::int32_t> dump_dfa;  // --dump-dfa: the id of the re line whose DFA to print
     vael::cli::DfaDumpFormat dump_format = vael::cli::DfaDumpFormat::text;
+    std::optional<vael_pm_stats_attrs> stats;  // --stats: the report asked for after the scan
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -285,6 +287,13 @@ constexpr OptionRow kOptions[] = {
          o.dump_dfa = static_cast<std::int32_t>(id);
          return std::nullopt;
      }},
+    {'\0', "stats", "[FLAGS]", "after the scan print the statistics report to standard error (see below)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         vael_pm_stats_attrs attrs;
+         if (auto error = vael::cli::parse_stats_flags(v, attrs)) return error;
+         o.stats = attrs;
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -335,6 +344,8 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
                 if (eq != std::string_view::npos) return "option '" + display_name(*row) + "' takes no value";
             } else if (eq != std::string_view::npos) {
                 value = body.substr(eq + 1);
+            } else if (row->value_name.starts_with('[')) {
+                // An optional value is only ever given with '='.
             } else if (i + 1 < argc) {
                 value = argv[++i];
             } else {
@@ -384,7 +395,10 @@ void print_help(std::FILE *out) {
         if (!row.long_name.empty()) {
             left += row.short_name != '\0' ? ", --" : "  --";
             left += row.long_name;
-            if (!row.value_name.empty()) left += "=" + std::string(row.value_name);
+            if (row.value_name.starts_with('['))  // optional: "--stats[=FLAGS]"
+                left += "[=" + std::string(row.value_name.substr(1));
+            else if (!row.value_name.empty())
+                left += "=" + std::string(row.value_name);
         } else if (!row.value_name.empty()) {
             left += " " + std::string(row.value_name);
         }
@@ -422,6 +436,12 @@ void print_help(std::FILE *out) {
                  "--dump-dfa ID FORMAT prints the minimized DFA that the REM machine makes of\n"
                  "the re line with id ID, and scans nothing. FORMAT is text (a table), csv\n"
                  "or jflap (XML that JFLAP opens); all three show the letters a to z only.\n"
+                 "--stats prints the library's statistics report of the compiled patterns\n"
+                 "after the scan: the PM, its first-tier engines, and one entry per pattern\n"
+                 "(first-tier hits, true matches, their ratio, the second tier's runs).\n"
+                 "FLAGS, divided by ',': S=ID|TIER1|MATCHES|PERF|INTERNAL_ID (order of the\n"
+                 "patterns), D (descending), FORMAT=TEXT|CSV, LEVEL=PM|TIER1|TIER2 (one table;\n"
+                 "CSV needs one). Times are taken unless vael_pm_stats_take_exec_time=0.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -952,6 +972,9 @@ int run(const Options &options) {
     }
     set_up_debug_output(options);
     if (dump_record != nullptr) return dump_dfa(options, *dump_record);
+    // A report's times are taken only when asked for; the environment's
+    // word stands when it is given.
+    if (options.stats && std::getenv("vael_pm_stats_take_exec_time") == nullptr) vael_pm_stats_take_exec_time = 1;
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -1001,6 +1024,7 @@ int run(const Options &options) {
         scanner.operand(input);
         if (scanner.done()) break;
     }
+    if (options.stats) vael::cli::print_stats(pm.get(), *options.stats);
     if (options.quiet && scanner.any_match()) return finish_output(kExitMatch);
     if (scanner.any_error()) return finish_output(kExitError);
     return finish_output(scanner.any_match() ? kExitMatch : kExitNoMatch);

@@ -427,10 +427,8 @@ namespace {
 
 void kw_stats_print(void *handle, int level) {
     auto *mgr = static_cast<vael_kw_mgr *>(handle);
-    if (!mgr || level == 1)
-        return;  // runs are not counted in this build: only the compile part prints
-    vael_us_adaptor_kdprintf("Memory comsumption for this handle is %u bytes\n", mgr->stats.memory);
-    vael_us_adaptor_kdprintf("Compilation time for this handle is %u micro-seconds\n", mgr->stats.compile_time);
+    if (mgr)
+        vael_pm_stats_common_print(&mgr->stats, level, VAEL_PM_STATS_FORMAT_TEXT, 0);
 }
 
 vael_pm_stats_common *kw_get_common_stats(void *handle) {

@@ -859,10 +859,8 @@ extern "C" int vael_pcre_is_valid(void *handle) {
 
 extern "C" void vael_pcre_stats_print(void *handle, int level) {
     auto *h = static_cast<vael_pcre_handle *>(handle);
-    if (!h || level == 1)
-        return; // runs are not counted in this build: only the compile part prints
-    vael_us_adaptor_kdprintf("Memory comsumption for this handle is %u bytes\n", h->stats.memory);
-    vael_us_adaptor_kdprintf("Compilation time for this handle is %u micro-seconds\n", h->stats.compile_time);
+    if (h)
+        vael_pm_stats_common_print(&h->stats, level, VAEL_PM_STATS_FORMAT_TEXT, 0);
 }
 
 extern "C" vael_pm_stats_common *vael_pcre_get_common_stats(void *handle) {

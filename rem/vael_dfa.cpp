@@ -111,7 +111,10 @@ extern "C" vael_dfa *vael_dfa_create_block_dfa(uint32_t flags, vael_pm_error *er
     vael_dfa *dfa = VAEL_PM_NEW_ZEROED(vael_dfa);
     if (!dfa)
         return nullptr;
-    vael_pm_stats_common_init(&dfa->stats.common);
+    if (vael_pm_stats_common_init(&dfa->stats.common) != 0) {
+        VAEL_PM_KFREE(dfa, sizeof(vael_dfa));
+        return nullptr;
+    }
     dfa->state_limit = VAEL_DFA_DEFAULT_STATE_LIMIT;
     dfa->flags = flags;
     dfa->error = error;
@@ -351,8 +354,11 @@ extern "C" int vael_dfa_is_valid(vael_dfa *dfa) {
 
 // ---------------------------------------------------------------- duplication
 
+// The target keeps its own run records: only their contents are copied.
 extern "C" void vael_dfa_stats_copy(vael_dfa *target, const vael_dfa *source) {
-    target->stats = source->stats;
+    target->stats.num_of_states = source->stats.num_of_states;
+    target->stats.num_of_final_states = source->stats.num_of_final_states;
+    vael_pm_stats_common_copy(&target->stats.common, &source->stats.common);
 }
 
 extern "C" int vael_dfa_machine_dup(vael_dfa *target, const vael_dfa *source) {

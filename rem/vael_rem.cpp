@@ -38,6 +38,7 @@ void *deserialize(const unsigned char **position, uint32_t *space, vael_vbuf *vb
 int is_valid(void *h) { return vael_dfa_is_valid(static_cast<vael_dfa *>(h)); }
 void destroy(void *h) { vael_dfa_destroy(static_cast<vael_dfa *>(h)); }
 vael_pm_stats_common *get_common_stats(void *h) { return vael_dfa_get_common_stats(static_cast<vael_dfa *>(h)); }
+void stats_print(void *h, int level) { vael_dfa_stats_print(static_cast<vael_dfa *>(h), level); }
 
 const vael_pm_tier2_funcs kRow = {
     "REM",
@@ -52,7 +53,7 @@ const vael_pm_tier2_funcs kRow = {
     deserialize,
     is_valid,
     destroy,
-    nullptr,  // stats_print
+    stats_print,
     get_common_stats,
     nullptr,  // dump
 };
@@ -127,4 +128,21 @@ extern "C" void *vael_rem_compile(vael_pmglob_string *pattern, uint32_t compile_
     vael_dfa_add_flags(finished, vael_pmglob_string_get_flags(pattern));
     finished->error = nullptr;  // the caller's record does not outlive the compile
     return finished;
+}
+
+// The DFA's part of a report: its compile figures and store, then its runs.
+extern "C" void vael_dfa_stats_print(vael_dfa *dfa, int level) {
+    if (!dfa)
+        return;
+    if (level != VAEL_PM_STATS_COMMON_EXEC) {
+        vael_pm_stats_common_print(&dfa->stats.common, VAEL_PM_STATS_COMMON_COMPILE, VAEL_PM_STATS_FORMAT_TEXT, 0);
+        vael_us_adaptor_kdprintf_no_prefix("Number of states is %u\n", dfa->current_state_id);
+        vael_us_adaptor_kdprintf_no_prefix("Number of blocks used is %u\n", (uint32_t)dfa->num_of_blocks);
+        for (uint32_t b = 0; b < dfa->num_of_blocks && b < VAEL_DFA_MAX_BLOCKS; b++)
+            vael_us_adaptor_kdprintf_no_prefix("Block %d: %d states used, %d bytes allocated\n", (int)b,
+                                               (int)dfa->block_used[b], (int)dfa->block_capacity[b] * 540);
+        vael_us_adaptor_kdprintf_no_prefix("Number of final states is %u\n", dfa->stats.num_of_final_states);
+    }
+    if (level != VAEL_PM_STATS_COMMON_COMPILE)
+        vael_pm_stats_common_print(&dfa->stats.common, VAEL_PM_STATS_COMMON_EXEC, VAEL_PM_STATS_FORMAT_TEXT, 0);
 }

@@ -107,6 +107,18 @@ extern "C" vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *n
     return nfa ? &nfa->stats.common : nullptr;
 }
 
+extern "C" void vael_thin_nfa_stats_print(vael_thin_nfa *nfa, int level) {
+    if (!nfa)
+        return;
+    if (level != VAEL_PM_STATS_COMMON_EXEC) {
+        vael_pm_stats_common_print(&nfa->stats.common, VAEL_PM_STATS_COMMON_COMPILE, VAEL_PM_STATS_FORMAT_TEXT, 0);
+        vael_us_adaptor_kdprintf_no_prefix("Number of states is %u\n", nfa->stats.num_states);
+        vael_us_adaptor_kdprintf_no_prefix("Number of final states is %u\n", nfa->stats.num_final_states);
+    }
+    if (level != VAEL_PM_STATS_COMMON_COMPILE)
+        vael_pm_stats_common_print(&nfa->stats.common, VAEL_PM_STATS_COMMON_EXEC, VAEL_PM_STATS_FORMAT_TEXT, 0);
+}
+
 // ---------------------------------------------------------------- matches
 
 extern "C" int vael_thin_nfa_enqueue_match(lst_list **matches, const vael_thin_nfa_pattern_id *pattern, uint32_t flags,
@@ -374,6 +386,8 @@ void thin_dump(void *h, int format) { vael_thin_nfa_dump(static_cast<vael_thin_n
 
 void thin_destroy(void *h) { vael_thin_nfa_destroy(static_cast<vael_thin_nfa *>(h)); }
 
+void thin_stats_print(void *h, int level) { vael_thin_nfa_stats_print(static_cast<vael_thin_nfa *>(h), level); }
+
 vael_pm_stats_common *thin_common_stats(void *h) {
     return vael_thin_nfa_get_common_stats(static_cast<vael_thin_nfa *>(h));
 }
@@ -391,6 +405,7 @@ extern "C" int vael_thin_nfa_init(vael_pm_tier1_funcs *row) {
     row->deserialize = thin_deserialize;
     row->is_valid = thin_is_valid;
     row->destroy = thin_destroy;
+    row->stats_print = thin_stats_print;
     row->get_common_stats = thin_common_stats;
     row->dump = thin_dump;
     return 0;

@@ -80,7 +80,9 @@ extern "C" vael_thin_nfa *vael_thin_nfa_duplicate(const vael_thin_nfa *nfa) {
     copy->flags = nfa->flags;
     std::memcpy(copy->bnfa, nfa->bnfa, nfa->bnfa_size);
     std::memcpy(copy->xlation_tab, nfa->xlation_tab, sizeof copy->xlation_tab);
-    copy->stats = nfa->stats;
+    copy->stats.num_states = nfa->stats.num_states;
+    copy->stats.num_final_states = nfa->stats.num_final_states;
+    vael_pm_stats_common_copy(&copy->stats.common, &nfa->stats.common);
     for (uint32_t state = 0; state < nfa->state_num; state++) {
         for (const vael_thin_nfa_pattern_id *p = nfa->pattern_ids[state]; p; p = p->next) {
             if (vael_thin_nfa_add_pattern_id(&copy->pattern_ids[state], p->id, p->flags, p->len) != 0) {

@@ -92,6 +92,8 @@ vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint
 int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags, uint32_t len);
 void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
 vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
+/* The engine's part of a statistics report; level 0 compile, 1 runs, 2 both. */
+void vael_thin_nfa_stats_print(vael_thin_nfa *nfa, int level);
 /* The validation of vael_thin_nfa_is_valid with a third answer: 1 sound, 0
  * faulty, -1 not checked for want of memory (which is_valid counts as
  * sound, and a load refuses). */

@@ -705,27 +705,27 @@ extern "C" void vael_wm_stats_print(void *handle, int level) {
         return;
     if (level != 1) {
         const vael_wm_hash_stats &st = h->hash_stats;
-        vael_us_adaptor_kdprintf("Memory comsumption for this handle is %u bytes\n", h->stats.memory);
-        vael_us_adaptor_kdprintf("Compilation time for this handle is %u micro-seconds\n", h->stats.compile_time);
-        vael_us_adaptor_kdprintf("Hash size for this wm handle is %u\n", h->hash_size);
-        vael_us_adaptor_kdprintf("Max depth in the hash is %u\n", st.max_depth);
-        vael_us_adaptor_kdprintf("Number of simple phrases in the hash %u\n", st.simple_phrases);
-        vael_us_adaptor_kdprintf("Number of continuous words in the hash %u\n", st.continuous_words);
+        vael_pm_stats_common_print(&h->stats, VAEL_PM_STATS_COMMON_COMPILE, VAEL_PM_STATS_FORMAT_TEXT, 0);
+        vael_us_adaptor_kdprintf_no_prefix("Hash size for this wm handle is %u\n", h->hash_size);
+        vael_us_adaptor_kdprintf_no_prefix("Max depth in the hash is %u\n", st.max_depth);
+        vael_us_adaptor_kdprintf_no_prefix("Number of simple phrases in the hash %u\n", st.simple_phrases);
+        vael_us_adaptor_kdprintf_no_prefix("Number of continuous words in the hash %u\n", st.continuous_words);
         if (h->phrases_num)
-            vael_us_adaptor_kdprintf("Average length of a phrase is %u\n", h->phrases_len / h->phrases_num);
+            vael_us_adaptor_kdprintf_no_prefix("Average length of a phrase is %u\n", h->phrases_len / h->phrases_num);
         // The length total over the used buckets, as the figure has always
         // been given.
         const uint32_t used = st.hash_size - st.empty_buckets;
         if (used && st.hash_size >= st.empty_buckets)
-            vael_us_adaptor_kdprintf("Average depth in the hash is %u\n", h->phrases_len / used);
-        vael_us_adaptor_kdprintf("Number of Empty buckets in the hash is %u\n", st.empty_buckets);
-        vael_us_adaptor_kdprintf("Number of Rehashed phrases in the hash is %u\n", st.rehashed_phrases);
+            vael_us_adaptor_kdprintf_no_prefix("Average depth in the hash is %u\n", h->phrases_len / used);
+        vael_us_adaptor_kdprintf_no_prefix("Number of Empty buckets in the hash is %u\n", st.empty_buckets);
+        vael_us_adaptor_kdprintf_no_prefix("Number of Rehashed phrases in the hash is %u\n", st.rehashed_phrases);
     }
     if (level != 0) {
+        vael_pm_stats_common_print(&h->stats, VAEL_PM_STATS_COMMON_EXEC, VAEL_PM_STATS_FORMAT_TEXT, 0);
         const vael_wm_exec_stats sum = vael_wm_stats_aggregate_cpus(h);
-        vael_us_adaptor_kdprintf("Number of executed words is %u\n", sum.executed_words);
-        vael_us_adaptor_kdprintf("Number of mismatches words in empty buckets is %u\n", sum.empty_bucket_mismatches);
-        vael_us_adaptor_kdprintf("Number of mismatches words in str cmp is %u\n", sum.strcmp_mismatches);
+        vael_us_adaptor_kdprintf_no_prefix("Number of executed words is %u\n", sum.executed_words);
+        vael_us_adaptor_kdprintf_no_prefix("Number of mismatches words in empty buckets is %u\n", sum.empty_bucket_mismatches);
+        vael_us_adaptor_kdprintf_no_prefix("Number of mismatches words in str cmp is %u\n", sum.strcmp_mismatches);
     }
     if (vael_us_adaptor_printable(VAEL_DBG_INFO, "K_PMDUMP")) {
         vael_us_adaptor_kdprintf("dump of WM Hash\n");

@@ -12,6 +12,7 @@
 #include "vael/vael_list.h"
 #include "vael/vael_pm.h"
 #include "vael/vael_pm_verify.h"
+#include "vael/vael_pm_stats.h"
 #include "vael/vael_pmglob.h"
 #include "vael/vael_rem.h"
 #include "vael/vael_thin_nfa.h"

@@ -90,6 +90,8 @@ uint32_t vael_dfa_get_num_of_states(const vael_dfa *dfa);
 uint32_t vael_dfa_get_flags(const vael_dfa *dfa);
 void vael_dfa_add_flags(vael_dfa *dfa, uint32_t bits);
 struct vael_pm_stats_common *vael_dfa_get_common_stats(vael_dfa *dfa);
+/* The DFA's part of a statistics report; level as an engine's stats_print. */
+void vael_dfa_stats_print(vael_dfa *dfa, int level);
 /* Calls fn(state, ctx) for each id from 0 up; the first non-zero result
  * stops the walk and is returned. */
 typedef int (*vael_dfa_state_visit_fn)(vael_dfa_state *state, void *ctx);

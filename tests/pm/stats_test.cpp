@@ -1,0 +1,337 @@
+// Statistics reports: a known PM after a known scan, read back from the text
+// report and from the CSV report (the same numbers); the operator's flag
+// language; the run record's sums and the pattern order; the report's sort
+// list under allocation failures.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pm/vael_pm_internal.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+
+namespace {
+
+using vael_test::LogCapture;
+
+// Five patterns: two strings, a PCRE and a REM expression that match once,
+// and a PCRE expression whose LSS hits without a match.
+vael_pm_handle *known_pm() {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "abc", 3, 1, 0), 0);
+    EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "xyz", 3, 2, 0), 0);
+    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "foo", 3, "foo[0-9]+bar", 12, 3, 0), 0);
+    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "qq", 2, "qq[a-z]+ww", 10, 4, VAEL_PM_USE_REM), 0);
+    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "zzz", 3, "zzz[0-9]", 8, 5, 0), 0);
+    vael_pm_error err;
+    vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, &err, "stats test");
+    vael_pm_patterns_destroy(list);
+    for (const char *text : {"abc xyz foo12bar qqabww", "abcabc foo bar zzzq", "nothing"})
+        EXPECT_EQ(vael_pm_exec_ex(pm, (const unsigned char *)text, (uint32_t)std::strlen(text), nullptr, nullptr,
+                                  nullptr, 0),
+                  0);
+    return pm;
+}
+
+struct PmOwner {
+    vael_pm_handle *pm = known_pm();
+    ~PmOwner() { vael_pm_destroy(pm); }
+};
+
+std::string report(vael_pm_handle *pm, const char *flags, int level = 2) {
+    vael_pm_stats_attrs attrs;
+    vael_pm_stats_attrs_set_defaults(&attrs);
+    EXPECT_EQ(vael_pm_stats_pars_flags(flags, &attrs), 0);
+    LogCapture log;
+    vael_pm_stats_print_ex(pm, level, 1, &attrs);
+    return log.text();
+}
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+// The value after the label on the n-th line that starts with it.
+std::string value_after(const std::string &text, const std::string &label, int nth = 0) {
+    for (const std::string &line : lines_of(text))
+        if (line.rfind(label, 0) == 0 && nth-- == 0)
+            return line.substr(label.size());
+    return "<missing " + label + ">";
+}
+
+// A CSV reader: ';' divides fields, a field may be quoted with '"'.
+std::vector<std::map<std::string, std::string>> read_csv(const std::string &text) {
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string &line : lines_of(text)) {
+        std::vector<std::string> fields;
+        std::string field;
+        bool quoted = false;
+        for (char c : line) {
+            if (c == '"')
+                quoted = !quoted;
+            else if (c == ';' && !quoted)
+                fields.push_back(std::exchange(field, {}));
+            else
+                field += c;
+        }
+        EXPECT_FALSE(quoted) << line;
+        EXPECT_TRUE(field.empty()) << "every field ends with ';': " << line;
+        rows.push_back(fields);
+    }
+    std::vector<std::map<std::string, std::string>> records;
+    for (size_t r = 1; r < rows.size(); r++) {
+        EXPECT_LE(rows[r].size(), rows[0].size()) << "row " << r;
+        std::map<std::string, std::string> rec;
+        for (size_t f = 0; f < rows[r].size() && f < rows[0].size(); f++)
+            rec[rows[0][f]] = rows[r][f];
+        records.push_back(rec);
+    }
+    return records;
+}
+
+// Per pattern: first-tier hits, true matches and ratio as the scan makes them.
+struct PatternRow {
+    int32_t id;
+    const char *tier1, *matches, *ratio, *lss, *tier2;
+};
+const PatternRow kPatterns[] = {
+    {1, "2", "2", "1/1", "abc", "FALSE"}, {2, "1", "1", "1/1", "xyz", "FALSE"},
+    {3, "2", "1", "1/2", "foo", "TRUE"},  {4, "1", "1", "1/1", "qq", "TRUE"},
+    {5, "1", "0", "0", "zzz", "TRUE"},
+};
+
+TEST(StatsReport, TextAndCsvOfAKnownScanAgree) {
+    PmOwner owner;
+    ASSERT_TRUE(owner.pm);
+    const std::string text = report(owner.pm, "");
+    // The PM's own table.
+    const std::map<std::string, std::string> kPmLines = {
+        {"Number of patterns in PM: ", "5"},
+        {"Number of compiled second tiers in PM: ", "3"},
+        {"Number of matches in first tier: ", "7"},  // distinct hits per buffer: 4 + 3 + 0
+        {"Maximal number of matches in one buffer in first tier: ", "4"},
+        {"Number of second tiers which ran is: ", "3"},
+        {"Printing PM ", std::to_string(owner.pm->pm_id) + " stats ( stats test )"},
+    };
+    for (const auto &[label, value] : kPmLines)
+        EXPECT_EQ(value_after(text, label), value) << label;
+    // The Thin NFA's runs, and no time taken with timing off.
+    const std::map<std::string, std::string> kTier1Lines = {
+        {"TIER1 type: ", "Thin NFA"},      {"Number of executed buffers is ", "3"},
+        {"Max buffer length is ", "23"},   {"Avg buffer length is ", "16"},
+        {"Number of matches is ", "7"},    {"Max number of matches on buffer is ", "4"},
+        {"Avg execution time is ", "0 ns for PM, 0 ns for callbacks."},
+    };
+    for (const auto &[label, value] : kTier1Lines)
+        EXPECT_EQ(value_after(text, label), value) << label;
+    for (size_t i = 0; i < std::size(kPatterns); i++) {
+        const PatternRow &p = kPatterns[i];
+        EXPECT_EQ(value_after(text, "Pattern id: ", (int)i).substr(0, 13),
+                  std::to_string(p.id) + " (internal " + std::to_string(i));
+        EXPECT_EQ(value_after(text, "LSS (matched: ", (int)i),
+                  std::string(p.tier1) + ", matches that resulted in pm match: " + p.matches +
+                      ", match ratio: " + p.ratio + " ):" + p.lss);
+    }
+    EXPECT_TRUE(text.find("TIER2 type: PCRE\n") != std::string::npos);
+    EXPECT_TRUE(text.find("TIER2 type: REM\n") != std::string::npos);
+
+    // The same numbers as CSV, one table at a time.
+    auto pm_csv = read_csv(report(owner.pm, "/FORMAT=CSV,LEVEL=PM"));
+    ASSERT_EQ(pm_csv.size(), 1u);
+    EXPECT_EQ(pm_csv[0]["Patterns #"], value_after(text, "Number of patterns in PM: "));
+    EXPECT_EQ(pm_csv[0]["Tier1 matches #"], value_after(text, "Number of matches in first tier: "));
+    EXPECT_EQ(pm_csv[0]["Tier2 matches #"], value_after(text, "Number of matches in second tier: "));
+    EXPECT_EQ(pm_csv[0]["Tier2 that ran #"], value_after(text, "Number of second tiers which ran is: "));
+    EXPECT_EQ(pm_csv[0]["Memory consumption (bytes)"], value_after(text, "Allocated memory for PM: ").substr(
+                                                           0, pm_csv[0]["Memory consumption (bytes)"].size()));
+    auto t1_csv = read_csv(report(owner.pm, "/FORMAT=CSV,LEVEL=TIER1"));
+    ASSERT_EQ(t1_csv.size(), 1u);
+    EXPECT_EQ(t1_csv[0]["Tier1 type"], "Thin NFA");
+    EXPECT_EQ(t1_csv[0]["Matches #"], "7");
+    EXPECT_EQ(t1_csv[0]["Avg buffer length"], "16");
+    auto t2_csv = read_csv(report(owner.pm, "/FORMAT=CSV,LEVEL=TIER2"));
+    ASSERT_EQ(t2_csv.size(), std::size(kPatterns));
+    for (size_t i = 0; i < std::size(kPatterns); i++) {
+        const PatternRow &p = kPatterns[i];
+        EXPECT_EQ(t2_csv[i]["Pattern id"], std::to_string(p.id));
+        EXPECT_EQ(t2_csv[i]["LSS matches #"], p.tier1);
+        EXPECT_EQ(t2_csv[i]["LSS matches # that resulted in pm match"], p.matches);
+        EXPECT_EQ(t2_csv[i]["LSS match ratio"], p.ratio);
+        EXPECT_EQ(t2_csv[i]["LSS string"], p.lss);
+        EXPECT_EQ(t2_csv[i]["Tier2 exists"], p.tier2);
+    }
+    // A copy of the PM carries the engines' run figures over.
+    vael_pm_handle *copy = vael_pm_duplicate(owner.pm, "stats copy");
+    ASSERT_TRUE(copy);
+    EXPECT_EQ(vael_pm_get_tier1_matches(copy), 7u);
+    vael_pm_destroy(copy);
+}
+
+// Flags -> the parsed attributes (sort, ascending, format, level) or the
+// parser's message.
+TEST(StatsReport, FlagLanguage) {
+    struct Row {
+        const char *flags;
+        vael_pm_stats_attrs expect;
+        const char *message;
+    };
+    const Row kRows[] = {
+        {"", {4, 1, 0, 7}, ""},
+        {"/S=PERF,D,FORMAT=CSV,LEVEL=TIER2", {3, 0, 1, 4}, ""},
+        {"/S=ID", {0, 1, 0, 7}, ""},
+        {"/LEVEL=TIER1,D,S=MATCHES", {2, 0, 0, 2}, ""},
+        {"/S=INTERNAL_ID,FORMAT=TEXT", {4, 1, 0, 7}, ""},
+        {"/X", {}, "Failed to parse flags: Unknown flag\n"},
+        {"/S=FOO", {}, "Failed to parse flags: Illegal flag value (S=)\n"},
+        {"/S=", {}, "Failed to parse flags: Illegal flag value (S=)\n"},
+        {"/LEVEL=ALL", {}, "Failed to parse flags: Illegal flag value (LEVEL=)\n"},
+        {"/S=ID;", {}, "Failed to parse flags: Illegal attribute/value\n"},
+        {"/D,", {}, "Failed to parse flags: Unknown flag\n"},
+        {"S=ID", {}, "Failed to parse flags: Illegal flag\n"},
+    };
+    for (const Row &row : kRows) {
+        vael_pm_stats_attrs attrs;
+        vael_pm_stats_attrs_set_defaults(&attrs);
+        LogCapture log;
+        const int rc = vael_pm_stats_pars_flags(row.flags, &attrs);
+        // The report's line ends what is printed; the log's notes may come before it.
+        EXPECT_TRUE(*row.message ? log.text().ends_with(row.message) : log.text().empty())
+            << row.flags << ": " << log.text();
+        EXPECT_EQ(rc, *row.message ? -1 : 0) << row.flags;
+        if (rc == 0) {
+            EXPECT_EQ(std::vector<uint32_t>({attrs.sort, attrs.ascending, attrs.format, attrs.level}),
+                      std::vector<uint32_t>({row.expect.sort, row.expect.ascending, row.expect.format,
+                                             row.expect.level}))
+                << row.flags;
+        }
+    }
+}
+
+// The operator's texts -> lines the report holds, and one it must not.
+TEST(StatsReport, OperatorEntry) {
+    PmOwner owner;
+    struct Row {
+        const char *text;
+        std::vector<std::string> present;
+        const char *absent;
+    };
+    const Row kRows[] = {
+        {"ALL", {"Number of PMs is 1\n", "TIER1 stats\n", "Pattern id: 5 (internal 4)"}, "CSV"},
+        {"ALL/FORMAT=CSV",
+         {"Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}, "PM id;"},
+        {"ALL/FORMAT=CSV,LEVEL=TIER1",
+         {"**** START CSV FORMAT ****\nPM id;PM name;Tier1 type;", "**** END CSV FORMAT ****\n"}, "Pattern id"},
+        {"ALL/X", {"Failed to parse flags: Unknown flag\n"}, "Printing PM"},
+        {"qq[a-z", {"Requested Statistics for PM holding pattern: qq[a-z\n", "Printing PM"}, "Can't find"},
+        {"abc", {"Can't find any PM holding this pattern\n"}, "Printing PM"},
+        {"RESET", {}, "Number of PMs"},
+        {"ALL/LEVEL=TIER1", {"Number of executed buffers is 0\n"}, "Number of executed buffers is 3"},
+    };
+    for (const Row &row : kRows) {
+        std::snprintf(vael_pm_stats_pattern, sizeof vael_pm_stats_pattern, "%s", row.text);
+        LogCapture log;
+        vael_pm_stats_print_cb();
+        for (const std::string &line : row.present)
+            EXPECT_TRUE(log.contains(line)) << row.text << " lacks " << line << "\n" << log.text();
+        EXPECT_FALSE(log.contains(row.absent)) << row.text << "\n" << log.text();
+    }
+    // The reset leaves the patterns' own counters.
+    EXPECT_EQ(owner.pm->pm_array[0].tier1_matches, 2u);
+    EXPECT_EQ(vael_pm_get_tier1_matches(owner.pm), 0u);
+}
+
+// Sort flags -> order of the pattern table (ties keep the list's insertion
+// rule: a new equal element goes before the old).
+TEST(StatsReport, PatternOrder) {
+    PmOwner owner;
+    const std::pair<const char *, std::vector<int>> kRows[] = {
+        {"/LEVEL=TIER2", {1, 2, 3, 4, 5}},
+        {"/LEVEL=TIER2,D", {5, 4, 3, 2, 1}},
+        {"/LEVEL=TIER2,S=MATCHES,D", {1, 4, 3, 2, 5}},
+        {"/LEVEL=TIER2,S=TIER1", {5, 4, 2, 3, 1}},
+    };
+    for (const auto &[flags, ids] : kRows) {
+        std::vector<int> got;
+        for (const std::string &line : lines_of(report(owner.pm, flags)))
+            if (line.rfind("Pattern id: ", 0) == 0)
+                got.push_back(std::stoi(line.substr(12)));
+        EXPECT_EQ(got, ids) << flags;
+    }
+}
+
+// (first-tier hits, matches) of two entries -> the performance comparator.
+TEST(StatsReport, PerformanceComparator) {
+    const struct {
+        uint32_t t1a, ma, t1b, mb;
+        int expect;
+    } kRows[] = {
+        {5, 0, 5, 0, 1}, {0, 0, 4, 2, 0}, {4, 2, 0, 0, -1}, {5, 0, 4, 2, -1},
+        {4, 2, 5, 0, 0}, {4, 2, 6, 2, 0}, {6, 2, 4, 2, -1}, {2, 2, 3, 3, 1},
+    };
+    for (const auto &row : kRows) {
+        vael_pm_array_one_handle a{}, b{};
+        a.tier1_matches = row.t1a, a.matches = row.ma, b.tier1_matches = row.t1b, b.matches = row.mb;
+        vael_pm_stats_pattern_elm ea{&a, 0}, eb{&b, 1};
+        EXPECT_EQ(vael_pm_stats_sort_performance_cmp((uintptr_t)&ea, (uintptr_t)&eb), row.expect)
+            << row.t1a << "/" << row.ma << " vs " << row.t1b << "/" << row.mb;
+    }
+}
+
+// Runs (length, matches) -> the record's sums; a sum that would wrap starts
+// again with its count.
+TEST(StatsReport, RunRecordSums) {
+    const struct {
+        std::vector<std::pair<uint32_t, uint32_t>> runs;
+        uint32_t total_len, len_count, max_len, buffers, matches, max_matches;
+    } kRows[] = {
+        {{}, 0, 0, 0, 0, 0, 0},
+        {{{10, 1}, {30, 4}, {20, 0}}, 60, 3, 30, 3, 5, 4},
+        {{{0xfffffff0u, 0}, {0x20, 2}}, 0x20, 1, 0xfffffff0u, 2, 2, 2},
+    };
+    for (const auto &row : kRows) {
+        vael_pm_stats_common s;
+        ASSERT_EQ(vael_pm_stats_common_init(&s), 0);
+        for (const auto &[len, matches] : row.runs)
+            vael_pm_stats_common_update_exec(&s, len, matches);
+        const vael_pm_stats_exec &e = s.exec[0];
+        EXPECT_EQ(std::vector<uint32_t>({e.total_len, e.len_count, e.max_len, e.buffers, e.matches, e.max_matches}),
+                  std::vector<uint32_t>({row.total_len, row.len_count, row.max_len, row.buffers, row.matches,
+                                         row.max_matches}));
+        vael_pm_stats_common_update_exec_time(&s, 0xfffffff0u, 0x10);
+        vael_pm_stats_common_update_exec_time(&s, 0x30, 0x10);
+        EXPECT_EQ(std::vector<uint32_t>({e.exec_time, e.cb_time, e.time_count, e.max_exec_time}),
+                  std::vector<uint32_t>({0x20, 0x10, 1, 0xffffffe0u}));
+        vael_pm_stats_common_free(&s);
+        EXPECT_EQ(s.exec, nullptr);
+    }
+}
+
+// The pattern table's sort list under each allocation failure: the report
+// says so and the accounts come back.
+TEST(StatsReport, SortListFailmemWalk) {
+    PmOwner owner;
+    vael_pm_stats_attrs attrs{VAEL_PM_STATS_SORT_ID, 1, VAEL_PM_STATS_FORMAT_TEXT, VAEL_PM_STATS_LEVEL_TIER2};
+    std::string last;
+    auto attempt = [&] {
+        LogCapture log;
+        vael_pm_stats_print_ex(owner.pm, 2, 1, &attrs);
+        last = log.text();
+        return !log.contains("Failed to sort patterns\n");
+    };
+    auto failed_cleanly = [&] { return last.find("Pattern id") == std::string::npos; };
+    const vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, failed_cleanly);
+    EXPECT_TRUE(w.succeeded);
+    EXPECT_GE(w.rounds, 7);  // the list and an element per pattern
+}
+
+}  // namespace
