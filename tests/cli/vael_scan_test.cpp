@@ -611,12 +611,12 @@ const char kEveryKind[] =
 const char kEveryKindExplained[] =
     "2: id=1 kind=str flags=0 text='plain'\n"
     "3: id=2 kind=str flags=CASELESS|LITERAL text='Ab\\x00c'\n"
-    "4: id=3 kind=re flags=SHORT_LSS lss='abc' text='a.*bc'\n"
+    "4: id=3 kind=re flags=SHORT_LSS lss='abc' text='a.*bc' lss_used='abc'\n"
     "6: id=4 kind=word flags=0 text='{caseless}:two words'\n"
-    "7: id=5 kind=kw flags=0 lss='x' text='part:\"x\"'\n"
-    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY lss='a' text='pcre:\"/a\\x09b/\"'\n"
+    "7: id=5 kind=kw flags=0 lss='x' text='part:\"x\"' lss_used='x'\n"
+    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY lss='a' text='pcre:\"/a\\x09b/\"' lss_used='a'\n"
     "9: id=7 kind=str flags=BOUND text='w'\n"
-    "10: id=8 kind=re flags=0 lss='' text='x'\n";
+    "10: id=8 kind=re flags=0 lss='' text='x' lss_used=refused\n";
 
 TEST_F(VaelScan, Explain) {
     const auto every = write("every.txt", kEveryKind);
