@@ -789,4 +789,36 @@ TEST_F(VaelScan, BundledSamples) {
     EXPECT_EQ(rule_ids, (std::set<std::string>{"20001", "20002", "20003", "20004", "20005"})) << rules.out;
 }
 
+// A pattern's own LSS and the utf8 item as a user writes them: what
+// --explain shows, what a scan finds, and the refusals named by line.
+TEST_F(VaelScan, UserLssAndUtf8Lines) {
+    const auto p = write("p.txt",
+                         "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
+                         "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n"
+                         "3\tstr\tx.y\n");
+    const auto f = write("f", "login=bob caf\xc3\xa9 cafe x.y xay");
+    EXPECT_EQ(run({"--explain", "-p", p}).out,
+              "1: id=1 kind=re flags=0 lss='user=|login=' text='(user|login)=[a-z]+' lss_used='user=' 'login='\n"
+              "2: id=2 kind=re flags=UTF8 text='caf\xc3\xa0-\xc3\xaa]' rewritten='caf\\xc3[\\xa0-\\xaa]' "
+              "lss_used='caf\\xc3'\n"
+              "3: id=3 kind=str flags=0 text='x.y'\n");
+    std::multiset<std::string> lines;
+    std::istringstream matches(run({"-p", p, f}).out);
+    for (std::string line; std::getline(matches, line);) lines.insert(line);
+    EXPECT_EQ(lines, (std::multiset<std::string>{"14:2", "23:3", "6:1"}));
+    const struct {
+        const char *line;
+        const char *err_end;
+    } bad[] = {
+        {"1\tre\t{LSS(a*)}:a+b\n", "p.txt:1: cannot compile pattern 1 'a+b': LSS given by user is illegal\n"},
+        {"1\tre\t{LSS(a|b)}:c\n5\tre\t{utf8}:a\\xe2\\x82\n",
+         "p.txt:2: cannot compile pattern 5 'a\\xe2\\x82': Error while trying to simplify UTF-8 pattern.\n"},
+    };
+    for (const auto &b : bad) {
+        const auto r = run({"-p", write("p.txt", b.line), f});
+        EXPECT_EQ(r.status, 2) << b.line;
+        EXPECT_TRUE(r.err.ends_with(b.err_end)) << r.err;
+    }
+}
+
 }  // namespace
