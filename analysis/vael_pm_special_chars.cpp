@@ -48,29 +48,37 @@ lst_list *one_string_list(const unsigned char *bytes, uint32_t len) {
     return list;
 }
 
-vael_rem_token *refuse(const char *func, const char *fmt) {
+// The parse's client datum: set when the text breaks the language, so that
+// a failed parse tells a refusal from a failed allocation.
+void mark_refused(vael_rem_parser *parser) {
+    if (auto *refused = static_cast<int *>(vael_rem_parser_get_client_data(parser)))
+        *refused = 1;
+}
+
+vael_rem_token *refuse(vael_rem_parser *parser, const char *func, const char *fmt) {
     VAEL_LOG_AS(func, VAEL_DBG_ERR, "K_PM | K_ERROR", fmt);
+    mark_refused(parser);
     return nullptr;
 }
 
-vael_rem_token *vael_pm_special_chars_eval_kleene(vael_rem_token *, vael_rem_parser *, vael_rem_token *,
+vael_rem_token *vael_pm_special_chars_eval_kleene(vael_rem_token *, vael_rem_parser *parser, vael_rem_token *,
                                                   vael_rem_token *) {
-    return refuse(__func__, "%s: lss pattern should not contain 'kleene' operator\n");
+    return refuse(parser, __func__, "%s: lss pattern should not contain 'kleene' operator\n");
 }
 
-vael_rem_token *vael_pm_special_chars_eval_quantify_unary(vael_rem_token *, vael_rem_parser *, vael_rem_token *,
+vael_rem_token *vael_pm_special_chars_eval_quantify_unary(vael_rem_token *, vael_rem_parser *parser, vael_rem_token *,
                                                           vael_rem_token *) {
-    return refuse(__func__, "%s: should not contain 'quantify_unary' operator\n");
+    return refuse(parser, __func__, "%s: should not contain 'quantify_unary' operator\n");
 }
 
-vael_rem_token *vael_pm_special_chars_eval_quantify_binary(vael_rem_token *, vael_rem_parser *, vael_rem_token *,
+vael_rem_token *vael_pm_special_chars_eval_quantify_binary(vael_rem_token *, vael_rem_parser *parser, vael_rem_token *,
                                                            vael_rem_token *) {
-    return refuse(__func__, "%s: should not contain 'quantify_binary' operator\n");
+    return refuse(parser, __func__, "%s: should not contain 'quantify_binary' operator\n");
 }
 
-vael_rem_token *vael_pm_special_chars_eval_quantify_min(vael_rem_token *, vael_rem_parser *, vael_rem_token *,
+vael_rem_token *vael_pm_special_chars_eval_quantify_min(vael_rem_token *, vael_rem_parser *parser, vael_rem_token *,
                                                         vael_rem_token *) {
-    return refuse(__func__, "%s: should not contain 'quantify_min' operator\n");
+    return refuse(parser, __func__, "%s: should not contain 'quantify_min' operator\n");
 }
 
 // Two single strings joined: an alternation cannot take part in a
@@ -83,6 +91,7 @@ vael_rem_token *vael_pm_special_chars_eval_concat(vael_rem_token *, vael_rem_par
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR",
                  "%s: one of the candidates list does not contain only a single candidate (%d, %d)\n", (int)nl,
                  (int)nr);
+        mark_refused(parser);
         return nullptr;
     }
     const vael_pm_lss_candidate *a = can_of(lst_data(lst_first(l)));
@@ -111,6 +120,7 @@ vael_rem_token *vael_pm_special_chars_eval_alternate(vael_rem_token *, vael_rem_
     if (nl == 0 || nr == 0) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: one of the candidates list is empty (%d, %d)\n", (int)nl,
                  (int)nr);
+        mark_refused(parser);
         return nullptr;
     }
     lst_list *out = lst_create_destr(vael_pm_lss_candidate_destructor);
@@ -132,8 +142,9 @@ vael_rem_token *vael_pm_special_chars_eval_alternate(vael_rem_token *, vael_rem_
     return create_operand(parser, out);
 }
 
-vael_rem_token *vael_pm_special_chars_create_empty_token(vael_rem_parser *) {
+vael_rem_token *vael_pm_special_chars_create_empty_token(vael_rem_parser *parser) {
     VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: should not get an empty char\n");
+    mark_refused(parser);
     return nullptr;
 }
 
@@ -142,6 +153,9 @@ vael_rem_token *vael_pm_special_chars_create_string_token_by_range(vael_rem_toke
                                                                    vael_rem_parser *parser) {
     const auto *range = reinterpret_cast<const vael_pmglob_range *>(range_token->extra_data);
     uint32_t len = 0;
+    // A class is refused; one character fails here only for want of memory.
+    if (!range || vael_pmglob_range_is_negate(range) || !vael_pmglob_range_is_single(range))
+        mark_refused(parser);
     unsigned char *bytes = vael_pmglob_range_return_one_char_string(range, &len);
     vael_rem_token_destroy(range_token, __func__);
     if (!bytes)
@@ -190,24 +204,46 @@ extern "C" void vael_pm_special_chars_fini(void) { vael_rem_parser_fini(); }
 
 extern "C" lst_list *vael_pm_special_chars_find_normalized_patterns(const unsigned char *text, uint32_t length,
                                                                     uint32_t flags) {
+    int refused = 0;
+    return vael_pm_special_chars_parse(text, length, flags, &refused);
+}
+
+extern "C" lst_list *vael_pm_special_chars_parse(const unsigned char *text, uint32_t length, uint32_t flags,
+                                                 int *refused) {
+    *refused = 0;
     vael_rem_parser *parser =
-        vael_rem_parser_create(vael_rem_default_lexer_array, g_classes, nullptr, flags,
+        vael_rem_parser_create(vael_rem_default_lexer_array, g_classes, refused, flags,
                                vael_pm_special_chars_create_empty_token, vael_pm_special_chars_create_string_token_by_range);
     if (!parser) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: vael_rem_parser_create returned NULL\n");
         return nullptr;
     }
-    auto *list = reinterpret_cast<lst_list *>(vael_rem_parse(parser, text, length, nullptr));
+    // The lexer's own refusals leave an illegal-pattern text; a failed
+    // allocation leaves an internal one or none.
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    auto *list = reinterpret_cast<lst_list *>(vael_rem_parse(parser, text, length, &err));
     vael_rem_parser_destroy(parser);
-    if (!list)
+    if (!list) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: vael_rem_parse returned NULL\n");
+        if (err.error_string && err.error_type == VAEL_PM_ERROR_ILLEGAL)
+            *refused = 1;
+    }
     return list;
 }
 
 extern "C" vael_pm_lss *vael_pm_special_chars_create_normalized_lss(const vael_pmglob_string *lss, uint32_t literal,
                                                                     uint32_t digitless, uint32_t *anchors) {
+    int refused = 0;
+    return vael_pm_special_chars_read_lss(lss, literal, digitless, anchors, &refused);
+}
+
+extern "C" vael_pm_lss *vael_pm_special_chars_read_lss(const vael_pmglob_string *lss, uint32_t literal,
+                                                       uint32_t digitless, uint32_t *anchors, int *refused) {
+    *refused = 0;
     if (!lss || !anchors) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: invalid params\n");
+        *refused = 1;
         return nullptr;
     }
     *anchors = 0;
@@ -225,8 +261,10 @@ extern "C" vael_pm_lss *vael_pm_special_chars_create_normalized_lss(const vael_p
         const unsigned char *text = lss->pattern;
         uint32_t length = lss->size;
         if (vael_pm_lss_trim_patttern(&text, &length, anchors, 0) == 0) {
-            lst_list *list = vael_pm_special_chars_find_normalized_patterns(text, length, lss->flags & VAEL_PM_UTF8);
+            lst_list *list = vael_pm_special_chars_parse(text, length, lss->flags & VAEL_PM_UTF8, refused);
             rc = list ? take_candidates(list, out) : VAEL_ERROR;
+        } else {
+            *refused = 1;  // empty, or an anchor alone
         }
     }
     if (rc != VAEL_OK) {

@@ -39,6 +39,12 @@ vael_pm_lss *vael_pm_special_chars_create_normalized_lss(const vael_pmglob_strin
 lst_list *vael_pm_special_chars_find_normalized_patterns(const unsigned char *text, uint32_t length,
                                                          uint32_t flags);
 
+/* As the two above, with *refused 1 when the null result is the text's own
+ * fault (it breaks the language) and 0 when an allocation failed. */
+vael_pm_lss *vael_pm_special_chars_read_lss(const vael_pmglob_string *lss, uint32_t literal, uint32_t digitless,
+                                            uint32_t *anchors, int *refused);
+lst_list *vael_pm_special_chars_parse(const unsigned char *text, uint32_t length, uint32_t flags, int *refused);
+
 #ifdef __cplusplus
 }
 #endif

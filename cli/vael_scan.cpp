@@ -200,7 +200,7 @@ constexpr OptionRow kOptions[] = {
          o.compile_flags |= VAEL_PM_CASELESS;
          return std::nullopt;
      }},
-    {'\0', "digitless", "", "let every digit match every other digit",
+    {'\0', "digitless", "", "read every digit as 0 in the first tier (a second tier checks the digits)",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.compile_flags |= VAEL_PM_DIGITLESS;
          return std::nullopt;

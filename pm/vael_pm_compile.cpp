@@ -174,12 +174,15 @@ extern "C" vael_pm_lss *vael_pm_compile_get_lss_from_pattern(const vael_pm_one_p
         vael_pm_lss_destroy(with);
         return lss;
     }
-    vael_pm_lss *lss = vael_pm_special_chars_create_normalized_lss(pattern->lss, pattern->flags & VAEL_PM_LITERAL,
-                                                                  flags & VAEL_PM_DIGITLESS, lss_flags);
+    int refused = 0;
+    vael_pm_lss *lss = vael_pm_special_chars_read_lss(pattern->lss, pattern->flags & VAEL_PM_LITERAL,
+                                                      flags & VAEL_PM_DIGITLESS, lss_flags, &refused);
     if (!lss) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR",
                  "%s: lss given by user is illegal, cannot compile (user pattern id: %d)\n", pattern->id);
-        vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUserLssIllegal, pattern->id);
+        // Out of memory the text is not at fault: the error stays internal.
+        if (refused)
+            vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUserLssIllegal, pattern->id);
         vael_pm_error_set_pattern_id(err, pattern->id);
     }
     return lss;
