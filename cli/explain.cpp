@@ -1,5 +1,6 @@
-// explain.cpp - vael-scan --tokens and --lss: the REM lexer's and the LSS
-// finder's view of one pattern.
+// explain.cpp - vael-scan --tokens, --lss and --explain: the REM lexer's,
+// the LSS finder's, the UTF-8 simplifier's and the user-LSS reader's view of
+// one pattern.
 //
 // Runs the library's own lexer and finder and prints what they give; nothing
 // here interprets the language.
@@ -10,6 +11,8 @@
 #include <string>
 
 #include "analysis/vael_pm_lss_finder.h"
+#include "analysis/vael_pm_special_chars.h"
+#include "analysis/vael_pm_utf8.h"
 #include "rem/vael_rem_tier.h"
 #include "vael/vael_apps.h"
 #include "vael/vael_rem.h"
@@ -169,6 +172,64 @@ int print_lss(std::string_view pattern, std::uint32_t flags, std::FILE *out) {
     vael_apps_fini();
     if (std::fflush(out) != 0) return 2;
     return status;
+}
+
+namespace {
+
+std::string quoted_strings(const vael_pm_lss &lss, std::uint32_t anchors) {
+    std::string out = (anchors & VAEL_PM_LSS_START_ANCHOR) ? " ^" : "";
+    std::uintptr_t v = 0;
+    for (lst_cursor c = lst_iterate(lss.can_list, nullptr, &v); c; c = lst_iterate(lss.can_list, c, &v)) {
+        const auto *can = reinterpret_cast<const vael_pm_lss_candidate *>(v);
+        out += " '" + escaped_pattern(std::string_view(reinterpret_cast<const char *>(can->str), can->len), 0, nullptr) +
+               "'";
+    }
+    if (anchors & VAEL_PM_LSS_END_ANCHOR) out += " $";
+    return out;
+}
+
+}  // namespace
+
+std::string analysis_fields(std::string_view text, const std::string_view *lss, bool expression,
+                            std::uint32_t pattern_flags, std::uint32_t compile_flags) {
+    std::string fields;
+    std::string rewritten(text);
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    if (expression && (pattern_flags & VAEL_PM_UTF8)) {
+        // The compile adds dot-all unless the compile flags ask otherwise.
+        const std::uint32_t effective = (compile_flags & 0x2u) ? compile_flags : (compile_flags | 0x1u);
+        std::uint32_t len = 0;
+        unsigned char *out = vael_pm_utf8_rewrite(reinterpret_cast<const unsigned char *>(text.data()),
+                                                  static_cast<std::uint32_t>(text.size()), effective, &err, &len);
+        if (!out) return " rewritten=refused";
+        rewritten.assign(reinterpret_cast<const char *>(out), len);
+        qx_kfree_(out, len);
+        fields += " rewritten='" + escaped_pattern(rewritten.substr(0, 200), 0, nullptr) +
+                  (rewritten.size() > 200 ? "...'" : "'");
+    }
+    std::uint32_t anchors = 0;
+    LssPtr found;
+    if (lss) {
+        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(lss->data()),
+                                                          static_cast<std::uint32_t>(lss->size()), -1, pattern_flags);
+        if (s)
+            found.reset(vael_pm_special_chars_create_normalized_lss(s, pattern_flags & VAEL_PM_LITERAL,
+                                                                    compile_flags & VAEL_PM_DIGITLESS, &anchors));
+        vael_pmglob_string_destroy(s);
+        return fields + (found ? " lss_used=" + quoted_strings(*found, anchors).substr(1) : " lss_used=refused");
+    }
+    // A plain expression's strings are --lss's to show; a rewritten one's
+    // come from a text the line does not show.
+    if (!expression || !(pattern_flags & VAEL_PM_UTF8)) return fields;
+    found.reset(vael_pm_lss_find(reinterpret_cast<const unsigned char *>(rewritten.data()),
+                                 static_cast<std::uint32_t>(rewritten.size()),
+                                 (compile_flags & VAEL_PM_DIGITLESS) | pattern_flags, &err, &anchors));
+    if (!found) return fields + (err.error_string ? " lss_used=refused" : " lss_used=none");
+    // A regular LSS stands at an anchor only when it touches one; the
+    // compile asks the finder again, as --lss does.
+    if (!vael_pm_lss_can_be_used_instead_of_RE(found.get())) anchors = 0;
+    return fields + " lss_used=" + quoted_strings(*found, anchors).substr(1);
 }
 
 long rem_dfa_states(std::string_view pattern, std::uint32_t pattern_flags, std::uint32_t compile_flags) {

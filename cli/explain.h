@@ -31,6 +31,19 @@ int print_lss(std::string_view pattern, std::uint32_t flags, std::FILE *out);
 // when the machine refuses the pattern. The library must be started.
 long rem_dfa_states(std::string_view pattern, std::uint32_t pattern_flags, std::uint32_t compile_flags);
 
+// What the compile reads of a pattern beside its text, as the fields
+// " rewritten='TEXT'" (a UTF-8 expression, `pattern_flags` holding
+// VAEL_PM_UTF8, as the byte-level text the LSS finder and REM see, or
+// "rewritten=refused") and " lss_used='S' 'S'..." (the strings the first tier
+// looks for: the user's `lss` as the library reads it, else, for a UTF-8
+// expression, what the finder gives for the rewrite; "lss_used=none" when it
+// finds no string, "lss_used=refused" for a refused one, and " ^" or " $" for
+// an anchor).
+// `expression` false: the text is a keyword rule and only a user's LSS is
+// read. The library must be started.
+std::string analysis_fields(std::string_view text, const std::string_view *lss, bool expression,
+                            std::uint32_t pattern_flags, std::uint32_t compile_flags);
+
 // The pattern with non-printing bytes as \xHH, and the column at which byte
 // `index` of the pattern starts in it.
 std::string escaped_pattern(std::string_view pattern, std::size_t index, std::size_t *column);

@@ -191,6 +191,26 @@ std::string printable(std::string_view bytes) {
     return shown;
 }
 
+bool metadata_has_item(std::string_view text, std::string_view item) {
+    if (!text.starts_with('{')) return false;
+    for (std::size_t pos = 1; pos < text.size();) {
+        std::size_t end;
+        if (text.substr(pos).starts_with("LSS(")) {
+            // The LSS text may hold ';' or '}', never ')'.
+            end = text.find(')', pos + 4);
+            if (end == std::string_view::npos) return false;
+            ++end;
+        } else {
+            end = text.find_first_of(";}", pos);
+            if (end == std::string_view::npos) return false;
+            if (text.substr(pos, end - pos) == item) return true;
+        }
+        if (end >= text.size() || text[end] != ';') return false;
+        pos = end + 1;
+    }
+    return false;
+}
+
 PatternFileResult parse_pattern_text(std::string_view text) {
     PatternFileResult result;
     // Editors on some systems start a UTF-8 file with a byte order mark; it

@@ -15,7 +15,8 @@
 // a keyword rule.
 // The reader only checks what it can without the library: a keyword rule is
 // handed over as a C string, so it may not hold a NUL byte. Metadata at the
-// start of TEXT ("{caseless}:abc") is left in the bytes for the library.
+// start of TEXT ("{caseless}:abc") is left in the bytes for the library;
+// vael-scan itself reads one item of it, `utf8` (metadata_has_item).
 //
 // A line whose first byte is '#' is a comment, a line of only whitespace is
 // skipped, and one trailing '\r' is dropped from every line so that files
@@ -69,6 +70,11 @@ PatternFileResult parse_pattern_text(std::string_view text);
 // Reads and parses a pattern file. A file that cannot be read gives an error
 // on line 0 whose message is the system's reason.
 PatternFileResult read_pattern_file(const std::string &path);
+
+// Whether the metadata block that opens TEXT ("{utf8;caseless}:...") holds
+// ITEM as a whole item. An LSS(...) item is stepped over whole, as the
+// library reads it; TEXT without a block holds no item.
+bool metadata_has_item(std::string_view text, std::string_view item);
 
 // Renders bytes for an error message: printable ASCII and well-formed UTF-8
 // as they are, every other byte as \xHH, so that a message never carries

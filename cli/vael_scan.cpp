@@ -208,7 +208,7 @@ constexpr OptionRow kOptions[] = {
          o.compile_flags |= VAEL_PM_CASELESS;
          return std::nullopt;
      }},
-    {'\0', "digitless", "", "let every digit match every other digit",
+    {'\0', "digitless", "", "read every digit as 0 in the first tier (a second tier checks the digits)",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.compile_flags |= VAEL_PM_DIGITLESS;
          return std::nullopt;
@@ -416,15 +416,21 @@ void print_help(std::FILE *out) {
                  "TEXT takes the escapes \\xHH, \\t, \\n, \\r and \\\\; a TAB inside TEXT is\n"
                  "written \\t. Lines starting with '#' and blank lines are skipped.\n"
                  "A str or re TEXT may open with metadata, {ITEM;ITEM}:TEXT, where an ITEM is\n"
-                 "caseless, case, literal, shortlss or bound, and for re also LSS(TEXT).\n"
+                 "caseless, case, literal, shortlss or bound, and for re also LSS(TEXT)\n"
+                 "(the strings to look for: characters, escapes and '|', no repetition)\n"
+                 "and utf8 (the expression is in UTF-8 characters).\n"
                  "Write {}: in front of a str or re TEXT that itself starts with '{'.\n"
                  "\n"
                  "--explain prints one line per pattern, before anything is compiled and\n"
                  "even with -q (with no FILE it only explains):\n"
-                 "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT' [dfa_states=N]\n"
+                 "  LINE: id=ID kind=KIND flags=FLAGS [lss='LSS'] text='TEXT' [rewritten='RE']\n"
+                 "        [lss_used=STRINGS] [dfa_states=N]\n"
                  "FLAGS are the bits the pattern sets for itself (CASELESS, LITERAL,\n"
-                 "SHORT_LSS, BOUND, NO_HISTORY, joined by '|'), or 0; lss is shown when the\n"
-                 "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
+                 "SHORT_LSS, BOUND, NO_HISTORY, UTF8, joined by '|'), or 0; lss is shown when\n"
+                 "the metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
+                 "A utf8 line shows the byte-level expression it is rewritten to; a utf8\n"
+                 "line or one with an LSS(...) shows the strings the first tier looks for\n"
+                 "(lss_used=none, or refused).\n"
                  "With --rem an re line also shows the states of the minimized DFA that the\n"
                  "REM machine makes of TEXT (dfa_states=refused when it refuses TEXT).\n"
                  "\n"
@@ -522,6 +528,8 @@ std::optional<std::string> read_pattern(const PatternRecord &record, ReadPattern
         if (text_len == 0) return "empty pattern text after metadata in '" + vael::cli::printable(record.bytes) + "'";
         if (lss != nullptr) read.lss = std::string_view(lss, lss_len);
         read.text = std::string_view(text, text_len);
+        if (record.kind == PatternKind::re && vael::cli::metadata_has_item(record.bytes, "utf8"))
+            read.flags |= VAEL_PM_UTF8;
         break;
     }
     case PatternKind::word:
@@ -565,9 +573,11 @@ int add_record(vael_pm_patterns *patterns, const PatternRecord &record, const Re
     const char *lss = read.lss ? read.lss->data() : nullptr;
     const auto lss_len = static_cast<std::uint32_t>(read.lss ? read.lss->size() : 0);
     switch (record.kind) {
-    case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, 0);
+    // A str line is a plain string: its text is its LSS byte for byte.
+    case PatternKind::str: return vael_pm_patterns_add_simple_pattern(patterns, bytes, len, record.id, VAEL_PM_LITERAL);
     case PatternKind::re:
-        return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id, rem ? VAEL_PM_USE_REM : 0);
+        return vael_pm_patterns_add_pattern(patterns, bytes, len, record.id,
+                                            (rem ? VAEL_PM_USE_REM : 0) | (read.flags & VAEL_PM_UTF8));
     case PatternKind::word: return vael_pm_patterns_add_word(patterns, bytes, len, record.id, 0);
     case PatternKind::word_continuous:
         return vael_pm_patterns_add_word(patterns, bytes, len, record.id, VAEL_PM_CONTINUOUS_WORD);
@@ -587,6 +597,7 @@ struct FlagName {
 constexpr FlagName kFlagNames[] = {
     {VAEL_PM_CASELESS, "CASELESS"}, {VAEL_PM_LITERAL, "LITERAL"},       {VAEL_PM_SHORT_LSS, "SHORT_LSS"},
     {VAEL_PM_BOUND, "BOUND"},       {VAEL_PM_NO_HISTORY, "NO_HISTORY"}, {VAEL_PM_CONTINUOUS_WORD, "CONTINUOUS_WORD"},
+    {VAEL_PM_UTF8, "UTF8"},
 };
 
 std::string flag_names(std::uint32_t flags) {
@@ -613,6 +624,10 @@ void explain(const Options &options, const PatternRecord &record, const ReadPatt
                        " kind=" + std::string(vael::cli::kind_name(record.kind)) + " flags=" + flag_names(read.flags);
     if (read.lss) line += " lss='" + vael::cli::printable(*read.lss) + "'";
     line += " text='" + vael::cli::printable(read.text) + "'";
+    if (record.kind != PatternKind::str && record.kind != PatternKind::word &&
+        record.kind != PatternKind::word_continuous)
+        line += vael::cli::analysis_fields(read.text, read.lss ? &*read.lss : nullptr, record.kind == PatternKind::re,
+                                           read.flags, options.compile_flags);
     if (options.rem && record.kind == PatternKind::re) {
         // The machine REM makes of the text; whether the PM needs it depends
         // on the LSS.

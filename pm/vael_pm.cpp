@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include "analysis/vael_pm_lss_finder.h"
+#include "analysis/vael_pm_special_chars.h"
+#include "analysis/vael_pm_utf8.h"
 #include "keywords/vael_kw_mgr.h"
 #include "pcre_tier/vael_pcre.h"
 #include "rem/vael_rem_tier.h"
@@ -168,8 +170,10 @@ void matches_pool_fini() { vael_pmglob_matches_pool_fini(); }
 
 // Steps of vael_pm_init in order; vael_pm_fini undoes them in reverse.
 constexpr InitStep kInitSteps[] = {
+    {vael_pm_special_chars_init, vael_pm_special_chars_fini},
     {vael_tier1_init, vael_tier1_fini},
     {vael_pm_lss_finder_init, vael_pm_lss_finder_fini},
+    {vael_pm_utf8_init, vael_pm_utf8_fini},
     {vael_tier2_init, vael_tier2_fini},
     {vael_pm_list_lock_init, vael_pm_list_lock_destroy},
     {matches_pool_init, matches_pool_fini},

@@ -1,5 +1,5 @@
 // vael_pm_compile.cpp - what the compile does to one user pattern: the
-// pre-processing (bounded templates), its LSS, the split between the first
+// pre-processing (UTF-8 rewriting, bounded templates), its LSS, the split between the first
 // tier and the second, the second tier compiled by its row, and the PM entry.
 //
 // The first tier is a filter that scans once for all patterns; a pattern
@@ -10,6 +10,7 @@
 
 #include "analysis/vael_pm_lss_finder.h"
 #include "analysis/vael_pm_special_chars.h"
+#include "analysis/vael_pm_utf8.h"
 #include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_runtime.h"
@@ -116,12 +117,11 @@ extern "C" vael_pm_one_pattern *vael_pm_compile_pre_process_pattern(vael_pm_one_
         vael_pm_error_set_pattern_id(err, record->id);
         return nullptr;
     }
-    if ((copy->flags & VAEL_PM_UTF8) && copy->re) {
-        // The UTF-8 rewriting into byte-level expressions is not in this
-        // build: such a pattern cannot be simplified and fails here.
+    if ((copy->flags & VAEL_PM_UTF8) && copy->re && vael_pm_utf8_RE_to_simple_RE(copy, err, effective_flags) != 0) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: Error while trying to simplify UTF-8 pattern %d\n",
                  record->id);
         vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUtf8Failed, record->id);
+        vael_pm_error_set_pattern_id(err, record->id);
         destroy_copy(copy);
         return nullptr;
     }
@@ -132,7 +132,6 @@ extern "C" vael_pm_one_pattern *vael_pm_compile_pre_process_pattern(vael_pm_one_
         destroy_copy(copy);
         return nullptr;
     }
-    (void)effective_flags;
     *copied = 1;
     return copy;
 }
@@ -175,16 +174,16 @@ extern "C" vael_pm_lss *vael_pm_compile_get_lss_from_pattern(const vael_pm_one_p
         vael_pm_lss_destroy(with);
         return lss;
     }
-    vael_pm_lss *lss = vael_pm_special_chars_create_normalized_lss(pattern->lss, pattern->flags & VAEL_PM_LITERAL,
-                                                                  flags & VAEL_PM_DIGITLESS, lss_flags);
+    int refused = 0;
+    vael_pm_lss *lss = vael_pm_special_chars_read_lss(pattern->lss, pattern->flags & VAEL_PM_LITERAL,
+                                                      flags & VAEL_PM_DIGITLESS, lss_flags, &refused);
     if (!lss) {
         VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR",
                  "%s: lss given by user is illegal, cannot compile (user pattern id: %d)\n", pattern->id);
-        // A text taken as it stands fails only for want of memory.
-        if (pattern->lss)
-            vael_pm_error_set_pattern_id(err, pattern->id);
-        else
+        // Out of memory the text is not at fault: the error stays internal.
+        if (refused)
             vael_pm_error_set_details2(err, VAEL_PM_ERROR_ILLEGAL, kUserLssIllegal, pattern->id);
+        vael_pm_error_set_pattern_id(err, pattern->id);
     }
     return lss;
 }

@@ -166,6 +166,23 @@ TEST(PatternKindNames, RoundTrip) {
 }
 
 // ---------------------------------------------------------------------------
+// Items of a metadata block that vael-scan reads itself: whole items only,
+// with an LSS(...) stepped over whole even when it holds ';' or '}'.
+
+TEST(MetadataItems, FindsWholeItemsOnly) {
+    const struct {
+        const char *text;
+        bool has_utf8;
+    } rows[] = {
+        {"{utf8}:a", true},           {"{caseless;utf8}:a", true}, {"{LSS(a;utf8)}:a", false},
+        {"{LSS(a;b}c);utf8}:a", true}, {"{utf8x}:a", false},       {"{xutf8}:a", false},
+        {"utf8", false},              {"{LSS(ab:a", false},        {"{caseless}:{utf8}:a", false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(vael::cli::metadata_has_item(row.text, "utf8"), row.has_utf8) << row.text;
+}
+
+// ---------------------------------------------------------------------------
 // Rendering of bytes inside messages.
 
 struct PrintableCase {

@@ -198,7 +198,8 @@ TEST_F(VaelScan, Matches) {
          "1:1\n2:1\n4:2\n5:-7\n"},
         {"case matters", "1\tAbC\n", "x abc ABC", {}, ""},
         {"-i", "1\tAbC\n", "x abc ABC", {"-i", "--all"}, "4:1\n8:1\n"},
-        {"--digitless", "1\tv1.2\n", "v9.8 v1.2", {"--digitless"}, "3:1\n"},
+        // The first tier folds digits; the string's own digits are checked.
+        {"--digitless", "1\tv1.2\n", "v9.8 v1.2", {"--digitless"}, "8:1\n"},
         {"caseless metadata", "1\t{caseless}:abc\n2\tstr\t{caseless}:Xyz\n", "ABC xyz", {}, "2:1\n6:2\n"},
         {"unknown items ignored", "1\t{nosuch;caseless}:abc\n", "ABC", {}, "2:1\n"},
         {"LSS is no item of a string", "1\t{LSS(zz)}:ab\n", "ab zz", {}, "1:1\n"},
@@ -574,12 +575,12 @@ const char kEveryKind[] =
 const char kEveryKindExplained[] =
     "2: id=1 kind=str flags=0 text='plain'\n"
     "3: id=2 kind=str flags=CASELESS|LITERAL text='Ab\\x00c'\n"
-    "4: id=3 kind=re flags=SHORT_LSS lss='abc' text='a.*bc'\n"
+    "4: id=3 kind=re flags=SHORT_LSS lss='abc' text='a.*bc' lss_used='abc'\n"
     "6: id=4 kind=word flags=0 text='{caseless}:two words'\n"
-    "7: id=5 kind=kw flags=0 lss='x' text='part:\"x\"'\n"
-    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY lss='a' text='pcre:\"/a\\x09b/\"'\n"
+    "7: id=5 kind=kw flags=0 lss='x' text='part:\"x\"' lss_used='x'\n"
+    "8: id=-6 kind=kw-nohistory flags=NO_HISTORY lss='a' text='pcre:\"/a\\x09b/\"' lss_used='a'\n"
     "9: id=7 kind=str flags=BOUND text='w'\n"
-    "10: id=8 kind=re flags=0 lss='' text='x'\n";
+    "10: id=8 kind=re flags=0 lss='' text='x' lss_used=refused\n";
 
 TEST_F(VaelScan, Explain) {
     const auto every = write("every.txt", kEveryKind);
@@ -751,6 +752,38 @@ TEST_F(VaelScan, BundledSamples) {
     for (std::string line; std::getline(rule_lines, line);) rule_ids.insert(line.substr(line.rfind(':') + 1));
     EXPECT_EQ(rule_ids, (std::set<std::string>{"20001", "20002", "20003", "20004", "20005", "20006", "20007", "20008"}))
         << rules.out;
+}
+
+// A pattern's own LSS and the utf8 item as a user writes them: what
+// --explain shows, what a scan finds, and the refusals named by line.
+TEST_F(VaelScan, UserLssAndUtf8Lines) {
+    const auto p = write("p.txt",
+                         "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
+                         "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n"
+                         "3\tstr\tx.y\n");
+    const auto f = write("f", "login=bob caf\xc3\xa9 cafe x.y xay");
+    EXPECT_EQ(run({"--explain", "-p", p}).out,
+              "1: id=1 kind=re flags=0 lss='user=|login=' text='(user|login)=[a-z]+' lss_used='user=' 'login='\n"
+              "2: id=2 kind=re flags=UTF8 text='caf[\xc3\xa0-\xc3\xaa]' rewritten='caf\\xc3[\\xa0-\\xaa]' "
+              "lss_used='caf\\xc3'\n"
+              "3: id=3 kind=str flags=0 text='x.y'\n");
+    std::multiset<std::string> lines;
+    std::istringstream matches(run({"-p", p, f}).out);
+    for (std::string line; std::getline(matches, line);) lines.insert(line);
+    EXPECT_EQ(lines, (std::multiset<std::string>{"14:2", "23:3", "6:1"}));
+    const struct {
+        const char *line;
+        const char *err_end;
+    } bad[] = {
+        {"1\tre\t{LSS(a*)}:a+b\n", "p.txt:1: cannot compile pattern 1 'a+b': LSS given by user is illegal\n"},
+        {"1\tre\t{LSS(a|b)}:c\n5\tre\t{utf8}:a\\xe2\\x82\n",
+         "p.txt:2: cannot compile pattern 5 'a\\xe2\\x82' at byte 1: Error while trying to simplify UTF-8 pattern.\n"},
+    };
+    for (const auto &b : bad) {
+        const auto r = run({"-p", write("p.txt", b.line), f});
+        EXPECT_EQ(r.status, 2) << b.line;
+        EXPECT_TRUE(r.err.ends_with(b.err_end)) << r.err;
+    }
 }
 
 }  // namespace

@@ -124,7 +124,10 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
         EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(c.text.data()), (uint32_t)c.text.size(),
                                   nullptr, nullptr, &got, 0),
                   0);
-        EXPECT_EQ(got, want);
+        // Under digitless only the Thin NFA folds: the PM checks a string's own digits.
+        if (!(c.compile_flags & VAEL_PM_DIGITLESS)) {
+            EXPECT_EQ(got, want);
+        }
         vael_pm_destroy(pm);
         vael_pm_patterns_destroy(list);
     }

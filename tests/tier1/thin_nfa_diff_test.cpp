@@ -216,7 +216,11 @@ class ThinNfaDifferential : public testing::TestWithParam<const char *> {
                 EXPECT_EQ(hits, plain_first);
                 EXPECT_EQ(vael_test::sorted(hits), first);
 
+                // Under digitless a string with a digit is confirmed by a
+                // second tier that checks its digits: only the Thin NFA folds.
                 for (uint32_t flags : {VAEL_PM_EXEC_ALL_MATCHES, 0u}) {
+                    if (cfg.compile_flags & VAEL_PM_DIGITLESS)
+                        break;
                     std::vector<Hit> delivered;
                     EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()),
                                               (uint32_t)text.size(), nullptr, nullptr, &delivered, flags),
