@@ -34,6 +34,7 @@
 #include "vael/vael_apps.h"
 
 #include "explain.h"
+#include "image.h"
 #include "pattern_file.h"
 #include "read_file.h"
 #include "stream_scan.h"
@@ -80,6 +81,9 @@ struct Options {
     bool rem = false;      // re lines go to the library's own regex machine, not PCRE
     std::optional<std::string> tokens;  // --tokens: the pattern to show the REM tokens of
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
+    std::string save_image;             // --save: where to write the compiled patterns' image
+    std::string load_image;             // --load: an image to scan with, instead of a pattern file
+    std::optional<int> dump_bnfa;       // --dump-bnfa: the format to print the Thin NFA in
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -258,6 +262,24 @@ constexpr OptionRow kOptions[] = {
          o.lss = std::string(v);
          return std::nullopt;
      }},
+    {'\0', "save", "IMAGE", "write the compiled patterns to IMAGE, for --load (with no FILE, only that)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (v.empty()) return "empty image file name";
+         o.save_image = v;
+         return std::nullopt;
+     }},
+    {'\0', "load", "IMAGE", "scan with the compiled patterns in IMAGE instead of a pattern file (no -p)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (v.empty()) return "empty image file name";
+         o.load_image = v;
+         return std::nullopt;
+     }},
+    {'\0', "dump-bnfa", "FORMAT", "print the Thin NFA as csv or jflap (XML) (with no FILE, only that)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.dump_bnfa = vael::cli::dump_format(v);
+         if (!o.dump_bnfa) return "bad dump format '" + vael::cli::printable(v) + "' (accepted: csv, jflap)";
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -342,6 +364,7 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
 void print_help(std::FILE *out) {
     std::fprintf(out,
                  "Usage: %s -p PATTERN_FILE [OPTION]... [FILE]...\n"
+                 "   or: %s --load IMAGE [OPTION]... [FILE]...\n"
                  "Scan each FILE, read as a stream in blocks, for the patterns of\n"
                  "PATTERN_FILE. With no FILE, or when FILE is -, read standard input\n"
                  "(with -r and no FILE, the current directory).\n"
@@ -351,7 +374,7 @@ void print_help(std::FILE *out) {
                  "FILE:START-END:ID, START being the offset of the match's first byte.\n"
                  "\n"
                  "Options:\n",
-                 kProgram);
+                 kProgram, kProgram);
     for (const auto &row : kOptions) {
         std::string left = row.short_name != '\0' ? std::string{'-', row.short_name} : "  ";
         if (!row.long_name.empty()) {
@@ -386,6 +409,13 @@ void print_help(std::FILE *out) {
                  "metadata gives an LSS(...); TEXT is the pattern after its metadata.\n"
                  "With --rem an re line also shows the states of the minimized DFA that the\n"
                  "REM machine makes of TEXT (dfa_states=refused when it refuses TEXT).\n"
+                 "\n"
+                 "--save IMAGE writes the compiled patterns as one file; --load IMAGE scans\n"
+                 "with it, without a pattern file and without compiling. The IDs printed\n"
+                 "are those of the pattern file the image was saved from; the image keeps\n"
+                 "the -i and --digitless of that run, and those given with --load have no\n"
+                 "effect. --dump-bnfa prints the string engine's automaton (a Thin NFA)\n"
+                 "of the patterns, compiled or loaded, to standard output.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -862,7 +892,55 @@ int finish_output(int status) {
     return status;
 }
 
+int scan_inputs(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool flat);
+
+// --save and --dump-bnfa, after the compile or the load. A status when the
+// run ends here: on failure, or when they were all that was asked.
+std::optional<int> save_and_dump(const Options &options, vael_pm_handle *pm) {
+    if (!options.save_image.empty()) {
+        if (auto why = vael::cli::save_image(pm, options.save_image)) {
+            report(options.save_image, *why);
+            return kExitError;
+        }
+    }
+    if (options.dump_bnfa) {
+        if (auto why = vael::cli::dump_bnfa(pm, *options.dump_bnfa, stdout)) {
+            report(options.load_image.empty() ? options.pattern_file : options.load_image, *why);
+            return kExitError;
+        }
+    }
+    if ((!options.save_image.empty() || options.dump_bnfa) && options.inputs.empty()) return finish_output(kExitMatch);
+    return std::nullopt;
+}
+
+// --load: the patterns come compiled from an image.
+int run_loaded(const Options &options) {
+    if (auto error = check_tunables()) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, error->c_str());
+        return kExitError;
+    }
+    Library library;
+    if (!library.ok()) {
+        std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
+        return kExitError;
+    }
+    set_up_debug_output(options);
+    vael_pm_handle *loaded = nullptr;
+    if (auto why = vael::cli::load_image(options.load_image, vael::cli::StreamScanner::on_match, &loaded)) {
+        report(options.load_image, *why);
+        return kExitError;
+    }
+    PmPtr pm(loaded);
+    if (options.memory)
+        std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the loaded patterns\n", kProgram,
+                     vael_pmglob_memory_get_alloc_total());
+    if (auto status = save_and_dump(options, pm.get())) return *status;
+    return scan_inputs(options, pm.get(), vael::cli::image_history(pm.get(), kOpenHistory),
+                       vael::cli::image_has_words(pm.get()));
+}
+
 int run(const Options &options) {
+    if (!options.load_image.empty()) return run_loaded(options);
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
         const auto &error = *parsed.error;
@@ -925,11 +1003,16 @@ int run(const Options &options) {
         std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the compiled patterns (%zu patterns)\n",
                      kProgram, vael_pmglob_memory_get_alloc_total(), parsed.records.size());
 
+    if (auto status = save_and_dump(options, pm.get())) return *status;
+    return scan_inputs(options, pm.get(), history_needed(parsed.records), has_words(parsed.records));
+}
+
+int scan_inputs(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool flat) {
     std::vector<std::string> inputs = options.inputs;
     if (inputs.empty()) inputs.emplace_back(options.recursive ? "." : "-");
     const bool show_names = options.file_names == FileNames::always ||
                             (options.file_names == FileNames::automatic && (inputs.size() > 1 || options.recursive));
-    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names, has_words(parsed.records));
+    Scanner scanner(options, pm, history, show_names, flat);
     for (const auto &input : inputs) {
         scanner.operand(input);
         if (scanner.done()) break;
@@ -949,7 +1032,10 @@ int main(int argc, char **argv) {
     if (!usage_error && !options.help && options.lss)
         return vael::cli::print_lss(*options.lss, options.compile_flags, stdout);
     if (!usage_error && !options.help) {
-        if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
+        if (!options.load_image.empty() && !options.pattern_file.empty())
+            usage_error = "give either a pattern file (-p) or an image (--load), not both";
+        else if (options.pattern_file.empty() && options.load_image.empty())
+            usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }
     if (usage_error) {
         std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, usage_error->c_str(),
