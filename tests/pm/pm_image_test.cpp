@@ -227,6 +227,7 @@ TEST(PmImage, CutsAndFlipsAreSafe) {
     // The word matcher's fold buffer is shared and kept at its largest; a
     // phrase of a load is never longer than the image.
     ASSERT_EQ(vael_wm_validate_phrase_temp_buffer((uint32_t)image.size()), 0);
+    lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);  // cells kept by earlier runs
     auto kmem = [] { return qx_kmem_get_alloc_total(); };
     const intptr_t kmem_start = kmem();
     for (size_t cut = 0; cut < image.size(); cut++) {
