@@ -36,6 +36,7 @@
 #include "dump_dfa.h"
 #include "explain.h"
 #include "verify.h"
+#include "image.h"
 #include "pattern_file.h"
 #include "read_file.h"
 #include "stats.h"
@@ -88,6 +89,9 @@ struct Options {
     std::optional<std::int32_t> dump_dfa;  // --dump-dfa: the id of the re line whose DFA to print
     vael::cli::DfaDumpFormat dump_format = vael::cli::DfaDumpFormat::text;
     std::optional<vael_pm_stats_attrs> stats;  // --stats: the report asked for after the scan
+    std::string save_image;             // --save: where to write the compiled patterns' image
+    std::string load_image;             // --load: an image to scan with, instead of a pattern file
+    std::optional<int> dump_bnfa;       // --dump-bnfa: the format to print the Thin NFA in
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -294,6 +298,24 @@ constexpr OptionRow kOptions[] = {
          o.stats = attrs;
          return std::nullopt;
      }},
+    {'\0', "save", "IMAGE", "write the compiled patterns to IMAGE, for --load (with no FILE, only that)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (v.empty()) return "empty image file name";
+         o.save_image = v;
+         return std::nullopt;
+     }},
+    {'\0', "load", "IMAGE", "scan with the compiled patterns in IMAGE instead of a pattern file (no -p)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         if (v.empty()) return "empty image file name";
+         o.load_image = v;
+         return std::nullopt;
+     }},
+    {'\0', "dump-bnfa", "FORMAT", "print the Thin NFA as csv or jflap (XML) (with no FILE, only that)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.dump_bnfa = vael::cli::dump_format(v);
+         if (!o.dump_bnfa) return "bad dump format '" + vael::cli::printable(v) + "' (accepted: csv, jflap)";
+         return std::nullopt;
+     }},
     {'h', "help", "", "show this help and exit",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.help = true;
@@ -380,6 +402,7 @@ std::optional<std::string> parse_command_line(int argc, char **argv, Options &op
 void print_help(std::FILE *out) {
     std::fprintf(out,
                  "Usage: %s -p PATTERN_FILE [OPTION]... [FILE]...\n"
+                 "   or: %s --load IMAGE [OPTION]... [FILE]...\n"
                  "Scan each FILE, read as a stream in blocks, for the patterns of\n"
                  "PATTERN_FILE. With no FILE, or when FILE is -, read standard input\n"
                  "(with -r and no FILE, the current directory).\n"
@@ -389,7 +412,7 @@ void print_help(std::FILE *out) {
                  "FILE:START-END:ID, START being the offset of the match's first byte.\n"
                  "\n"
                  "Options:\n",
-                 kProgram);
+                 kProgram, kProgram);
     for (const auto &row : kOptions) {
         std::string left = row.short_name != '\0' ? std::string{'-', row.short_name} : "  ";
         if (!row.long_name.empty()) {
@@ -448,6 +471,12 @@ void print_help(std::FILE *out) {
                  "FLAGS, divided by ',': S=ID|TIER1|MATCHES|PERF|INTERNAL_ID (order of the\n"
                  "patterns), D (descending), FORMAT=TEXT|CSV, LEVEL=PM|TIER1|TIER2 (one table;\n"
                  "CSV needs one). Times are taken unless vael_pm_stats_take_exec_time=0.\n"
+                 "--save IMAGE writes the compiled patterns as one file; --load IMAGE scans\n"
+                 "with it, without a pattern file and without compiling. The IDs printed\n"
+                 "are those of the pattern file the image was saved from; the image keeps\n"
+                 "the -i and --digitless of that run, and those given with --load have no\n"
+                 "effect. --dump-bnfa prints the string engine's automaton (a Thin NFA)\n"
+                 "of the patterns, compiled or loaded, to standard output.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -955,7 +984,55 @@ int dump_dfa(const Options &options, const PatternRecord &record) {
     return finish_output(kExitMatch);
 }
 
+int scan_inputs(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool flat);
+
+// --save and --dump-bnfa, after the compile or the load. A status when the
+// run ends here: on failure, or when they were all that was asked.
+std::optional<int> save_and_dump(const Options &options, vael_pm_handle *pm) {
+    if (!options.save_image.empty()) {
+        if (auto why = vael::cli::save_image(pm, options.save_image)) {
+            report(options.save_image, *why);
+            return kExitError;
+        }
+    }
+    if (options.dump_bnfa) {
+        if (auto why = vael::cli::dump_bnfa(pm, *options.dump_bnfa, stdout)) {
+            report(options.load_image.empty() ? options.pattern_file : options.load_image, *why);
+            return kExitError;
+        }
+    }
+    if ((!options.save_image.empty() || options.dump_bnfa) && options.inputs.empty()) return finish_output(kExitMatch);
+    return std::nullopt;
+}
+
+// --load: the patterns come compiled from an image.
+int run_loaded(const Options &options) {
+    if (auto error = check_tunables()) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, error->c_str());
+        return kExitError;
+    }
+    Library library;
+    if (!library.ok()) {
+        std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
+        return kExitError;
+    }
+    set_up_debug_output(options);
+    vael_pm_handle *loaded = nullptr;
+    if (auto why = vael::cli::load_image(options.load_image, vael::cli::StreamScanner::on_match, &loaded)) {
+        report(options.load_image, *why);
+        return kExitError;
+    }
+    PmPtr pm(loaded);
+    if (options.memory)
+        std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the loaded patterns\n", kProgram,
+                     vael_pmglob_memory_get_alloc_total());
+    if (auto status = save_and_dump(options, pm.get())) return *status;
+    return scan_inputs(options, pm.get(), vael::cli::image_history(pm.get(), kOpenHistory),
+                       vael::cli::image_has_words(pm.get()));
+}
+
 int run(const Options &options) {
+    if (!options.load_image.empty()) return run_loaded(options);
     const auto parsed = vael::cli::read_pattern_file(options.pattern_file);
     if (!parsed.ok()) {
         const auto &error = *parsed.error;
@@ -987,9 +1064,6 @@ int run(const Options &options) {
     }
     set_up_debug_output(options);
     if (dump_record != nullptr) return dump_dfa(options, *dump_record);
-    // A report's times are taken only when asked for; the environment's
-    // word stands when it is given.
-    if (options.stats && std::getenv("vael_pm_stats_take_exec_time") == nullptr) vael_pm_stats_take_exec_time = 1;
 
     PatternsPtr patterns(vael_pm_patterns_create());
     if (!patterns) {
@@ -1030,16 +1104,24 @@ int run(const Options &options) {
         std::fprintf(stderr, "%s: memory: %" PRIdPTR " bytes held by the compiled patterns (%zu patterns)\n",
                      kProgram, vael_pmglob_memory_get_alloc_total(), parsed.records.size());
 
+    if (auto status = save_and_dump(options, pm.get())) return *status;
+    return scan_inputs(options, pm.get(), history_needed(parsed.records), has_words(parsed.records));
+}
+
+int scan_inputs(const Options &options, vael_pm_handle *pm, std::uint32_t history, bool flat) {
+    // A report's times are taken only when asked for; the environment's
+    // word stands when it is given.
+    if (options.stats && std::getenv("vael_pm_stats_take_exec_time") == nullptr) vael_pm_stats_take_exec_time = 1;
     std::vector<std::string> inputs = options.inputs;
     if (inputs.empty()) inputs.emplace_back(options.recursive ? "." : "-");
     const bool show_names = options.file_names == FileNames::always ||
                             (options.file_names == FileNames::automatic && (inputs.size() > 1 || options.recursive));
-    Scanner scanner(options, pm.get(), history_needed(parsed.records), show_names, has_words(parsed.records));
+    Scanner scanner(options, pm, history, show_names, flat);
     for (const auto &input : inputs) {
         scanner.operand(input);
         if (scanner.done()) break;
     }
-    if (options.stats) vael::cli::print_stats(pm.get(), *options.stats);
+    if (options.stats) vael::cli::print_stats(pm, *options.stats);
     if (options.quiet && scanner.any_match()) return finish_output(kExitMatch);
     if (scanner.any_error()) return finish_output(kExitError);
     return finish_output(scanner.any_match() ? kExitMatch : kExitNoMatch);
@@ -1086,7 +1168,10 @@ int main(int argc, char **argv) {
             options.dump_format = *format;
     }
     if (!usage_error && !options.help) {
-        if (options.pattern_file.empty()) usage_error = "no pattern file given (use -p PATTERN_FILE)";
+        if (!options.load_image.empty() && !options.pattern_file.empty())
+            usage_error = "give either a pattern file (-p) or an image (--load), not both";
+        else if (options.pattern_file.empty() && options.load_image.empty())
+            usage_error = "no pattern file given (use -p PATTERN_FILE)";
     }
     if (usage_error) {
         std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, usage_error->c_str(),

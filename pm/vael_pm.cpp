@@ -84,15 +84,15 @@ extern "C" void vael_pm_list_lock_destroy(void) {
     *vael_pm_global_data.lock_init = 0;
 }
 
-namespace {
 // Newest first; a PM's id is one more than the head's.
-void vael_pm_insert_to_pm_list(vael_pm_handle *pm) {
+extern "C" void vael_pm_insert_to_pm_list(vael_pm_handle *pm) {
     vael_pm_handle **list = vael_pm_global_data.list;
     pm->pm_id = *list ? (*list)->pm_id + 1 : 0;
     pm->next = *list;
     *list = pm;
 }
 
+namespace {
 // A PM that is not in the list is no error: a failed compile never joined.
 void vael_pm_remove_from_pm_list(vael_pm_handle *pm) {
     for (vael_pm_handle **p = vael_pm_global_data.list; *p; p = &(*p)->next) {

@@ -275,6 +275,9 @@ extern "C" int vael_pm_exec_drain_tier1(vael_pm_handle *pm, lst_list *queue, con
         uint32_t offset, hint, extra[2];
         vael_pmglob_match_data_get(hit, &id, &offset, &hint, extra);
         vael_pmglob_match_data_free(hit);
+        // A first tier loaded from an image may name a pattern its PM lacks.
+        if ((uint32_t)id >= pm->num_tier2)
+            continue;
         vael_pm_array_one_handle &entry = pm->pm_array[id];
         vael_counter_add(entry.tier1_matches, 1u);
         if (entry.tier2_h) {

@@ -270,6 +270,8 @@ void vael_pmglob_ctx_reentrant_destroy(vael_pmglob_ctx_reentrant *pool);
 /* Handle life shared by compile, update and duplicate. */
 vael_pm_handle *vael_pm_create_handle(uint32_t n, vael_pm_match_cb match_cb, uint32_t flags, const char *caller);
 void vael_pm_insert_to_pm_list_locked(vael_pm_handle *pm);
+/* The same with the PM list mutex held by the caller. */
+void vael_pm_insert_to_pm_list(vael_pm_handle *pm);
 
 /* Engines' init functions fill one row each. */
 int vael_thin_nfa_init(vael_pm_tier1_funcs *row);
@@ -281,6 +283,27 @@ void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t ti
 int vael_pmglob_uuid_cmp(const unsigned char *a, const unsigned char *b);
 void vael_pmglob_uuid_cpy(unsigned char *dst, const unsigned char *src);
 int vael_pm_validate(vael_pm_handle *pm);
+
+/* The pieces of the PM image (vael_pm_image.cpp). The size functions give 0
+ * for failure; the writers and readers move *position and lower *space. A
+ * reader takes its bytes from the vbuf through *iter when vbuf is given. */
+uint32_t vael_ex_tier2_calculate_size(const vael_pm_array_one_handle *array, uint32_t count);
+uint32_t vael_pm_calculate_size(const vael_pm_handle *pm);
+int vael_ex_tier2_serialize(const vael_pm_array_one_handle *array, uint32_t count, unsigned char **position,
+                            uint32_t *space);
+/* The 28 bytes of the statistics block as the image holds them. */
+void vael_pm_copy_stats(unsigned char *dst, const vael_pm_handle *pm);
+vael_pm_handle *vael_pm_deserialize_once(const unsigned char *uuid, const unsigned char *buffer, uint32_t size,
+                                         vael_pm_match_cb match_cb, const char *caller);
+/* A new PM from the image after its uuid, not yet in the PM list. */
+vael_pm_handle *vael_pm_do_deserialize(const unsigned char *buffer, uint32_t size, vael_vbuf *vbuf,
+                                       vael_vbuf_iter *iter, vael_pm_match_cb match_cb, const char *caller);
+int vael_ex_tier2_deserialize(vael_pm_handle *pm, const unsigned char **position, uint32_t *space, vael_vbuf *vbuf,
+                              vael_vbuf_iter *iter);
+int vael_tier1_deserialize(vael_pm_handle *pm, int slot, const unsigned char **position, uint32_t *space,
+                           vael_vbuf *vbuf, vael_vbuf_iter *iter);
+int vael_tier2_deserialize(vael_pm_handle *pm, uint32_t index, const unsigned char **position, uint32_t *space,
+                           vael_vbuf *vbuf, vael_vbuf_iter *iter);
 
 #ifdef __cplusplus
 }

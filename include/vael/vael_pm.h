@@ -167,6 +167,30 @@ vael_pm_mask *vael_pm_mask_dup(const vael_pm_mask *mask);
 int vael_pm_mask_and(vael_pm_mask *dst, const vael_pm_mask *src);
 int vael_pmglob_mask_is_set(const vael_pm_mask *mask, uint32_t internal_id);
 
+/* The PM image: one flat, position-independent byte string of a compiled
+ * PM, to be loaded in another process. The serialize allocates the image
+ * from the PM account (free it with vael_pmglob_memory_kfree_ex_) and gives
+ * 0, or -1 with null and 0 stored. A load gives a PM or null; an image whose
+ * uuid names a PM already loaded gives that PM with one more reference (one
+ * vael_pm_destroy per load), and the callback given becomes that PM's. An
+ * image is untrusted input: whatever its bytes, a load refuses it or gives a
+ * PM that validates. */
+int vael_pm_serialize(vael_pm_handle *pm, unsigned char **buffer, uint32_t *size);
+vael_pm_handle *vael_pm_deserialize(const unsigned char *buffer, uint32_t size, vael_pm_match_cb match_cb,
+                                    const char *caller);
+/* The same from the first `size` bytes of a vbuf. */
+vael_pm_handle *vael_pm_deserialize_vbuf(vael_vbuf *vbuf, uint32_t size, vael_pm_match_cb match_cb,
+                                         const char *caller);
+/* The kernel side's loader: null in user space. */
+vael_pm_handle *vael_pm_kernel_deserialize(const unsigned char *buffer, uint32_t size, vael_pm_match_cb match_cb,
+                                           const char *caller);
+/* 1 when the images of both PMs are byte for byte equal, else 0. */
+int vael_pm_serialize_and_compare(vael_pm_handle *pm1, vael_pm_handle *pm2);
+/* Non-zero: images carry "IZRS" in place of memory and time figures, so that
+ * two images of one pattern set compare equal. */
+extern int vael_pm_serialize_during_sanity_check; /* default 0 */
+extern int vael_pm_serialize_sanity_check;        /* default 0; read nowhere in this library */
+
 /* Tunables, read at compile time. */
 extern int vael_pm_min_lss_size;                                /* default 1 */
 extern int vael_pm_stats_take_exec_time;                        /* default 0 */

@@ -1,0 +1,159 @@
+// vael-scan --save, --load and --dump-bnfa, run as a user runs them: an image
+// saved from a pattern file scans every input as the pattern file does, with
+// the same output; a bad image or a bad combination of options is an error
+// with its message and status 2.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string slurp(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class ImageCli : public testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() /
+               ("vael_image_cli_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
+                std::to_string(::getpid()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string path(const std::string &name) const { return (dir_ / name).string(); }
+    std::string write(const std::string &name, const std::string &bytes) {
+        std::ofstream(dir_ / name, std::ios::binary) << bytes;
+        return path(name);
+    }
+
+    Result run(std::vector<std::string> args) {
+        args.insert(args.begin(), VAEL_SCAN_PATH);
+        std::vector<char *> argv;
+        for (auto &s : args) argv.push_back(s.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, path(".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, path(".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        pid_t pid = -1;
+        Result r;
+        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+            int wstatus = 0;
+            ::waitpid(pid, &wstatus, 0);
+            r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        r.out = slurp(path(".out"));
+        r.err = slurp(path(".err"));
+        return r;
+    }
+
+    fs::path dir_;
+};
+
+// Every kind of pattern line; an input that hits each, split over the
+// program's runs by a small block size.
+const char kPatterns[] =
+    "1\tGET /\n"
+    "2\tstr\t{caseless}:host:\n"
+    "3\tre\tabc[0-9]+de\n"
+    "4\tword\tfree money\n"
+    "5\tkw\t{LSS(k=)}:data: \"k=\"; test: 1, =, 0x39, 0, relative;\n"
+    "6\tre\t{LSS(user)}:user=[a-z]{2,5};\n";
+
+TEST_F(ImageCli, LoadedImageScansLikeThePatternFile) {
+    const std::string patterns = write("p.txt", kPatterns);
+    std::string input;
+    for (int i = 0; i < 50; i++)
+        input += "GET / HOST: x abc12de k=9 free money user=abc; k=1 ";
+    const std::string in = write("in.txt", input);
+    const std::string image = path("p.img");
+    ASSERT_EQ(run({"-p", patterns, "--save", image}).status, 0);
+    ASSERT_TRUE(fs::exists(image));
+    struct Row {
+        std::vector<std::string> opts;
+    };
+    const Row rows[] = {{{}}, {{"--all"}}, {{"-c", "--all"}}, {{"--all", "--block-size", "7"}}, {{"--start"}}};
+    for (const Row &row : rows) {
+        std::vector<std::string> compiled{"-p", patterns}, loaded{"--load", image};
+        for (auto *args : {&compiled, &loaded}) {
+            args->insert(args->end(), row.opts.begin(), row.opts.end());
+            args->push_back(in);
+        }
+        const Result want = run(compiled);
+        const Result got = run(loaded);
+        EXPECT_EQ(want.status, 0) << want.err;
+        EXPECT_EQ(got.status, want.status) << got.err;
+        EXPECT_EQ(got.out, want.out);
+        EXPECT_FALSE(got.out.empty());
+    }
+}
+
+TEST_F(ImageCli, ErrorsAndDumps) {
+    const std::string patterns = write("p.txt", "1\the\n2\tshe\n3\this\n4\thers\n");
+    const std::string image = path("p.img");
+    ASSERT_EQ(run({"-p", patterns, "--save", image}).status, 0);
+    const std::string bytes = slurp(image);
+    const std::string cut = write("cut.img", bytes.substr(0, bytes.size() - 1));
+    const std::string junk = write("junk.img", "not an image at all");
+    const std::string in = write("in.txt", "ushers");
+    struct Row {
+        std::vector<std::string> args;
+        int status;
+        std::string out_has;  // text expected in standard output
+        std::string err_has;  // text expected in standard error
+    };
+    const Row rows[] = {
+        {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""},
+        {{"--load", cut, in}, 2, "", "damaged"},
+        {{"--load", junk, in}, 2, "", "not an image"},
+        {{"--load", path("none.img"), in}, 2, "", "No such file"},
+        {{"--load", image, "-p", patterns, in}, 2, "", "not both"},
+        {{"-p", patterns, "--save", path("no/dir/x.img")}, 2, "", "No such file"},
+        {{"-p", patterns, "--dump-bnfa", "xml"}, 2, "", "accepted: csv, jflap"},
+        {{"-p", patterns, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"--load", image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"--load", image, "--dump-bnfa", "csv"}, 0, ",", ""},
+        {{"-p", write("w.txt", "1\tword\tmoney\n"), "--dump-bnfa", "csv"}, 2, "", "no Thin NFA"},
+        {{"--help"}, 0, "--load IMAGE", ""},
+    };
+    for (const Row &row : rows) {
+        std::string line;
+        for (const auto &a : row.args) line += a + " ";
+        SCOPED_TRACE(line);
+        const Result r = run(row.args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        EXPECT_NE(r.out.find(row.out_has), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find(row.err_has), std::string::npos) << r.err;
+    }
+    // The dump of the loaded automaton is the dump of the compiled one.
+    EXPECT_EQ(run({"--load", image, "--dump-bnfa", "csv"}).out, run({"-p", patterns, "--dump-bnfa", "csv"}).out);
+}
+
+}  // namespace
