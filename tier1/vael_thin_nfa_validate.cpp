@@ -512,8 +512,12 @@ extern "C" int vael_thin_nfa_validate_walk(const vael_thin_nfa *nfa) {
     return valid ? 1 : 0;
 }
 
+// Below this size the walk's misses stay in the cache, and it is the faster
+// of the two; above it the quick proof goes first.
+constexpr uint32_t kQuickProofMinBytes = 512u << 10;
+
 extern "C" int vael_thin_nfa_validate(const vael_thin_nfa *nfa) {
-    if (vael_thin_nfa_validate_quick(nfa) != 1)
+    if (!nfa || nfa->bnfa_size < kQuickProofMinBytes || vael_thin_nfa_validate_quick(nfa) != 1)
         return vael_thin_nfa_validate_walk(nfa);
     VAEL_LOG_AS("vael_thin_nfa_is_valid", VAEL_DBG_NOTICE, "K_THINNFA", "%s: Thin NFA %p validation succeeded\n",
                 (const void *)nfa);
