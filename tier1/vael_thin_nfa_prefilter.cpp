@@ -1,11 +1,9 @@
 // vael_thin_nfa_prefilter.cpp - derives a handle's candidate filter from its
 // BNFA and searches with it (see vael_thin_nfa_prefilter.h).
 //
-// The derivation walks the BNFA breadth-first from the root down to depth 4.
-// A full state's table mixes the trie's own children with fail transitions
-// folded in at build time; the two are told apart by depth: a fail
-// transition from a state of depth d leads to a state of depth d or less,
-// which the walk has already met, while a child lies at d + 1. The window
+// The derivation walks the BNFA breadth-first from the root down to depth 8
+// and lists the trie's edges there once; the enumerations of windows and
+// confirmation keys then run on that list. The window
 // length is the shortest pattern's length, capped at 4, so every position
 // where a pattern starts shows a full window of that pattern's beginning.
 
@@ -24,7 +22,6 @@ int vael_thin_nfa_prefilter = THIN_NFA_PREFILTER_AUTO;
 namespace {
 
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
-constexpr uint8_t kNoDepth = 0xff;
 constexpr uint32_t kMaxWindow = 4;
 constexpr uint32_t kMaxStride = 4;
 // The confirmation looks this deep: past the prefixes traffic shares with
@@ -47,12 +44,31 @@ constexpr uint32_t kMaxTableLog2 = 20;
 // sets with long windows can exceed it, and then get a shorter window.
 constexpr uint32_t kMaxEnumerated = 1u << 20;
 
+constexpr uint32_t kUnplaced = UINT32_MAX;
+constexpr uint32_t kFiniteChild = 0x80000000u;
+
+// The trie's top, down to kConfirmDepth: its states in breadth-first order
+// (`queue`, word offsets), and per state of depth below kConfirmDepth its
+// edges, one per raw byte that leads to a child, in `edge_child` (the
+// child's place in the queue, kFiniteChild when it is finite) and
+// `edge_byte`, those of place q from edge_first[q] to edge_first[q + 1].
+// The BNFA is read twice, once to place the states and count the edges and
+// once to list them; every enumeration after that runs on the lists.
 struct Walk {
     const vael_thin_nfa *nfa;
     const uint32_t *bnfa;
     uint32_t words;       // of the BNFA
-    uint8_t *depth;       // per state ID, kNoDepth beyond the walk
-    uint32_t level_nodes[kConfirmDepth + 1];
+    uint32_t *place;      // per state ID: its place in the queue, kUnplaced beyond the walk
+    uint32_t *queue;
+    // Places of depth d run from level_start[d] to level_start[d + 1].
+    uint32_t level_start[kConfirmDepth + 2];
+    // Raw bytes by canonical byte: those of c from raw_first[c] to raw_first[c + 1].
+    uint16_t raw_first[257];
+    uint8_t raw_bytes[256];
+    uint64_t edges;
+    uint32_t *edge_first;
+    uint32_t *edge_child;
+    uint8_t *edge_byte;
 };
 
 bool valid_target(const Walk &w, uint32_t offset) {
@@ -61,20 +77,39 @@ bool valid_target(const Walk &w, uint32_t offset) {
 
 uint32_t state_id(const Walk &w, uint32_t offset) { return w.bnfa[offset] >> BNFA_STATE_ID_SHIFT; }
 
+void index_raw_bytes(Walk &w) {
+    bool xlate = w.nfa->flags & THIN_NFA_FLAG_XLATION;
+    uint16_t count[256] = {};
+    for (uint32_t b = 0; b < 256; b++)
+        count[xlate ? w.nfa->xlation_tab[b] : b]++;
+    w.raw_first[0] = 0;
+    for (uint32_t c = 0; c < 256; c++)
+        w.raw_first[c + 1] = (uint16_t)(w.raw_first[c] + count[c]);
+    uint16_t at[256];
+    std::memcpy(at, w.raw_first, sizeof at);
+    for (uint32_t b = 0; b < 256; b++)
+        w.raw_bytes[at[xlate ? w.nfa->xlation_tab[b] : b]++] = (uint8_t)b;
+}
+
 // Calls f(raw byte, child offset) for each raw byte that takes the state at
-// `offset` (of depth d) to one of its children in the trie.
+// `offset` (of depth d) to one of its children in the trie. A full state's
+// table mixes children with fail transitions folded in at build time; the
+// two are told apart by depth: a fail transition from a state of depth d
+// leads to a state of depth d or less, already placed, a child lies at
+// d + 1 and is either unplaced yet or placed on that level.
 template <class F>
 void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
     const uint32_t *s = w.bnfa + offset;
+    auto is_child = [&](uint32_t t) {
+        uint32_t q = w.place[state_id(w, t)];
+        return q == kUnplaced || (q >= w.level_start[d + 1] && q < w.level_start[d + 2]);
+    };
     if (!(*s & BNFA_STATE_PARTIAL)) {
         if (offset + BNFA_FULL_STATE_WORDS > w.words)
             return;
         for (uint32_t b = 0; b < 256; b++) {
             uint32_t t = s[1 + b];
-            if (!valid_target(w, t))
-                continue;
-            uint8_t td = w.depth[state_id(w, t)];
-            if (td == kNoDepth || td == d + 1)
+            if (valid_target(w, t) && is_child(t))
                 f(b, t);
         }
         return;
@@ -84,7 +119,6 @@ void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
     uint32_t n = s[1] & 0xffu;
     if (offset + 2 + n > w.words)
         return;
-    bool xlate = w.nfa->flags & THIN_NFA_FLAG_XLATION;
     for (uint32_t i = 0; i < n; i++) {
         uint32_t c = s[2 + i] & 0xffu;
         uint32_t t = s[2 + i] >> 8;
@@ -92,41 +126,61 @@ void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
             continue;
         // Explicit transitions hold canonical bytes; every raw byte that
         // translates to one takes it.
-        if (!xlate) {
-            f(c, t);
-            continue;
-        }
-        for (uint32_t b = 0; b < 256; b++)
-            if (w.nfa->xlation_tab[b] == c)
-                f(b, t);
+        for (uint32_t r = w.raw_first[c]; r < w.raw_first[c + 1]; r++)
+            f(w.raw_bytes[r], t);
     }
 }
 
-// Marks depths 1..8 breadth-first; returns the shortest pattern's length,
-// or kConfirmDepth + 1 when none ends above depth 9.
-uint32_t mark_depths(Walk &w, uint32_t *queue) {
-    std::memset(w.depth, kNoDepth, w.nfa->state_num);
-    std::memset(w.level_nodes, 0, sizeof w.level_nodes);
-    w.depth[0] = 0;
-    queue[0] = 0;
-    uint32_t head = 0, tail = 1, shortest = kConfirmDepth + 1;
-    w.level_nodes[0] = 1;
+// Places depths 0..8 breadth-first and counts the edges above depth 8;
+// returns the shortest pattern's length, or kConfirmDepth + 1 when none
+// ends above depth 9.
+uint32_t place_states(Walk &w) {
+    std::memset(w.place, 0xff, sizeof(uint32_t) * (size_t)w.nfa->state_num);
+    w.place[state_id(w, 0)] = 0;
+    w.queue[0] = 0;
+    w.level_start[0] = 0;
+    w.level_start[1] = 1;
+    w.edges = 0;
+    uint32_t tail = 1, shortest = kConfirmDepth + 1;
     for (uint32_t d = 0; d < kConfirmDepth; d++) {
-        uint32_t level_end = tail;
-        for (; head < level_end; head++) {
-            for_each_child(w, queue[head], d, [&](uint32_t, uint32_t t) {
+        // Level d + 1 grows as level d is read.
+        w.level_start[d + 2] = UINT32_MAX;
+        for (uint32_t q = w.level_start[d]; q < w.level_start[d + 1]; q++) {
+            for_each_child(w, w.queue[q], d, [&](uint32_t, uint32_t t) {
+                w.edges++;
                 uint32_t id = state_id(w, t);
-                if (w.depth[id] != kNoDepth)
+                if (w.place[id] != kUnplaced)
                     return;
-                w.depth[id] = (uint8_t)(d + 1);
-                w.level_nodes[d + 1]++;
-                queue[tail++] = t;
+                w.place[id] = tail;
+                w.queue[tail++] = t;
                 if ((w.bnfa[t] & BNFA_STATE_FINITE) && d + 1 < shortest)
                     shortest = d + 1;
             });
         }
+        w.level_start[d + 2] = tail;
     }
     return shortest;
+}
+
+// Lists the edges place_states counted, into arrays of that size.
+void list_edges(Walk &w) {
+    uint32_t e = 0;
+    for (uint32_t d = 0; d < kConfirmDepth; d++) {
+        for (uint32_t q = w.level_start[d]; q < w.level_start[d + 1]; q++) {
+            w.edge_first[q] = e;
+            for_each_child(w, w.queue[q], d, [&](uint32_t b, uint32_t t) {
+                w.edge_child[e] = w.place[state_id(w, t)] | ((w.bnfa[t] & BNFA_STATE_FINITE) ? kFiniteChild : 0);
+                w.edge_byte[e++] = (uint8_t)b;
+            });
+        }
+    }
+    w.edge_first[w.level_start[kConfirmDepth]] = e;
+}
+
+template <class F>
+void for_each_edge(const Walk &w, uint32_t q, F &&f) {
+    for (uint32_t e = w.edge_first[q]; e < w.edge_first[q + 1]; e++)
+        f(w.edge_byte[e], w.edge_child[e]);
 }
 
 struct Fill {
@@ -139,7 +193,7 @@ struct Fill {
 
 // Every raw spelling of every path of window + stride - 1 bytes from the
 // root, each giving its windows at offsets 0 .. stride - 1.
-void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
+void fill_windows(Fill &fill, uint32_t q, uint32_t d, uint64_t bytes) {
     if (fill.enumerated > kMaxEnumerated)
         return;
     if (d == fill.window + fill.stride - 1) {
@@ -152,8 +206,8 @@ void fill_windows(Fill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
         }
         return;
     }
-    for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
-        fill_windows(fill, t, d + 1, bytes | ((uint64_t)b << (8 * d)));
+    for_each_edge(*fill.walk, q, [&](uint32_t b, uint32_t child) {
+        fill_windows(fill, child & ~kFiniteChild, d + 1, bytes | ((uint64_t)b << (8 * d)));
     });
 }
 
@@ -168,14 +222,13 @@ struct ConfirmFill {
 // and of every shorter one that ends in a finite state. A pattern of length
 // L starting at a position shows there either its first 8 bytes or, L < 8,
 // all of its bytes, which end in a finite state: one of the keys is set.
-void fill_confirm(ConfirmFill &fill, uint32_t offset, uint32_t d, uint64_t bytes) {
+void fill_confirm(ConfirmFill &fill, uint32_t child, uint32_t d, uint64_t bytes) {
     if (fill.enumerated > kMaxConfirmKeys)
         return;
-    if (d > 0 && (d == kConfirmDepth || (fill.walk->bnfa[offset] & BNFA_STATE_FINITE))) {
+    if (d > 0 && (d == kConfirmDepth || (child & kFiniteChild))) {
         fill.enumerated++;
         fill.lengths |= 1u << d;
-        if (fill.pf->confirm)
-            {
+        if (fill.pf->confirm) {
             uint64_t key = vael_thin_nfa_prefilter_confirm_key(bytes, d);
             uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> fill.pf->confirm_shift);
             fill.pf->confirm[h >> 5] |= 1u << (h & 31);
@@ -183,8 +236,8 @@ void fill_confirm(ConfirmFill &fill, uint32_t offset, uint32_t d, uint64_t bytes
         if (d == kConfirmDepth)
             return;
     }
-    for_each_child(*fill.walk, offset, d, [&](uint32_t b, uint32_t t) {
-        fill_confirm(fill, t, d + 1, bytes | ((uint64_t)b << (8 * d)));
+    for_each_edge(*fill.walk, child & ~kFiniteChild, [&](uint32_t b, uint32_t next) {
+        fill_confirm(fill, next, d + 1, bytes | ((uint64_t)b << (8 * d)));
     });
 }
 
@@ -347,22 +400,40 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
     if (!nfa || !nfa->bnfa || nfa->state_num == 0 || nfa->bnfa_size < BNFA_FULL_STATE_BYTES)
         return -1;
     uint32_t n = nfa->state_num;
-    Walk w{nfa, nfa->bnfa, nfa->bnfa_size / 4, nullptr, {}};
+    Walk w{};
+    w.nfa = nfa;
+    w.bnfa = nfa->bnfa;
+    w.words = nfa->bnfa_size / 4;
+    index_raw_bytes(w);
     // Each allocation only after the one before it succeeded: a failure
     // ends the build at once.
-    uint32_t *queue = nullptr;
+    const size_t work_bytes = 2 * sizeof(uint32_t) * (size_t)n;
+    size_t edge_bytes = 0;
+    unsigned char *edge_block = nullptr;
     vael_thin_nfa_prefilter_tables *pf = nullptr;
-    w.depth = static_cast<uint8_t *>(VAEL_KMALLOC(n));
-    if (w.depth)
-        queue = static_cast<uint32_t *>(VAEL_KMALLOC(sizeof(uint32_t) * (size_t)n));
-    if (queue)
+    w.place = static_cast<uint32_t *>(VAEL_KMALLOC(work_bytes));
+    if (w.place) {
+        w.queue = w.place + n;
         pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
+    }
+    uint32_t shortest = 0;
+    if (pf) {
+        shortest = place_states(w);
+        const size_t listed = w.level_start[kConfirmDepth];
+        edge_bytes = sizeof(uint32_t) * (listed + 1) + (sizeof(uint32_t) + 1) * (size_t)w.edges;
+        // Edges are indexed by 32 bits; no real set comes near.
+        if (w.edges < UINT32_MAX)
+            edge_block = static_cast<unsigned char *>(VAEL_KMALLOC(edge_bytes));
+    }
     int rc = -1;
-    if (!w.depth || !queue || !pf) {
+    if (!edge_block) {
         VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter for %d states\n", (int)n);
     } else {
+        w.edge_first = reinterpret_cast<uint32_t *>(edge_block);
+        w.edge_child = w.edge_first + w.level_start[kConfirmDepth] + 1;
+        w.edge_byte = reinterpret_cast<uint8_t *>(w.edge_child + w.edges);
+        list_edges(w);
         std::memset(pf, 0, sizeof *pf);
-        uint32_t shortest = mark_depths(w, queue);
         uint32_t window = shortest < kMaxWindow ? shortest : kMaxWindow;
         // With every pattern at least window + stride - 1 bytes long, a
         // pattern's start lies at most stride - 1 bytes before a tested
@@ -392,7 +463,9 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
         // folded a window and its respellings hash alike.
         bool caseless = (nfa->flags & THIN_NFA_FLAG_XLATION) && nfa->xlation_tab['A'] == 'a';
         pf->fold = caseless ? 0x20202020u & pf->window_mask : 0;
-        uint64_t distinct = caseless ? (uint64_t)w.level_nodes[window + stride - 1] * stride : fill.enumerated;
+        const uint32_t depth = window + stride - 1;
+        uint64_t distinct =
+            caseless ? (uint64_t)(w.level_start[depth + 1] - w.level_start[depth]) * stride : fill.enumerated;
         uint32_t log2 = kMinTableLog2;
         while (log2 < kMaxTableLog2 && (1ull << log2) < distinct * kBitsPerWindow &&
                (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 8)
@@ -422,12 +495,12 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
                      nfa->prefilter->window, (unsigned)table_bytes, fill.enumerated);
         }
     }
+    if (edge_block)
+        VAEL_KFREE(edge_block, edge_bytes);
     if (pf)
         VAEL_PM_KFREE(pf, sizeof *pf);
-    if (queue)
-        VAEL_KFREE(queue, sizeof(uint32_t) * (size_t)n);
-    if (w.depth)
-        VAEL_KFREE(w.depth, n);
+    if (w.place)
+        VAEL_KFREE(w.place, work_bytes);
     return rc;
 }
 
