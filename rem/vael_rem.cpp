@@ -39,6 +39,7 @@ int is_valid(void *h) { return vael_dfa_is_valid(static_cast<vael_dfa *>(h)); }
 void destroy(void *h) { vael_dfa_destroy(static_cast<vael_dfa *>(h)); }
 vael_pm_stats_common *get_common_stats(void *h) { return vael_dfa_get_common_stats(static_cast<vael_dfa *>(h)); }
 void stats_print(void *h, int level) { vael_dfa_stats_print(static_cast<vael_dfa *>(h), level); }
+void dump(void *h, int format) { vael_rem_dump(h, format); }
 
 const vael_pm_tier2_funcs kRow = {
     "REM",
@@ -55,7 +56,7 @@ const vael_pm_tier2_funcs kRow = {
     destroy,
     stats_print,
     get_common_stats,
-    nullptr,  // dump
+    dump,
 };
 
 }  // namespace
@@ -145,4 +146,8 @@ extern "C" void vael_dfa_stats_print(vael_dfa *dfa, int level) {
     }
     if (level != VAEL_PM_STATS_COMMON_COMPILE)
         vael_pm_stats_common_print(&dfa->stats.common, VAEL_PM_STATS_COMMON_EXEC, VAEL_PM_STATS_FORMAT_TEXT, 0);
+    if (vael_us_adaptor_printable(VAEL_DBG_INFO, "K_PMDUMP")) {
+        vael_us_adaptor_kdprintf("dfa-machine is dumped as jff\n");
+        vael_dfa_dump_xml(dfa);
+    }
 }

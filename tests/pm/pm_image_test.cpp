@@ -115,13 +115,14 @@ const std::vector<RoundTrip> kRoundTrips = {
     {"strings", {{Kind::str, "GET /"}, {Kind::str, "password"}, {Kind::str, "abc"}, {Kind::str, "a"}}},
     {"caseless", {{Kind::str, "host:", VAEL_PM_CASELESS}, {Kind::str, "PassWord", VAEL_PM_CASELESS}}},
     {"regex by PCRE", {{Kind::re, "abc[0-9]+de"}, {Kind::re, "user=[a-z]{2,5};"}, {Kind::re, "(cmd|exec)\\.exe"}}},
+    {"regex by REM", {{Kind::rem, "abc[0-9]+de"}, {Kind::rem, "user=[a-z]{2,5};"}, {Kind::rem, "x[^y]*yz"}}},
     {"keyword rules",
      {{Kind::kw, R"(data: "a", relative; data: "b", relative, depth 1;)", 0, "ax"},
       {Kind::kw, R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
     {"words", {{Kind::word, "free money"}, {Kind::word, "password"}}},
     {"mixed",
      {{Kind::str, "GET /"}, {Kind::str, "host:", VAEL_PM_CASELESS}, {Kind::re, "x[^y]*yz", VAEL_PM_CASELESS},
-      {Kind::re, "abc[0-9]+de"}, {Kind::word, "money"},
+      {Kind::re, "abc[0-9]+de"}, {Kind::rem, "(cmd|exec)\\.exe"}, {Kind::word, "money"},
       {Kind::kw, R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
 };
 
