@@ -48,22 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const intptr_t kmem_start = qx_kmem_get_alloc_total();
     const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
 
-    vael_dfa *dfa = nullptr;
-    uint32_t space = n;
-    if (mode & 1) {
-        vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
-        const uint32_t block = 1 + (mode >> 1);
-        for (uint32_t at = 0; at < n; at += block)
-            vael_vbuf_add_buffer_ex(vbuf, image.get() + at, std::min(block, n - at), nullptr, nullptr);
-        vael_vbuf_iter iter{};
-        dfa = n ? vael_dfa_deserialize(nullptr, &space, vbuf, &iter) : nullptr;
-        vael_vbuf_destroy(vbuf);
-    } else if (n) {
-        const unsigned char *p = image.get();
-        dfa = vael_dfa_deserialize(&p, &space, nullptr, nullptr);
-        FUZZ_CHECK(p <= image.get() + n, "read past the image");
-    }
-    FUZZ_CHECK(space <= n, "space grew");
+    vael_dfa *dfa = vael_fuzz::load_engine_image(mode, image.get(), n, vael_dfa_deserialize);
     if (dfa) {
         // Reachability is the frame's check (the row's is_valid); a machine
         // handed out must run and dump whether or not all of it is reached.

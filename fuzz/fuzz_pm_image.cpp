@@ -51,10 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     vael_pm_handle *pm = nullptr;
     if (mode & 1) {
-        vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
-        const uint32_t block = 1 + (mode >> 1);
-        for (uint32_t at = 0; at < n; at += block)
-            vael_vbuf_add_buffer_ex(vbuf, image.get() + at, std::min(block, n - at), nullptr, nullptr);
+        vael_vbuf *vbuf = vael_fuzz::image_in_blocks(mode, image.get(), n);
         pm = vael_pm_deserialize_vbuf(vbuf, n, count_hit, "fuzz");
         vael_vbuf_destroy(vbuf);
     } else {

@@ -9,6 +9,7 @@
 #ifndef VAEL_FUZZ_SUPPORT_H
 #define VAEL_FUZZ_SUPPORT_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -82,5 +83,40 @@ class Reader {
             std::abort();                                                               \
         }                                                                               \
     } while (0)
+
+namespace vael_fuzz {
+
+// An image target's input is one mode byte and the image. An odd mode hands
+// the image over as a stream would: a vbuf of blocks of 1 + mode / 2 bytes.
+inline vael_vbuf *image_in_blocks(uint8_t mode, unsigned char *image, uint32_t n) {
+    vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
+    const uint32_t block = 1 + (mode >> 1);
+    for (uint32_t at = 0; at < n; at += block)
+        vael_vbuf_add_buffer_ex(vbuf, image + at, std::min(block, n - at), nullptr, nullptr);
+    return vbuf;
+}
+
+// Loads an engine's image, flat or in blocks as the mode byte asks, and checks
+// that the loader kept inside it.
+template <class Handle>
+Handle *load_engine_image(uint8_t mode, unsigned char *image, uint32_t n,
+                          Handle *(*load)(const unsigned char **, uint32_t *, vael_vbuf *, vael_vbuf_iter *)) {
+    uint32_t space = n;
+    Handle *h = nullptr;
+    if (mode & 1) {
+        vael_vbuf *vbuf = image_in_blocks(mode, image, n);
+        vael_vbuf_iter iter{};
+        h = n ? load(nullptr, &space, vbuf, &iter) : nullptr;
+        vael_vbuf_destroy(vbuf);
+    } else {
+        const unsigned char *p = image;
+        h = load(&p, &space, nullptr, nullptr);
+        FUZZ_CHECK(p <= image + n, "read past the image");
+    }
+    FUZZ_CHECK(space <= n, "space grew");
+    return h;
+}
+
+}  // namespace vael_fuzz
 
 #endif  // VAEL_FUZZ_SUPPORT_H
