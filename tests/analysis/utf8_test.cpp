@@ -11,6 +11,7 @@
 
 #include "analysis/vael_pm_utf8.h"
 #include "pm/vael_pm_internal.h"
+#include "tests/rem/utf8_text.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
@@ -84,25 +85,7 @@ const uint32_t kAlphabet[] = {'a', 'b', 'z', 0x7E, 0xA0, 0xE9, 0x7FF, 0x800, 0x2
                               0x10000, 0x1F600, 0x10FFFD};
 constexpr int kAlphabetSize = sizeof kAlphabet / sizeof kAlphabet[0];
 
-std::string utf8(uint32_t cp) {
-    std::string s;
-    if (cp < 0x80) {
-        s += (char)cp;
-    } else if (cp < 0x800) {
-        s += (char)(0xC0 | (cp >> 6));
-        s += (char)(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        s += (char)(0xE0 | (cp >> 12));
-        s += (char)(0x80 | ((cp >> 6) & 0x3F));
-        s += (char)(0x80 | (cp & 0x3F));
-    } else {
-        s += (char)(0xF0 | (cp >> 18));
-        s += (char)(0x80 | ((cp >> 12) & 0x3F));
-        s += (char)(0x80 | ((cp >> 6) & 0x3F));
-        s += (char)(0x80 | (cp & 0x3F));
-    }
-    return s;
-}
+using vael_test::encode_utf8;
 
 // Texts are valid UTF-8, so no surrogate. Planes 4 to 15 are left out too:
 // the class writer's four-byte walk lowers the second byte to 0x8F whenever
@@ -141,7 +124,7 @@ class Generator {
     std::string member(const Node &n) {
         switch (n.type) {
         case Node::kChar:
-            return utf8(n.lo);
+            return encode_utf8(n.lo);
         case Node::kClass: {
             std::vector<uint32_t> choices;
             for (uint32_t c : kAlphabet)
@@ -155,10 +138,10 @@ class Generator {
             } else {
                 choices.push_back(n.hi + 1 >= 0xD800 && n.hi + 1 <= 0xDFFF ? 0xE000 : n.hi + 1);
             }
-            return utf8(choices[pick((int)choices.size())]);
+            return encode_utf8(choices[pick((int)choices.size())]);
         }
         case Node::kDot:
-            return utf8(any_char());
+            return encode_utf8(any_char());
         case Node::kAlt:
             return member(n.kids[pick((int)n.kids.size())]);
         case Node::kConcat: {
@@ -192,12 +175,12 @@ class Generator {
         switch (pick(3)) {
         case 0:
             if (at < (int)chars.size()) {
-                chars[at] = utf8(any_char());
+                chars[at] = encode_utf8(any_char());
                 break;
             }
             [[fallthrough]];
         case 1:
-            chars.insert(chars.begin() + at, utf8(any_char()));
+            chars.insert(chars.begin() + at, encode_utf8(any_char()));
             break;
         default:
             if (at < (int)chars.size())
@@ -245,7 +228,7 @@ class Generator {
             n.lo = std::min(a, b);
             n.hi = std::max(a, b);
             n.negated = pick(3) == 0;
-            n.text = std::string("[") + (n.negated ? "^" : "") + utf8(n.lo) + "-" + utf8(n.hi) + "]";
+            n.text = std::string("[") + (n.negated ? "^" : "") + encode_utf8(n.lo) + "-" + encode_utf8(n.hi) + "]";
             return n;
         }
         case 1:
@@ -258,7 +241,7 @@ class Generator {
         case 2: {
             Node n(Node::kChar);
             n.lo = any_char();
-            n.text = utf8(n.lo);
+            n.text = encode_utf8(n.lo);
             return n;
         }
         default: {
