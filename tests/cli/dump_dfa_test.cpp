@@ -2,19 +2,13 @@
 // in; the machine's dump, or a message and status 2, out.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <sstream>
+#include <string>
+#include <vector>
+
+#include "scan_runner.h"
 
 namespace {
-
-std::string slurp(const std::filesystem::path &path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 TEST(DumpDfa, AUserDumpsTheMachineOfOneReLine) {
     auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
@@ -35,19 +29,18 @@ TEST(DumpDfa, AUserDumpsTheMachineOfOneReLine) {
         {"--dump-dfa 1 xml", 2, "", "option '--dump-dfa' takes an id and then a format"},
         {"--dump-dfa 1x csv", 2, "", "bad pattern id '1x' for --dump-dfa"},
     };
-    const auto dir = std::filesystem::temp_directory_path() / ("vael_dump_dfa_" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir / "p.txt") << "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n";
+    const vael_cli_test::Scratch dir("dump_dfa");
+    dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
     for (const auto &r : rows) {
-        const std::string command = "cd " + dir.string() + " && " VAEL_SCAN_PATH " -p p.txt " + r.args + " >out 2>err";
-        const int raw = std::system(command.c_str());
-        EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, r.status) << r.args;
-        const std::string out = slurp(dir / "out"), err = slurp(dir / "err");
+        std::vector<std::string> args{"-p", "p.txt"};
+        std::istringstream words(r.args);
+        for (std::string word; words >> word;) args.push_back(word);
+        const auto [status, out, err] = dir.run(args);
+        EXPECT_EQ(status, r.status) << r.args;
         EXPECT_EQ(out.substr(0, r.out.size()), r.out) << r.args;
         EXPECT_TRUE(r.out.empty() ? out.empty() : out.size() > 0) << r.args;
         EXPECT_NE(err.find(r.err), std::string::npos) << r.args << ": " << err;
     }
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

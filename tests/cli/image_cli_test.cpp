@@ -4,77 +4,23 @@
 // with its message and status 2.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char **environ;
+#include "scan_runner.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-struct Result {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using vael_cli_test::Result;
+using vael_cli_test::slurp;
 
 class ImageCli : public testing::Test {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() /
-               ("vael_image_cli_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + "_" +
-                std::to_string(::getpid()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
+    std::string path(const std::string &name) const { return dir_.path(name); }
+    std::string write(const std::string &name, const std::string &bytes) { return dir_.write(name, bytes); }
+    Result run(std::vector<std::string> args) { return dir_.run(std::move(args)); }
 
-    std::string path(const std::string &name) const { return (dir_ / name).string(); }
-    std::string write(const std::string &name, const std::string &bytes) {
-        std::ofstream(dir_ / name, std::ios::binary) << bytes;
-        return path(name);
-    }
-
-    Result run(std::vector<std::string> args) {
-        args.insert(args.begin(), VAEL_SCAN_PATH);
-        std::vector<char *> argv;
-        for (auto &s : args) argv.push_back(s.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, path(".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, path(".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t pid = -1;
-        Result r;
-        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
-            int wstatus = 0;
-            ::waitpid(pid, &wstatus, 0);
-            r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        r.out = slurp(path(".out"));
-        r.err = slurp(path(".err"));
-        return r;
-    }
-
-    fs::path dir_;
+    vael_cli_test::Scratch dir_{"image_cli"};
 };
 
 // Every kind of pattern line; an input that hits each, split over the
@@ -95,7 +41,7 @@ TEST_F(ImageCli, LoadedImageScansLikeThePatternFile) {
     const std::string in = write("in.txt", input);
     const std::string image = path("p.img");
     ASSERT_EQ(run({"-p", patterns, "--save", image}).status, 0);
-    ASSERT_TRUE(fs::exists(image));
+    ASSERT_TRUE(std::filesystem::exists(image));
     struct Row {
         std::vector<std::string> opts;
     };

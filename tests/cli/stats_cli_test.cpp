@@ -3,31 +3,17 @@
 // flags refused as usage errors.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <unistd.h>
+#include "scan_runner.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 TEST(StatsCli, ReportAfterTheScan) {
-    const fs::path dir = fs::temp_directory_path() / ("vael_stats_cli_" + std::to_string(::getpid()));
-    fs::create_directories(dir);
-    std::ofstream(dir / "p.txt") << "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n";
-    std::ofstream(dir / "in.txt") << "abc foo bar\nxyz foo12bar\n";
+    const vael_cli_test::Scratch dir("stats_cli");
+    dir.write("p.txt", "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n");
+    dir.write("in.txt", "abc foo bar\nxyz foo12bar\n");
 
     struct Row {
         const char *option;
@@ -52,21 +38,19 @@ TEST(StatsCli, ReportAfterTheScan) {
          {"vael-scan: --stats: Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}},
     };
     auto run = [&](const std::string &option) {
-        const std::string command = std::string(VAEL_SCAN_PATH) + " -p " + (dir / "p.txt").string() + " " +
-                                    option + " " + (dir / "in.txt").string() + " >" + (dir / "out").string() +
-                                    " 2>" + (dir / "err").string();
-        const int rc = std::system(command.c_str());
-        EXPECT_TRUE(WIFEXITED(rc)) << command;
-        return WEXITSTATUS(rc);
+        std::vector<std::string> args{"-p", "p.txt"};
+        if (!option.empty()) args.push_back(option);
+        args.push_back("in.txt");
+        return dir.run(args);
     };
-    ASSERT_EQ(run(""), 0);
-    const std::string plain = slurp(dir / "out");
-    EXPECT_EQ(slurp(dir / "err"), "");
+    const vael_cli_test::Result plain = run("");
+    ASSERT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.err, "");
     for (const Row &row : kRows) {
-        EXPECT_EQ(run(row.option), row.status) << row.option;
-        const std::string out = slurp(dir / "out"), err = slurp(dir / "err");
+        const auto [status, out, err] = run(row.option);
+        EXPECT_EQ(status, row.status) << row.option;
         // The matches are printed as without the option.
-        EXPECT_EQ(out, row.status == 0 ? plain : "") << row.option;
+        EXPECT_EQ(out, row.status == 0 ? plain.out : "") << row.option;
         size_t at = 0;
         for (const std::string &piece : row.err) {
             const size_t found = err.find(piece, at);
@@ -74,7 +58,6 @@ TEST(StatsCli, ReportAfterTheScan) {
             at = found == std::string::npos ? at : found + piece.size();
         }
     }
-    fs::remove_all(dir);
 }
 
 }  // namespace

@@ -2,57 +2,16 @@
 // standard output and exit status for each answer, and the usage errors.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char **environ;
+#include "scan_runner.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using vael_cli_test::Result;
 
-struct Result {
-    int status = -1;  // exit status, -1 when the program did not exit normally
-    std::string out, err;
-};
-
-std::string slurp(const fs::path &path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-Result run(std::vector<std::string> args) {
-    const fs::path dir = fs::temp_directory_path() / ("vael_verify_cli_" + std::to_string(::getpid()));
-    fs::create_directories(dir);
-    args.insert(args.begin(), VAEL_SCAN_PATH);
-    std::vector<char *> argv;
-    for (auto &s : args) argv.push_back(s.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, (dir / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, (dir / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    Result result;
-    int wait_status = 0;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0 && ::waitpid(pid, &wait_status, 0) == pid &&
-        WIFEXITED(wait_status))
-        result.status = WEXITSTATUS(wait_status);
-    posix_spawn_file_actions_destroy(&actions);
-    result.out = slurp(dir / "out");
-    result.err = slurp(dir / "err");
-    fs::remove_all(dir);
-    return result;
-}
+Result run(std::vector<std::string> args) { return vael_cli_test::Scratch("verify_cli").run(std::move(args)); }
 
 const std::string kOk = "Success - pattern has identical meaning in new and old regular expression engines";
 
