@@ -113,6 +113,11 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
         vael_thin_nfa_destroy(nfa);
         vael_pmglob_patterns_destroy(strings);
 
+        // The large set is here for the Thin NFA's second state block; a PM
+        // compile fails at no site of its own there that the small sets miss,
+        // and failing each of its many allocations would take minutes.
+        if (each && c.patterns.size() > 16)
+            continue;
         vael_pm_patterns *list = vael_pm_patterns_create();
         for (const auto &p : c.patterns)
             vael_pm_patterns_add_simple_pattern(list, p.text.data(), (uint32_t)p.text.size(), p.id, p.flags);
