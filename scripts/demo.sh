@@ -64,3 +64,16 @@ run "$scan" --count --all -i -p samples/patterns.txt "${traffic[@]}"
 echo
 echo "==> keyword rules (samples/rules.txt): a string, then checks of what follows it"
 run "$scan" -p samples/rules.txt "${traffic[@]}"
+
+echo
+echo "==> compile once and save the image; a later run loads it instead of compiling,"
+echo "    and finds the same matches"
+image="$(mktemp)"
+trap 'rm -f "$image"' EXIT
+run "$scan" -p samples/patterns.txt --save "$image"
+run "$scan" --count --load "$image" "${traffic[@]}"
+
+echo
+echo "==> the library's report of the run: patterns, memory, compile time, first-tier hits and"
+echo "    the matches the second tiers confirmed"
+run bash -c "\"$scan\" --stats=LEVEL=PM -p samples/patterns.txt ${traffic[*]} >/dev/null"
