@@ -36,7 +36,7 @@ const char kPatterns[] =
 TEST_F(ImageCli, LoadedImageScansLikeThePatternFile) {
     const std::string patterns = write("p.txt", kPatterns);
     std::string input;
-    for (int i = 0; i < 50; i++)
+    for (int i = 0; i < 8; i++)
         input += "GET / HOST: x abc12de k=9 free money user=abc; k=1 ";
     const std::string in = write("in.txt", input);
     const std::string image = path("p.img");
