@@ -1,7 +1,8 @@
-// replay_main.cpp - runs a fuzz target without libFuzzer: every file named on
-// the command line, and every file in every directory named, goes once
-// through LLVMFuzzerTestOneInput. This is how the normal test suite replays
-// the checked-in corpus of each target with the project's own compiler.
+// replay_main.cpp - runs the fuzz targets without libFuzzer: `vael_fuzz_replay
+// TARGET PATH...` feeds every file named, and every file in every directory
+// named, once through the target's entry point. This is how the normal test
+// suite replays the checked-in corpus of each target with the project's own
+// compiler; all targets share this one program, so the suite links once.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -11,9 +12,28 @@
 #include <string>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+#include <cstring>
+
+using vael_fuzz_entry = int (*)(const uint8_t *data, size_t size);
+
+#define VAEL_FUZZ_TARGET(name) extern "C" int vael_fuzz_entry_##name(const uint8_t *data, size_t size);
+#include "fuzz_targets.inc"
+#undef VAEL_FUZZ_TARGET
 
 namespace {
+
+struct Target {
+    const char *name;
+    vael_fuzz_entry entry;
+};
+
+constexpr Target kTargets[] = {
+#define VAEL_FUZZ_TARGET(name) {#name, vael_fuzz_entry_##name},
+#include "fuzz_targets.inc"
+#undef VAEL_FUZZ_TARGET
+};
+
+vael_fuzz_entry entry = nullptr;
 
 int replay(const std::filesystem::path &file) {
     std::ifstream in(file, std::ios::binary);
@@ -22,15 +42,25 @@ int replay(const std::filesystem::path &file) {
         return 1;
     }
     std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
+    entry(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
     return 0;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+    for (const Target &t : kTargets)
+        if (argc > 1 && std::strcmp(argv[1], t.name) == 0)
+            entry = t.entry;
+    if (!entry) {
+        std::fprintf(stderr, "usage: vael_fuzz_replay TARGET PATH...\ntargets:");
+        for (const Target &t : kTargets)
+            std::fprintf(stderr, " %s", t.name);
+        std::fprintf(stderr, "\n");
+        return 2;
+    }
     int failures = 0, inputs = 0;
-    for (int i = 1; i < argc; i++) {
+    for (int i = 2; i < argc; i++) {
         std::filesystem::path arg(argv[i]);
         if (std::filesystem::is_directory(arg)) {
             std::vector<std::filesystem::path> files;

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # test.sh - builds everything and runs the whole test suite twice: with the
 # `default` preset (optimised, with debug info) and with the `asan` preset
-# (AddressSanitizer and UndefinedBehaviorSanitizer). Then builds only the test
-# program with the `tsan` preset (ThreadSanitizer) and runs the threading
-# tests there, which keeps that pass short. Stops at the first failure with a
+# (AddressSanitizer and UndefinedBehaviorSanitizer). Then builds only the
+# threading tests' program with the `tsan` preset (ThreadSanitizer) and runs
+# it, which keeps that pass short. Stops at the first failure with a
 # non-zero status.
 #
 # Works on a fresh Debian 12 as root (or with sudo): installs whatever of the
@@ -25,7 +25,7 @@ for preset in default asan; do
   ctest --preset "$preset" -j"$jobs"
 done
 
-echo "==> preset tsan: configure, build the test program, run the threading tests"
+echo "==> preset tsan: configure, build and run the threading tests"
 cmake --preset tsan
 cmake --build --preset tsan -j"$jobs"
 ctest --preset tsan -j"$jobs"
