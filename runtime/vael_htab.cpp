@@ -718,39 +718,40 @@ __attribute__((noinline, cold)) int get_checked(int id, const uint32_t *key, int
 
 } // namespace
 
-// The lookup of a packet path: kept short, so that a caller's loop of lookups
-// has several of them in flight at once; they wait on memory, not on code.
-// The lookup of a packet path, for keys of one or two words and one value
-// word: short and free of calls, so that a caller's loop of lookups keeps
-// several of them waiting on memory at once. Everything else, and every
-// failure but a missing key, takes the checked road.
+// The lookup of a packet path: a key of two words and one value word, the
+// common shape. A loop of lookups waits on memory, not on code, and how many
+// of them the processor keeps in flight at once depends on how few
+// instructions each takes; so this path makes no call, saves no register, and
+// tests the key as one 64-bit word. Every other shape, and every failure but a
+// missing key, goes on to the checked road with the arguments untouched.
 extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *dest, int *len_inout, int refresh,
                              int *result_out) {
-    if (__builtin_expect((uint32_t)id >= (uint32_t)kMaxTables || (uint32_t)(nkeys - 1) > 1 || !key || !dest ||
-                             !len_inout || *len_inout < 1 || refresh,
+    // Bitwise ors: one branch for all the rare cases.
+    if (__builtin_expect(((uint32_t)id >= (uint32_t)kMaxTables) | (nkeys != 2) | (refresh != 0) | !key | !dest |
+                             !len_inout,
                          0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
     const vael_htab *t = load(htab_db.tables[id]);
-    if (__builtin_expect(!t, 0))
+    if (__builtin_expect(!t || *len_inout < 1, 0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
-    const uint32_t k0 = key[0];
-    const uint32_t k1 = key[nkeys - 1];
-    const uint64_t acc =
-        nkeys == 2 ? (uint64_t)(k0 + htab_seed[0]) * (uint32_t)(k1 + htab_seed[1])
-                   : ((uint64_t)k0 + (uint64_t)(int64_t)(int32_t)htab_seed[0]) * (uint64_t)(int64_t)(int32_t)htab_seed[1];
+    uint64_t k;
+    std::memcpy(&k, key, sizeof k);
+    const uint64_t acc = (uint64_t)((uint32_t)k + htab_seed[0]) * (uint32_t)((uint32_t)(k >> 32) + htab_seed[1]);
     const vael_htab_entry *e = t->bins[bin_fold(acc, t->size)];
-    // A one-word key compares its word twice.
-    while (e && !(e->nkeys == nkeys && e->words[0] == k0 && e->words[nkeys - 1] == k1))
-        e = e->next;
+    for (; e; e = e->next) {
+        uint64_t w;
+        std::memcpy(&w, e->words, sizeof w);
+        if (e->nkeys == 2 && w == k)
+            break;
+    }
     if (!e) {
         if (result_out)
             *result_out = VAEL_HTAB_GET_MISSING;
         return VAEL_ERROR;
     }
-    const int nvals = e->nvals;
-    if (__builtin_expect(nvals != 1, 0))
+    if (__builtin_expect(e->nvals != 1, 0))
         return get_checked(id, key, nkeys, dest, len_inout, refresh, result_out);
-    dest[0] = e->words[nkeys];
+    dest[0] = e->words[2];
     *len_inout = 1;
     if (result_out)
         *result_out = VAEL_HTAB_GET_OK;
