@@ -758,6 +758,104 @@ extern "C" int vael_htab_get(int id, const uint32_t *key, int nkeys, uint32_t *d
     return VAEL_OK;
 }
 
+namespace {
+
+// The entry of key in a table that nobody changes meanwhile, from the head of
+// its chain; N is the key width when known at compile time, else 0.
+template <int N>
+__attribute__((always_inline)) inline const vael_htab_entry *chain_find(const vael_htab_entry *e,
+                                                                        const uint32_t *key, int nkeys) {
+    if constexpr (N == 2) {
+        uint64_t k;
+        std::memcpy(&k, key, sizeof k);
+        for (; e; e = e->next) {
+            uint64_t w;
+            std::memcpy(&w, e->words, sizeof w);
+            if (w == k && e->nkeys == 2)
+                return e;
+        }
+        return nullptr;
+    } else {
+        while (e && !same_key(e, key, nkeys))
+            e = e->next;
+        return e;
+    }
+}
+
+// Lookups of many keys, overlapped: a key's bin is fetched ahead by kAhead
+// keys, its chain head by kAhead / 2 and the second entry of its chain by
+// kAhead / 4 (a full table has two entries a bin on average), so the misses
+// of several keys are under way while one key's chain is compared.
+template <int N>
+int get_many(const vael_htab *t, const uint32_t *keys, int nkeys, int count, uint32_t *dest, int dest_words,
+             int *results) {
+    constexpr int kAhead = 16;
+    constexpr int kHalf = kAhead / 2;
+    constexpr int kQuarter = kAhead / 4;
+    const int width = N ? N : nkeys;
+    uint32_t bin[kAhead];
+    const vael_htab_entry *head[kAhead];
+    auto key_at = [&](int i) { return keys + (size_t)i * (size_t)width; };
+    auto fetch_bin = [&](int i) {
+        uint32_t b = bin_of(t, key_at(i), width);
+        bin[i % kAhead] = b;
+        __builtin_prefetch(&t->bins[b]);
+    };
+    auto fetch_head = [&](int i) {
+        const vael_htab_entry *e = t->bins[bin[i % kAhead]];
+        head[i % kAhead] = e;
+        if (e)
+            __builtin_prefetch(e);
+    };
+    auto fetch_second = [&](int i) {
+        const vael_htab_entry *e = head[i % kAhead];
+        if (e && e->next)
+            __builtin_prefetch(e->next);
+    };
+    for (int i = 0; i < count && i < kAhead; i++)
+        fetch_bin(i);
+    for (int i = 0; i < count && i < kHalf; i++)
+        fetch_head(i);
+    for (int i = 0; i < count && i < kQuarter; i++)
+        fetch_second(i);
+    int found = 0;
+    for (int i = 0; i < count; i++) {
+        const vael_htab_entry *e = chain_find<N>(head[i % kAhead], key_at(i), width);
+        if (i + kQuarter < count)
+            fetch_second(i + kQuarter);
+        if (i + kHalf < count)
+            fetch_head(i + kHalf);
+        if (i + kAhead < count)
+            fetch_bin(i + kAhead);
+        if (!e) {
+            results[i] = VAEL_HTAB_GET_MISSING;
+        } else if (e->nvals > dest_words) {
+            results[i] = VAEL_HTAB_GET_NO_ROOM;
+        } else {
+            std::memcpy(dest + (size_t)i * (size_t)dest_words, e->words + e->nkeys,
+                        (size_t)e->nvals * sizeof(uint32_t));
+            results[i] = e->nvals;
+            found++;
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+extern "C" int vael_htab_get_many(int id, const uint32_t *keys, int nkeys, int count, uint32_t *dest,
+                                  int dest_words, int *results) {
+    if (!keys || nkeys < 1 || count < 0 || !dest || dest_words < 1 || !results) {
+        invalid(__func__, "Invalid arguments");
+        return VAEL_ERROR;
+    }
+    const vael_htab *t = HTAB_CHECK(id, nullptr, kCheckRead);
+    if (!t)
+        return VAEL_ERROR;
+    return nkeys == 2 ? get_many<2>(t, keys, nkeys, count, dest, dest_words, results)
+                      : get_many<0>(t, keys, nkeys, count, dest, dest_words, results);
+}
+
 extern "C" int vael_htab_in(int id, const uint32_t *key, int nkeys, int *found_out, int refresh) {
     if (bad_key(key, nkeys) || !found_out) {
         invalid(__func__, "Invalid arguments");
