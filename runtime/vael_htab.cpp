@@ -789,7 +789,7 @@ __attribute__((always_inline)) inline const vael_htab_entry *chain_find(const va
 template <int N>
 int get_many(const vael_htab *t, const uint32_t *keys, int nkeys, int count, uint32_t *dest, int dest_words,
              int *results) {
-    constexpr int kAhead = 16;
+    constexpr int kAhead = 32;
     constexpr int kHalf = kAhead / 2;
     constexpr int kQuarter = kAhead / 4;
     const int width = N ? N : nkeys;
