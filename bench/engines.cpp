@@ -120,14 +120,15 @@ vael_pm_patterns *make_pm_patterns(const std::vector<Literal> &literals) {
     vael_pm_patterns *patterns = vael_pm_patterns_create();
     if (!patterns)
         fail("vael_pm_patterns_create failed");
-    // Binary literals hold NULs on purpose.
+    // Binary literals hold NULs and the LSS language's special bytes on
+    // purpose: taken byte by byte.
     vael_pm_allow_null_in_pattern = 1;
     for (const Literal &literal : literals) {
         // A text that opens with '{' would be read as metadata; a block in
         // front keeps it a plain string.
         std::string text = literal.bytes.starts_with('{') ? "{literal}:" + literal.bytes : literal.bytes;
         if (vael_pm_patterns_add_simple_pattern(patterns, text.data(), static_cast<uint32_t>(text.size()), literal.id,
-                                                0) != VAEL_OK)
+                                                VAEL_PM_LITERAL) != VAEL_OK)
             fail("vael_pm_patterns_add_simple_pattern failed");
     }
     return patterns;

@@ -577,9 +577,13 @@ extern "C" void vael_pm_destroy(vael_pm_handle *pm) {
         vael_pm_array_one_handle &e = pm->pm_array[i];
         if (e.tier2_h)
             pm_tier2_funcs[e.tier2_type].destroy(e.tier2_h);
-        VAEL_PM_KFREE(e.re_str, e.re_size);
-        VAEL_PM_KFREE(e.lss_str, e.lss_size);
+        // A loaded PM's texts lie in its pool, freed whole below.
+        if (!vael_pm_pool_owns(pm->text_pool, e.re_str))
+            VAEL_PM_KFREE(e.re_str, e.re_size);
+        if (!vael_pm_pool_owns(pm->text_pool, e.lss_str))
+            VAEL_PM_KFREE(e.lss_str, e.lss_size);
     }
+    vael_pm_pool_free(&pm->text_pool);
     VAEL_PM_KFREE(pm->pm_array, sizeof(vael_pm_array_one_handle) * pm->num_tier2);
     pm->magic = VAEL_PM_MAGIC_DEAD;
 

@@ -275,9 +275,14 @@ extern "C" int vael_pm_exec_drain_tier1(vael_pm_handle *pm, lst_list *queue, con
         uint32_t offset, hint, extra[2];
         vael_pmglob_match_data_get(hit, &id, &offset, &hint, extra);
         vael_pmglob_match_data_free(hit);
-        // A first tier loaded from an image may name a pattern its PM lacks.
-        if ((uint32_t)id >= pm->num_tier2)
+        // Every id a first tier can queue was checked against the pattern
+        // count when the PM was compiled or loaded.
+#ifndef NDEBUG
+        if ((uint32_t)id >= pm->num_tier2) {
+            VAEL_ASSERT_F(0, "%s: First tier hit with pattern id %d of %u\n", (int)id, pm->num_tier2);
             continue;
+        }
+#endif
         vael_pm_array_one_handle &entry = pm->pm_array[id];
         vael_counter_add(entry.tier1_matches, 1u);
         if (entry.tier2_h) {

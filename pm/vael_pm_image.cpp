@@ -18,6 +18,7 @@
 // next magic or size check; nothing is allocated by a size the space left
 // cannot hold.
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 
@@ -105,10 +106,12 @@ void charge_engine_memory(vael_pm_stats_common *stats, intptr_t before) {
                                             VAEL_PM_STATS_COMPILE_MEMORY);
 }
 
-// Reads a text of `size` bytes into a PM-owned copy. A size beyond the space
-// left is not allocated: the space becomes 0 and the text stays empty, so the
-// next check refuses the image. -1 only when memory fails.
-int read_text(vael::ImageReader &in, uint32_t size, unsigned char **text, uint32_t *text_size) {
+// Reads a text of `size` bytes into the PM's text pool. A size beyond the
+// space left takes nothing: the space becomes 0 and the text stays empty, so
+// the next check refuses the image. The space left also bounds every text
+// still to come, and so the pool's next block. -1 only when memory fails.
+int read_text(vael_pm_handle *pm, vael::ImageReader &in, uint32_t size, unsigned char **text,
+              uint32_t *text_size) {
     *text = nullptr;
     *text_size = 0;
     if (size == 0)
@@ -117,7 +120,7 @@ int read_text(vael::ImageReader &in, uint32_t size, unsigned char **text, uint32
         *in.space = 0;
         return 0;
     }
-    *text = static_cast<unsigned char *>(VAEL_PM_KMALLOC(size));
+    *text = static_cast<unsigned char *>(vael_pm_pool_take(&pm->text_pool, size, *in.space));
     if (!*text)
         return -1;
     *text_size = size;
@@ -130,7 +133,102 @@ vael_pm_handle *deserialize_once(const unsigned char *uuid, const unsigned char 
                                  vael_vbuf *vbuf, vael_vbuf_iter *iter, vael_pm_match_cb match_cb,
                                  const char *caller);
 
+// vael_pm_validate for a PM just read: a first tier whose row proves every
+// handle its load gives (the load would not give an unsound one) is not
+// proven a second time; everything else is checked as vael_pm_validate does,
+// with its texts.
+int validate_loaded(vael_pm_handle *pm) {
+    int ok = 1;
+    for (const auto &slot : pm->tier1) {
+        if (!slot.tier1_h)
+            continue;
+        const vael_pm_tier1_funcs &row = pm_tier1_funcs[slot.tier1_type];
+        if (row.tier1_flags & VAEL_PM_TIER1_LOAD_PROVEN)
+            continue;
+        if (row.is_valid && !row.is_valid(slot.tier1_h)) {
+            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, kErrTopics, "%s: %s handle is NOT valid\n", row.name);
+            ok = 0;
+        }
+    }
+    for (uint32_t i = 0; i < pm->num_tier2; i++) {
+        const vael_pm_array_one_handle &e = pm->pm_array[i];
+        if (!e.tier2_h)
+            continue;
+        const vael_pm_tier2_funcs &row = pm_tier2_funcs[e.tier2_type];
+        if (row.is_valid && !row.is_valid(e.tier2_h)) {
+            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, kErrTopics,
+                        "%s: tier2_h for pattern id %d (internal id %d) is NOT valid\n", e.id, (int)i);
+            ok = 0;
+        }
+    }
+    return ok ? VAEL_OK : VAEL_ERROR;
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------- pool
+
+struct vael_pm_pool_block {
+    vael_pm_pool_block *next; // the older blocks
+    size_t capacity;          // bytes of data behind the header
+    size_t used;
+};
+
+namespace {
+
+constexpr size_t kPoolAlign = 8;
+constexpr size_t kPoolFirstBlock = 4096;
+
+size_t pool_round(size_t bytes) { return (bytes + kPoolAlign - 1) & ~(kPoolAlign - 1); }
+
+unsigned char *pool_data(vael_pm_pool_block *b) { return reinterpret_cast<unsigned char *>(b + 1); }
+
+}  // namespace
+
+extern "C" int vael_pm_pool_reserve(vael_pm_pool_block **pool, size_t bytes) {
+    const size_t capacity = pool_round(bytes);
+    if (capacity < bytes || capacity > SIZE_MAX - sizeof(vael_pm_pool_block))
+        return VAEL_ERROR;
+    auto *b = static_cast<vael_pm_pool_block *>(VAEL_PM_KMALLOC(sizeof(vael_pm_pool_block) + capacity));
+    if (!b)
+        return VAEL_ERROR;
+    *b = vael_pm_pool_block{*pool, capacity, 0};
+    *pool = b;
+    return VAEL_OK;
+}
+
+extern "C" void *vael_pm_pool_take(vael_pm_pool_block **pool, size_t bytes, size_t limit) {
+    const size_t need = pool_round(bytes);
+    if (need < bytes)
+        return nullptr;
+    vael_pm_pool_block *b = *pool;
+    if (!b || b->capacity - b->used < need) {
+        size_t grow = b ? 2 * b->capacity : kPoolFirstBlock;
+        if (vael_pm_pool_reserve(pool, std::max(need, std::min(grow, limit))) != 0)
+            return nullptr;
+        b = *pool;
+    }
+    void *p = pool_data(b) + b->used;
+    b->used += need;
+    return p;
+}
+
+extern "C" int vael_pm_pool_owns(const vael_pm_pool_block *pool, const void *p) {
+    const auto *at = static_cast<const unsigned char *>(p);
+    for (const vael_pm_pool_block *b = pool; b; b = b->next) {
+        const auto *data = reinterpret_cast<const unsigned char *>(b + 1);
+        if (at >= data && at < data + b->capacity)
+            return 1;
+    }
+    return 0;
+}
+
+extern "C" void vael_pm_pool_free(vael_pm_pool_block **pool) {
+    while (vael_pm_pool_block *b = *pool) {
+        *pool = b->next;
+        VAEL_PM_KFREE(b, sizeof(vael_pm_pool_block) + b->capacity);
+    }
+}
 
 // ---------------------------------------------------------------- sizes
 
@@ -356,6 +454,13 @@ extern "C" int vael_tier2_deserialize(vael_pm_handle *pm, uint32_t index, const 
 extern "C" int vael_ex_tier2_deserialize(vael_pm_handle *pm, const unsigned char **position, uint32_t *space,
                                          vael_vbuf *vbuf, vael_vbuf_iter *iter) {
     vael::ImageReader in{position, space, vbuf, iter};
+    // Texts are mostly short: 16 bytes a pattern, never more than the image
+    // holds, takes most sets' texts in one block.
+    if (pm->num_tier2 && !pm->text_pool &&
+        vael_pm_pool_reserve(&pm->text_pool, std::min<size_t>(*space, 16 * (size_t)pm->num_tier2)) != 0) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: Could not allocate lss string\n");
+        return VAEL_ERROR;
+    }
     for (uint32_t i = 0; i < pm->num_tier2; i++) {
         vael_pm_array_one_handle &e = pm->pm_array[i];
         uint32_t magic = 0, id = 0, lss_size = 0, re_size = 0, has_tier2 = 0;
@@ -372,12 +477,12 @@ extern "C" int vael_ex_tier2_deserialize(vael_pm_handle *pm, const unsigned char
             VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: Illegal LSS size in the buffer\n");
             return VAEL_ERROR;
         }
-        if (read_text(in, lss_size, &e.lss_str, &e.lss_size) != 0) {
+        if (read_text(pm, in, lss_size, &e.lss_str, &e.lss_size) != 0) {
             VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: Could not allocate lss string\n");
             return VAEL_ERROR;
         }
         in.u32(&re_size);
-        if (read_text(in, re_size, &e.re_str, &e.re_size) != 0) {
+        if (read_text(pm, in, re_size, &e.re_str, &e.re_size) != 0) {
             VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: Could not allocate pattern string\n");
             return VAEL_ERROR;
         }
@@ -411,6 +516,14 @@ extern "C" int vael_tier1_deserialize(vael_pm_handle *pm, int slot, const unsign
     }
     pm->tier1[slot] = vael_pm_tier1_slot{type, h};
     charge_engine_memory(row.get_common_stats ? row.get_common_stats(h) : nullptr, before);
+    // The run takes a queued hit's id as an index into pm_array without a
+    // test: every id the engine can queue is checked here, once.
+    const uint32_t bound = row.id_bound ? row.id_bound(h) : 0;
+    if (bound > pm->num_tier2) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: First tier reports pattern id %u, but the PM has %u patterns\n",
+                 bound - 1, pm->num_tier2);
+        return VAEL_ERROR;
+    }
     if (*space == 0) {
         VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: No space left in the buffer after vael_tier1_deserialize\n");
         return VAEL_ERROR;
@@ -482,7 +595,7 @@ extern "C" vael_pm_handle *vael_pm_do_deserialize(const unsigned char *buffer, u
         VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: wrong serialization buffer size, left %u bytes\n", space);
         ok = false;
     }
-    if (ok && vael_pm_validate(pm) != 0)
+    if (ok && validate_loaded(pm) != 0)
         ok = false;
     if (!ok) {
         vael_pm_destroy(pm);

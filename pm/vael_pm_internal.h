@@ -7,6 +7,7 @@
 #ifndef VAEL_PM_INTERNAL_H
 #define VAEL_PM_INTERNAL_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "pm/vael_pm_stats.h"
@@ -82,7 +83,17 @@ typedef struct vael_pm_tier1_funcs {
     void (*stats_print)(void *h, int level);
     vael_pm_stats_common *(*get_common_stats)(void *h);
     void (*dump)(void *h, int format);
+    /* One more than the largest internal id the engine queues as a hit, 0
+     * when none. The frame checks it against the PM's pattern count once,
+     * at load, and its run then indexes pm_array by those ids unchecked: a
+     * row that queues internal ids must fill it. Null: the row delivers the
+     * user's ids itself and queues none. */
+    uint32_t (*id_bound)(void *h);
+    uint32_t tier1_flags; /* VAEL_PM_TIER1_* below */
 } vael_pm_tier1_funcs;
+
+/* tier1_flags of a row. */
+#define VAEL_PM_TIER1_LOAD_PROVEN 0x1u /* deserialize gives only handles that is_valid would pass */
 
 typedef struct vael_pm_tier2_funcs {
     const char *name;
@@ -165,6 +176,7 @@ struct vael_pm_handle {
     int32_t pm_id;
     vael_pm_handle *next;
     const char *name;
+    struct vael_pm_pool_block *text_pool; /* a loaded PM's texts; null when each is its own block */
 };
 
 struct vael_pm_mask {
@@ -283,6 +295,19 @@ void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t ti
 int vael_pmglob_uuid_cmp(const unsigned char *a, const unsigned char *b);
 void vael_pmglob_uuid_cpy(unsigned char *dst, const unsigned char *src);
 int vael_pm_validate(vael_pm_handle *pm);
+
+/* A pool that a load fills from the front, so that many small records
+ * (texts, list elements) cost a few allocations rather than one each. Blocks
+ * come from the PM account; a taken piece is 8-byte aligned and lives until
+ * the pool is freed. take gives null when memory fails; a new block holds at
+ * least `bytes`, twice the last block, up to `limit` (what can still come).
+ * reserve adds a block of exactly `bytes` now: for a caller that knows all
+ * it will take. */
+typedef struct vael_pm_pool_block vael_pm_pool_block;
+void *vael_pm_pool_take(vael_pm_pool_block **pool, size_t bytes, size_t limit);
+int vael_pm_pool_reserve(vael_pm_pool_block **pool, size_t bytes);
+int vael_pm_pool_owns(const vael_pm_pool_block *pool, const void *p);
+void vael_pm_pool_free(vael_pm_pool_block **pool);
 
 /* The pieces of the PM image (vael_pm_image.cpp). The size functions give 0
  * for failure; the writers and readers move *position and lower *space. A

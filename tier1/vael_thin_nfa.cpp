@@ -52,6 +52,7 @@ extern "C" void vael_thin_nfa_destroy(vael_thin_nfa *nfa) {
     if (nfa->bnfa)
         VAEL_PM_KFREE_PADDED(nfa->bnfa, nfa->bnfa_size, BNFA_READ_PAD);
     vael_thin_nfa_stats_free(nfa);
+    vael_thin_nfa_free_pattern_pool(nfa);
     if (nfa->pattern_ids) {
         for (uint32_t i = 0; i < nfa->state_num; i++)
             vael_thin_nfa_free_pattern_ids(nfa->pattern_ids[i]);
@@ -408,6 +409,8 @@ extern "C" int vael_thin_nfa_init(vael_pm_tier1_funcs *row) {
     row->stats_print = thin_stats_print;
     row->get_common_stats = thin_common_stats;
     row->dump = thin_dump;
+    row->id_bound = [](void *h) { return vael_thin_nfa_id_bound(static_cast<vael_thin_nfa *>(h)); };
+    row->tier1_flags = VAEL_PM_TIER1_LOAD_PROVEN; // the load validates before it builds the filter
     return 0;
 }
 

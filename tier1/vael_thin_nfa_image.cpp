@@ -42,9 +42,36 @@ uint64_t image_size(const vael_thin_nfa *nfa) {
     return size + 4 + vael_pm_stats_common_get_serialize_size() + 8;
 }
 
-// Reads each state's list; a short image stops the reading (the end mark
-// then tells), a failed element fails it.
+// The number of list entries of a flat image, counted ahead of reading them
+// so that one block holds them all: each state's count, as far as the image
+// backs it.
+uint64_t count_entries(const unsigned char *at, uint32_t space, uint32_t state_num) {
+    uint64_t total = 0;
+    for (uint32_t state = 0; state < state_num && space >= 4; state++) {
+        uint32_t count;
+        std::memcpy(&count, at, 4);
+        at += 4;
+        space -= 4;
+        if ((uint64_t)count * kPatternEntryBytes > space)
+            break;
+        total += count;
+        at += count * kPatternEntryBytes;
+        space -= count * kPatternEntryBytes;
+    }
+    return total;
+}
+
+// Reads each state's list into the handle's pattern pool, keeping the first
+// entry of an id as vael_thin_nfa_add_pattern_id does; a short image stops
+// the reading (the end mark then tells), a failed element fails it.
 int vael_thin_nfa_patterns_deserialize(vael_thin_nfa *nfa, vael::ImageReader &in) {
+    if (!in.vbuf) {
+        const uint64_t entries = count_entries(*in.position, *in.space, nfa->state_num);
+        if (entries && vael_pm_pool_reserve(&nfa->pattern_pool, entries * sizeof(vael_thin_nfa_pattern_id)) != 0) {
+            VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate pattern id\n");
+            return -1;
+        }
+    }
     for (uint32_t state = 0; state < nfa->state_num && *in.space; state++) {
         uint32_t count = 0;
         if (!in.u32(&count))
@@ -53,21 +80,60 @@ int vael_thin_nfa_patterns_deserialize(vael_thin_nfa *nfa, vael::ImageReader &in
             *in.space = 0;
             break;
         }
+        vael_thin_nfa_pattern_id **tail = &nfa->pattern_ids[state];
         for (uint32_t i = 0; i < count; i++) {
             uint32_t id = 0, flags = 0, len = 0;
             if (!in.u32(&id) || !in.u32(&flags) || !in.u32(&len))
                 return 0;
-            if (vael_thin_nfa_add_pattern_id(&nfa->pattern_ids[state], id, flags, len) != 0) {
+            bool known = false;
+            for (const vael_thin_nfa_pattern_id *p = nfa->pattern_ids[state]; p && !known; p = p->next)
+                known = p->id == id;
+            if (known)
+                continue;
+            // What is left of the image bounds what can still come.
+            auto *p = static_cast<vael_thin_nfa_pattern_id *>(vael_pm_pool_take(
+                &nfa->pattern_pool, sizeof(vael_thin_nfa_pattern_id),
+                (*in.space / kPatternEntryBytes + 1) * sizeof(vael_thin_nfa_pattern_id)));
+            if (!p) {
+                VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate pattern id\n");
                 VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to add pattern ID %d for state %d\n", (int)id,
                          (int)state);
                 return -1;
             }
+            *p = vael_thin_nfa_pattern_id{nullptr, id, flags, len};
+            *tail = p;
+            tail = &p->next;
         }
     }
     return 0;
 }
 
 }  // namespace
+
+extern "C" void vael_thin_nfa_free_pattern_pool(vael_thin_nfa *nfa) {
+    if (!nfa->pattern_pool)
+        return;
+    for (uint32_t state = 0; nfa->pattern_ids && state < nfa->state_num; state++) {
+        vael_thin_nfa_pattern_id *p = nfa->pattern_ids[state];
+        nfa->pattern_ids[state] = nullptr;
+        while (p) {
+            vael_thin_nfa_pattern_id *next = p->next;
+            if (!vael_pm_pool_owns(nfa->pattern_pool, p))
+                VAEL_PM_KFREE(p, sizeof *p);
+            p = next;
+        }
+    }
+    vael_pm_pool_free(&nfa->pattern_pool);
+}
+
+extern "C" uint32_t vael_thin_nfa_id_bound(const vael_thin_nfa *nfa) {
+    uint32_t bound = 0;
+    for (uint32_t state = 0; nfa->pattern_ids && state < nfa->state_num; state++)
+        for (const vael_thin_nfa_pattern_id *p = nfa->pattern_ids[state]; p; p = p->next)
+            if (p->id >= bound)
+                bound = p->id == UINT32_MAX ? UINT32_MAX : p->id + 1;
+    return bound;
+}
 
 extern "C" vael_thin_nfa *vael_thin_nfa_duplicate(const vael_thin_nfa *nfa) {
     if (!nfa)

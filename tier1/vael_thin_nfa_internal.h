@@ -84,6 +84,7 @@ struct vael_thin_nfa {
     vael_thin_nfa_stats stats;
     unsigned char xlation_tab[256];         /* input byte to canonical byte; zero when unused */
     struct vael_thin_nfa_prefilter_tables *prefilter; /* derived from the BNFA; null until built */
+    struct vael_pm_pool_block *pattern_pool; /* a loaded handle's list elements; null when each is its own */
 };
 
 vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint32_t bnfa_full_size);
@@ -91,6 +92,11 @@ vael_thin_nfa *vael_thin_nfa_create(uint32_t state_num, uint32_t bnfa_size, uint
  * entry of an id keeps its flags and length. 0 or -1. */
 int vael_thin_nfa_add_pattern_id(vael_thin_nfa_pattern_id **head, uint32_t id, uint32_t flags, uint32_t len);
 void vael_thin_nfa_free_pattern_ids(vael_thin_nfa_pattern_id *head);
+/* Frees every list of a handle whose elements lie in its pattern pool (any
+ * added later one by one included) and the pool; nothing without a pool. */
+void vael_thin_nfa_free_pattern_pool(vael_thin_nfa *nfa);
+/* One more than the largest id in the pattern lists; 0 when they are empty. */
+uint32_t vael_thin_nfa_id_bound(const vael_thin_nfa *nfa);
 vael_pm_stats_common *vael_thin_nfa_get_common_stats(vael_thin_nfa *nfa);
 /* The engine's part of a statistics report; level 0 compile, 1 runs, 2 both. */
 void vael_thin_nfa_stats_print(vael_thin_nfa *nfa, int level);

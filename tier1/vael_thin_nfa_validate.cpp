@@ -312,6 +312,7 @@ struct QuickProof {
     static bool bit(const uint64_t *set, uint32_t k) { return (set[k >> 6] >> (k & 63)) & 1u; }
     static void set_bit(uint64_t *set, uint32_t k) { set[k >> 6] |= 1ull << (k & 63); }
     uint32_t lead_words; // the leading region's full states tile [0, lead_words), 257 words each
+    const uint32_t *root = nullptr; // the initial state when it is full
     bool is_start(uint32_t t) const {
         if (t < lead_words)
             return t % BNFA_FULL_STATE_WORDS == 0;
@@ -336,15 +337,42 @@ struct QuickProof {
 // Calls f(target, by forward transition) for each link of the state at s but
 // its fail link; a run of equal table entries counts once. False at once
 // when f is, or the transitions are out of order.
+//
+// `root` is the initial state when it is full, else null. A full state's
+// entry that equals the root's entry for the same byte is passed over: the
+// root's own links were followed first (both passes start there), so that
+// target is a state start at level 1 at most, and from a state of level 1 or
+// more such a link can neither lower a level nor lead one level down. Below
+// the root most entries of a full table are such folded failures.
 template <class F>
-bool for_each_link(const uint32_t *s, F &&f) {
+bool for_each_link(const uint32_t *s, const uint32_t *root, F &&f) {
     if (!(*s & BNFA_STATE_PARTIAL)) {
         uint32_t last = UINT32_MAX;
-        for (uint32_t c = 0; c < 256; c++) {
-            uint32_t t = s[1 + c];
-            if (t != last && !f(t, false))
-                return false;
-            last = t;
+        if (!root || s == root) {
+            for (uint32_t c = 0; c < 256; c++) {
+                uint32_t t = s[1 + c];
+                if (t != last && !f(t, false))
+                    return false;
+                last = t;
+            }
+            return true;
+        }
+        for (uint32_t c = 0; c < 256; c += 4) {
+#if defined(__SSE2__)
+            const __m128i mine = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s + 1 + c));
+            const __m128i roots = _mm_loadu_si128(reinterpret_cast<const __m128i *>(root + 1 + c));
+            unsigned differ = ~(unsigned)_mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(mine, roots))) & 0xfu;
+#else
+            unsigned differ = 0;
+            for (uint32_t i = 0; i < 4; i++)
+                differ |= (unsigned)(s[1 + c + i] != root[1 + c + i]) << i;
+#endif
+            for (; differ; differ &= differ - 1) {
+                uint32_t t = s[1 + c + (uint32_t)__builtin_ctz(differ)];
+                if (t != last && !f(t, false))
+                    return false;
+                last = t;
+            }
         }
         return true;
     }
@@ -404,7 +432,7 @@ bool quick_levels(QuickProof &q, size_t set_words) {
                 uint32_t down = q.level[k] + 1u;
                 if (down >= kLevelUnset)
                     return false;
-                bool ok = for_each_link(q.nfa->bnfa + q.offset[k], [&](uint32_t t, bool) {
+                bool ok = for_each_link(q.nfa->bnfa + q.offset[k], q.root, [&](uint32_t t, bool) {
                     if (!q.is_start(t))
                         return false;
                     uint32_t at = q.place(t);
@@ -438,7 +466,7 @@ bool quick_links(QuickProof &q) {
             if (!q.is_start(fail) || q.level[q.place(fail)] >= lv)
                 return false;
         }
-        bool ok = for_each_link(s, [&](uint32_t t, bool by_forward) {
+        bool ok = for_each_link(s, q.root, [&](uint32_t t, bool by_forward) {
             uint32_t at = q.place(t);
             if (q.level[at] == lv + 1 && q.ways[at] < 2)
                 q.ways[at]++;
@@ -485,7 +513,11 @@ extern "C" int vael_thin_nfa_validate_quick(const vael_thin_nfa *nfa) {
     std::memset(block, 0, zeroed);
     std::memset(q.level, 0xff, 2 * n);
     std::memset(q.ways, 0, n);
-    bool proven = quick_tile(q) && quick_levels(q, set_words) && quick_links(q);
+    bool tiled = quick_tile(q);
+    // The tiling put a state, whole, at offset 0.
+    if (tiled && !(nfa->bnfa[0] & BNFA_STATE_PARTIAL))
+        q.root = nfa->bnfa;
+    bool proven = tiled && quick_levels(q, set_words) && quick_links(q);
     VAEL_KFREE(block, bytes);
     return proven ? 1 : 0;
 }

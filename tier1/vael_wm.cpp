@@ -754,6 +754,8 @@ extern "C" int vael_wm_init(vael_pm_tier1_funcs *row) {
         vael_wm_stats_print,
         vael_wm_get_common_stats,
         vael_wm_dump,
+        nullptr, // delivers the user's ids itself: queues none
+        0,
     };
     *row = kRow;
     return VAEL_OK;

@@ -295,6 +295,44 @@ TEST(ThinNfaImage, CutsAndByteChanges) {
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
 }
 
+// A loaded handle's list elements share blocks; the lists read as written
+// (an id a list holds twice keeps its first entry), flat or from a vbuf, and
+// an element added after the load is freed with the rest.
+TEST(ThinNfaImage, LoadedListsAndTheirRelease) {
+    ThinNfa nfa(kHeShe);
+    Image image = image_of(nfa.get());
+    // State 5 (she) lists she (2) then he (1), each as {id, flags, len}.
+    const uint32_t she = 276 + 3112 + 4 * 5 + 12;
+    struct Case {
+        const char *name;
+        uint32_t second_id;  // written over he's id in she's list
+        std::vector<std::pair<uint32_t, uint32_t>> want;  // she's list: {id, len}
+    };
+    const Case cases[] = {
+        {"as written", 1, {{2, 3}, {1, 2}}},
+        {"an id twice keeps its first entry", 2, {{2, 3}}},
+        {"an id of the other pattern", 9, {{2, 3}, {9, 2}}},
+    };
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    for (const Case &c : cases) {
+        Image bad = image;
+        std::memcpy(bad.data() + she + 4 + 12, &c.second_id, 4);
+        for (uint32_t block : {0u, 1u, 7u}) {
+            SCOPED_TRACE(std::string(c.name) + ", block " + std::to_string(block));
+            Loaded back;
+            back.nfa = block ? load_vbuf(bad, block) : load_flat(bad, (uint32_t)bad.size());
+            ASSERT_NE(back.nfa, nullptr);
+            std::vector<std::pair<uint32_t, uint32_t>> got;
+            for (const vael_thin_nfa_pattern_id *p = back.nfa->pattern_ids[5]; p; p = p->next)
+                got.push_back({p->id, p->len});
+            EXPECT_EQ(got, c.want);
+            EXPECT_EQ(vael_thin_nfa_id_bound(back.nfa), c.second_id == 9 ? 10u : 3u);
+            ASSERT_EQ(vael_thin_nfa_add_pattern_id(&back.nfa->pattern_ids[2], 7, 0, 2), 0);
+        }
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+    }
+}
+
 // Each allocation of the duplicate and of the load fails once; each failure
 // gives null and leaves both accounts where they were.
 TEST(ThinNfaImage, AllocationFailures) {
