@@ -127,7 +127,7 @@ vael_pm_patterns *make_pm_patterns(const std::vector<Literal> &literals) {
         // front keeps it a plain string.
         std::string text = literal.bytes.starts_with('{') ? "{literal}:" + literal.bytes : literal.bytes;
         if (vael_pm_patterns_add_simple_pattern(patterns, text.data(), static_cast<uint32_t>(text.size()), literal.id,
-                                                0) != VAEL_OK)
+                                                VAEL_PM_LITERAL) != VAEL_OK)
             fail("vael_pm_patterns_add_simple_pattern failed");
     }
     return patterns;
