@@ -209,6 +209,8 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
     const unsigned char *search_end = length >= THIN_NFA_PREFILTER_LOAD ? end - (THIN_NFA_PREFILTER_LOAD - 1) : data;
     const unsigned char *next_search = data;
     ptrdiff_t backoff = kFirstBackoff;
+    // The position the search last stopped at has passed its tests once.
+    const unsigned char *vouched = nullptr;
     const vael_thin_nfa_prefilter_tables *pf = run->nfa->prefilter;
 
     // The state the run stood in was examined at the end of the last piece.
@@ -227,7 +229,7 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
                 // for the last byte. The only match it can lead to starts at
                 // that byte; when none can start there, the root serves as
                 // well, and the search may skip again.
-                if (s != bnfa + bnfa[1 + p[-1]] || p >= search_end || p < next_search ||
+                if (s != bnfa + bnfa[1 + p[-1]] || p - 1 == vouched || p >= search_end || p < next_search ||
                     (vael_thin_nfa_prefilter_test(pf, p - 1) && vael_thin_nfa_prefilter_confirm(pf, p - 1, end))) {
                     s = bnfa + s[1 + *p++];
                     continue;
@@ -246,6 +248,7 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
                         backoff = kFirstBackoff;
                     }
                     p = q;
+                    vouched = q;
                 }
                 s = bnfa + bnfa[1 + *p++];
                 continue;

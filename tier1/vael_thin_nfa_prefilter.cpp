@@ -1,9 +1,10 @@
 // vael_thin_nfa_prefilter.cpp - derives a handle's candidate filter from its
 // BNFA and searches with it (see vael_thin_nfa_prefilter.h).
 //
-// The derivation walks the BNFA breadth-first from the root down to depth 8
-// and lists the trie's edges there once; the enumerations of windows and
-// confirmation keys then run on that list. The window
+// The derivation walks the trie's top depth first, straight on the BNFA with
+// one frame per level and no other memory: once 16 levels deep for the
+// shortest pattern, the spellings per depth and the confirmation's keys, and
+// once as deep as the window reaches for the window's bitmap. The window
 // length is the shortest pattern's length, capped at 4, so every position
 // where a pattern starts shows a full window of that pattern's beginning.
 
@@ -24,221 +25,214 @@ namespace {
 constexpr const char *kThinTopics = "K_THINNFA | K_PM";
 constexpr uint32_t kMaxWindow = 4;
 constexpr uint32_t kMaxStride = 4;
-// The confirmation looks this deep: past the prefixes traffic shares with
-// many patterns ("Host: ", "GET /"), which pass the window at every turn.
-constexpr uint32_t kConfirmDepth = 8;
-// Fewer bits per key than the window's bitmap: only the window's hits are
-// confirmed, about one in fifty of them passes falsely.
-constexpr uint32_t kConfirmBitsPerKey = 64;
-// Past this many keys the bitmap, capped as the window's, would be too full
-// to turn much away, and enumerating them too slow: no confirmation then.
-constexpr uint32_t kMaxConfirmKeys = 1u << 18;
+// The confirmation looks this deep: past the prefixes that traffic shares
+// with many patterns ("Content-Type: ", "session="), which pass the window
+// at every turn and would otherwise each send the automaton down a long
+// walk back to its root.
+constexpr uint32_t kConfirmDepth = THIN_NFA_PREFILTER_CONFIRM_DEPTH;
+// Confirmation bits per state of the BNFA: the keys are at most one per
+// state, in practice about one in five, which gives about 1% false passes
+// per length tested.
+constexpr uint32_t kConfirmBitsPerState = 32;
 // Bitmap bits per distinct window: about 0.4% of the positions that start
 // no pattern pass as candidates.
 constexpr uint32_t kBitsPerWindow = 256;
 constexpr uint32_t kMinTableLog2 = 12; // 512 bytes
-// At most 128 KiB, and at most an eighth of the BNFA's size past the
-// minimum: the filter stays small beside the automaton it serves.
+// The window's bitmap at most 128 KiB and an eighth of the BNFA's size past
+// the minimum, the confirmation's at most 256 KiB and a quarter of it: the
+// filter stays small beside the automaton it serves.
 constexpr uint32_t kMaxTableLog2 = 20;
+constexpr uint32_t kMaxConfirmLog2 = 21;
 // Raw spellings enumerated at most per window length; caseless or digitless
 // sets with long windows can exceed it, and then get a shorter window.
-constexpr uint32_t kMaxEnumerated = 1u << 20;
+constexpr uint64_t kMaxEnumerated = 1u << 20;
 
-constexpr uint32_t kUnplaced = UINT32_MAX;
-constexpr uint32_t kFiniteChild = 0x80000000u;
+// Raw bytes by canonical byte, with case folded as the window's hash folds
+// it: those of c from first[c] to first[c + 1], each once.
+struct RawBytes {
+    uint16_t first[257];
+    uint8_t bytes[256];
+};
 
-// The trie's top, down to kConfirmDepth: its states in breadth-first order
-// (`queue`, word offsets), and per state of depth below kConfirmDepth its
-// edges, one per raw byte that leads to a child, in `edge_child` (the
-// child's place in the queue, kFiniteChild when it is finite) and
-// `edge_byte`, those of place q from edge_first[q] to edge_first[q + 1].
-// The BNFA is read twice, once to place the states and count the edges and
-// once to list them; every enumeration after that runs on the lists.
+void index_raw_bytes(const vael_thin_nfa *nfa, uint8_t fold, RawBytes &raw) {
+    const bool xlate = nfa->flags & THIN_NFA_FLAG_XLATION;
+    auto canonical = [&](uint32_t b) -> uint32_t { return xlate ? nfa->xlation_tab[b] : b; };
+    // A folded raw byte is listed under its canonical byte once: with case
+    // folded, a letter and its other case are one entry. Other bytes may
+    // fold onto it under other canonical bytes, so a pair is what is seen.
+    uint64_t seen[256 * 256 / 64] = {};
+    auto first_time = [&](uint32_t b) {
+        const uint32_t key = canonical(b) << 8 | (uint8_t)(b | fold);
+        const bool fresh = !((seen[key >> 6] >> (key & 63)) & 1u);
+        seen[key >> 6] |= 1ull << (key & 63);
+        return fresh;
+    };
+    uint16_t count[256] = {};
+    for (uint32_t b = 0; b < 256; b++)
+        if (first_time(b))
+            count[canonical(b)]++;
+    raw.first[0] = 0;
+    for (uint32_t c = 0; c < 256; c++)
+        raw.first[c + 1] = (uint16_t)(raw.first[c] + count[c]);
+    uint16_t at[256];
+    std::memcpy(at, raw.first, sizeof at);
+    std::memset(seen, 0, sizeof seen);
+    for (uint32_t b = 0; b < 256; b++)
+        if (first_time(b))
+            raw.bytes[at[canonical(b)]++] = (uint8_t)(b | fold);
+}
+
+// One state on the walk's path from the root: the trie's edges below it are
+// taken one at a time, the partial state's transitions by index, the full
+// state's table by canonical byte.
+struct Frame {
+    uint32_t offset;
+    uint32_t next;      // the next transition index, or the next byte of a full table
+    uint32_t fail;      // a full state's fail state; it tells children from folded fail transitions
+    uint64_t spellings; // raw spellings of the path, case folded
+};
+
+// A depth-first walk of the trie's top, with the path's canonical bytes in
+// path[0 .. depth). The BNFA names each state's children: a partial state's
+// transitions are all children; a full state's entry for c is a child
+// exactly when it differs from the fail state's step by c, which is what
+// the build folded in for every byte without a child. No allocation: the
+// stack holds one frame per level. A walk that visits more states than the
+// BNFA holds (a BNFA whose links do not form a trie) stops and fails.
 struct Walk {
     const vael_thin_nfa *nfa;
     const uint32_t *bnfa;
-    uint32_t words;       // of the BNFA
-    uint32_t *place;      // per state ID: its place in the queue, kUnplaced beyond the walk
-    uint32_t *queue;
-    // Places of depth d run from level_start[d] to level_start[d + 1].
-    uint32_t level_start[kConfirmDepth + 2];
-    // Raw bytes by canonical byte: those of c from raw_first[c] to raw_first[c + 1].
-    uint16_t raw_first[257];
-    uint8_t raw_bytes[256];
-    uint64_t edges;
-    uint32_t *edge_first;
-    uint32_t *edge_child;
-    uint8_t *edge_byte;
+    uint32_t words;
+    const RawBytes *raw;
+    bool xlate;
+    uint8_t path[kConfirmDepth];
 };
 
-bool valid_target(const Walk &w, uint32_t offset) {
-    return offset < w.words && (w.bnfa[offset] >> BNFA_STATE_ID_SHIFT) < w.nfa->state_num;
+bool state_fits(const Walk &w, uint32_t offset) {
+    if (offset >= w.words || (w.bnfa[offset] >> BNFA_STATE_ID_SHIFT) >= w.nfa->state_num)
+        return false;
+    if (!(w.bnfa[offset] & BNFA_STATE_PARTIAL))
+        return w.words - offset >= BNFA_FULL_STATE_WORDS;
+    return w.words - offset >= 2 && w.words - offset - 2 >= (w.bnfa[offset + 1] & 0xffu);
 }
 
-uint32_t state_id(const Walk &w, uint32_t offset) { return w.bnfa[offset] >> BNFA_STATE_ID_SHIFT; }
-
-void index_raw_bytes(Walk &w) {
-    bool xlate = w.nfa->flags & THIN_NFA_FLAG_XLATION;
-    uint16_t count[256] = {};
-    for (uint32_t b = 0; b < 256; b++)
-        count[xlate ? w.nfa->xlation_tab[b] : b]++;
-    w.raw_first[0] = 0;
-    for (uint32_t c = 0; c < 256; c++)
-        w.raw_first[c + 1] = (uint16_t)(w.raw_first[c] + count[c]);
-    uint16_t at[256];
-    std::memcpy(at, w.raw_first, sizeof at);
-    for (uint32_t b = 0; b < 256; b++)
-        w.raw_bytes[at[xlate ? w.nfa->xlation_tab[b] : b]++] = (uint8_t)b;
+// The automaton's step from `offset` by canonical byte c, down the fail
+// chain as the run takes it; the chain is bounded against a malformed BNFA.
+uint32_t step_offset(const Walk &w, uint32_t offset, uint32_t c) {
+    for (uint32_t hops = 0; hops <= w.nfa->state_num; hops++) {
+        const uint32_t *s = w.bnfa + offset;
+        if (!(*s & BNFA_STATE_PARTIAL))
+            return s[1 + c];
+        if (const uint32_t *next = vael_thin_nfa_get_next_state(s, w.bnfa, (unsigned char)c))
+            return (uint32_t)(next - w.bnfa);
+        offset = s[1] >> 8;
+        if (!state_fits(w, offset))
+            return 0;
+    }
+    return 0;
 }
 
-// Calls f(raw byte, child offset) for each raw byte that takes the state at
-// `offset` (of depth d) to one of its children in the trie. A full state's
-// table mixes children with fail transitions folded in at build time; the
-// two are told apart by depth: a fail transition from a state of depth d
-// leads to a state of depth d or less, already placed, a child lies at
-// d + 1 and is either unplaced yet or placed on that level.
+// The fail state of the state that path[0 .. depth) leads to: where the
+// automaton stands after path[1 .. depth) from the root.
+uint32_t fail_of(const Walk &w, uint32_t depth) {
+    uint32_t offset = 0;
+    for (uint32_t i = 1; i < depth; i++) {
+        offset = step_offset(w, offset, w.path[i]);
+        if (!state_fits(w, offset))
+            return 0;
+    }
+    return offset;
+}
+
+// Calls visit(depth, offset, spellings) for every state of depth 1 ..
+// max_depth, parents first; 0, or -1 when the walk ran over its budget.
 template <class F>
-void for_each_child(const Walk &w, uint32_t offset, uint32_t d, F &&f) {
-    const uint32_t *s = w.bnfa + offset;
-    auto is_child = [&](uint32_t t) {
-        uint32_t q = w.place[state_id(w, t)];
-        return q == kUnplaced || (q >= w.level_start[d + 1] && q < w.level_start[d + 2]);
-    };
-    if (!(*s & BNFA_STATE_PARTIAL)) {
-        if (offset + BNFA_FULL_STATE_WORDS > w.words)
-            return;
-        for (uint32_t b = 0; b < 256; b++) {
-            uint32_t t = s[1 + b];
-            if (valid_target(w, t) && is_child(t))
-                f(b, t);
-        }
-        return;
-    }
-    if (offset + 2 > w.words)
-        return;
-    uint32_t n = s[1] & 0xffu;
-    if (offset + 2 + n > w.words)
-        return;
-    for (uint32_t i = 0; i < n; i++) {
-        uint32_t c = s[2 + i] & 0xffu;
-        uint32_t t = s[2 + i] >> 8;
-        if (!valid_target(w, t))
-            continue;
-        // Explicit transitions hold canonical bytes; every raw byte that
-        // translates to one takes it.
-        for (uint32_t r = w.raw_first[c]; r < w.raw_first[c + 1]; r++)
-            f(w.raw_bytes[r], t);
-    }
-}
-
-// Places depths 0..8 breadth-first and counts the edges above depth 8;
-// returns the shortest pattern's length, or kConfirmDepth + 1 when none
-// ends above depth 9.
-uint32_t place_states(Walk &w) {
-    std::memset(w.place, 0xff, sizeof(uint32_t) * (size_t)w.nfa->state_num);
-    w.place[state_id(w, 0)] = 0;
-    w.queue[0] = 0;
-    w.level_start[0] = 0;
-    w.level_start[1] = 1;
-    w.edges = 0;
-    uint32_t tail = 1, shortest = kConfirmDepth + 1;
-    for (uint32_t d = 0; d < kConfirmDepth; d++) {
-        // Level d + 1 grows as level d is read.
-        w.level_start[d + 2] = UINT32_MAX;
-        for (uint32_t q = w.level_start[d]; q < w.level_start[d + 1]; q++) {
-            for_each_child(w, w.queue[q], d, [&](uint32_t, uint32_t t) {
-                w.edges++;
-                uint32_t id = state_id(w, t);
-                if (w.place[id] != kUnplaced)
-                    return;
-                w.place[id] = tail;
-                w.queue[tail++] = t;
-                if ((w.bnfa[t] & BNFA_STATE_FINITE) && d + 1 < shortest)
-                    shortest = d + 1;
-            });
-        }
-        w.level_start[d + 2] = tail;
-    }
-    return shortest;
-}
-
-// Lists the edges place_states counted, into arrays of that size.
-void list_edges(Walk &w) {
-    uint32_t e = 0;
-    for (uint32_t d = 0; d < kConfirmDepth; d++) {
-        for (uint32_t q = w.level_start[d]; q < w.level_start[d + 1]; q++) {
-            w.edge_first[q] = e;
-            for_each_child(w, w.queue[q], d, [&](uint32_t b, uint32_t t) {
-                w.edge_child[e] = w.place[state_id(w, t)] | ((w.bnfa[t] & BNFA_STATE_FINITE) ? kFiniteChild : 0);
-                w.edge_byte[e++] = (uint8_t)b;
-            });
-        }
-    }
-    w.edge_first[w.level_start[kConfirmDepth]] = e;
-}
-
-template <class F>
-void for_each_edge(const Walk &w, uint32_t q, F &&f) {
-    for (uint32_t e = w.edge_first[q]; e < w.edge_first[q + 1]; e++)
-        f(w.edge_byte[e], w.edge_child[e]);
-}
-
-struct Fill {
-    const Walk *walk;
-    vael_thin_nfa_prefilter_tables *pf; // table null while counting
-    uint32_t window;
-    uint32_t stride;
-    uint32_t enumerated;
-};
-
-// Every raw spelling of every path of window + stride - 1 bytes from the
-// root, each giving its windows at offsets 0 .. stride - 1.
-void fill_windows(Fill &fill, uint32_t q, uint32_t d, uint64_t bytes) {
-    if (fill.enumerated > kMaxEnumerated)
-        return;
-    if (d == fill.window + fill.stride - 1) {
-        fill.enumerated += fill.stride;
-        if (fill.pf->table) {
-            for (uint32_t k = 0; k < fill.stride; k++) {
-                uint32_t h = vael_thin_nfa_prefilter_hash(fill.pf, (uint32_t)(bytes >> (8 * k)));
-                fill.pf->table[h >> 5] |= 1u << (h & 31);
+int walk_trie(Walk &w, uint32_t max_depth, F &&visit) {
+    Frame stack[kConfirmDepth + 1];
+    uint32_t depth = 0;
+    stack[0] = Frame{0, 0, 0, 1};
+    uint64_t budget = w.nfa->state_num;
+    for (;;) {
+        Frame &f = stack[depth];
+        const uint32_t *s = w.bnfa + f.offset;
+        uint32_t c = 0, child = 0;
+        bool found = false;
+        if (*s & BNFA_STATE_PARTIAL) {
+            const uint32_t n = s[1] & 0xffu;
+            while (f.next < n && !found) {
+                const uint32_t word = s[2 + f.next++];
+                c = word & 0xffu;
+                child = word >> 8;
+                found = state_fits(w, child);
+            }
+        } else {
+            while (f.next < 256 && !found) {
+                c = f.next++;
+                if (w.xlate && w.nfa->xlation_tab[c] != c)
+                    continue;
+                child = s[1 + c];
+                if (depth == 0)
+                    found = child != 0;
+                else
+                    found = child != step_offset(w, f.fail, c);
+                found = found && state_fits(w, child);
             }
         }
-        return;
+        if (!found) {
+            if (depth == 0)
+                return 0;
+            depth--;
+            continue;
+        }
+        if (budget-- == 0)
+            return -1;
+        w.path[depth] = (uint8_t)c;
+        const uint32_t multiplicity = w.raw->first[c + 1] - w.raw->first[c];
+        uint64_t spellings = f.spellings * (multiplicity ? multiplicity : 1);
+        if (spellings > (1ull << 40))
+            spellings = 1ull << 40;
+        visit(depth + 1, child, spellings);
+        if (depth + 1 < max_depth) {
+            depth++;
+            stack[depth] = Frame{child, 0, 0, spellings};
+            const uint32_t *t = w.bnfa + child;
+            if (!(*t & BNFA_STATE_PARTIAL)) {
+                stack[depth].fail = fail_of(w, depth);
+            } else {
+                // The children are visited later, each a cache miss of its
+                // own unless asked for now, all at once.
+                const uint32_t n = t[1] & 0xffu;
+                for (uint32_t i = 0; i < n; i++)
+                    if ((t[2 + i] >> 8) < w.words)
+                        __builtin_prefetch(w.bnfa + (t[2 + i] >> 8));
+            }
+        }
     }
-    for_each_edge(*fill.walk, q, [&](uint32_t b, uint32_t child) {
-        fill_windows(fill, child & ~kFiniteChild, d + 1, bytes | ((uint64_t)b << (8 * d)));
-    });
 }
 
-struct ConfirmFill {
-    const Walk *walk;
-    vael_thin_nfa_prefilter_tables *pf; // confirm null while counting
-    uint32_t lengths;
-    uint32_t enumerated;
-};
+// The key of the first len bytes (or of a tag) of the text lo, hi.
+void set_confirm(vael_thin_nfa_prefilter_tables *pf, uint64_t lo, uint64_t hi, uint32_t len) {
+    if (len < 8)
+        lo &= (1ull << (8 * len)) - 1;
+    if (len < 8 || len == THIN_NFA_PREFILTER_TAG_PREFIX8)
+        hi = 0;
+    else if (len < 16)
+        hi &= (1ull << (8 * (len - 8))) - 1;
+    uint32_t h = vael_thin_nfa_prefilter_confirm_hash(pf, lo, hi, len);
+    pf->confirm[h >> 5] |= 1u << (h & 31);
+}
 
-// Every raw spelling of every path of kConfirmDepth bytes from the root,
-// and of every shorter one that ends in a finite state. A pattern of length
-// L starting at a position shows there either its first 8 bytes or, L < 8,
-// all of its bytes, which end in a finite state: one of the keys is set.
-void fill_confirm(ConfirmFill &fill, uint32_t child, uint32_t d, uint64_t bytes) {
-    if (fill.enumerated > kMaxConfirmKeys)
+// The window's hash of every raw spelling of path[from .. from + window).
+void set_window_spellings(const Walk &w, vael_thin_nfa_prefilter_tables *pf, uint32_t from, uint32_t window,
+                          uint32_t i, uint32_t bytes) {
+    if (i == window) {
+        uint32_t h = vael_thin_nfa_prefilter_hash(pf, bytes);
+        pf->table[h >> 5] |= 1u << (h & 31);
         return;
-    if (d > 0 && (d == kConfirmDepth || (child & kFiniteChild))) {
-        fill.enumerated++;
-        fill.lengths |= 1u << d;
-        if (fill.pf->confirm) {
-            uint64_t key = vael_thin_nfa_prefilter_confirm_key(bytes, d);
-            uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> fill.pf->confirm_shift);
-            fill.pf->confirm[h >> 5] |= 1u << (h & 31);
-        }
-        if (d == kConfirmDepth)
-            return;
     }
-    for_each_edge(*fill.walk, child & ~kFiniteChild, [&](uint32_t b, uint32_t next) {
-        fill_confirm(fill, next, d + 1, bytes | ((uint64_t)b << (8 * d)));
-    });
+    const uint32_t c = w.path[from + i];
+    for (uint32_t r = w.raw->first[c]; r < w.raw->first[c + 1]; r++)
+        set_window_spellings(w, pf, from, window, i + 1, bytes | (uint32_t)w.raw->bytes[r] << (8 * i));
 }
 
 uint32_t window_mask(uint32_t window) { return window >= 4 ? 0xffffffffu : (1u << (8 * window)) - 1; }
@@ -261,6 +255,15 @@ inline uint32_t test_bit(const vael_thin_nfa_prefilter_tables *pf, const unsigne
 inline const unsigned char *first_confirmed(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
                                             uint32_t m, const unsigned char *from, const unsigned char *end) {
     const ptrdiff_t back = (ptrdiff_t)pf->stride - 1;
+    if (back == 0) {
+        // Each hit is its own position's window: only the confirmation is left.
+        for (; m; m &= m - 1) {
+            const unsigned char *t = p + __builtin_ctz(m);
+            if (vael_thin_nfa_prefilter_confirm(pf, t, end))
+                return t;
+        }
+        return nullptr;
+    }
     for (; m; m &= m - 1) {
         const unsigned char *j = p + (ptrdiff_t)__builtin_ctz(m) * (ptrdiff_t)pf->stride;
         const unsigned char *t = j - from > back ? j - back : from;
@@ -359,33 +362,6 @@ __attribute__((target("avx2"))) const unsigned char *find_avx2(const vael_thin_n
     return find_tail(pf, p, from, last, end);
 }
 
-// Sizes and fills the confirmation of a filter whose window bitmap is
-// built. A set with too many spellings goes without: 0. -1 on allocation
-// failure.
-int build_confirm(const Walk &w, vael_thin_nfa_prefilter_tables *pf) {
-    ConfirmFill fill{&w, pf, 0, 0};
-    fill_confirm(fill, 0, 0, 0);
-    if (fill.enumerated > kMaxConfirmKeys || fill.enumerated == 0)
-        return 0;
-    uint32_t log2 = kMinTableLog2;
-    while (log2 < kMaxTableLog2 && (1ull << log2) < (uint64_t)fill.enumerated * kConfirmBitsPerKey &&
-           (1ull << (log2 + 1)) / 8 <= w.nfa->bnfa_size / 8)
-        log2++;
-    pf->confirm_shift = 64 - log2;
-    pf->confirm_words = 1u << (log2 - 5);
-    size_t bytes = sizeof(uint32_t) * (size_t)pf->confirm_words;
-    pf->confirm = static_cast<uint32_t *>(VAEL_PM_KMALLOC(bytes));
-    if (!pf->confirm) {
-        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter confirmation of %d bytes\n", (int)bytes);
-        return -1;
-    }
-    std::memset(pf->confirm, 0, bytes);
-    fill.enumerated = 0;
-    fill_confirm(fill, 0, 0, 0);
-    pf->confirm_lengths = fill.lengths;
-    return 0;
-}
-
 bool cpu_has_avx2() {
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx2");
@@ -399,109 +375,121 @@ const bool kCpuHasAvx2 = cpu_has_avx2();
 extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
     if (!nfa || !nfa->bnfa || nfa->state_num == 0 || nfa->bnfa_size < BNFA_FULL_STATE_BYTES)
         return -1;
-    uint32_t n = nfa->state_num;
-    Walk w{};
-    w.nfa = nfa;
-    w.bnfa = nfa->bnfa;
-    w.words = nfa->bnfa_size / 4;
-    index_raw_bytes(w);
-    // Each allocation only after the one before it succeeded: a failure
-    // ends the build at once.
-    const size_t work_bytes = 2 * sizeof(uint32_t) * (size_t)n;
-    size_t edge_bytes = 0;
-    unsigned char *edge_block = nullptr;
-    vael_thin_nfa_prefilter_tables *pf = nullptr;
-    w.place = static_cast<uint32_t *>(VAEL_KMALLOC(work_bytes));
-    if (w.place) {
-        w.queue = w.place + n;
-        pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
+    const bool xlate = nfa->flags & THIN_NFA_FLAG_XLATION;
+    // Letters differ from their other case in bit 5 alone, so with case
+    // folded a window and its respellings hash alike.
+    const bool caseless = xlate && nfa->xlation_tab['A'] == 'a';
+    RawBytes raw;
+    index_raw_bytes(nfa, caseless ? 0x20 : 0, raw);
+    Walk w{nfa, nfa->bnfa, nfa->bnfa_size / 4, &raw, xlate, {}};
+    if (!state_fits(w, 0) || (nfa->bnfa[0] & BNFA_STATE_PARTIAL))
+        return -1;
+
+    auto *pf = static_cast<vael_thin_nfa_prefilter_tables *>(VAEL_PM_KMALLOC(sizeof(vael_thin_nfa_prefilter_tables)));
+    if (!pf) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter for %d states\n", (int)nfa->state_num);
+        return -1;
     }
-    uint32_t shortest = 0;
-    if (pf) {
-        shortest = place_states(w);
-        const size_t listed = w.level_start[kConfirmDepth];
-        edge_bytes = sizeof(uint32_t) * (listed + 1) + (sizeof(uint32_t) + 1) * (size_t)w.edges;
-        // Edges are indexed by 32 bits; no real set comes near.
-        if (w.edges < UINT32_MAX)
-            edge_block = static_cast<unsigned char *>(VAEL_KMALLOC(edge_bytes));
-    }
-    int rc = -1;
-    if (!edge_block) {
-        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter for %d states\n", (int)n);
-    } else {
-        w.edge_first = reinterpret_cast<uint32_t *>(edge_block);
-        w.edge_child = w.edge_first + w.level_start[kConfirmDepth] + 1;
-        w.edge_byte = reinterpret_cast<uint8_t *>(w.edge_child + w.edges);
-        list_edges(w);
-        std::memset(pf, 0, sizeof *pf);
-        uint32_t window = shortest < kMaxWindow ? shortest : kMaxWindow;
-        // With every pattern at least window + stride - 1 bytes long, a
-        // pattern's start lies at most stride - 1 bytes before a tested
-        // position where one of its first stride windows shows.
-        uint32_t stride = 1;
-        if (shortest >= kMaxWindow + 1)
-            stride = shortest - kMaxWindow + 1 < kMaxStride ? shortest - kMaxWindow + 1 : kMaxStride;
-        // A set whose spellings are too many gets no stride, then a shorter
-        // window.
-        Fill fill{&w, pf, window, stride, 0};
-        for (;;) {
-            fill.window = window;
-            fill.stride = stride;
-            fill.enumerated = 0;
-            fill_windows(fill, 0, 0, 0);
-            if (fill.enumerated <= kMaxEnumerated || (window == 1 && stride == 1))
-                break;
-            if (stride > 1)
-                stride = 1;
-            else
-                window--;
-        }
-        pf->window = window;
-        pf->stride = stride;
-        pf->window_mask = window_mask(window);
-        // Letters differ from their other case in bit 5 alone, so with case
-        // folded a window and its respellings hash alike.
-        bool caseless = (nfa->flags & THIN_NFA_FLAG_XLATION) && nfa->xlation_tab['A'] == 'a';
-        pf->fold = caseless ? 0x20202020u & pf->window_mask : 0;
-        const uint32_t depth = window + stride - 1;
-        uint64_t distinct =
-            caseless ? (uint64_t)(w.level_start[depth + 1] - w.level_start[depth]) * stride : fill.enumerated;
-        uint32_t log2 = kMinTableLog2;
-        while (log2 < kMaxTableLog2 && (1ull << log2) < distinct * kBitsPerWindow &&
-               (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 8)
-            log2++;
-        pf->hash_shift = 32 - log2;
-        pf->table_words = 1u << (log2 - 5);
-        size_t table_bytes = sizeof(uint32_t) * (size_t)pf->table_words;
-        pf->table = static_cast<uint32_t *>(VAEL_PM_KMALLOC(table_bytes));
-        if (!pf->table) {
-            VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter table of %d bytes\n",
-                     (int)table_bytes);
-        } else {
-            std::memset(pf->table, 0, table_bytes);
-            fill.enumerated = 0;
-            fill_windows(fill, 0, 0, 0);
-            if (build_confirm(w, pf) != 0) {
-                VAEL_PM_KFREE(pf->table, table_bytes);
-                pf->table = nullptr;
-            }
-        }
-        if (pf->table) {
-            vael_thin_nfa_prefilter_free(nfa);
-            nfa->prefilter = pf;
-            pf = nullptr;
-            rc = 0;
-            VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: prefilter window %u, %u bytes, %u spellings\n",
-                     nfa->prefilter->window, (unsigned)table_bytes, fill.enumerated);
-        }
-    }
-    if (edge_block)
-        VAEL_KFREE(edge_block, edge_bytes);
-    if (pf)
+    std::memset(pf, 0, sizeof *pf);
+    pf->xlation_tab = xlate ? nfa->xlation_tab : nullptr;
+    // The confirmation is sized by the state count, an upper bound of its
+    // keys, so one walk both finds the set's shape and fills it.
+    uint32_t log2 = kMinTableLog2;
+    while (log2 < kMaxConfirmLog2 && (1ull << log2) < (uint64_t)nfa->state_num * kConfirmBitsPerState &&
+           (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 4)
+        log2++;
+    pf->confirm_shift = 64 - log2;
+    pf->confirm_words = 1u << (log2 - 5);
+    const size_t confirm_bytes = sizeof(uint32_t) * (size_t)pf->confirm_words;
+    pf->confirm = static_cast<uint32_t *>(VAEL_PM_KMALLOC(confirm_bytes));
+    if (!pf->confirm) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter confirmation of %d bytes\n",
+                 (int)confirm_bytes);
         VAEL_PM_KFREE(pf, sizeof *pf);
-    if (w.place)
-        VAEL_KFREE(w.place, work_bytes);
-    return rc;
+        return -1;
+    }
+    std::memset(pf->confirm, 0, confirm_bytes);
+
+    // The one deep walk: the shortest pattern, the spellings per depth that
+    // size the window, and the confirmation's keys.
+    uint32_t shortest = kConfirmDepth + 1, lengths = 0;
+    uint64_t spellings[kMaxWindow + kMaxStride] = {};
+    uint64_t lo = 0, hi = 0;
+    int walked = walk_trie(w, kConfirmDepth, [&](uint32_t d, uint32_t offset, uint64_t n) {
+        // path[0 .. d) in two words, as the search loads the data; the hash
+        // keeps the first d bytes.
+        std::memcpy(&lo, w.path, 8);
+        std::memcpy(&hi, w.path + 8, 8);
+        if (d < kMaxWindow + kMaxStride)
+            spellings[d] += n;
+        const bool finite = w.bnfa[offset] & BNFA_STATE_FINITE;
+        if (finite && d < shortest)
+            shortest = d;
+        if (finite || d == kConfirmDepth) {
+            lengths |= 1u << d;
+            set_confirm(pf, lo, hi, d);
+        }
+        if (d == 8)
+            set_confirm(pf, lo, 0, THIN_NFA_PREFILTER_TAG_PREFIX8);
+    });
+    pf->confirm_lengths = lengths;
+    if (walked != 0 || lengths == 0) {
+        // Not a trie, or no pattern at all: the automaton reads every byte.
+        VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: no prefilter for this BNFA\n");
+        VAEL_PM_KFREE(pf->confirm, confirm_bytes);
+        VAEL_PM_KFREE(pf, sizeof *pf);
+        vael_thin_nfa_prefilter_free(nfa);
+        return 0;
+    }
+
+    uint32_t window = shortest < kMaxWindow ? shortest : kMaxWindow;
+    // With every pattern at least window + stride - 1 bytes long, a
+    // pattern's start lies at most stride - 1 bytes before a tested
+    // position where one of its first stride windows shows.
+    uint32_t stride = 1;
+    if (shortest >= kMaxWindow + 1)
+        stride = shortest - kMaxWindow + 1 < kMaxStride ? shortest - kMaxWindow + 1 : kMaxStride;
+    // A set whose spellings are too many gets no stride, then a shorter
+    // window.
+    while (spellings[window + stride - 1] * stride > kMaxEnumerated && !(window == 1 && stride == 1)) {
+        if (stride > 1)
+            stride = 1;
+        else
+            window--;
+    }
+    pf->window = window;
+    pf->stride = stride;
+    pf->window_mask = window_mask(window);
+    pf->fold = caseless ? 0x20202020u & pf->window_mask : 0;
+    const uint32_t depth = window + stride - 1;
+    const uint64_t distinct = spellings[depth] * stride;
+    log2 = kMinTableLog2;
+    while (log2 < kMaxTableLog2 && (1ull << log2) < distinct * kBitsPerWindow &&
+           (1ull << (log2 + 1)) / 8 <= nfa->bnfa_size / 8)
+        log2++;
+    pf->hash_shift = 32 - log2;
+    pf->table_words = 1u << (log2 - 5);
+    const size_t table_bytes = sizeof(uint32_t) * (size_t)pf->table_words;
+    pf->table = static_cast<uint32_t *>(VAEL_PM_KMALLOC(table_bytes));
+    if (!pf->table) {
+        VAEL_LOG(VAEL_DBG_ERR, kThinTopics, "%s: Failed to allocate prefilter table of %d bytes\n", (int)table_bytes);
+        VAEL_PM_KFREE(pf->confirm, confirm_bytes);
+        VAEL_PM_KFREE(pf, sizeof *pf);
+        return -1;
+    }
+    std::memset(pf->table, 0, table_bytes);
+    // The shallow walk: every spelling of the windows at offsets
+    // 0 .. stride - 1 of every path of `depth` bytes.
+    walk_trie(w, depth, [&](uint32_t d, uint32_t, uint64_t) {
+        if (d == depth)
+            for (uint32_t k = 0; k < stride; k++)
+                set_window_spellings(w, pf, k, window, 0, 0);
+    });
+    vael_thin_nfa_prefilter_free(nfa);
+    nfa->prefilter = pf;
+    VAEL_LOG(VAEL_DBG_NOTICE, "K_THINNFA", "%s: prefilter window %u stride %u, %u + %u bytes\n", window, stride,
+             (unsigned)table_bytes, (unsigned)confirm_bytes);
+    return 0;
 }
 
 extern "C" void vael_thin_nfa_prefilter_free(vael_thin_nfa *nfa) {

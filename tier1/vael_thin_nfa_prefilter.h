@@ -9,12 +9,12 @@
  * against a bitmap of the hashed windows at offsets 0 .. stride - 1 of every
  * pattern's beginning; a hit then vouches for the stride positions ending
  * there, each tested again by its own window and confirmed by a second
- * bitmap keyed on its first 8 bytes. A passed position is only a candidate,
+ * bitmap keyed on its first 16 bytes (or all of a shorter pattern's). A passed position is only a candidate,
  * never a match: the automaton runs from it exactly as it would have, so a
  * false candidate costs time and never changes a result.
  *
  * The tables are derived from the BNFA alone (its root, the states one to
- * eight transitions below it, their finite flags and the translation table),
+ * sixteen transitions below it, their finite flags and the translation table),
  * so a handle gets the same filter whether it was compiled, copied or loaded
  * from an image; the BNFA itself is untouched. The filter is owned by the
  * handle and counted in the PM memory account.
@@ -29,6 +29,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "tier1/vael_thin_nfa_internal.h"
 
@@ -45,6 +46,8 @@ extern "C" {
  * read as one 32-bit load. The last positions of a piece are left to the
  * automaton. */
 #define THIN_NFA_PREFILTER_LOAD 4u
+/* Bytes of a pattern's beginning that the confirmation of a candidate sees. */
+#define THIN_NFA_PREFILTER_CONFIRM_DEPTH 16u
 
 typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t window;      /* bytes of a pattern's beginning tested per position, 1..4 */
@@ -54,15 +57,15 @@ typedef struct vael_thin_nfa_prefilter_tables {
     uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
     uint32_t table_words; /* 32-bit words of the bitmap, a power of two */
     uint32_t *table;      /* bit h set: some pattern beginning hashes to h */
-    /* The confirmation of a window's hit, over the first 8 bytes: a key per
-     * path of 8 bytes from the root, and per shorter path that ends in a
-     * finite state, the key of its bytes and its length (the lengths held
-     * in confirm_lengths, bit d for d bytes). Null when the set has too many
-     * spellings; every hit then stands. */
+    /* The confirmation of a window's hit, over the first 16 bytes in their
+     * canonical form: a key per path of 16 bytes from the root, and per
+     * shorter path that ends in a finite state, the key of its bytes and
+     * its length (the lengths held in confirm_lengths, bit d for d bytes). */
     uint32_t confirm_lengths;
     uint32_t confirm_shift; /* 64 - log2 of the confirmation bitmap's bits */
     uint32_t confirm_words; /* 32-bit words of that bitmap, a power of two */
     uint32_t *confirm;
+    const unsigned char *xlation_tab; /* the handle's, when it translates; else null */
 } vael_thin_nfa_prefilter_tables;
 
 /* The search, vael_thin_nfa_prefilter_find_fn, is declared beside the run
@@ -95,29 +98,58 @@ static inline int vael_thin_nfa_prefilter_test(const vael_thin_nfa_prefilter_tab
     return (int)((pf->table[h >> 5] >> (h & 31)) & 1u);
 }
 
-/* The confirmation key of the first `len` (1..8) bytes of a little-endian
- * 64-bit load. */
-static inline uint64_t vael_thin_nfa_prefilter_confirm_key(uint64_t load, uint32_t len) {
-    return len >= 8 ? load : (load & ((1ull << (8 * len)) - 1)) | (uint64_t)len << 56;
+/* Tags of the confirmation's keys beside the lengths 1..16: the first 8
+ * bytes of every path that long, which every pattern of 8 bytes or more
+ * shows, so one probe turns most passers-by away before the longer lengths. */
+#define THIN_NFA_PREFILTER_TAG_PREFIX8 64u
+
+/* The confirmation hash of a key: the text's bytes 0-7 in `lo` and 8-15 in
+ * `hi`, little-endian, as many kept as the key covers, the rest zero. */
+static inline uint32_t vael_thin_nfa_prefilter_confirm_hash(const vael_thin_nfa_prefilter_tables *pf, uint64_t lo,
+                                                            uint64_t hi, uint32_t tag) {
+    uint64_t x = lo * 0x9e3779b97f4a7c15ull + (hi + tag) * 0xc2b2ae3d27d4eb4full;
+    return (uint32_t)(x >> pf->confirm_shift);
 }
 
-static inline int vael_thin_nfa_prefilter_confirm_bit(const vael_thin_nfa_prefilter_tables *pf, uint64_t key) {
-    uint32_t h = (uint32_t)((key * 0x9e3779b97f4a7c15ull) >> pf->confirm_shift);
+static inline int vael_thin_nfa_prefilter_confirm_bit(const vael_thin_nfa_prefilter_tables *pf, uint64_t lo,
+                                                      uint64_t hi, uint32_t tag) {
+    uint32_t h = vael_thin_nfa_prefilter_confirm_hash(pf, lo, hi, tag);
     return (int)((pf->confirm[h >> 5] >> (h & 31)) & 1u);
 }
 
-/* Whether a window hit at p stands: some pattern's first 8 bytes, or a
- * shorter pattern, may start there. A hit within 8 bytes of end stands. */
+/* Whether a window hit at p stands: some pattern's first 16 bytes, or a
+ * shorter pattern, may start there. A hit within 16 bytes of end stands:
+ * the pattern may go on past the piece. */
 static inline int vael_thin_nfa_prefilter_confirm(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
                                                   const unsigned char *end) {
-    if (!pf->confirm || end - p < 8)
+    if (end - p < (ptrdiff_t)THIN_NFA_PREFILTER_CONFIRM_DEPTH)
         return 1;
-    uint64_t load = 0;
-    for (int i = 7; i >= 0; i--)
-        load = load << 8 | p[i];
-    for (uint32_t lengths = pf->confirm_lengths; lengths; lengths &= lengths - 1)
-        if (vael_thin_nfa_prefilter_confirm_bit(pf, vael_thin_nfa_prefilter_confirm_key(load, (uint32_t)__builtin_ctz(lengths))))
+    uint64_t lo, hi;
+    if (pf->xlation_tab) {
+        unsigned char canonical[16];
+        for (int i = 0; i < 16; i++)
+            canonical[i] = pf->xlation_tab[p[i]];
+        memcpy(&lo, canonical, 8);
+        memcpy(&hi, canonical + 8, 8);
+    } else {
+        memcpy(&lo, p, 8);
+        memcpy(&hi, p + 8, 8);
+    }
+    uint32_t lengths = pf->confirm_lengths;
+    for (uint32_t short_lengths = lengths & 0xffu; short_lengths; short_lengths &= short_lengths - 1) {
+        uint32_t len = (uint32_t)__builtin_ctz(short_lengths);
+        if (vael_thin_nfa_prefilter_confirm_bit(pf, lo & ((1ull << (8 * len)) - 1), 0, len))
             return 1;
+    }
+    lengths &= ~0xffu;
+    if (!lengths || !vael_thin_nfa_prefilter_confirm_bit(pf, lo, 0, THIN_NFA_PREFILTER_TAG_PREFIX8))
+        return 0;
+    for (; lengths; lengths &= lengths - 1) {
+        uint32_t len = (uint32_t)__builtin_ctz(lengths);
+        uint64_t kept = len >= 16 ? hi : hi & ((1ull << (8 * (len - 8))) - 1);
+        if (vael_thin_nfa_prefilter_confirm_bit(pf, lo, kept, len))
+            return 1;
+    }
     return 0;
 }
 

@@ -62,15 +62,18 @@ TEST(ThinNfaPrefilter, WindowAndFoldFollowTheSetsShape) {
         {{"ab", "xyzw"}, 0, 2, 1, 0, 1u << 2 | 1u << 4},
         {{"abcdefgh", "a"}, 0, 1, 1, 0, 1u << 1 | 1u << 8},
         {{"abcdefgh"}, 0, 4, 4, 0, 1u << 8},
-        {{"abcdefg", "xyzabcdefghij"}, 0, 4, 4, 0, 1u << 7 | 1u << 8},
+        // "xyzabcdefg" ends in the shorter pattern: finite at 10 bytes too.
+        {{"abcdefg", "xyzabcdefghij"}, 0, 4, 4, 0, 1u << 7 | 1u << 10 | 1u << 13},
+        // Past 16 bytes only the first 16 are keyed.
+        {{"0123456789abcdefXYZ", "Content-Type: app"}, 0, 4, 4, 0, 1u << 16},
         {{std::string("\xff\x00\x01\x02", 4)}, 0, 4, 1, 0, 1u << 4},
         {{"Abcd"}, VAEL_PM_CASELESS, 4, 1, 0x20202020, 1u << 4},
         {{"Ab"}, VAEL_PM_CASELESS, 2, 1, 0x2020, 1u << 2},
         {{"1234", "x9"}, VAEL_PM_DIGITLESS, 2, 1, 0, 1u << 2 | 1u << 4},
         {{"a1B2c3"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, 4, 3, 0x20202020, 1u << 6},
-        // 10^8 spellings of the first 8 bytes: no confirmation, and too
-        // many of the first 7 for a stride.
-        {{"12345678"}, VAEL_PM_DIGITLESS, 4, 1, 0, 0},
+        // 10^7 spellings of the first 7 bytes, too many for a stride; the
+        // confirmation keys the canonical bytes and is there all the same.
+        {{"12345678"}, VAEL_PM_DIGITLESS, 4, 1, 0, 1u << 8},
     };
     for (const Row &row : rows) {
         vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
@@ -104,7 +107,7 @@ TEST(ThinNfaPrefilter, NoPatternStartIsPassedOver) {
         const size_t min_len = 1 + rng() % 8;
         std::vector<std::string> texts;
         for (int n = 1 + rng() % 30; n > 0; n--)
-            texts.push_back(word(min_len, 12));
+            texts.push_back(word(min_len, 20));
         const std::vector<Pattern> patterns = numbered(texts);
         vael_test::ThinNfa nfa(patterns, flags);
         ASSERT_NE(nfa.get(), nullptr);
@@ -171,6 +174,58 @@ TEST(ThinNfaPrefilter, BareBnfaGivesTheCompiledTables) {
     }
 }
 
+// A candidate whose first 8 to 16 bytes are those of a pattern but whose
+// next ones are not is turned away before the automaton sees it, and one
+// that a pattern may start at passes, whatever its case under folding.
+TEST(ThinNfaPrefilter, ConfirmationLooksSixteenBytesDeep) {
+    struct Row {
+        std::vector<std::string> patterns;
+        uint32_t compile_flags;
+        std::string text; // the candidate at its start, padded to 16 bytes
+        bool passes;
+    };
+    const Row rows[] = {
+        {{"Content-Type: text/xml"}, 0, "Content-Type: application/json", false},
+        {{"Content-Type: text/xml"}, 0, "Content-Type: text/xml!.......", true},
+        // Past 16 bytes the automaton decides.
+        {{"Content-Type: text/xml"}, 0, "Content-Type: text/html.......", true},
+        {{"\"token\":\"a9Zq"}, 0, "\"token\":\"b8Yw.....", false},
+        {{"\"token\":\"a9Zq"}, 0, "\"token\":\"a9Zq.....", true},
+        {{"session=", "session=AbCdEf"}, 0, "session=whatever", true},
+        {{"sessionid=AbCdEfGh"}, 0, "session=whatever", false},
+        {{"sessionid=AbCdEfGh"}, VAEL_PM_CASELESS, "SESSIONID=abcdefgh", true},
+        {{"sessionid=AbCdEfGh"}, VAEL_PM_CASELESS, "SESSIONID=abcdxfgh", false},
+        {{"port=8080&user=x"}, VAEL_PM_DIGITLESS, "port=1234&user=x", true},
+        {{"port=8080&user=x"}, VAEL_PM_DIGITLESS, "port=1234&user=y", false},
+    };
+    for (const Row &row : rows) {
+        vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
+        ASSERT_NE(nfa.get(), nullptr);
+        const auto *data = reinterpret_cast<const unsigned char *>(row.text.data());
+        ASSERT_GE(row.text.size(), 16u);
+        EXPECT_EQ(vael_thin_nfa_prefilter_confirm(nfa.get()->prefilter, data, data + row.text.size()) != 0, row.passes)
+            << row.patterns[0] << " against " << row.text;
+    }
+}
+
+// A BNFA whose links do not form a trie (every root entry leads to one state
+// that loops on itself) would walk without end: it gets no filter, and runs
+// read every byte.
+TEST(ThinNfaPrefilter, BnfaThatIsNoTrieGetsNoFilter) {
+    const uint32_t loop = BNFA_FULL_STATE_WORDS;
+    vael_thin_nfa *nfa = vael_thin_nfa_create(2, 4 * (loop + 3), BNFA_FULL_STATE_BYTES);
+    ASSERT_NE(nfa, nullptr);
+    nfa->bnfa[0] = 0;
+    for (uint32_t b = 0; b < 256; b++)
+        nfa->bnfa[1 + b] = loop;
+    nfa->bnfa[loop] = 1u << BNFA_STATE_ID_SHIFT | BNFA_STATE_PARTIAL;
+    nfa->bnfa[loop + 1] = 1;                   // one transition, fail to the root
+    nfa->bnfa[loop + 2] = 'a' | loop << 8;     // back to itself
+    EXPECT_EQ(vael_thin_nfa_prefilter_build(nfa), 0);
+    EXPECT_EQ(nfa->prefilter, nullptr);
+    vael_thin_nfa_destroy(nfa);
+}
+
 TEST(ThinNfaPrefilter, MemoryIsCountedAndGivenBack) {
     vael_test::ThinNfa nfa(numbered({"abcdef", "bcdefg", "zzzz"}));
     ASSERT_NE(nfa.get(), nullptr);
@@ -199,11 +254,11 @@ TEST(ThinNfaPrefilter, EveryAllocationFailureLeavesTheHandleAsItWas) {
     auto unchanged = [&] { return copy->prefilter == nullptr; };
     vael_test::FailmemWalk sites = vael_test::failmem_walk(attempt, unchanged);
     EXPECT_TRUE(sites.succeeded);
-    EXPECT_EQ(sites.rounds, 6); // depths, queue, record, table, confirmation, success
+    EXPECT_EQ(sites.rounds, 4); // record, confirmation, window table, success
     vael_thin_nfa_prefilter_free(copy);
     vael_test::FailmemWalk each = vael_test::failmem_walk_each_allocation(attempt, unchanged);
     EXPECT_TRUE(each.succeeded);
-    EXPECT_EQ(each.rounds, 6);
+    EXPECT_EQ(each.rounds, 4);
     vael_thin_nfa_destroy(copy);
 }
 
@@ -242,6 +297,13 @@ TEST(ThinNfaPrefilter, AdversarialTextsAgreeWithBruteForce) {
         spaced += std::string(gap, '.') + "acgt";
     for (int i = 0; i < 200; i++)
         dense += (i % 3) ? "ab" : "a";
+    std::vector<std::string> wide = {"cgt", "tacg"};
+    std::string wide_text = spaced;
+    for (int b = 0; b < 80; b++) {
+        wide.push_back(std::string("acg") + (char)(0x30 + b) + "xyz0123456789abc");
+        if (b % 7 == 0)
+            wide_text += wide.back() + ".acgt" + (char)(0x30 + b) + "xyz012345678.";
+    }
     struct Row {
         const char *name;
         std::vector<std::string> patterns;
@@ -269,6 +331,10 @@ TEST(ThinNfaPrefilter, AdversarialTextsAgreeWithBruteForce) {
         {"shared prefixes", {"Host: abc", "Host: abd1"}, 0,
          std::string("Host: www.Host: ab.Host: abc.Host: Host: abd1Host: abcHost: ab")},
         {"caseless stride", {"AcGtAc", "TACGTACG"}, VAEL_PM_CASELESS, spaced + "ACGTAC.acgtac.tacgtacg"},
+        // A state three bytes down with more children than a partial state
+        // holds is full: its table mixes children with fail transitions.
+        {"wide fan-out below the root", wide, 0, wide_text},
+        {"wide fan-out, caseless", wide, VAEL_PM_CASELESS, wide_text},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
