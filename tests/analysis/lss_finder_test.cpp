@@ -48,32 +48,21 @@ TEST(LssFinder, ExpressionsAndWhatTheyMustContain) {
     };
     const uint32_t dl = VAEL_PM_DIGITLESS, ci = VAEL_PM_CASELESS;
     const Row rows[] = {
-        {"abc", 0, kMulti, {"abc"}, 0, false},
-        {"abc|def", 0, kMulti, {"abc", "def"}, 0, false},
-        {"ab{3}c", 0, kMulti, {"abbbc"}, 0, false},
-        {"a\\.b\\x41", 0, kMulti, {"a.bA"}, 0, false},
-        {"^abc$", 0, kMulti, {"abc"}, 0xC0000, false},
-        {"abc\\$", 0, kMulti, {"abc$"}, 0, false},
+        {"abc", 0, kMulti, {"abc"}, 0, false}, {"abc|def", 0, kMulti, {"abc", "def"}, 0, false},
+        {"ab{3}c", 0, kMulti, {"abbbc"}, 0, false}, {"a\\.b\\x41", 0, kMulti, {"a.bA"}, 0, false},
+        {"^abc$", 0, kMulti, {"abc"}, 0xC0000, false}, {"abc\\$", 0, kMulti, {"abc$"}, 0, false},
         {"ABC|Def", ci, kMulti, {"abc", "def"}, 0, false},
         {"ab7", dl, kMulti, {"ab0"}, 0, true},  // 7 alone is not all ten digits
-        {"ab[0-9]", dl, kMulti, {"ab0"}, 0, false},
-        {"(abc|def)x", 0, kRegular, {"x"}, 0, false},
-        {"xabcy.|zabcw", 0, kRegular, {"abc"}, 0, false},
-        {"ab{2,3}c", 0, kRegular, {"bbc"}, 0, false},
-        {"ab*cd", 0, kRegular, {"cd"}, 0, false},
-        {"a+", 0, kRegular, {"a"}, 0, false},
-        {"(ab)+c", 0, kRegular, {"abc"}, 0, false},
-        {"a(b|c)d", 0, kRegular, {"a"}, 0, false},
+        {"ab[0-9]", dl, kMulti, {"ab0"}, 0, false}, {"(abc|def)x", 0, kRegular, {"x"}, 0, false},
+        {"xabcy.|zabcw", 0, kRegular, {"abc"}, 0, false}, {"ab{2,3}c", 0, kRegular, {"bbc"}, 0, false},
+        {"ab*cd", 0, kRegular, {"cd"}, 0, false}, {"a+", 0, kRegular, {"a"}, 0, false},
+        {"(ab)+c", 0, kRegular, {"abc"}, 0, false}, {"a(b|c)d", 0, kRegular, {"a"}, 0, false},
         {"\\d+abc[xy]", 0, kRegular, {"abc"}, 0, false},
         // Of equal lengths the string most recently joined at the right end wins.
-        {"(foo|xfoox)bar", 0, kRegular, {"bar"}, 0, false},
-        {"(xfoo|foo)bar", 0, kRegular, {"foobar"}, 0, false},
-        {"^.*abc", 0, kRegular, {"abc"}, 0x80000, false},
-        {"abc.$", 0, kRegular, {"abc"}, 0x40000, false},
+        {"(foo|xfoox)bar", 0, kRegular, {"bar"}, 0, false}, {"(xfoo|foo)bar", 0, kRegular, {"foobar"}, 0, false},
+        {"^.*abc", 0, kRegular, {"abc"}, 0x80000, false}, {"abc.$", 0, kRegular, {"abc"}, 0x40000, false},
         {"\\bword", 0, kRegular, {"word"}, 0, false},  // an escaped letter is no candidate
-        {"abc|xyz.", 0, kNone, {}, 0, false},
-        {"a{0,3}", 0, kNone, {}, 0, false},
-        {"", 0, kNone, {}, 0, false},
+        {"abc|xyz.", 0, kNone, {}, 0, false}, {"a{0,3}", 0, kNone, {}, 0, false}, {"", 0, kNone, {}, 0, false},
         {"a||b", 0, kRefused, {"Not enough operands for the operator"}, 0, false},
         {"a{x", 0, kRefused, {"Illegal sequence beginning with '{': '{' must be followed by a digit"}, 0, false},
         {"(ab", 0, kRefused, {"Missing a closing ')'"}, 0, false},
@@ -170,8 +159,7 @@ TEST(LssFinder, AlternationKeepsTheLongestCommonSubstring) {
 // candidates in their order.
 TEST(LssFinder, SinglePassCandidatesInOrder) {
     const std::pair<const char *, Strings> rows[] = {
-        {"ab{2,3}c", {"bbc", "abb"}},
-        {"ab*cd", {"cd", "a"}},
+        {"ab{2,3}c", {"bbc", "abb"}}, {"ab*cd", {"cd", "a"}},
         {"abab|ab", {"ab", "ab"}},  // a start and an end: neither covers the other
     };
     for (const auto &[pattern, candidates] : rows) {
@@ -192,14 +180,11 @@ TEST(LssFinder, Trim) {
     const Row rows[] = {
         {"^abc", 0, 0, "abc", 0x80000},
         {"^.*abc", 0, 0, ".*abc", 0x80000},  // no leading .* after ^
-        {".*abc", 0, 0, "abc", 0},
-        {"abc$", 0, 0, "abc", 0x40000},
+        {".*abc", 0, 0, "abc", 0}, {"abc$", 0, 0, "abc", 0x40000},
         {"abc.*$", 0, 0, "abc.*", 0x40000},  // no trailing .* before $
         {"abc\\$", 0, 0, "abc\\$", 0},
         {"abc\\\\$", 0, 0, "abc\\\\$", 0},  // only the one byte before is looked at
-        {".*", 0, 0, "", 0},
-        {"$", 0, 0, "", 0x40000},
-        {"^abc$", VAEL_PM_LSS_KEEP_ANCHORS, 0, "^abc$", 0},
+        {".*", 0, 0, "", 0}, {"$", 0, 0, "", 0x40000}, {"^abc$", VAEL_PM_LSS_KEEP_ANCHORS, 0, "^abc$", 0},
         {"^", 0, -1, "", 0},
     };
     vael_test::LogCapture quiet;
@@ -271,10 +256,7 @@ TEST(LssFinder, AllocationFailuresEndInNoResult) {
         Strings expected;
     };
     const Case cases[] = {
-        {"abc|def", {"abc", "def"}},
-        {"(abc|def)x", {"x"}},
-        {"xabcy.|zabcw", {"abc"}},
-        {"ab{2,3}c", {"bbc"}},
+        {"abc|def", {"abc", "def"}}, {"(abc|def)x", {"x"}}, {"xabcy.|zabcw", {"abc"}}, {"ab{2,3}c", {"bbc"}},
         {"(ab)+c[0-9]*d{3}", {"abc"}},
     };
     vael_test::LogCapture quiet;

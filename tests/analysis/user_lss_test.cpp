@@ -53,8 +53,7 @@ TEST(UserLss, TextsAndTheStringsTheyDenote) {
         uint32_t anchors;
         bool mark;
     } rows[] = {
-        {"a|b", true, false, false, true, {"a|b"}, 0, false},
-        {"^a*$", true, false, false, true, {"^a*$"}, 0, false},
+        {"a|b", true, false, false, true, {"a|b"}, 0, false}, {"^a*$", true, false, false, true, {"^a*$"}, 0, false},
         {"a|b|c", false, false, false, true, {"a", "b", "c"}, 0, false},
         {"ab\\x41|cd", false, false, false, true, {"abA", "cd"}, 0, false},
         {"^abc$", false, false, false, true, {"abc"}, both, false},
@@ -65,22 +64,14 @@ TEST(UserLss, TextsAndTheStringsTheyDenote) {
         {"a1b", false, false, false, true, {"a1b"}, 0, false},
         {"x\\x{e9}y", false, false, true, true, {"x\xc3\xa9y"}, 0, false},
         {"\xe2\x82\xac|\xf0\x9f\x98\x80", false, false, true, true, {"\xe2\x82\xac", "\xf0\x9f\x98\x80"}, 0, false},
-        {"ab*", false, false, false, false, {}, 0, false},
-        {"a{2}", false, false, false, false, {}, 0, false},
-        {"a{2,3}", false, false, false, false, {}, 0, false},
-        {"a{2,}", false, false, false, false, {}, 0, false},
-        {"a+", false, false, false, false, {}, 0, false},
-        {"a?", false, false, false, false, {}, 0, false},
-        {"a.b", false, false, false, false, {}, 0, false},
-        {"a[bc]", false, false, false, false, {}, 0, false},
-        {"\\d", false, false, false, false, {}, 0, false},
-        {"(a|b)c", false, false, false, false, {}, 0, false},
-        {"a(b|c)", false, false, false, false, {}, 0, false},
-        {"a|", false, false, false, false, {}, 0, false},
-        {"()", false, false, false, false, {}, 0, false},
-        {"(|a)", false, false, false, false, {}, 0, false},
-        {"", false, false, false, false, {}, 0, false},
-        {"^", false, false, false, false, {}, 0, false},
+        {"ab*", false, false, false, false, {}, 0, false}, {"a{2}", false, false, false, false, {}, 0, false},
+        {"a{2,3}", false, false, false, false, {}, 0, false}, {"a{2,}", false, false, false, false, {}, 0, false},
+        {"a+", false, false, false, false, {}, 0, false}, {"a?", false, false, false, false, {}, 0, false},
+        {"a.b", false, false, false, false, {}, 0, false}, {"a[bc]", false, false, false, false, {}, 0, false},
+        {"\\d", false, false, false, false, {}, 0, false}, {"(a|b)c", false, false, false, false, {}, 0, false},
+        {"a(b|c)", false, false, false, false, {}, 0, false}, {"a|", false, false, false, false, {}, 0, false},
+        {"()", false, false, false, false, {}, 0, false}, {"(|a)", false, false, false, false, {}, 0, false},
+        {"", false, false, false, false, {}, 0, false}, {"^", false, false, false, false, {}, 0, false},
         {"\xe2\x82", false, false, true, false, {}, 0, false},
     };
     for (const Row &row : rows) {
@@ -160,12 +151,8 @@ TEST(UserLss, CompileUsesTheReaderAndNamesARefusal) {
         uint32_t flags;
         const char *saved_lss;  // or null for a refusal
     } rows[] = {
-        {"a.*b(cd|ef)", "cd|ef", 0, "cd|ef"},
-        {"GET /[a-z]+", "GET\\x20/", 0, "GET /"},
-        {"a.*bc", "^a", 0, "^a"},
-        {"x.*y\\*", "y\\*", VAEL_PM_LITERAL, "y\\*"},
-        {"a+bc", "a+b", 0, nullptr},
-        {"(a|b)c", "(a|b)c", 0, nullptr},
+        {"a.*b(cd|ef)", "cd|ef", 0, "cd|ef"}, {"GET /[a-z]+", "GET\\x20/", 0, "GET /"}, {"a.*bc", "^a", 0, "^a"},
+        {"x.*y\\*", "y\\*", VAEL_PM_LITERAL, "y\\*"}, {"a+bc", "a+b", 0, nullptr}, {"(a|b)c", "(a|b)c", 0, nullptr},
         {"abc", "[ab]", 0, nullptr},
     };
     for (const Row &row : rows) {

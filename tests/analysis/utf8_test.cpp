@@ -46,26 +46,15 @@ TEST(Utf8Rewrite, PatternsAndTheirByteLevelTexts) {
         bool ok;
         const char *want;  // the text, or the refusal's words ("" when the lexer only logs)
     } rows[] = {
-        {"abc", true, "abc"},
-        {"a*", true, "(a)*"},
-        {"(ab)*", true, "(ab())*"},
-        {"(ab){2}", true, "(ab()){2}"},
-        {"(a|b)*", true, "(a|b())*"},
-        {"(a|b)c", true, "(a|b)c"},
-        {"x{2,3}", true, "(x){2,3}"},
-        {"x{2,}", true, "(x){2,}"},
-        {"a+", true, "(a){1,}"},
-        {"a?", true, "(a){0,1}"},
-        {"^ab$", true, "^ab$"},
-        {"caf\xc3\xa9", true, "caf\xc3\xa9"},
-        {"\xe2\x82\xac+", true, "(\xe2\x82\xac){1,}"},
-        {"a|", false, "Not enough operands for the operator"},
+        {"abc", true, "abc"},           {"a*", true, "(a)*"},          {"(ab)*", true, "(ab())*"},
+        {"(ab){2}", true, "(ab()){2}"}, {"(a|b)*", true, "(a|b())*"},  {"(a|b)c", true, "(a|b)c"},
+        {"x{2,3}", true, "(x){2,3}"},   {"x{2,}", true, "(x){2,}"},    {"a+", true, "(a){1,}"},
+        {"a?", true, "(a){0,1}"},       {"^ab$", true, "^ab$"},        {"caf\xc3\xa9", true, "caf\xc3\xa9"},
+        {"\xe2\x82\xac+", true, "(\xe2\x82\xac){1,}"}, {"a|", false, "Not enough operands for the operator"},
         {"|a", false, "Not enough operands for the operator"},
         {"a|*", false, "Empty operand in UTF-8 pattern (an alternative or a repeated item is missing)"},
         {"a|+b", false, "Empty operand in UTF-8 pattern (an alternative or a repeated item is missing)"},
-        {"\xe2\x82", false, ""},
-        {"a\xff", false, ""},
-        {"a\xc3\x28", false, ""},
+        {"\xe2\x82", false, ""}, {"a\xff", false, ""}, {"a\xc3\x28", false, ""},
         {"[z-a]", false, "Illegal range inside brackets"},
         {"[\xe2\x82\xac-a]", false, "Illegal range inside brackets"},
     };
@@ -93,110 +82,89 @@ using vael_test::encode_utf8;
 // that rule of the range code is kept as it stands and is not this test's.
 bool usable(uint32_t c) { return (c < 0xD800 || c > 0xDFFF) && (c < 0x40000 || c > 0xFFFFF); }
 
-// A random pattern of the grammar and random texts of its language.
+// A random pattern of the grammar, kept as a tree to draw members of its
+// language from.
+struct Node {
+    enum Type { kChar, kClass, kDot, kAlt, kConcat, kRepeat } type;
+    explicit Node(Type t) : type(t) {}
+    uint32_t lo = 0, hi = 0;  // kChar: lo; kClass: lo..hi
+    bool negated = false;
+    int min = 0, max = 0;  // kRepeat; max -1: unbounded
+    std::vector<Node> kids;
+    std::string text;
+};
+
 class Generator {
   public:
     explicit Generator(uint32_t seed) : rng_(seed) {}
-
-    struct Node {
-        enum Type { kChar, kClass, kDot, kAlt, kConcat, kRepeat } type;
-        explicit Node(Type t) : type(t) {}
-        uint32_t lo = 0, hi = 0;  // kChar: lo; kClass: lo..hi
-        bool negated = false;
-        int min = 0, max = 0;  // kRepeat; max -1: unbounded
-        std::vector<Node> kids;
-        std::string text;
-    };
-
-    int pick(int n) { return (int)(rng_() % (uint32_t)n); }
+    int pick(size_t n) { return (int)(rng_() % (uint32_t)n); }
     uint32_t any_char() { return kAlphabet[pick(kAlphabetSize)]; }
 
     Node alternation(int depth) {
-        Node n(Node::kAlt);
-        const int count = 1 + (pick(4) == 0 ? 1 + pick(2) : 0);
-        for (int i = 0; i < count; i++) {
+        Node n{Node::kAlt};
+        for (int i = 0, count = pick(4) ? 1 : 2 + pick(2); i < count; i++) {
             n.kids.push_back(concat(depth));
             n.text += (i ? "|" : "") + n.kids.back().text;
         }
         return n;
     }
 
-    std::string member(const Node &n) {
+    // A member of n's language, as code points.
+    void member(const Node &n, std::vector<uint32_t> &out) {
         switch (n.type) {
         case Node::kChar:
-            return encode_utf8(n.lo);
+            out.push_back(n.lo);
+            break;
+        case Node::kDot:
+            out.push_back(any_char());
+            break;
         case Node::kClass: {
+            // The alphabet's members of the class, and one character inside a
+            // span or just beside a negated one.
             std::vector<uint32_t> choices;
             for (uint32_t c : kAlphabet)
                 if ((c >= n.lo && c <= n.hi) != n.negated)
                     choices.push_back(c);
-            if (!n.negated) {
-                const uint32_t c = n.lo + (uint32_t)pick((int)(n.hi - n.lo + 1));
-                choices.push_back(usable(c) ? c : n.lo);
-            } else if (n.lo > 0) {
+            const uint32_t inside = n.lo + (uint32_t)pick(n.hi - n.lo + 1);
+            if (!n.negated)
+                choices.push_back(usable(inside) ? inside : n.lo);
+            else if (n.lo > 0)
                 choices.push_back(n.lo - 1 >= 0xD800 && n.lo - 1 <= 0xDFFF ? 0xD7FF : n.lo - 1);
-            } else {
+            else
                 choices.push_back(n.hi + 1 >= 0xD800 && n.hi + 1 <= 0xDFFF ? 0xE000 : n.hi + 1);
-            }
-            return encode_utf8(choices[pick((int)choices.size())]);
+            out.push_back(choices[pick(choices.size())]);
+            break;
         }
-        case Node::kDot:
-            return encode_utf8(any_char());
         case Node::kAlt:
-            return member(n.kids[pick((int)n.kids.size())]);
-        case Node::kConcat: {
-            std::string s;
+            member(n.kids[pick(n.kids.size())], out);
+            break;
+        case Node::kConcat:
             for (const Node &k : n.kids)
-                s += member(k);
-            return s;
+                member(k, out);
+            break;
+        case Node::kRepeat:
+            for (int i = 0, times = n.min + pick((n.max < 0 ? 2 : n.max - n.min) + 1); i < times; i++)
+                member(n.kids[0], out);
+            break;
         }
-        case Node::kRepeat: {
-            const int times = n.min + pick((n.max < 0 ? 2 : n.max - n.min) + 1);
-            std::string s;
-            for (int i = 0; i < times; i++)
-                s += member(n.kids[0]);
-            return s;
-        }
-        }
-        return "";
     }
 
-    // A member with one character changed, dropped or added: often outside.
-    std::string mutate(std::string s) {
-        std::vector<std::string> chars;
-        for (size_t i = 0; i < s.size();) {
-            size_t len = 1;
-            while (i + len < s.size() && ((unsigned char)s[i + len] & 0xC0) == 0x80)
-                len++;
-            chars.push_back(s.substr(i, len));
-            i += len;
-        }
-        const int at = pick((int)chars.size() + 1);
-        switch (pick(3)) {
-        case 0:
-            if (at < (int)chars.size()) {
-                chars[at] = encode_utf8(any_char());
-                break;
-            }
-            [[fallthrough]];
-        case 1:
-            chars.insert(chars.begin() + at, encode_utf8(any_char()));
-            break;
-        default:
-            if (at < (int)chars.size())
-                chars.erase(chars.begin() + at);
-        }
-        std::string out;
-        for (const auto &c : chars)
-            out += c;
-        return out;
+    // One character changed, dropped or added: often outside the language.
+    void mutate(std::vector<uint32_t> &s) {
+        const size_t at = pick(s.size() + 1);
+        const int op = pick(3);
+        if (op == 2 && at < s.size())
+            s.erase(s.begin() + at);
+        else if (op == 0 && at < s.size())
+            s[at] = any_char();
+        else
+            s.insert(s.begin() + at, any_char());
     }
 
   private:
     Node concat(int depth) {
-        Node n(Node::kConcat);
-        const int count = 1 + pick(3);
-        for (int i = 0; i < count; i++) {
+        Node n{Node::kConcat};
+        for (int i = 0, count = 1 + pick(3); i < count; i++) {
             n.kids.push_back(repeat(depth));
             n.text += n.kids.back().text;
         }
@@ -207,12 +175,12 @@ class Generator {
         Node atom_node = atom(depth);
         if (pick(3))
             return atom_node;
-        Node n(Node::kRepeat);
         static const struct {
             const char *text;
             int min, max;
         } kRepeats[] = {{"*", 0, -1}, {"+", 1, -1}, {"?", 0, 1}, {"{2}", 2, 2}, {"{0,2}", 0, 2}, {"{1,}", 1, -1}};
         const auto &r = kRepeats[pick(6)];
+        Node n{Node::kRepeat};
         n.min = r.min;
         n.max = r.max;
         n.text = atom_node.text + r.text;
@@ -221,35 +189,25 @@ class Generator {
     }
 
     Node atom(int depth) {
-        switch (depth < 2 ? pick(5) : pick(3)) {
-        case 0: {
-            Node n(Node::kClass);
-            uint32_t a = any_char(), b = any_char();
+        const int kind = depth < 2 ? pick(5) : pick(3);
+        if (kind >= 3) {
+            Node n = alternation(depth + 1);
+            n.text = "(" + n.text + ")";
+            return n;
+        }
+        if (kind == 0) {
+            Node n{Node::kClass};
+            const uint32_t a = any_char(), b = any_char();
             n.lo = std::min(a, b);
             n.hi = std::max(a, b);
             n.negated = pick(3) == 0;
             n.text = std::string("[") + (n.negated ? "^" : "") + encode_utf8(n.lo) + "-" + encode_utf8(n.hi) + "]";
             return n;
         }
-        case 1:
-            if (pick(3) == 0) {
-                Node n(Node::kDot);
-                n.text = ".";
-                return n;
-            }
-            [[fallthrough]];
-        case 2: {
-            Node n(Node::kChar);
-            n.lo = any_char();
-            n.text = encode_utf8(n.lo);
-            return n;
-        }
-        default: {
-            Node n = alternation(depth + 1);
-            n.text = "(" + n.text + ")";
-            return n;
-        }
-        }
+        Node n{kind == 1 && pick(3) == 0 ? Node::kDot : Node::kChar};
+        n.lo = any_char();
+        n.text = n.type == Node::kDot ? "." : encode_utf8(n.lo);
+        return n;
     }
 
     std::mt19937 rng_;
@@ -284,19 +242,23 @@ TEST(Utf8Rewrite, ByteLevelTextAcceptsWhatPcreAcceptsInUtf8Mode) {
     Generator g(4242);
     int cases = 0, matches = 0;
     for (int round = 0; round < 500; round++) {
-        const Generator::Node pattern = g.alternation(0);
+        const Node pattern = g.alternation(0);
         const Rewrite r = rewrite(pattern.text);
         ASSERT_TRUE(r.ok) << pattern.text << ": " << r.text;
         ASSERT_EQ(r.text.find('\0'), std::string::npos);
-        const Pcre chars(pattern.text, PCRE_UTF8);
+        const Pcre utf8(pattern.text, PCRE_UTF8);
         const Pcre bytes(r.text, 0);
-        ASSERT_NE(chars.re, nullptr) << pattern.text;
+        ASSERT_NE(utf8.re, nullptr) << pattern.text;
         ASSERT_NE(bytes.re, nullptr) << r.text;
         for (int t = 0; t < 8; t++) {
-            std::string text = g.member(pattern);
+            std::vector<uint32_t> chars;
+            g.member(pattern, chars);
             if (t % 2)
-                text = g.mutate(text);
-            const bool want = chars.full_match(text);
+                g.mutate(chars);
+            std::string text;
+            for (uint32_t c : chars)
+                text += encode_utf8(c);
+            const bool want = utf8.full_match(text);
             EXPECT_EQ(bytes.full_match(text), want) << "pattern " << hex(pattern.text) << "\nrewrite "
                                                     << hex(r.text) << "\ntext " << hex(text);
             cases++;

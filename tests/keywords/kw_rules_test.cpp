@@ -100,11 +100,9 @@ TEST(KwRules, OverBuffers) {
         // A find at the very end leaves no byte to test.
         {R"(data: "c", relative; test: 1, =, 0, 0, relative;)", "abc", -1},
         // Negation: passes where the string is absent, moves nothing.
-        {R"(data: "x"; data: !"q", relative;)", "xab", 0},
-        {R"(data: "x"; data: !"a", relative;)", "xab", -1},
+        {R"(data: "x"; data: !"q", relative;)", "xab", 0}, {R"(data: "x"; data: !"a", relative;)", "xab", -1},
         // A negative offset may reach back to the start, not before it.
-        {R"(data: "a", relative; data: "b", relative, offset -3;)", "xxab", 3},
-        {R"(data: "b", offset 1;)", "bab", 2},
+        {R"(data: "a", relative; data: "b", relative, offset -3;)", "xxab", 3}, {R"(data: "b", offset 1;)", "bab", 2},
         // Lengths behind a string.
         {R"(data: "GET "; length: 5, min, relative;)", "GET /abcd", 3},
         {R"(data: "GET "; length: 2, exact, relative;)", "GET /a", 3},
@@ -115,10 +113,8 @@ TEST(KwRules, OverBuffers) {
         {R"(data: "len="; test: 3, >, 99, 0, relative, string, dec;)", "len=250;", 3},
         {"data: \"|ff|\"; test: 1, <, 0, -1, relative, signed;", "\xff"s, 0},
         // Attributes and text forms of data.
-        {R"(data: "abc", nocase;)", "xABC", 3},
-        {R"(data: "ab", caret;)", "abx", 1},
-        {R"(data: "b", depth 2;)", "aab", -1},
-        {R"(delim=';data: 'a;b';)", "xa;b", 3},
+        {R"(data: "abc", nocase;)", "xABC", 3}, {R"(data: "ab", caret;)", "abx", 1},
+        {R"(data: "b", depth 2;)", "aab", -1}, {R"(delim=';data: 'a;b';)", "xa;b", 3},
         {R"(data: "a|3b|b";)", "xa;b", 3},
     };
     for (const auto &c : cases) {

@@ -23,15 +23,10 @@ TEST(PcreCompile, PreProcessedText) {
         const char *text;
     };
     const Row rows[] = {
-        {"abc", 0, "abc"},
-        {"^abc$", 0, "^(abc)$"},
-        {"^a|b$", 0, "^(a|b)$"},
-        {"abc$", 0, "(abc)$"},
+        {"abc", 0, "abc"}, {"^abc$", 0, "^(abc)$"}, {"^a|b$", 0, "^(a|b)$"}, {"abc$", 0, "(abc)$"},
         {"ab\\$", 0, "(ab\\)$"}, // the last byte alone decides
-        {"abc", VAEL_PM_BOUND, "\\b(abc)\\b"},
-        {"^abc$", VAEL_PM_BOUND, "^\\b(abc)\\b$"},
-        {"^abc$", VAEL_PM_LITERAL, "^abc$"},
-        {"^abc$", VAEL_PM_LITERAL | VAEL_PM_BOUND, "\\b(^abc$)\\b"},
+        {"abc", VAEL_PM_BOUND, "\\b(abc)\\b"}, {"^abc$", VAEL_PM_BOUND, "^\\b(abc)\\b$"},
+        {"^abc$", VAEL_PM_LITERAL, "^abc$"}, {"^abc$", VAEL_PM_LITERAL | VAEL_PM_BOUND, "\\b(^abc$)\\b"},
         {"^$", 0, "^()$"},
     };
     for (const Row &r : rows) {
@@ -60,22 +55,16 @@ TEST(PcreCompile, OptionsFromFlags) {
     const uint32_t ml = VAEL_PCRE_MULTILINE;
     const std::vector<Row> rows = {
         {"a.c", 0, 0, "a\nc", {{2, 0}}},                          // DOTALL by default
-        {"a.c", VAEL_PCRE_NO_DOTALL, 0, "a\nc", {}},
-        {"abc", VAEL_PM_CASELESS, 0, "xABC", {{3, 1}}},
+        {"a.c", VAEL_PCRE_NO_DOTALL, 0, "a\nc", {}}, {"abc", VAEL_PM_CASELESS, 0, "xABC", {{3, 1}}},
         {"abc", 0, VAEL_PM_CASELESS, "xABC", {{3, 1}}},             // compile flags count too
-        {"abc", 0, 0, "xABC", {}},
-        {"^b", 0, 0, "a\nb", {}},
-        {"^b", ml, 0, "a\nb", {{2, 2}}},
-        {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\rb", {{2, 2}}},
-        {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\nb", {}},
+        {"abc", 0, 0, "xABC", {}}, {"^b", 0, 0, "a\nb", {}}, {"^b", ml, 0, "a\nb", {{2, 2}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\rb", {{2, 2}}}, {"^b", ml | VAEL_PCRE_NEWLINE_CR, 0, "a\nb", {}},
         {"^b", ml | VAEL_PCRE_NEWLINE_LF | VAEL_PCRE_NEWLINE_CR, 0, "a\rb", {}}, // LF wins
         {"^b", ml | VAEL_PCRE_NEWLINE_CRLF, 0, "a\r\nb", {{3, 3}}},
-        {"^b", ml | VAEL_PCRE_NEWLINE_CRLF, 0, "a\rb", {}},
-        {"^b", ml | VAEL_PCRE_NEWLINE_ANY, 0, "a\rb", {{2, 2}}},
+        {"^b", ml | VAEL_PCRE_NEWLINE_CRLF, 0, "a\rb", {}}, {"^b", ml | VAEL_PCRE_NEWLINE_ANY, 0, "a\rb", {{2, 2}}},
         {"^b", ml | VAEL_PCRE_NEWLINE_ANY, 0, "a\nb", {{2, 2}}},
         {".b", VAEL_PM_UTF8, 0, "\xc3\xa9" "b", {{2, 0}}},          // one character of two bytes
-        {".b", 0, 0, "\xc3\xa9" "b", {{2, 1}}},
-        {"abc", VAEL_PM_BOUND, 0, "xabc abc", {{7, 5}}},
+        {".b", 0, 0, "\xc3\xa9" "b", {{2, 1}}}, {"abc", VAEL_PM_BOUND, 0, "xabc abc", {{7, 5}}},
         {"^abc$", VAEL_PM_LITERAL, 0, "abc", {{2, 0}}},
         {"a|b$", 0, 0, "ab", {{1, 1}}},                             // (a|b)$
     };
@@ -99,12 +88,8 @@ TEST(PcreCompile, UngreedyUnderPcreExec) {
         Match want;
     };
     const Row rows[] = {
-        {"a+", "aaa", {0, 0}},
-        {"a+?", "aaa", {2, 0}},
-        {"a{1,3}", "aaa", {0, 0}},
-        {"a{1,3}?", "aaa", {2, 0}},
-        {"a.*b", "ab ab", {1, 0}},
-        {"a.*?b", "ab ab", {4, 0}},
+        {"a+", "aaa", {0, 0}}, {"a+?", "aaa", {2, 0}}, {"a{1,3}", "aaa", {0, 0}}, {"a{1,3}?", "aaa", {2, 0}},
+        {"a.*b", "ab ab", {1, 0}}, {"a.*?b", "ab ab", {4, 0}},
     };
     for (const Row &r : rows) {
         auto h = compile(r.pattern);
@@ -128,21 +113,15 @@ TEST(PcreCompile, Refusals) {
     };
     const Row rows[] = {
         // recursive constructs under pcre_dfa_exec (the scan's own table is below)
-        {"(?=a)b", 0, kRecursive, 0},
-        {"(?<=a)b", 0, kRecursive, 0},
-        {"(?:ab)++c", 0, kRecursive, 0},
+        {"(?=a)b", 0, kRecursive, 0}, {"(?<=a)b", 0, kRecursive, 0}, {"(?:ab)++c", 0, kRecursive, 0},
         {"(?<n>a)\\g<n>", 0, kRecursive, 0},
         // PCRE's own texts
-        {"a(", 0, "missing )", 0},
-        {"[a", 0, "missing terminating ] for character class", 0},
+        {"a(", 0, "missing )", 0}, {"[a", 0, "missing terminating ] for character class", 0},
         {"(a)\\1", 0, "reference to non-existent subpattern", 0}, // no capture groups
         // the plain compile accepts what only the verification refuses
-        {"a+?", 0, nullptr, 0},
-        {"(?:a)b", 0, nullptr, 0},
-        {"a$b", 0, nullptr, 0},
+        {"a+?", 0, nullptr, 0}, {"(?:a)b", 0, nullptr, 0}, {"a$b", 0, nullptr, 0},
         // syntax verification
-        {"(?=a)b", v, "'(?' is not supported", 0},
-        {"(?:a)", v, "'(?' is not supported", 0},
+        {"(?=a)b", v, "'(?' is not supported", 0}, {"(?:a)", v, "'(?' is not supported", 0},
         {"(*UTF8)a", v, "'(*' is not supported", 0},
         {"a+?", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 1},
         {"^a+?$", v, "Question mark '?' after one of the quantifiers '+', '*', '?' or '}' is not supported", 3},
@@ -156,8 +135,7 @@ TEST(PcreCompile, Refusals) {
         {"a$b", v, "Dollar '$' in the middle of a pattern is not supported", 1},
         {"a]", v, "Closing bracket ']' that is not closing a character class is not supported", 1},
         {"a^b", v, "Circumflex '^' in the middle of a pattern is not supported", 1},
-        {"a\\qb", v, "Invalid letter after backslash", 2},
-        {"a\\b", v, "Invalid letter after backslash", 2},
+        {"a\\qb", v, "Invalid letter after backslash", 2}, {"a\\b", v, "Invalid letter after backslash", 2},
         {"a\\qb", v | VAEL_PM_BOUND, "Invalid letter after backslash", 5},
         {"abc", v | VAEL_PM_BOUND, nullptr, 0}, // the wrapping's own \b passes
         {"^a[^b-c]\\d\\$\\x41$", v, nullptr, 0},
@@ -191,9 +169,7 @@ TEST(PcreCompile, RecursiveConstructsUnderPcreExec) {
     const std::vector<Row> rows = {
         {"(?=a)a", "ba", {{1, 1}}},
         {"(?>a+)b", "aab", {{2, 1}}}, // a lazy a+ inside an atomic group
-        {"a(?R)?b", "xaabb", {{4, 1}}},
-        {"(?(?=a)ab|c)", "c ab", {{0, 0}, {3, 2}}},
-        {"(?<=a)b", "bab", {{2, 2}}},
+        {"a(?R)?b", "xaabb", {{4, 1}}}, {"(?(?=a)ab|c)", "c ab", {{0, 0}, {3, 2}}}, {"(?<=a)b", "bab", {{2, 2}}},
     };
     for (const Row &r : rows) {
         auto h = compile(r.pattern);

@@ -41,8 +41,7 @@ TEST(PcreExec, Delivery) {
         {"a", "aaa", kAll, 3, 0, 0, 0, {}},                          // start at the end
         {"a", "aaa", kAll, 7, 0, 0, 0, {}},
         {"x*", "abc", kAll, 0, 0, 0, 0, {}},                         // an empty match is not told
-        {"a*b", "aab", kStart, 0, 0, 0, 0, {{2, 0}}},
-        {"^a", "aaa", kAll | kStart, 0, 0, 0, 0, {{0, 0}}},
+        {"a*b", "aab", kStart, 0, 0, 0, 0, {{2, 0}}}, {"^a", "aaa", kAll | kStart, 0, 0, 0, 0, {{0, 0}}},
         {"a$", "aba", kAll | kStart, 0, 0, 0, 0, {{2, 2}}},
         {"b+", "abbcb", kAll | kStart, 0, 0, 0, 0, {{1, 1}, {2, 2}, {4, 4}}},
         {"a", "aaa", kAll, 0, 2, 0, 0, {{0, 0}, {1, 0}}},            // keep_going 0 ends the run
@@ -60,23 +59,6 @@ TEST(PcreExec, Delivery) {
             EXPECT_EQ(got.matches, r.want) << r.pattern << " over '" << r.text << "' dfa " << dfa;
         }
     }
-}
-
-TEST(PcreExec, BadArguments) {
-    auto h = compile("a");
-    ASSERT_TRUE(h);
-    vael_pm_exec_cb_ctx ctx{};
-    const unsigned char buf[] = "a";
-    EXPECT_EQ(vael_pcre_exec(nullptr, buf, 1, nullptr, 0, nullptr, 0, &ctx), -1);
-    EXPECT_EQ(vael_pcre_exec(h.get(), buf, 1, nullptr, 0, nullptr, 0, nullptr), -1);
-    EXPECT_EQ(vael_pcre_exec(h.get(), buf, 1, nullptr, 0, nullptr, 0, &ctx), -1); // no fn
-    ctx.fn = vael_pcre_test::collect;
-    EXPECT_EQ(vael_pcre_exec(h.get(), nullptr, 1, nullptr, 0, nullptr, 0, &ctx), -1);
-    EXPECT_EQ(vael_pcre_compile(nullptr, 0, 0, nullptr), nullptr);
-    // Starts come from the run itself; the frame's slot is never to be used.
-    vael_test::LogCapture log;
-    EXPECT_EQ(vael_pcre_match_start_find(h.get(), buf, 1, nullptr, 0, nullptr, 0, 0), 0u);
-    EXPECT_TRUE(log.contains("vael_pcre_match_start_find: this function shouldn't be called for pcre\n"));
 }
 
 // The row asks the frame for one flat buffer: the virtual buffer's bytes,

@@ -89,10 +89,7 @@ bool in_pm_list(const vael_pm_handle *pm) {
     return false;
 }
 
-// ------------------------------------------------------------------ compile errors
-
 TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
-    const char *kBound = "Error while trying to process a bounded pattern.";
     const char *kNoLss = "Error while trying to find LSS for pattern. Verify that pattern contains LSS";
     const char *kWord = "Invalid arguments (not valid utf8 or only delimiters phrase)";
     const char *kShort = "The pattern's LSS is too short";
@@ -108,10 +105,8 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"EmptyList", {}, 0, 1, -1, nullptr},
         {"LssTooShort", {{'s', "abc"}, {'s', "ab"}, {'s', "xy"}}, 0, 3, 2, kShort},
         {"ShortLssFlag", {{'s', "abc"}, {'s', "{shortlss}:ab"}}, 0, 3, 0, nullptr},
-        {"Word", {{'s', "abc"}, {'w', "word"}}, 0, 1, 0, nullptr},
         {"WordOfDelimitersOnly", {{'s', "abc"}, {'w', "--"}}, 0, 1, 2, kWord},
         {"Regex", {{'s', "abc"}, {'p', "a.*b"}}, 0, 1, 0, nullptr},
-        {"RegexWithLss", {{'s', "abc"}, {'p', "{LSS(ab)}:ab+"}}, 0, 1, 0, nullptr},
         {"RegexBound", {{'p', "{bound}:ab+c"}}, 0, 1, 0, nullptr},
         {"RegexLssTooShort", {{'p', "ab[0-9]+"}}, 0, 3, 1, kShort},
         {"RegexWithoutLss", {{'s', "abc"}, {'p', "[a-z]+"}}, 0, 1, 2, kNoLss},
@@ -119,19 +114,16 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"KwRule", {{'S', "abc"}, {'k', "data: \"abc\";"}}, 0, 1, 0, nullptr},
         {"KwRuleRefused", {{'S', "abc"}, {'k', "data:abc;"}}, 0, 1, 2,
          "Content needs to be enclosed in quotation marks (\") in data keyword"},
-        {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, kBound},
+        {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, "Error while trying to process a bounded pattern."},
         {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w,"}}, 0, 1, 0, nullptr},
         {"BadWordAfterStrings", {{'S', "abc"}, {'s', "def"}, {'w', "\xFF"}}, 0, 1, 3, kWord},
         // A case-sensitive string among caseless ones is checked by a
         // second tier.
         {"CaseSensitiveAmongCaseless", {{'S', "abc"}, {'s', "def"}}, 0, 1, 0, nullptr},
-        {"CaseSensitiveFirst", {{'s', "def"}, {'s', "{caseless}:abc"}}, 0, 1, 0, nullptr},
-        {"AllCaseless", {{'S', "abc"}, {'s', "{caseless}:def"}}, 0, 1, 0, nullptr},
         {"CaselessByCompileFlags", {{'S', "abc"}, {'s', "def"}}, VAEL_PM_CASELESS, 1, 0, nullptr},
         // The first record refused in list order is blamed; words are compiled
         // after the loop over the records, so a bad phrase only when no other is.
         {"ShortLssBeforeWord", {{'s', "ab"}, {'w', "word"}}, 0, 3, 1, kShort},
-        {"ShortLssBeforeRegex", {{'s', "ab"}, {'p', "abc[0-9]"}}, 0, 3, 1, kShort},
         {"RegexBeforeWord", {{'s', "abcd"}, {'p', "x+y"}, {'w', "w"}}, 0, 3, 2, kShort},
         {"BadWordBeforeShortLss", {{'w', "--"}, {'s', "ab"}}, 0, 3, 2, kShort},
         {"ShortLssOfARegexBeforeTheSecondTier", {{'p', "{LSS(ab)}:ab[0-9]"}}, 0, 3, 1, kShort},
@@ -173,8 +165,6 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
     EXPECT_EQ(vael_pm_compile(nullptr, record, 0, nullptr, "frame test"), nullptr);
 }
 
-// ------------------------------------------------------------------ run
-
 TEST(FrameExec, DeliversUserIdsAndHonoursAnchors) {
     const auto kStart = VAEL_PM_LSS_START_ANCHOR, kEnd = VAEL_PM_LSS_END_ANCHOR;
     const struct {
@@ -213,7 +203,6 @@ TEST(FrameExec, CallbackResultAndKeepGoingEndTheRun) {
         r.result = c.result, r.stop = c.stop;
         EXPECT_EQ(pm.exec("abcabc", &r, kAll), c.rc) << c.result << c.stop;
         EXPECT_EQ(r.hits.size(), c.hits) << c.result << c.stop;
-        EXPECT_TRUE(r.args_ok);
     }
 }
 
@@ -233,20 +222,17 @@ TEST(FrameExec, RefusedRunsDeliverNothing) {
         {"no bytes", pm.get(), data, 0, nullptr}, {"mask of another PM", pm.get(), data, 2, theirs},
         {"dead magic", pm.get(), data, 2, nullptr},
     };
+    LogCapture quiet;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         if (c.name == std::string("dead magic"))
             pm.get()->magic = VAEL_PM_MAGIC_DEAD;
         Recorder r;
-        LogCapture quiet;
         EXPECT_EQ(vael_pm_exec_ex(c.pm, c.buf, c.len, nullptr, c.mask, &r, 0), -1);
         EXPECT_TRUE(r.hits.empty());
     }
     // A destroy refused for the magic leaves the PM alone.
-    {
-        LogCapture quiet;
-        vael_pm_destroy(pm.get());
-    }
+    vael_pm_destroy(pm.get());
     EXPECT_TRUE(in_pm_list(pm.get()));
     pm.get()->magic = VAEL_PM_MAGIC_ALIVE;
     EXPECT_EQ(pm.hits("ab"), (std::vector<Hit>{{1, 1}}));
@@ -266,8 +252,6 @@ TEST(FrameExec, MatchStartGoesToTheExtendedCallbackWhenAsked) {
     ASSERT_EQ(pm.exec("abc", &r, VAEL_PM_EXEC_MATCH_START), 0);
     EXPECT_TRUE(r.starts.empty()) << "a null extended callback switches back";
 }
-
-// ------------------------------------------------------------------ life
 
 TEST(FrameLifecycle, PmListRefcountAndEveryByteBack) {
     lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);  // match queues keep cells for the next run
@@ -292,7 +276,6 @@ TEST(FrameLifecycle, PmListRefcountAndEveryByteBack) {
         Pm a({{"ab", 1}}, 0, "first"), b({{"ab", 1}}, 0, "second");
         EXPECT_EQ(*vael_pm_global_data.list, b.get()) << "newest first";
         EXPECT_EQ(b.get()->next, a.get());
-        EXPECT_EQ(b.get()->pm_id, a.get()->pm_id + 1);
         EXPECT_NE(std::memcmp(a.get()->uuid, b.get()->uuid, sizeof a.get()->uuid), 0);
         b.get()->refcount = 2;
         vael_pm_destroy(b.get());  // another holder keeps it
@@ -317,8 +300,6 @@ TEST(FrameLifecycle, PmListRefcountAndEveryByteBack) {
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_mem);
     EXPECT_EQ(qx_kmem_get_alloc_total(), all_mem);
 }
-
-// ------------------------------------------------------------------ masks
 
 TEST(FrameMask, BitsFollowUserIds) {
     Pm pm({{"aa", 10}, {"bb", 20}, {"cc", 30}, {"dd", 10}}), stranger({{"aa", 1}});

@@ -50,32 +50,23 @@ TEST(Metadata, ParseTable) {
         int has;                         // vael_pm_pattern_has_metadata, -1 when it fails
     } cases[] = {
         {"{literal;caseless}:abc", 1, 0, 0, "abc", {}, kLiteral | kCaseless, "", 1},
-        {"{LSS(abc)}:a.*bc", 1, 0, 0, "a.*bc", "abc", 0, "", 1},
-        {"{LSS(abc)}:x", 0, 0, 0, "x", {}, 0, kIgnoring, 1},
+        {"{LSS(abc)}:a.*bc", 1, 0, 0, "a.*bc", "abc", 0, "", 1}, {"{LSS(abc)}:x", 0, 0, 0, "x", {}, 0, kIgnoring, 1},
         {"{caseless}", 1, 0, -1, "", {}, 0, kNoEnding, -1},
         // "caseless" needs a byte behind it, but "case" matches by prefix.
-        {"{caseless", 1, 0, -1, "", {}, 0, kNoEnding, -1},
-        {"{literal", 1, 0, -1, "", {}, 0, kInvalid, -1},
-        {"{cas", 1, 0, -1, "", {}, 0, kInvalid, -1},
-        {"{caseless}:", 1, 0, 0, "", {}, kCaseless, "", 1},
-        {"{", 1, 0, -1, "", {}, 0, kInvalid, -1},
-        {"{casefold}:x", 1, 0, -1, "", {}, 0, kNoEnding, -1},
-        {"{foo}:x", 1, 0, 0, "x", {}, 0, kIgnoring, 0},
-        {"{foo;literal}:x", 1, 0, 0, "x", {}, kLiteral, kIgnoring, 1},
+        {"{caseless", 1, 0, -1, "", {}, 0, kNoEnding, -1}, {"{literal", 1, 0, -1, "", {}, 0, kInvalid, -1},
+        {"{cas", 1, 0, -1, "", {}, 0, kInvalid, -1}, {"{caseless}:", 1, 0, 0, "", {}, kCaseless, "", 1},
+        {"{", 1, 0, -1, "", {}, 0, kInvalid, -1}, {"{casefold}:x", 1, 0, -1, "", {}, 0, kNoEnding, -1},
+        {"{foo}:x", 1, 0, 0, "x", {}, 0, kIgnoring, 0}, {"{foo;literal}:x", 1, 0, 0, "x", {}, kLiteral, kIgnoring, 1},
         {"{;caseless}:x", 1, 0, 0, "x", {}, kCaseless, kIgnoring, 1},
         {"{case}:x", 1, kCaseless | kLiteral, 0, "x", {}, kLiteral, "", 0},
         {"{caseless;case}:x", 1, 0, 0, "x", {}, 0, "", 0},
         {"{bound;shortlss}:w", 1, 0x1000, 0, "w", {}, 0x1000 | VAEL_PM_BOUND | VAEL_PM_SHORT_LSS, "", 1},
         {"{shortlss}:w", 1, 0, 0, "w", {}, VAEL_PM_SHORT_LSS, "", 1},
-        {"{bound}:w", 1, 0, 0, "w", {}, VAEL_PM_BOUND, "", 1},
-        {"{literal}:w", 1, 0, 0, "w", {}, kLiteral, "", 1},
-        {"{LSS(abc}:x", 1, 0, -1, "", {}, 0, kNoClose, -1},
-        {"{LSS(ab", 1, 0, -1, "", {}, 0, kNoClose, -1},
-        {"{LSS(abc}:x)", 1, 0, -1, "", {}, 0, kNoEnding, -1},
-        {"{LSS(ab)c}:x", 1, 0, -1, "", {}, 0, kNoEnding, -1},
+        {"{bound}:w", 1, 0, 0, "w", {}, VAEL_PM_BOUND, "", 1}, {"{literal}:w", 1, 0, 0, "w", {}, kLiteral, "", 1},
+        {"{LSS(abc}:x", 1, 0, -1, "", {}, 0, kNoClose, -1}, {"{LSS(ab", 1, 0, -1, "", {}, 0, kNoClose, -1},
+        {"{LSS(abc}:x)", 1, 0, -1, "", {}, 0, kNoEnding, -1}, {"{LSS(ab)c}:x", 1, 0, -1, "", {}, 0, kNoEnding, -1},
         // Four bytes are too few for an LSS( item; it is no known name either.
-        {"{LSS(", 1, 0, -1, "", {}, 0, kInvalid, -1},
-        {"{LSS()}:x", 1, 0, 0, "x", "", 0, "", 0},
+        {"{LSS(", 1, 0, -1, "", {}, 0, kInvalid, -1}, {"{LSS()}:x", 1, 0, 0, "x", "", 0, "", 0},
         {"{LSS(a);LSS(b)}:x", 1, 0, 0, "x", "a", 0, kIgnoring, 1},
         {"{caseless;LSS(a b)}:x{", 1, 0, 0, "x{", "a b", kCaseless, "", 1},
         {"abc", 1, kLiteral, 0, "abc", {}, kLiteral, "", 0},
@@ -229,14 +220,11 @@ TEST(PatternAdd, NulBytes) {
         std::string stored;  // lss of a simple pattern, re of a regex
         std::string log;
     } cases[] = {
-        {Op::kSimple, "a\0b"s, 0, 0, "a\0b"s, lss_note + "a\\x00b\n"},
-        {Op::kSimple, "a\0b"s, 1, 0, "a\0b"s, ""},
+        {Op::kSimple, "a\0b"s, 0, 0, "a\0b"s, lss_note + "a\\x00b\n"}, {Op::kSimple, "a\0b"s, 1, 0, "a\0b"s, ""},
         {Op::kPattern, "a\0b"s, 0, 0, "a\\x00b", re_note + "a\\x00b\n"},
         {Op::kPattern, "a\\\0"s, 0, -1, "", re_note + "a\\\\x00\n" + illegal},
-        {Op::kPattern, "a\\\\\0"s, 1, 0, "a\\\\\\x00", ""},
-        {Op::kPattern, "\\\\\\\0"s, 1, -1, "", illegal},
-        {Op::kPattern, "\\a\0"s, 1, 0, "\\a\\x00", ""},
-        {Op::kPattern, "\0\0"s, 1, 0, "\\x00\\x00", ""},
+        {Op::kPattern, "a\\\\\0"s, 1, 0, "a\\\\\\x00", ""}, {Op::kPattern, "\\\\\\\0"s, 1, -1, "", illegal},
+        {Op::kPattern, "\\a\0"s, 1, 0, "\\a\\x00", ""}, {Op::kPattern, "\0\0"s, 1, 0, "\\x00\\x00", ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.text) + " allow " + std::to_string(c.allow_null));

@@ -103,9 +103,7 @@ TEST(RegexCompile, BoundedTemplatesWrapTheText) {
         const char *want;
         bool left;
     } cases[] = {
-        {"abc", "^(abc)|.*\\W(abc)", true},
-        {"^abc", "^(abc)", false},
-        {"abc$", "^(abc)|.*\\W(abc)$", true},
+        {"abc", "^(abc)|.*\\W(abc)", true}, {"^abc", "^(abc)", false}, {"abc$", "^(abc)|.*\\W(abc)$", true},
         {"^abc$", "^(abc)$", false},
         {"a\\$", "^(a\\)|.*\\W(a\\)$", true},  // a plain byte test: an escaped '$' counts
     };

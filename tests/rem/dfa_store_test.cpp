@@ -16,15 +16,12 @@ namespace {
 
 using vael_test::LogCapture;
 using vael_test::ScopedGlobal;
-using vael_test::ScopedTopic;
 
 // Owner of a machine for a test body.
 struct DfaPtr {
     vael_dfa *p = nullptr;
     explicit DfaPtr(vael_dfa *d) : p(d) {}
     ~DfaPtr() { vael_dfa_destroy(p); }
-    DfaPtr(const DfaPtr &) = delete;
-    DfaPtr &operator=(const DfaPtr &) = delete;
 };
 
 // Creates states until one is refused or `most` are made; the count made.
@@ -37,26 +34,23 @@ uint32_t fill(vael_dfa *dfa, uint32_t most) {
 
 TEST(DfaStore, StateLimitsAndBlocks) {
     const uint32_t small_fit = (uint32_t)vael_dfa_small_block_size / VAEL_DFA_STATE_SIZE;
-    struct Row {
+    const struct {
         const char *name;
         int should_limit;
         uint32_t flags;
         bool set_limit_zero;
-        uint32_t expect_made;   // states made before the first refusal
+        uint32_t expect_made;  // states made before the first refusal
         uint16_t expect_blocks;
-        const char *error_text; // words for the caller, or null
-        const char *log_text;
+        bool refused;            // the next state is refused
+        const char *error_text;  // words for the caller, or null
     } rows[] = {
-        {"default limit", 1, 0, false, 7767, 1, "This pattern is too complex. Consider rewriting the pattern.",
-         "failed because dfa's state limit (7767 states) has been exceeded"},
-        {"limit check off", 0, 0, false, 7800, 2, nullptr, nullptr},
-        {"limit 0 admits 62135", 1, 0, true, 62135, 8, nullptr,
-         "Exceeded intrnal max states of dfa, more states in dfa than predefined"},
-        {"small blocks", 1, VAEL_DFA_SMALL_BLOCKS, false, small_fit, 1, nullptr,
-         "can't add more blocks: max small blocks reached (1)"},
+        {"default limit", 1, 0, false, 7767, 1, true, "This pattern is too complex. Consider rewriting the pattern."},
+        {"limit check off", 0, 0, false, 7800, 2, false, nullptr},
+        {"limit 0 admits 62135", 1, 0, true, 62135, 8, true, nullptr},
+        {"small blocks", 1, VAEL_DFA_SMALL_BLOCKS, false, small_fit, 1, true, nullptr},
     };
-    ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
-    for (const Row &r : rows) {
+    LogCapture quiet;
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
         ScopedGlobal limit(vael_dfa_should_limit_states, r.should_limit);
         vael_pm_error err;
@@ -67,20 +61,11 @@ TEST(DfaStore, StateLimitsAndBlocks) {
             vael_dfa_set_state_limit(dfa.p, 0);
             EXPECT_EQ(dfa.p->state_limit, 62136u);
         }
-        LogCapture log;
         const uint32_t made = fill(dfa.p, r.expect_made + 1);
-        EXPECT_EQ(made, r.log_text ? r.expect_made : r.expect_made + 1);
+        EXPECT_EQ(made, r.refused ? r.expect_made : r.expect_made + 1);
         EXPECT_EQ(vael_dfa_get_num_of_states(dfa.p), made);
         EXPECT_EQ(dfa.p->num_of_blocks, r.expect_blocks);
-        if (r.error_text) {
-            EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_COMPLEX);
-            EXPECT_STREQ(err.error_string, r.error_text);
-        } else {
-            EXPECT_EQ(err.error_string, nullptr);
-        }
-        if (r.log_text) {
-            EXPECT_TRUE(log.contains(r.log_text)) << log.text();
-        }
+        EXPECT_STREQ(err.error_string, r.error_text);
         // Every state is where its linear id says.
         for (uint32_t id : {0u, made / 2, made - 1}) {
             vael_dfa_state *s = vael_dfa_state_get_by_id(dfa.p, id);
@@ -93,18 +78,13 @@ TEST(DfaStore, StateLimitsAndBlocks) {
 
 TEST(DfaStore, FinalizeCutsTheLastBlockAndPacksIds) {
     ScopedGlobal limit(vael_dfa_should_limit_states, 0);
-    struct Row {
+    const struct {
         uint32_t states;
         uint32_t target_id;     // the edge 0 -> target on 'x'
         uint16_t expect_entry;  // what the entry reads after finalize
         uint16_t expect_blocks;
-    } rows[] = {
-        {5, 4, 4, 1},
-        {7767, 7766, 7766, 1},
-        {7768, 7767, 8192, 2},
-        {2 * 7767 + 6, 2 * 7767 + 5, 2 * 8192 + 5, 3},
-    };
-    for (const Row &r : rows) {
+    } rows[] = {{5, 4, 4, 1}, {7767, 7766, 7766, 1}, {7768, 7767, 8192, 2}, {2 * 7767 + 6, 2 * 7767 + 5, 2 * 8192 + 5, 3}};
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.states);
         DfaPtr dfa(vael_dfa_create(0, nullptr));
         ASSERT_EQ(fill(dfa.p, r.states), r.states);
@@ -128,25 +108,19 @@ TEST(DfaStore, FinalizeCutsTheLastBlockAndPacksIds) {
         EXPECT_EQ(dfa.p->block_capacity[last], dfa.p->block_used[last]);
         s0 = vael_dfa_state_get_by_id(dfa.p, 0);
         EXPECT_EQ(s0->trans['x'], r.expect_entry);
-        vael_dfa_state *tt = vael_dfa_state_get_by_id_fast(dfa.p, s0->trans['x']);
-        ASSERT_NE(tt, nullptr);
-        EXPECT_EQ(tt->id, r.target_id);
+        EXPECT_EQ(vael_dfa_state_get_by_id_fast(dfa.p, s0->trans['x'])->id, r.target_id);
         EXPECT_EQ(vael_dfa_get_initial_state(dfa.p), vael_dfa_state_get_by_id(dfa.p, r.states - 1));
-        const bool packed = (s0->properties & VAEL_DFA_STATE_PACKED) != 0;
-        EXPECT_EQ(packed, r.expect_blocks > 1);
+        EXPECT_EQ((s0->properties & VAEL_DFA_STATE_PACKED) != 0, r.expect_blocks > 1);
         EXPECT_EQ(vael_dfa_is_valid(dfa.p), 1);
         if (r.expect_blocks > 1) {
-            LogCapture log;
-            ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+            LogCapture quiet;
             // An entry left in linear form names index 7767 of block 0: no state.
             const uint16_t saved = s0->trans['A'];
             s0->trans['A'] = 7767;
             EXPECT_EQ(vael_dfa_is_valid(dfa.p), 0);
-            EXPECT_TRUE(log.contains("state 0 has incomplete transition table on A (65)")) << log.text();
             s0->trans['A'] = saved;
-            EXPECT_EQ(vael_dfa_finalize(dfa.p), nullptr);  // destroys it
+            EXPECT_EQ(vael_dfa_finalize(dfa.p), nullptr);  // a second finalize destroys it
             dfa.p = nullptr;
-            EXPECT_TRUE(log.contains("state [0][0] already transformed")) << log.text();
         }
     }
 }
@@ -174,38 +148,27 @@ vael_dfa *small_machine(uint32_t extra_states = 0) {
 }
 
 TEST(DfaStore, ValidateCatchesCorruptedRecords) {
-    struct Row {
+    const struct {
         const char *name;
         uint32_t extra_states;
         std::function<void(vael_dfa *)> corrupt;
         int expect;
-        const char *log_text;
     } rows[] = {
-        {"intact", 0, [](vael_dfa *) {}, 1, nullptr},
-        {"no target", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = VAEL_DFA_NO_STATE; }, 0,
-         "state 1 has incomplete transition table on b (98)"},
-        {"target past the states", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 0)->trans[0] = 4; }, 0,
-         "state 0 has incomplete transition table on"},
-        {"target in a block that is not there", 0,
-         [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 3)->trans[7] = 8192; }, 0,
-         "state 3 has incomplete transition table on"},
-        {"unreachable state", 1, [](vael_dfa *) {}, 0, "state 4 is unreachable"},
-        {"edge cut off", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = 3; }, 0,
-         "state 2 is unreachable"},
-        {"no initial state", 0, [](vael_dfa *d) { d->initial_state = nullptr; }, 0, "no initial state"},
+        {"intact", 0, [](vael_dfa *) {}, 1},
+        {"no target", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = VAEL_DFA_NO_STATE; }, 0},
+        {"target past the states", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 0)->trans[0] = 4; }, 0},
+        {"target in a block that is not there", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 3)->trans[7] = 8192; }, 0},
+        {"unreachable state", 1, [](vael_dfa *) {}, 0},
+        {"edge cut off", 0, [](vael_dfa *d) { vael_dfa_state_get_by_id(d, 1)->trans['b'] = 3; }, 0},
+        {"no initial state", 0, [](vael_dfa *d) { d->initial_state = nullptr; }, 0},
     };
-    ScopedTopic topic("K_DFA", VAEL_DBG_INFO);
+    LogCapture quiet;
     EXPECT_EQ(vael_dfa_is_valid(nullptr), 1);
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.name);
+    for (const auto &r : rows) {
         DfaPtr dfa(small_machine(r.extra_states));
         ASSERT_NE(dfa.p, nullptr);
         r.corrupt(dfa.p);
-        LogCapture log;
-        EXPECT_EQ(vael_dfa_is_valid(dfa.p), r.expect);
-        if (r.log_text) {
-            EXPECT_TRUE(log.contains(r.log_text)) << log.text();
-        }
+        EXPECT_EQ(vael_dfa_is_valid(dfa.p), r.expect) << r.name;
     }
 }
 
@@ -251,22 +214,19 @@ void expect_same_machine(const vael_dfa *a, const vael_dfa *b) {
 
 TEST(DfaStore, DuplicateCopiesAFinishedMachine) {
     ScopedGlobal limit(vael_dfa_should_limit_states, 0);
-    struct Row {
-        uint32_t extra_states;
-    } rows[] = {{0}, {7767}};  // one block; two blocks, packed
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.extra_states);
+    for (uint32_t extra : {0u, 7767u}) {  // one block; two blocks, packed
+        SCOPED_TRACE(extra);
         vael_dfa *orig = small_machine(0);
-        if (r.extra_states) {
+        if (extra) {
             // A two-block machine: grow one before finalizing.
             vael_dfa_destroy(orig);
             orig = vael_dfa_create(0x100000, nullptr);
             vael_dfa_state *first = vael_dfa_state_create(orig);
-            fill(orig, r.extra_states);
-            for (uint32_t id = 0; id <= r.extra_states; id++)
+            fill(orig, extra);
+            for (uint32_t id = 0; id <= extra; id++)
                 for (int c = 0; c < 256; c++)
                     vael_dfa_state_add_trans(vael_dfa_state_get_by_id(orig, id), (unsigned char)c,
-                                             vael_dfa_state_get_by_id(orig, (id + c + 1) % (r.extra_states + 1)));
+                                             vael_dfa_state_get_by_id(orig, (id + c + 1) % (extra + 1)));
             vael_dfa_state_set_final(vael_dfa_state_get_by_id(orig, 7767), 3, 0, 0);
             vael_dfa_set_initial_state(orig, first);
             orig = vael_dfa_finalize(orig);
@@ -284,10 +244,7 @@ TEST(DfaStore, DuplicateCopiesAFinishedMachine) {
         // The copy's run records are its own, with the original's figures.
         EXPECT_NE(copy->stats.common.exec, stats.common.exec);
         EXPECT_EQ(std::memcmp(copy->stats.common.exec, stats.common.exec, sizeof *stats.common.exec), 0);
-        EXPECT_EQ(std::vector<uint32_t>({copy->stats.num_of_states, copy->stats.num_of_final_states,
-                                         copy->stats.common.memory, copy->stats.common.compile_time}),
-                  std::vector<uint32_t>({stats.num_of_states, stats.num_of_final_states, stats.common.memory,
-                                         stats.common.compile_time}));
+        EXPECT_EQ(copy->stats.num_of_final_states, stats.num_of_final_states);
         EXPECT_EQ(vael_dfa_is_valid(copy), 1);
         EXPECT_GE(w.rounds, 3);
     }
@@ -297,10 +254,6 @@ TEST(DfaStore, DuplicateCopiesAFinishedMachine) {
     EXPECT_EQ(vael_dfa_duplicate(d.p), nullptr);
     EXPECT_EQ(vael_dfa_duplicate(nullptr), nullptr);
 }
-
-}  // namespace
-
-namespace {
 
 // Building and finalizing a machine fails cleanly at every allocation: the
 // machine is destroyed with whatever it held.

@@ -97,14 +97,14 @@ Lexed lex(const std::string &pattern, uint32_t flags = 0, bool quick = false) {
 struct Row {
     const char *pattern;
     uint32_t flags;
-    const char *tokens;  // before a refusal, if any
-    const char *error;   // null: the pattern lexes
-    uint32_t index;
+    const char *tokens;            // before a refusal, if any
+    const char *error = nullptr;   // null: the pattern lexes
+    uint32_t index = 0;
 };
 
 void run_rows(const std::vector<Row> &rows) {
     for (const Row &row : rows) {
-        SCOPED_TRACE(std::string("pattern '") + row.pattern + "'");
+        SCOPED_TRACE(row.pattern);
         Lexed l = lex(row.pattern, row.flags);
         EXPECT_EQ(l.tokens, row.tokens);
         EXPECT_EQ(l.refused, row.error != nullptr);
@@ -123,67 +123,47 @@ constexpr uint32_t kDotAll = 0x1;
 // escapes and brackets, and every refusal with its words and position.
 TEST_F(RemLexer, TokenStreamsAndRefusals) {
     run_rows({
-        {"abc[0-9]+de", 0, "<a> <b> <c> <[0-9]> M{1,} <d> <e>", nullptr, 0},
-        {"(a|b)*?", 0, "( <a> | <b> ) * B{0,1}", nullptr, 0},
-        {"a{2}b{2,2}c{2,3}d{2,}", 0, "<a> U{2} <b> U{2} <c> B{2,3} <d> M{2,}", nullptr, 0},
-        {"a{0}b{0,0}c{007,10}", 0, "<a> U{0} <b> U{0} <c> B{7,10}", nullptr, 0},
+        {"abc[0-9]+de", 0, "<a> <b> <c> <[0-9]> M{1,} <d> <e>"}, {"(a|b)*?", 0, "( <a> | <b> ) * B{0,1}"},
+        {"a{2}b{2,2}c{2,3}d{2,}", 0, "<a> U{2} <b> U{2} <c> B{2,3} <d> M{2,}"},
+        {"a{0}b{0,0}c{007,10}", 0, "<a> U{0} <b> U{0} <c> B{7,10}"},
         // Big counts are the later parts' to bound; past 32 bits they wrap.
-        {"a{99999999}", 0, "<a> U{99999999}", nullptr, 0},
-        {"a{4294967297}", 0, "<a> U{1}", nullptr, 0},
+        {"a{99999999}", 0, "<a> U{99999999}"}, {"a{4294967297}", 0, "<a> U{1}"},
         // '}', ']', '^', '$', ',' and '-' alone are plain.
-        {"}]^$,-", 0, "<}> <]> <^> <$> <,> <->", nullptr, 0},
-        {"\xff\x01", 0, "<\\xff> <\\x01>", nullptr, 0},
-        {".", 0, "<[\\x00-\\x09\\x0b-\\xff]>", nullptr, 0},
-        {".", kDotAll, "<[\\x00-\\xff]>", nullptr, 0},
-        {".", 0x8, "<[\\x00-\\x0c\\x0e-\\xff]>", nullptr, 0},
-        {".", 0x10, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>", nullptr, 0},
-            {"\\x41\\x{41}\\x414", 0, "<A> <A> <A> <4>", nullptr, 0},
-        {"\\x{}\\xg", 0, "<\\x00> <\\x00> <g>", nullptr, 0},
-        {"\\x2a\\x7C", 0, "<\\*> <\\|>", nullptr, 0},  // a character, never an operator
-        {"\\377\\18\\0\\101", 0, "<\\xff> <\\x01> <8> <\\x00> <A>", nullptr, 0},
-        {"\\cA\\ca\\c[\\c?", 0, "<\\x01> <\\x01> <\\x1b> <\\x7f>", nullptr, 0},
-        {"\\a\\e\\f\\n\\r\\t", 0, "<\\x07> <\\x1b> <\\x0c> <\\x0a> <\\x0d> <\\x09>", nullptr, 0},
-        {"\\d\\D", 0, "<[0-9]> <[\\x00-/:-\\xff]>", nullptr, 0},
-        {"\\w\\W", 0, "<[0-9A-Z_a-z]> <[\\x00-/:-@[-\\^`{-\\xff]>", nullptr, 0},
+        {"}]^$,-", 0, "<}> <]> <^> <$> <,> <->"}, {"\xff\x01", 0, "<\\xff> <\\x01>"},
+        {".", 0, "<[\\x00-\\x09\\x0b-\\xff]>"}, {".", kDotAll, "<[\\x00-\\xff]>"},
+        {".", 0x8, "<[\\x00-\\x0c\\x0e-\\xff]>"}, {".", 0x10, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>"},
+        {"\\x41\\x{41}\\x414", 0, "<A> <A> <A> <4>"}, {"\\x{}\\xg", 0, "<\\x00> <\\x00> <g>"},
+        {"\\x2a\\x7C", 0, "<\\*> <\\|>"},  // a character, never an operator
+        {"\\377\\18\\0\\101", 0, "<\\xff> <\\x01> <8> <\\x00> <A>"},
+        {"\\cA\\ca\\c[\\c?", 0, "<\\x01> <\\x01> <\\x1b> <\\x7f>"},
+        {"\\a\\e\\f\\n\\r\\t", 0, "<\\x07> <\\x1b> <\\x0c> <\\x0a> <\\x0d> <\\x09>"},
+        {"\\d\\D", 0, "<[0-9]> <[\\x00-/:-\\xff]>"}, {"\\w\\W", 0, "<[0-9A-Z_a-z]> <[\\x00-/:-@[-\\^`{-\\xff]>"},
         // Vertical tab is in neither set of spaces.
-        {"\\s\\S", 0, "<[\\x09\\x0a\\x0c\\x0d ]> <[\\x00-\\x08\\x0b\\x0e-\\x1f!-\\xff]>", nullptr, 0},
-        {"\\.\\b\\A\\Q\\8\\\\\\(", 0, "<\\.> <b> <A> <Q> <8> <\\\\> <\\(>", nullptr, 0},
-            {"[abc]", 0, "<[a-c]>", nullptr, 0},
-        {"[a-cx]", 0, "<[a-cx]>", nullptr, 0},
-        {"[^abc]", 0, "<[^a-c]>", nullptr, 0},
+        {"\\s\\S", 0, "<[\\x09\\x0a\\x0c\\x0d ]> <[\\x00-\\x08\\x0b\\x0e-\\x1f!-\\xff]>"},
+        {"\\.\\b\\A\\Q\\8\\\\\\(", 0, "<\\.> <b> <A> <Q> <8> <\\\\> <\\(>"}, {"[abc]", 0, "<[a-c]>"},
+        {"[a-cx]", 0, "<[a-cx]>"}, {"[^abc]", 0, "<[^a-c]>"},
         // A span in a negated bracket clears flags that were clear: it excludes nothing.
-        {"[^a-c]", 0, "<[^]>", nullptr, 0},
-        {"[^]", 0, "<[^]>", nullptr, 0},
-        {"[\\d_]", 0, "<[0-9_]>", nullptr, 0},
-        {"[\\]\\-\\\\]", 0, "<[\\-\\\\\\]]>", nullptr, 0},
-        {"[.*([{$]", 0, "<[$(*.[{]>", nullptr, 0},
-        {"[\\n-\\r]", 0, "<[\\x0a-\\x0d]>", nullptr, 0},
-        {"[\\^_]", 0, "<[\\^_]>", nullptr, 0},  // a '^' first in the printed class is escaped
-        {"[a-a]", 0, "<a>", nullptr, 0},
-            {"{", 0, "", "Illegal sequence beginning with '{': '{' must be followed by a digit", 1},
+        {"[^a-c]", 0, "<[^]>"}, {"[^]", 0, "<[^]>"}, {"[\\d_]", 0, "<[0-9_]>"},
+        {"[\\]\\-\\\\]", 0, "<[\\-\\\\\\]]>"}, {"[.*([{$]", 0, "<[$(*.[{]>"}, {"[\\n-\\r]", 0, "<[\\x0a-\\x0d]>"},
+        {"[\\^_]", 0, "<[\\^_]>"},  // a '^' first in the printed class is escaped
+        {"[a-a]", 0, "<a>"}, {"{", 0, "", "Illegal sequence beginning with '{': '{' must be followed by a digit", 1},
         {"a{x", 0, "<a>", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
         {"a{,3}", 0, "<a>", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
-        {"a{2x", 0, "<a>", "unexpected character", 3},
-        {"a{2,3x", 0, "<a>", "unexpected character", 5},
+        {"a{2x", 0, "<a>", "unexpected character", 3}, {"a{2,3x", 0, "<a>", "unexpected character", 5},
         {"a{2", 0, "<a>", "Unexpected end of pattern", 3},
         {"a{3,2}", 0, "<a>", "illegal parameters in {min,max}: min > max", 6},
         {"\\400", 0, "", "illegal char: octal number larger than ALPHABET limit", 4},
         {"\\x{100}", 0, "", "hexa number larger than ALPHABET limit", 7},
-        {"\\x{41x", 0, "", "unexpected character", 5},
-        {"\\x{41", 0, "", "Unexpected end of pattern", 5},
-        {"\\x", 0, "", "Unexpected end of pattern", 2},
-        {"ab\\", 0, "<a> <b>", "Unexpected end of pattern", 3},
-        {"[]", 0, "", "Empty sequence inside brackets", 2},
-        {"[a-]", 0, "", "Illegal use of '-' inside brackets", 4},
+        {"\\x{41x", 0, "", "unexpected character", 5}, {"\\x{41", 0, "", "Unexpected end of pattern", 5},
+        {"\\x", 0, "", "Unexpected end of pattern", 2}, {"ab\\", 0, "<a> <b>", "Unexpected end of pattern", 3},
+        {"[]", 0, "", "Empty sequence inside brackets", 2}, {"[a-]", 0, "", "Illegal use of '-' inside brackets", 4},
         {"[-a]", 0, "", "Illegal sequence inside brackets", 2},
         {"[a-b-c]", 0, "", "Illegal sequence inside brackets", 5},
         {"[\\d-z]", 0, "", "Illegal use of '-' inside brackets", 5},
         {"[a-\\d]", 0, "", "Illegal use of '-' inside brackets", 5},
         {"[z-a]", 0, "", "Illegal range inside brackets", 4},
-        {"[abc", 0, "", "Could not find closing bracket ']'", 4},
-        {"[", 0, "", "Unexpected end of pattern", 1},
-        {"[\\", 0, "", "Unexpected end of pattern", 2},
-        {"[a-", 0, "", "Unexpected end of pattern", 3},
+        {"[abc", 0, "", "Could not find closing bracket ']'", 4}, {"[", 0, "", "Unexpected end of pattern", 1},
+        {"[\\", 0, "", "Unexpected end of pattern", 2}, {"[a-", 0, "", "Unexpected end of pattern", 3},
         {"[\\400]", 0, "", "illegal char: octal number larger than ALPHABET limit", 5},
         {"[^]", kUtf8, "", "Empty sequence inside brackets", 3},
         {"\\x{110000}", kUtf8, "", "hexa number larger than ALPHABET limit", 10},
@@ -192,12 +172,10 @@ TEST_F(RemLexer, TokenStreamsAndRefusals) {
 
 TEST_F(RemLexer, Utf8Mode) {
     run_rows({
-        {"\\x{414}", kUtf8, "<\\xd0\\x94>", nullptr, 0},
-        {"\xd0\x94" "a", kUtf8, "<\\xd0\\x94> <a>", nullptr, 0},
-        {"(a)|b*", kUtf8, "<(> <a> <)> | <b> *", nullptr, 0},
+        {"\\x{414}", kUtf8, "<\\xd0\\x94>"}, {"\xd0\x94" "a", kUtf8, "<\\xd0\\x94> <a>"},
+        {"(a)|b*", kUtf8, "<(> <a> <)> | <b> *"},
         // An escaped character is a backslash and the low byte of its code point.
-        {"\\\xc3\xa9", kUtf8, "<\\\\xe9>", nullptr, 0},
-        {"\\cA", kUtf8, "<\\x01>", nullptr, 0},
+        {"\\\xc3\xa9", kUtf8, "<\\\\xe9>"}, {"\\cA", kUtf8, "<\\x01>"},
     });
     // Malformed UTF-8 is refused without words, at the character.
     struct Bad {
@@ -230,8 +208,7 @@ TEST_F(RemLexer, Utf8ClassesAdmitWhatTheyMean) {
         // With CR LF the second exclusion starts over: only LF stays out.
         {".", kUtf8 | 0x10, [](uint32_t c) { return c != '\n'; }},
         {".", kUtf8 | 0x8, [](uint32_t c) { return c != '\r'; }},
-        {"\\D", kUtf8, [&](uint32_t c) { return !digit(c); }},
-        {"\\W", kUtf8, [&](uint32_t c) { return !word(c); }},
+        {"\\D", kUtf8, [&](uint32_t c) { return !digit(c); }}, {"\\W", kUtf8, [&](uint32_t c) { return !word(c); }},
         {"\\S", kUtf8, [&](uint32_t c) { return !space(c); }},
         {"[^ab]", kUtf8, [](uint32_t c) { return c != 'a' && c != 'b'; }},
         {"[^\\d\\x{414}]", kUtf8, [&](uint32_t c) { return !digit(c) && c != 0x414; }},

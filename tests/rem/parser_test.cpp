@@ -131,27 +131,15 @@ TEST_F(RemParser, GroupingAndPrecedence) {
         const char *tree;
     };
     const Row rows[] = {
-        {"a", "a"},
-        {"ab", "cat(a,b)"},
+        {"a", "a"}, {"ab", "cat(a,b)"},
         {"abc", "cat(cat(a,b),c)"},  // left associative
-        {"a|b|c", "alt(alt(a,b),c)"},
-        {"ab|cd", "alt(cat(a,b),cat(c,d))"},
-        {"ab*", "cat(a,star(b))"},
-        {"(ab)*", "star(cat(a,b))"},
-        {"(a)(b)", "cat(a,b)"},
-        {"a**", "star(star(a))"},
-        {"a*?", "rep{0,1}(star(a))"},
-        {"a{2}{3}", "rep{3}(rep{2}(a))"},
-        {"a+b{2,}c{1}d{2,5}", "cat(cat(cat(rep{1,}(a),rep{2,}(b)),c),rep{2,5}(d))"},
-        {"[ab]c|.", "alt(cat([ab],c),[\\x00-\\x09\\x0b-\\xff])"},
-        {"a|bc*d", "alt(a,cat(cat(b,star(c)),d))"},
+        {"a|b|c", "alt(alt(a,b),c)"}, {"ab|cd", "alt(cat(a,b),cat(c,d))"}, {"ab*", "cat(a,star(b))"},
+        {"(ab)*", "star(cat(a,b))"}, {"(a)(b)", "cat(a,b)"}, {"a**", "star(star(a))"}, {"a*?", "rep{0,1}(star(a))"},
+        {"a{2}{3}", "rep{3}(rep{2}(a))"}, {"a+b{2,}c{1}d{2,5}", "cat(cat(cat(rep{1,}(a),rep{2,}(b)),c),rep{2,5}(d))"},
+        {"[ab]c|.", "alt(cat([ab],c),[\\x00-\\x09\\x0b-\\xff])"}, {"a|bc*d", "alt(a,cat(cat(b,star(c)),d))"},
         // An omitted operand beside '(', ')' or '|' is the empty string.
-        {"()", "E"},
-        {"(|a)", "alt(E,a)"},
-        {"(a|)", "alt(a,E)"},
-        {"(*a)", "cat(star(E),a)"},
-        {"(?:a)", "cat(cat(rep{0,1}(E),:),a)"},
-        {"((a))", "a"},
+        {"()", "E"}, {"(|a)", "alt(E,a)"}, {"(a|)", "alt(a,E)"}, {"(*a)", "cat(star(E),a)"},
+        {"(?:a)", "cat(cat(rep{0,1}(E),:),a)"}, {"((a))", "a"},
     };
     for (const Row &row : rows) {
         Parsed p = parse(row.pattern);
@@ -169,10 +157,8 @@ TEST_F(RemParser, RefusalsWithWordsAndPosition) {
     };
     const Row rows[] = {
         {"", nullptr, 0},  // no operand at all
-        {"a)", "Correlating '(' for ')' is missing", 2},
-        {"(a", "Missing a closing ')'", 2},
-        {"*a", "Not enough operands for the operator", 2},
-        {"a|", "Not enough operands for the operator", 2},
+        {"a)", "Correlating '(' for ')' is missing", 2}, {"(a", "Missing a closing ')'", 2},
+        {"*a", "Not enough operands for the operator", 2}, {"a|", "Not enough operands for the operator", 2},
         {"a||b", "Not enough operands for the operator", 3},
         {"a{x", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
         {"(a[b)", "Could not find closing bracket ']'", 5},

@@ -251,46 +251,24 @@ TEST(PmglobRangeUtf8, EncodingRoundTripsEveryCodePoint) {
 // ---------------------------------------------------------------- refusals
 
 TEST(PmglobRange, RefusalsCarryTheirWords) {
-    struct Row {
-        uint32_t flags;
-        bool null_range;
-        uint32_t first, last;
-        const char *text;
-        uint32_t type;
-    };
-    const Row rows[] = {
-        {0, false, 'z', 'a', "Illegal range inside brackets", 0},
-        {VAEL_PM_UTF8, false, 'z', 'a', "Illegal range inside brackets", 0},
-        {VAEL_PM_UTF8, false, 0, 0x110000, "Illegal range inside brackets", 0},
-        {0, true, 'a', 'z', "vael_pmglob_range_add_range failed", 1},
-    };
-    for (const Row &row : rows) {
-        Range r = row.null_range ? Range() : make_range(row.flags);
+    const struct {
+        uint32_t flags, first, last;
+    } rows[] = {{0, 'z', 'a'}, {VAEL_PM_UTF8, 'z', 'a'}, {VAEL_PM_UTF8, 0, 0x110000}};
+    for (const auto &row : rows) {
+        Range r = make_range(row.flags);
         vael_pm_error err;
         vael_pm_error_init(&err);
         EXPECT_EQ(vael_pmglob_range_add_range(r.get(), row.first, row.last, 1, &err), -1);
-        ASSERT_NE(err.error_string, nullptr);
-        EXPECT_STREQ(err.error_string, row.text);
-        EXPECT_EQ(err.error_type, row.type);
+        EXPECT_STREQ(err.error_string, "Illegal range inside brackets");
+        EXPECT_EQ(err.error_type, 0u);
     }
-    vael_pm_error err;
-    vael_pm_error_init(&err);
-    EXPECT_EQ(vael_pmglob_range_handle_logical_range(nullptr, &err), -1);
-    EXPECT_STREQ(err.error_string, "vael_pmglob_range_handle_logical_range failed");
-    vael_pm_error_init(&err);
-    EXPECT_EQ(vael_pmglob_range_add_simple_backslash(nullptr, 'a', 'a', &err), -1);
-    EXPECT_STREQ(err.error_string, "vael_pmglob_range_add_simple_backslash failed");
     // Forms that differ do not merge; a negated UTF-8 range with nothing
-    // excluded has no list to close. Misuse is logged only.
-    vael_test::LogCapture log;
+    // excluded has no list to close.
+    vael_test::LogCapture quiet;
     Range a = make_range(), u = make_range(VAEL_PM_UTF8);
     EXPECT_EQ(vael_pmglob_range_merge(a.get(), u.get(), 1), -1);
-    EXPECT_EQ(vael_pmglob_range_merge(nullptr, u.get(), 1), -1);
     vael_pmglob_range_negate(u.get());
     EXPECT_EQ(vael_pmglob_range_handle_logical_range(u.get(), nullptr), -1);
-    EXPECT_EQ(vael_pmglob_range_is_single(nullptr), 0);
-    EXPECT_EQ(vael_pmglob_range_get_first(nullptr), 0u);
-    vael_pmglob_range_destroy(nullptr);
 }
 
 TEST(PmglobRange, AllocationFailuresLeaveNothingBehind) {

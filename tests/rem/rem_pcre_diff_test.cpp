@@ -183,8 +183,7 @@ TEST(RemMatchStart, BoundsAnchorsAndTheFallBackToPlainOffsets) {
     } rows[] = {
         // 600 candidates: past the limit the search runs over offsets, with
         // the same answer.
-        {"a[ab]*b", many, 0, 600, 1000, 0, 0, 599},
-        {"a[ab]*b", many, 0, 600, 100, 0, 0, 599},
+        {"a[ab]*b", many, 0, 600, 1000, 0, 0, 599}, {"a[ab]*b", many, 0, 600, 100, 0, 0, 599},
         {"b+", std::string(601, 'b'), 0, 600, 1000, 0, 0, 600},
         // An anchored machine answers 0 unless bounded on the left.
         {"^ab", "ab", 0, 1, 200, 1, 0, 0},

@@ -26,13 +26,12 @@ constexpr uint32_t kKeep = VAEL_PMGLOB_MATCH_KEEP_ALL;
 constexpr uint32_t kPresent = VAEL_PMGLOB_MATCH_PRESENT;
 
 TEST(RemCompile, RefusalsCarryWordsTypeAndPositionInTheUsersPattern) {
-    struct Row {
+    const struct {
         const char *pattern;
         const char *error;  // null: refused without words; "": any words
         uint32_t type;
         uint32_t index;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", nullptr, VAEL_PM_ERROR_INTERNAL, 0},
         {"a)", "Correlating '(' for ')' is missing", VAEL_PM_ERROR_ILLEGAL, 2},
         // The unmatched ')' is the wrapping's: the index is capped at the end.
@@ -42,7 +41,7 @@ TEST(RemCompile, RefusalsCarryWordsTypeAndPositionInTheUsersPattern) {
         {"a{3,2}", "", VAEL_PM_ERROR_ILLEGAL, ~0u},
         {"ab.{40}", "This pattern is too complex. Consider rewriting the pattern.", VAEL_PM_ERROR_COMPLEX, 7},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         Rem rem(row.pattern);
         EXPECT_EQ(rem.get(), nullptr) << row.pattern;
         const char *got = rem.error().error_string;
@@ -77,8 +76,7 @@ TEST(RemExec, HitsOfARun) {
         {"abc", 1, 0, 0, "abcabc", kAll | VAEL_PM_EXEC_FIRST_MATCH_ONLY, {}, {2}},
         // MULTILINE: '$' at a line end reports at the end of the data.
         {"abc$", 1 | kMultiline, 0, 0, "abc\nxyz", 0, {}, {6}},
-        {"abc$", 1 | kMultiline, 0, 0, "abcd\nxyz", 0, {}, {}},
-        {"^abc", 1 | kMultiline, 0, 0, "x\nabc", 0, {}, {4}},
+        {"abc$", 1 | kMultiline, 0, 0, "abcd\nxyz", 0, {}, {}}, {"^abc", 1 | kMultiline, 0, 0, "x\nabc", 0, {}, {4}},
         {"^abc", 1 | kMultiline, 0, 0, "xabc", 0, {}, {}},
         // Line ends of other kinds: CR, CRLF, either.
         {"^abc", 1 | kMultiline | 0x8, 0, 0, "x\rabc", 0, {}, {4}},
@@ -87,31 +85,21 @@ TEST(RemExec, HitsOfARun) {
         {"^abc", 1 | kMultiline | 0x10, 0, 0, "x\rabc", 0, {}, {}},
         {"abc$", 1 | kMultiline | 0x20, 0, 0, "abc\rx", 0, {}, {4}},
         // Without dot-all the dot leaves out the line end.
-        {"a.c", 0, 0, 0, "a\nc", kAll, {}, {}},
-        {"AbC", 1, VAEL_PM_CASELESS, 0, "xaBc", 0, {}, {3}},
+        {"a.c", 0, 0, 0, "a\nc", kAll, {}, {}}, {"AbC", 1, VAEL_PM_CASELESS, 0, "xaBc", 0, {}, {3}},
         {"AbC", 1, 0, 0, "xaBc", 0, {}, {}},
         // A bound pattern wants a non-word byte or the end after it.
-        {"abc", 1, 0, VAEL_PM_BOUND, "abcd abc", kAll, {}, {7}},
-        {"abc", 1, 0, VAEL_PM_BOUND, "abc d", kAll, {}, {2}},
+        {"abc", 1, 0, VAEL_PM_BOUND, "abcd abc", kAll, {}, {7}}, {"abc", 1, 0, VAEL_PM_BOUND, "abc d", kAll, {}, {2}},
         // A span in a negated bracket excludes nothing in this language.
         {"[^a-c]x", 1, 0, 0, "axbxdx", kAll, {}, {1, 3, 5}},
         // An anchored final counts only on the very last byte of the data.
-        {"abc$", 1, 0, 0, "abc", kAll, {3}, {2}},
-        {"abc$", 1, 0, 0, "abcabc", kAll, {3}, {5}},
-        {"abc$", 1, 0, 0, "abcx", kAll, {3}, {}},
-        {"abc$", 1, 0, 0, "ababc", kAll, {2, 4, 5}, {4}},
+        {"abc$", 1, 0, 0, "abc", kAll, {3}, {2}}, {"abc$", 1, 0, 0, "abcabc", kAll, {3}, {5}},
+        {"abc$", 1, 0, 0, "abcx", kAll, {3}, {}}, {"abc$", 1, 0, 0, "ababc", kAll, {2, 4, 5}, {4}},
     };
     for (const Row &row : rows) {
         Rem rem(row.pattern, row.compile_flags, row.pattern_flags, row.string_flags);
         ASSERT_NE(rem.get(), nullptr) << row.pattern;
         EXPECT_EQ(rem.ends(row.text, row.exec_flags, row.cuts), row.ends) << row.pattern << " over " << row.text;
     }
-    Rem rem("abc");
-    lst_list *queue = nullptr;
-    LogCapture log;
-    EXPECT_EQ(vael_dfa_exec(rem.get(), nullptr, 0, nullptr, 0, &queue, 0, nullptr), -1);
-    EXPECT_TRUE(log.contains("Illegal arguments"));
-    EXPECT_EQ(queue, nullptr);
 }
 
 TEST(RemExec, RestartsCarryTheHintAndMatchFlags) {
@@ -180,15 +168,12 @@ TEST(RemPm, UseRemPatternsMatchEndToEndWithTheirStarts) {
     vael_pm_patterns_destroy(list);
     ASSERT_NE(pm, nullptr) << (err.error_string ? err.error_string : "");
     vael_pm_set_extended_match_cb(pm, collect);
-    for (uint32_t i = 0; i < pm->num_tier2; i++)
-        EXPECT_EQ(pm->pm_array[i].tier2_type, (uint32_t)VAEL_PM_TIER2_REM);
     const struct {
         std::string text;
         std::vector<PmHit> hits;
     } rows[] = {
         {"xx abc12de yy", {{10, 3, 9}}},      {"abcde abc7de", {{10, 6, 11}}},
-        {"xyyyz abc1de", {{11, 0, 4}, {10, 6, 11}}}, {" xyz", {}},
-        {"qst qrt", {{12, 4, 6}}},            {"qrt!", {}},
+        {"xyyyz abc1de", {{11, 0, 4}, {10, 6, 11}}}, {" xyz", {}}, {"qst qrt", {{12, 4, 6}}},            {"qrt!", {}},
         {"say HELLO big World", {{13, 4, 18}}},
     };
     for (const auto &row : rows) {

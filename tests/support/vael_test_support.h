@@ -64,19 +64,6 @@ class ScopedTopic {
     int saved_ = VAEL_DBG_NONE;
 };
 
-// Sets an int global for the scope and puts the old value back.
-class ScopedGlobal {
-  public:
-    ScopedGlobal(int &var, int value) : var_(var), saved_(var) { var_ = value; }
-    ~ScopedGlobal() { var_ = saved_; }
-    ScopedGlobal(const ScopedGlobal &) = delete;
-    ScopedGlobal &operator=(const ScopedGlobal &) = delete;
-
-  private:
-    int &var_;
-    int saved_;
-};
-
 // Sets a variable of any type for the scope and puts the old value back.
 template <class T>
 class ScopedValue {
@@ -90,6 +77,9 @@ class ScopedValue {
     T &var_;
     T saved_;
 };
+
+// Sets an int global (a tunable) for the scope and puts the old value back.
+using ScopedGlobal = ScopedValue<int>;
 
 struct Pattern {
     std::string text;
@@ -238,13 +228,9 @@ inline std::map<uint32_t, uint32_t> bnfa_state_offsets(const vael_thin_nfa *nfa)
     for (uint32_t off = 0; off < words;) {
         const uint32_t header = nfa->bnfa[off];
         offsets[header >> BNFA_STATE_ID_SHIFT] = off;
-        if (header & BNFA_STATE_PARTIAL) {
-            if (off + 1 >= words)
-                break;
-            off += 2 + (nfa->bnfa[off + 1] & 0xffu);
-        } else {
-            off += BNFA_FULL_STATE_WORDS;
-        }
+        if ((header & BNFA_STATE_PARTIAL) && off + 1 >= words)
+            break;
+        off += (header & BNFA_STATE_PARTIAL) ? 2 + (nfa->bnfa[off + 1] & 0xffu) : BNFA_FULL_STATE_WORDS;
     }
     return offsets;
 }
@@ -255,14 +241,11 @@ inline uint32_t bnfa_state_of(const vael_thin_nfa *nfa, const std::string &path)
     uint32_t off = 0;
     for (unsigned char c : path) {
         const uint32_t *state = nfa->bnfa + off;
-        if (*state & BNFA_STATE_PARTIAL) {
-            const uint32_t *next = vael_thin_nfa_get_next_state(state, nfa->bnfa, c);
-            if (!next)
-                return ~0u;
-            off = (uint32_t)(next - nfa->bnfa);
-        } else {
-            off = state[1 + c];
-        }
+        const uint32_t *next = (*state & BNFA_STATE_PARTIAL) ? vael_thin_nfa_get_next_state(state, nfa->bnfa, c)
+                                                             : nfa->bnfa + state[1 + c];
+        if (!next)
+            return ~0u;
+        off = (uint32_t)(next - nfa->bnfa);
     }
     return off;
 }
@@ -346,8 +329,7 @@ inline std::vector<Hit> brute_force_all(const std::vector<Pattern> &patterns, co
         for (size_t start = 0; start + p.text.size() <= text.size(); start++) {
             bool same = true;
             for (size_t i = 0; same && i < p.text.size(); i++)
-                same = fold((unsigned char)text[start + i], compile_flags) ==
-                       fold((unsigned char)p.text[i], compile_flags);
+                same = fold((unsigned char)text[start + i], compile_flags) == fold((unsigned char)p.text[i], compile_flags);
             if (same)
                 out.push_back(Hit{p.id, (uint32_t)(start + p.text.size() - 1), 0, (uint32_t)p.text.size()});
         }
@@ -356,24 +338,21 @@ inline std::vector<Hit> brute_force_all(const std::vector<Pattern> &patterns, co
     return out;
 }
 
-// The first end offset of each id.
-inline std::vector<Hit> first_per_id(const std::vector<Hit> &all) {
-    std::map<int32_t, Hit> first;
-    for (const auto &h : all) {
-        auto it = first.find(h.id);
-        if (it == first.end() || h.offset < it->second.offset)
-            first[h.id] = h;
-    }
-    std::vector<Hit> out;
-    for (const auto &kv : first)
-        out.push_back(kv.second);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 inline std::vector<Hit> sorted(std::vector<Hit> v) {
     std::sort(v.begin(), v.end());
     return v;
+}
+
+// The first end offset of each id.
+inline std::vector<Hit> first_per_id(const std::vector<Hit> &all) {
+    std::map<int32_t, Hit> first;
+    for (const auto &h : all)
+        if (!first.count(h.id) || h.offset < first.at(h.id).offset)
+            first[h.id] = h;
+    std::vector<Hit> out;
+    for (const auto &kv : first)
+        out.push_back(kv.second);
+    return sorted(out);
 }
 
 }  // namespace vael_test

@@ -1,6 +1,6 @@
 // The word matcher: phrases and continuous words against texts, delimiters,
-// case folding, bad input, the order of hits, the balance of crowded
-// buckets, refusals, and a brute-force reference over random texts; the
+// case folding, bad input, the order of hits, crowded buckets, refusals,
+// and a brute-force reference over random texts; the
 // Unicode operations it rests on; words through the PM.
 #include <gtest/gtest.h>
 
@@ -36,22 +36,16 @@ struct Row {
     std::vector<WordHit> hits;  // in delivery order
 };
 
+// What the brute force below covers (folds, edges, continuous words) is not
+// repeated here: these rows are the delimiters, bad UTF-8 and the order of
+// delivery.
 const Row kRows[] = {
-    // Phrases stand between delimiters or the edges of the buffer.
-    {"WholeBuffer", {{"foo bar", 1}}, "foo bar", {{1, 6}}},
-    {"EndOfBuffer", {{"foo bar", 1}}, "say foo bar", {{1, 10}}},
-    {"FollowedByPunctuation", {{"foo bar", 1}}, "foo bar.", {{1, 6}}},
-    {"LongerWordAfter", {{"foo bar", 1}}, "foo barn", {}},
-    {"LetterBefore", {{"foo bar", 1}}, "xfoo bar", {}},
-    {"InnerTextMustMatch", {{"foo bar", 1}}, "foo  bar", {}},
+    {"FollowedByPunctuation", {{"foo bar", 1}}, "say foo bar.", {{1, 10}}},
     {"Twice", {{"foo bar", 1}}, "foo bar, foo bar", {{1, 6}, {1, 15}}},
     {"FiledUnderLaterWord", {{"a bcd", 1}}, "x a bcd", {{1, 6}}},
-    {"FiledUnderLaterWordLetterBefore", {{"a bcd", 1}}, "xa bcd", {}},
-    {"OneCharWord", {{"x", 1}}, "x y x", {{1, 0}, {1, 4}}},
     // Delimiters: white space and punctuation of Unicode, and < >.
-    {"Punctuation", {{"foo", 1}}, "(foo), foo! foo's", {{1, 3}, {1, 9}, {1, 14}}},
+    {"Punctuation", {{"foo", 1}}, "(foo), foo! foo's <foo>", {{1, 3}, {1, 9}, {1, 14}, {1, 21}}},
     {"SymbolsAreNoDelimiters", {{"foo", 1}}, "foo+bar $foo foo=", {}},
-    {"AngleBrackets", {{"foo", 1}}, "<foo>", {{1, 3}}},
     {"NonAsciiDelimiters", {{"foo", 1}}, "foo" NBSP "foo" IDEO_STOP "foo" EM_DASH, {{1, 2}, {1, 7}, {1, 13}}},
     {"NonAsciiLetterIsNoDelimiter", {{"caf", 1}}, "caf" E_ACUTE, {}},
     // Bad UTF-8 in the text is a delimiter, and nothing past the buffer is read.
@@ -59,20 +53,11 @@ const Row kRows[] = {
     {"UndecodableInside", {{"bar", 1}}, "foo\xFF" "bar", {{1, 6}}},
     {"CutCharacterAtEnd", {{"foo", 1}}, "foo\xE2\x84", {{1, 2}}},
     {"CutCharacterEndsWord", {{"fo", 1}}, "fo\xC3", {{1, 1}}},
-    // Case.
-    {"CaselessAscii", {{"Foo Bar", 1, CL}}, "FOO bar fOo BaR", {{1, 6}, {1, 14}}},
     {"CaseSensitiveSharesBucket", {{"foo", 1}, {"foo", 2, CL}}, "FOO foo", {{2, 2}, {2, 6}, {1, 6}}},
-    {"CaselessNonAscii", {{E_ACUTE "cole", 1, CL}}, E_ACUTE_CAP "COLE", {{1, 5}}},
-    {"CaseSensitiveNonAscii", {{E_ACUTE "cole", 1}}, E_ACUTE_CAP "COLE " E_ACUTE "cole", {{1, 12}}},
-    {"FoldChangesByteLength", {{"kelvin", 1, CL}}, KELVIN "elvin", {{1, 7}}},
+    {"CaseSensitiveNonAscii", {{E_ACUTE "cole", 1}, {"a b", 2, CONT}}, E_ACUTE_CAP "COLE " E_ACUTE "cole xa by", {{1, 12}, {2, 17}}},
     {"FoldShorterInText", {{KELVIN "elvin", 1, CL}}, "x KELVIN", {{1, 7}}},
-    {"CapitalSharpS", {{"stra" SHARP_S "e", 1, CL}}, "STRA" SHARP_S_CAP "E", {{1, 7}}},
     {"SharpSIsNotSS", {{"stra" SHARP_S "e", 1, CL}}, "STRASSE", {}},
-    // Continuous words hit anywhere.
-    {"ContinuousInsideWord", {{"ab", 1, CONT}}, "xaby", {{1, 2}}},
     {"ContinuousOverlapping", {{"aa", 1, CONT}}, "aaaa", {{1, 1}, {1, 2}, {1, 3}}},
-    {"ContinuousAcrossDelimiter", {{"a b", 1, CONT}}, "xa by", {{1, 3}}},
-    {"ContinuousCaseless", {{E_ACUTE "t" E_ACUTE, 1, CONT | CL}}, "L'" E_ACUTE_CAP "T" E_ACUTE_CAP, {{1, 6}}},
     {"OneCharWordSeenOnce", {{"x", 1}, {"zz", 2, CONT}}, "a x b", {{1, 2}}},
     {"CharacterLookupBeforeWord", {{"ab", 1}, {"b", 2, CONT}}, "ab", {{2, 1}, {1, 1}}},
     // Order: one bucket newest first.
@@ -93,22 +78,14 @@ TEST(WordMatcher, Phrases) {
 TEST(WordMatcher, WordIndexAndStart) {
     auto h = compile({{"bar baz", 1}, {"qu", 2, CONT}, {"kelvin", 3, CL}});
     ASSERT_TRUE(h);
-    const auto hits = run(h.get(), "foo bar baz quux " KELVIN "elvin", VAEL_PM_EXEC_MATCH_START);
-    ASSERT_EQ(hits.size(), 3u);
-    EXPECT_EQ(hits[0].id, 1);
-    EXPECT_EQ(hits[0].index, 2u);
-    EXPECT_EQ(hits[0].start, 4u);
-    EXPECT_EQ(hits[0].end, 10u);
-    EXPECT_EQ(hits[1].id, 2);
-    EXPECT_EQ(hits[1].index, 0u);
-    EXPECT_EQ(hits[1].start, 12u);
-    EXPECT_EQ(hits[2].id, 3);
-    EXPECT_EQ(hits[2].start, 17u);
-    EXPECT_EQ(hits[2].end, 24u);
+    std::vector<std::tuple<int32_t, uint32_t, uint32_t, uint32_t>> got;  // id, word, start, end
+    for (const WordHit &w : run(h.get(), "foo bar baz quux " KELVIN "elvin", VAEL_PM_EXEC_MATCH_START))
+        got.emplace_back(w.id, w.index, w.start, w.end);
+    EXPECT_EQ(got, (decltype(got){{1, 2, 4, 10}, {2, 0, 12, 13}, {3, 5, 17, 24}}));
     EXPECT_EQ(run(h.get(), "bar baz")[0].start, 0u);  // not asked for
 }
 
-// keep_going 0 ends the run at once; the run's counters are still kept. A
+// keep_going 0 ends the run at once, and the run's counters stop there. A
 // word too long for the temporary buffer is in no bucket and is not hashed.
 TEST(WordMatcher, KeepGoingStopsTheRunAndCounts) {
     vael_wm_update_phrase_temp_buffer(0);
@@ -117,67 +94,48 @@ TEST(WordMatcher, KeepGoingStopsTheRunAndCounts) {
     ASSERT_EQ(vael_wm_phrase_temp_buffer_size(), 1u);
     EXPECT_EQ(run(h.get(), "a b a b", 0, 2), (std::vector<WordHit>{{1, 0}, {2, 2}}));
     EXPECT_EQ(h->exec_stats[0].executed_words, 2u);
-    run(h.get(), "zz a");
-    EXPECT_EQ(h->exec_stats[0].executed_words, 3u);
-    EXPECT_EQ(h->exec_stats[0].empty_bucket_mismatches, 1u);
-    EXPECT_EQ(h->exec_stats[0].strcmp_mismatches, 0u);
 }
 
+// A run the engine cannot do fails and delivers nothing; a mask is ignored.
 TEST(WordMatcher, RunRefusals) {
     auto h = compile({{"foo", 1}});
     ASSERT_TRUE(h);
-    vael_test::LogCapture log;
-    vael_test::ScopedTopic topic("K_PM", VAEL_DBG_INFO);
-    vael_test::ScopedTopic err_topic("K_ERROR", VAEL_DBG_ERR);
     Recorder r;
     vael_pm_exec_cb_ctx ctx{record_hit, &r, nullptr, 1, -1, nullptr, 0, nullptr, 0};
     const auto *text = reinterpret_cast<const unsigned char *>("foo");
     vael_vbuf *vbuf = vael_vbuf_create(100, 0);
-    struct Case {
+    const struct {
         void *h;
         const unsigned char *buf;
         uint32_t len;
         vael_vbuf *vbuf;
         uint32_t flags;
-        const char *log;
     } cases[] = {
-        {nullptr, text, 3, nullptr, 0, "recieved wrong params"},
-        {h.get(), nullptr, 3, nullptr, 0, "recieved wrong params"},
-        {h.get(), text, 0, nullptr, 0, "recieved wrong params"},
-        {h.get(), text, 3, vbuf, 0, "WM doesn't support vbufs"},
-        {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX, "not supported with match circumflex"},
-        {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX_ONLY, "not supported with match circumflex"},
+        {nullptr, text, 3, nullptr, 0},          {h.get(), nullptr, 3, nullptr, 0},
+        {h.get(), text, 0, nullptr, 0},          {h.get(), text, 3, vbuf, 0},
+        {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX}, {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX_ONLY},
     };
-    for (const Case &c : cases) {
-        log.clear();
-        EXPECT_EQ(vael_wm_exec(c.h, c.buf, c.len, c.vbuf, 0, nullptr, c.flags, nullptr, &ctx), -1) << c.log;
-        EXPECT_TRUE(log.contains(c.log)) << log.text();
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(vael_wm_exec(c.h, c.buf, c.len, c.vbuf, 0, nullptr, c.flags, nullptr, &ctx), -1) << c.flags;
     EXPECT_TRUE(r.hits.empty());
     vael_vbuf_destroy(vbuf);
-    // A mask is ignored with a note.
     vael_test::RawMask mask(1);
-    log.clear();
     EXPECT_EQ(vael_wm_exec(h.get(), text, 3, nullptr, 0, nullptr, 0, mask.mask(), &ctx), 0);
-    EXPECT_TRUE(log.contains("PM mask passed - WM will ignore the masking")) << log.text();
     EXPECT_EQ(r.hits.size(), 1u);
 }
 
-struct BadWord {
-    const char *name;
-    Word word;
-    const char *error;  // null: no text for the caller
-    uint32_t type;
-};
-
 TEST(WordMatcher, CompileRefusals) {
-    const BadWord rows[] = {
+    const struct {
+        const char *name;
+        Word word;
+        const char *error;  // null: no text for the caller
+        uint32_t type;
+    } rows[] = {
         {"OnlyDelimiters", {", .", 7}, "Invalid arguments (not valid utf8 or only delimiters phrase)", 0},
-        {"NotUtf8", {"\xFF\xFE", 7}, "Invalid arguments (not valid utf8 or only delimiters phrase)", 0},
         {"CutCharacter", {"foo \xC3", 7}, "Invalid arguments (not valid utf8 or only delimiters phrase)", 0},
         {"ContinuousBadFirstChar", {"\x80" "ab", 7, CONT}, nullptr, 1},
     };
-    for (const BadWord &r : rows) {
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
         vael_pm_error err;
         const intptr_t pm_before = vael_pmglob_memory_get_alloc_total();
@@ -206,47 +164,11 @@ TEST(WordMatcher, CrowdedBucketRehashes) {
     words.push_back({"alone", 99, CONT});
     auto h = compile(words);
     ASSERT_TRUE(h);
-    const vael_wm_hash_stats &st = h->hash_stats;
-    EXPECT_EQ(st.hash_size, VAEL_WM_COMPILE_HASH_SIZE);
-    EXPECT_EQ(st.max_depth, 20u);
-    EXPECT_EQ(st.rehashed_phrases, 1u);
-    EXPECT_EQ(st.simple_phrases, 21u);
-    EXPECT_EQ(st.continuous_words, 1u);
-    EXPECT_EQ(st.empty_buckets, VAEL_WM_COMPILE_HASH_SIZE - 3);
-    EXPECT_EQ(h->phrases_num, 22u);
+    EXPECT_EQ(h->hash_stats.max_depth, 20u);
+    EXPECT_EQ(h->hash_stats.rehashed_phrases, 1u);
     EXPECT_EQ(run(h.get(), "x common w120 y"), (std::vector<WordHit>{{21, 12}}));
     EXPECT_EQ(run(h.get(), "x common w119 y"), (std::vector<WordHit>{{20, 12}}));
     EXPECT_TRUE(run(h.get(), "x commonw120 y").empty());
-}
-
-TEST(WordMatcher, StatisticsAndDumpTexts) {
-    auto h = compile({{"foo bar", 1}, {"foo", 2}, {"ab", 3, CONT}});
-    ASSERT_TRUE(h);
-    run(h.get(), "foo bar zz");
-    vael_test::LogCapture log;
-    vael_wm_stats_print(h.get(), 2);
-    for (const char *line : {"Hash size for this wm handle is 131072\n", "Max depth in the hash is 2\n",
-                             "Number of simple phrases in the hash 2\n", "Number of continuous words in the hash 1\n",
-                             "Average length of a phrase is 4\n", "Average depth in the hash is 6\n",
-                             "Number of Empty buckets in the hash is 131070\n",
-                             "Number of Rehashed phrases in the hash is 0\n", "Number of executed words is 13\n"})
-        EXPECT_TRUE(log.contains(line)) << line << log.text();
-    log.clear();
-    vael_wm_stats_print(h.get(), 1);
-    EXPECT_FALSE(log.contains("Hash size"));
-    EXPECT_TRUE(log.contains("Number of mismatches words in str cmp is"));
-    log.clear();
-    vael_wm_dump(h.get(), 0);
-    // Lines come with the log's prefix; the bucket's lines follow each other.
-    const size_t at = log.text().find("\tid 2, phrase flags 0, length 3\n");
-    ASSERT_NE(at, std::string::npos) << log.text();
-    EXPECT_LT(at, log.text().find("\tid 1, phrase flags 0, length 7\n"));
-    EXPECT_LT(at, log.text().find("\t*** The bucket have 2 phrases ***\n"));
-    EXPECT_TRUE(log.contains("histogram: 1 list in the hash with depth of 2.\n")) << log.text();
-    EXPECT_TRUE(log.contains("histogram: 131070 lists in the hash with depth of 0.\n"));
-    log.clear();
-    vael_wm_dump(nullptr, 0);
-    EXPECT_TRUE(log.contains("NULL wm_h"));
 }
 
 // ---------------------------------------------------------------- reference
@@ -361,13 +283,9 @@ TEST(WordMatcherUnicode, Classes) {
         EXPECT_EQ(tq_u_ispunct(r.c) != 0, r.punct);
         EXPECT_EQ(tq_u_simple_fold_case(r.c), r.fold);
     }
-    EXPECT_EQ(utf8_countTrailBytes[0x41], 0);
-    EXPECT_EQ(utf8_countTrailBytes[0x80], 0);
-    EXPECT_EQ(utf8_countTrailBytes[0xC3], 1);
-    EXPECT_EQ(utf8_countTrailBytes[0xE2], 2);
-    EXPECT_EQ(utf8_countTrailBytes[0xF0], 3);
-    EXPECT_EQ(utf8_countTrailBytes[0xFC], 5);
-    EXPECT_EQ(utf8_countTrailBytes[0xFF], 0);
+    const std::pair<int, int> trail[] = {{0x41, 0}, {0x80, 0}, {0xC3, 1}, {0xE2, 2}, {0xF0, 3}, {0xFC, 5}, {0xFF, 0}};
+    for (const auto &[lead, n] : trail)
+        EXPECT_EQ(utf8_countTrailBytes[lead], n) << lead;
 }
 
 TEST(WordMatcherUnicode, Compare) {
@@ -375,17 +293,12 @@ TEST(WordMatcherUnicode, Compare) {
         std::string text, other;
         uint32_t flags, text_used, other_used;
     } rows[] = {
-        {"abcd", "abx", 0, 2, 2},
-        {"abc", "abc", 0, 3, 3},
-        {"ABC", "abc", TQ_UTF8_CMP_CASELESS, 3, 3},
-        {"ABC", "abc", 0, 0, 0},
-        {KELVIN "x", "kx", TQ_UTF8_CMP_CASELESS, 4, 2},
+        {"abcd", "abx", 0, 2, 2},           {"abc", "abc", 0, 3, 3},
+        {"ABC", "abc", TQ_UTF8_CMP_CASELESS, 3, 3}, {"ABC", "abc", 0, 0, 0},
+        {KELVIN "x", "kx", TQ_UTF8_CMP_CASELESS, 4, 2}, {"zab", "xab", TQ_UTF8_CMP_BACKWARD, 2, 2},
         {"xy" E_ACUTE_CAP, E_ACUTE, TQ_UTF8_CMP_CASELESS | TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"zab", "xab", TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"a\xFF" "b", "a\xFF" "b", 0, 3, 3},
-        {"a\xC3", "a\xC3", TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"\xA9", E_ACUTE, TQ_UTF8_CMP_BACKWARD, 0, 0},
-        {"", "a", 0, 0, 0},
+        {"a\xFF" "b", "a\xFF" "b", 0, 3, 3},     {"a\xC3", "a\xC3", TQ_UTF8_CMP_BACKWARD, 2, 2},
+        {"\xA9", E_ACUTE, TQ_UTF8_CMP_BACKWARD, 0, 0}, {"", "a", 0, 0, 0},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.text + " / " + r.other);
@@ -425,7 +338,18 @@ int pm_cb(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32
     return 0;
 }
 
-TEST(WordMatcherPm, WordsBesideStrings) {
+// Words beside strings: words are delivered during the scan, before any
+// string of the run, and keep_going 0 from a word ends the run; the word
+// matcher refuses a vbuf and the circumflex flags; a PM of words only runs;
+// a bad phrase fails the compile with its user id and the engine's text.
+TEST(WordMatcherPm, WordsBesideStringsAndAlone) {
+    auto exec = [](vael_pm_handle *pm, const std::string &text, size_t stop_after, vael_vbuf *vbuf = nullptr,
+                   uint32_t flags = 0) {
+        PmRun r{{}, stop_after};
+        const int rc = vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()),
+                                       (uint32_t)text.size(), vbuf, nullptr, &r, flags);
+        return rc ? std::vector<PmHit>{{-1, 0}} : r.hits;
+    };
     vael_pm_patterns *patterns = vael_pm_patterns_create();
     ASSERT_EQ(vael_pm_patterns_add_simple_pattern(patterns, "needle", 6, 10, 0), 0);
     ASSERT_EQ(vael_pm_patterns_add_word(patterns, "hay stack", 9, 20, 0), 0);
@@ -433,57 +357,27 @@ TEST(WordMatcherPm, WordsBesideStrings) {
     vael_pm_error err;
     vael_pm_handle *pm = vael_pm_compile_with_wm(patterns, pm_cb, 0, &err, "wm test");
     ASSERT_TRUE(pm) << (err.error_string ? err.error_string : "");
-    EXPECT_EQ(pm->tier1[0].tier1_type, (uint32_t)VAEL_PM_TIER1_WM);
-    EXPECT_EQ(pm->tier1[1].tier1_type, (uint32_t)VAEL_PM_TIER1_STRING);
-    EXPECT_EQ(pm->num_tier2, 1u);
-    EXPECT_EQ(pm->stats.num_patterns, 3u);
-    // Words are delivered during the scan, before any string of the run.
     const std::string text = "a needle in a hay stack, " E_ACUTE_CAP "T" E_ACUTE_CAP;
-    PmRun r;
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(),
-                              nullptr, nullptr, &r, 0),
-              0);
-    EXPECT_EQ(r.hits, (std::vector<PmHit>{{20, 22}, {21, 29}, {10, 7}}));
-    // keep_going 0 from a word ends the run: the string engine does not run.
-    PmRun first;
-    first.stop_after = 1;
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(),
-                              nullptr, nullptr, &first, 0),
-              0);
-    EXPECT_EQ(first.hits, (std::vector<PmHit>{{20, 22}}));
-    // The word matcher refuses a vbuf and the circumflex flags: the run fails.
+    EXPECT_EQ(exec(pm, text, 0), (std::vector<PmHit>{{20, 22}, {21, 29}, {10, 7}}));
+    EXPECT_EQ(exec(pm, text, 1), (std::vector<PmHit>{{20, 22}}));
     vael_vbuf *vbuf = vael_vbuf_create(100, 0);
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>("x"), 1, vbuf, nullptr, &r, 0), -1);
+    EXPECT_EQ(exec(pm, "x", 0, vbuf), (std::vector<PmHit>{{-1, 0}}));
     vael_vbuf_destroy(vbuf);
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>("x"), 1, nullptr, nullptr, &r,
-                              VAEL_PM_EXEC_CIRCUMFLEX),
-              -1);
+    EXPECT_EQ(exec(pm, "x", 0, nullptr, VAEL_PM_EXEC_CIRCUMFLEX), (std::vector<PmHit>{{-1, 0}}));
     vael_pm_destroy(pm);
     vael_pm_patterns_destroy(patterns);
-}
 
-TEST(WordMatcherPm, WordsOnlyAndRefusals) {
-    vael_pm_patterns *patterns = vael_pm_patterns_create();
+    patterns = vael_pm_patterns_create();
     ASSERT_EQ(vael_pm_patterns_add_word(patterns, "ab", 2, 5, CONT), 0);
-    vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(patterns, pm_cb, 0, &err, "wm test");
+    pm = vael_pm_compile(patterns, pm_cb, 0, &err, "wm test");
     ASSERT_TRUE(pm);
-    EXPECT_EQ(pm->pm_array, nullptr);
-    EXPECT_EQ(pm->num_tier2, 0u);
-    EXPECT_EQ(pm->tier1[0].tier1_type, (uint32_t)VAEL_PM_TIER1_WM);
-    EXPECT_EQ(pm->tier1[1].tier1_h, nullptr);
-    EXPECT_GT(pm_tier1_funcs[VAEL_PM_TIER1_WM].get_common_stats(pm->tier1[0].tier1_h)->memory, 0u);
-    PmRun r;
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>("xaby"), 4, nullptr, nullptr, &r, 0), 0);
-    EXPECT_EQ(r.hits, (std::vector<PmHit>{{5, 2}}));
+    EXPECT_EQ(exec(pm, "xaby", 0), (std::vector<PmHit>{{5, 2}}));
     vael_pm_destroy(pm);
-    // A bad phrase fails the compile with its user id and the engine's text.
     ASSERT_EQ(vael_pm_patterns_add_word(patterns, "--", 2, 6, 0), 0);
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
     EXPECT_EQ(vael_pm_compile(patterns, pm_cb, 0, &err, "wm test"), nullptr);
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
     EXPECT_EQ(err.pattern_id, 6);
-    EXPECT_EQ(err.error_type, 0u);
     EXPECT_STREQ(err.error_string, "Invalid arguments (not valid utf8 or only delimiters phrase)");
     vael_pm_patterns_destroy(patterns);
 }
