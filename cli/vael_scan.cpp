@@ -35,6 +35,7 @@
 
 #include "dump_dfa.h"
 #include "explain.h"
+#include "gen_buf.h"
 #include "verify.h"
 #include "image.h"
 #include "pattern_file.h"
@@ -86,6 +87,8 @@ struct Options {
     std::optional<std::string> lss;     // --lss: the pattern to show the LSS of
     std::optional<std::string> verify;       // --verify: the pattern to ask the syntax questions of
     std::optional<std::string> verify_word;  // --verify-word: the phrase to ask the word question of
+    std::optional<std::string> gen_buf;      // --gen-buf, --gen-buf-miss: the keyword rule to make a buffer for
+    bool gen_buf_match = true;               // --gen-buf: a buffer the rule matches; --gen-buf-miss: one it does not
     std::optional<std::int32_t> dump_dfa;  // --dump-dfa: the id of the re line whose DFA to print
     vael::cli::DfaDumpFormat dump_format = vael::cli::DfaDumpFormat::text;
     std::optional<vael_pm_stats_attrs> stats;  // --stats: the report asked for after the scan
@@ -280,6 +283,18 @@ constexpr OptionRow kOptions[] = {
          o.verify_word = std::string(v);
          return std::nullopt;
      }},
+    {'\0', "gen-buf", "RULE", "print a buffer that keyword RULE is meant to match, and whether it does (no FILE needed)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.gen_buf = std::string(v);
+         o.gen_buf_match = true;
+         return std::nullopt;
+     }},
+    {'\0', "gen-buf-miss", "RULE", "the same with a buffer that keyword RULE is meant not to match",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         o.gen_buf = std::string(v);
+         o.gen_buf_match = false;
+         return std::nullopt;
+     }},
     {'\0', "dump-dfa", "ID", "print the REM DFA of re line ID in the FORMAT that follows (text, csv, jflap) and exit",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          const std::string text(v);
@@ -462,6 +477,10 @@ void print_help(std::FILE *out) {
                  "same in both (meaning: code, type, offset and text); -i, --digitless and\n"
                  "--rem apply. --verify-word PHRASE prints whether the word matcher takes\n"
                  "PHRASE. Both need no FILE; their status is 0 for success, 1 if not.\n"
+                 "--gen-buf RULE prints a buffer that the keyword rule RULE is meant to match\n"
+                 "(escaped as in a pattern file, '.' being filler) and the rule's verdict over\n"
+                 "it; --gen-buf-miss RULE the same for a buffer it is meant not to match.\n"
+                 "Their status is 0 when the verdict agrees, 1 if not, 2 for a refused rule.\n"
                  "--dump-dfa ID FORMAT prints the minimized DFA that the REM machine makes of\n"
                  "the re line with id ID, and scans nothing. FORMAT is text (a table), csv\n"
                  "or jflap (XML that JFLAP opens); all three show the letters a to z only.\n"
@@ -1141,6 +1160,17 @@ int verify_main(const Options &options) {
     return vael::cli::verify_word(*options.verify_word, stdout);
 }
 
+// --gen-buf and --gen-buf-miss: 0 when the rule's verdict agrees.
+int gen_buf_main(const Options &options) {
+    Library library;
+    if (!library.ok()) {
+        std::fprintf(stderr, "%s: cannot initialise the pattern library\n", kProgram);
+        return kExitError;
+    }
+    set_up_debug_output(options);
+    return vael::cli::gen_buf(*options.gen_buf, options.gen_buf_match, stdout, stderr);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -1157,6 +1187,12 @@ int main(int argc, char **argv) {
             usage_error = "--verify and --verify-word take no pattern file or input";
         else
             return verify_main(options);
+    }
+    if (!usage_error && !options.help && options.gen_buf) {
+        if (!options.pattern_file.empty() || !options.inputs.empty())
+            usage_error = "--gen-buf and --gen-buf-miss take no pattern file or input";
+        else
+            return gen_buf_main(options);
     }
     if (!usage_error && !options.help && options.dump_dfa) {
         // The format is the word after the id; nothing is scanned.

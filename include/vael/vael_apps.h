@@ -9,6 +9,7 @@
 #define VAEL_APPS_H
 
 #include "vael/vael_htab.h"
+#include "vael/vael_kw_gen.h"
 #include "vael/vael_list.h"
 #include "vael/vael_pm.h"
 #include "vael/vael_pm_verify.h"

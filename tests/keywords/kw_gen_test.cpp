@@ -1,0 +1,217 @@
+// Test buffers for keyword rules: each generated buffer is judged by the
+// compiled rule itself, the regular expressions' texts coming from the
+// command-line tool's shortest-path generator and being judged by PCRE for
+// `pcre` keywords.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "cli/gen_buf.h"
+#include "keywords/vael_kw_mgr.h"
+#include "tests/keywords/kw_rule_run.h"
+#include "tests/support/failmem_walk.h"
+#include "vael/vael_kw_gen.h"
+
+namespace {
+
+const vael_kw_gen_ctx kCtx = {vael::cli::gen_fill, vael::cli::gen_regex};
+const std::string kFail = VAEL_KW_GEN_FAIL_TEXT;
+const std::string kMiss = VAEL_KW_GEN_MISS_TEXT;
+
+struct Generated {
+    int rc = -2;
+    std::string buf;
+};
+
+// Generated into a heap block of exactly `size` bytes, so that a write past
+// the caller's size is ASan's to see; the accounts return to where they were,
+// so the keywords made for either road are given back.
+Generated generate(const std::string &rule, int match, uint32_t size = 4096, int verbose = 0) {
+    const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
+    vael_pmglob_string *s =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
+    auto *block = static_cast<unsigned char *>(std::malloc(size ? size : 1));
+    uint32_t len = size;
+    Generated g;
+    g.rc = vael_kw_mgr_gen_test_buf(s, block, &len, match, verbose, &kCtx);
+    EXPECT_LE(len, size) << rule;
+    if (g.rc == 0 && len <= size)
+        g.buf.assign(reinterpret_cast<const char *>(block), len);
+    std::free(block);
+    vael_pmglob_string_destroy(s);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem) << rule;
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm) << rule;
+    return g;
+}
+
+// The same with the failure lines kept off the output.
+Generated quietly(const std::string &rule, int match, uint32_t size = 4096) {
+    vael_test::LogCapture quiet;
+    return generate(rule, match, size);
+}
+
+std::string hex(const std::string &bytes) { return vael::cli::escape_bytes(bytes); }
+
+// Every keyword, relative and absolute: the exact matching buffer ('.' is
+// filler), or the failure text where none can be made. The rule must match
+// the one and not match the mismatch buffer.
+TEST(KwGenTestBuf, RulesJudgeTheirOwnBuffers) {
+    const struct {
+        const char *rule;
+        std::string buf;
+    } rows[] = {
+        {"data: \"abc\";", "abc........"},
+        {"data: \"abc\", offset 2;", "..abc........"},
+        {"data: \"x\"; data: \"yz\", relative;", "xyz........"},
+        {"data: \"x\"; data: \"yz\", relative, offset 2;", "x..yz........"},
+        {"data: \"x\"; data: \"yz\", depth 4, offset 3;", "x..yz........"},
+        {"data: \"k\"; data: \"ab\", caret, relative;", "kab........"},
+        {"data: \"AbC\", nocase;", "abc........"},
+        {"data: \"|41 42|\\;\";", "AB;........"},
+        {"delim='; data: 'q'; data: !'zz', relative;", "q........"},
+        {"length: 20, exact; data: \"z\";", "z" + std::string(19, '.')},
+        {"data: \"abc\"; length: 20, exact;", "abc" + std::string(17, '.')},
+        {"data: \"abc\"; length: 4, exact, relative;", "abc...."},
+        {"data: \"abc\"; length: 10, max;", "abc......"},
+        {"data: \"abc\"; length: 4090, min, relative;", "abc" + std::string(4092, '.')},
+        {"test: 2, =, 0x4142, 0; data: \"z\", offset 2;", "ABz........"},
+        {"data: \"k\"; test: 2, >, 20000, 0, relative, little;", "k!N......"},
+        {"data: \"k\"; test: 1, <, 0, 0, relative, signed;", "k\xff......."},
+        {"data: \"k\"; test: 3, =, 255, 0, relative, string;", "kff......"},
+        {"data: \"k\"; test: 4, =, -5, 0, relative, string, dec;", "k-5......"},
+        {"data: \"k\"; test: 2, =, 10, 0, relative, string, oct;", "k12......"},
+        {"data: \"k\"; test: 1, !=, 65, 0, relative;", "kB......."},
+        {"data: \"k\"; test: 1, !<, 65, 0, relative;", "kB......."},
+        {"data: \"ab\"; test: 1, =, 65, 1, relative;", "ab.A......"},
+        {"data: \"q\"; jump: 1, 0, relative; data: \"z\", relative;", "q\x01z........"},
+        {"jump: 2, 0, little, multiplier 4, align, post_offset 2; data: \"e\", relative;",
+         std::string("\x02\x00........e........", 19)},
+        {"jump: 1, 0, string; data: \"z\", relative;", "1z........"},
+        {"data: \"ab\"; jump: 1, 0, relative, from_beginning; data: \"c\", relative;", "ab\x03" "c........"},
+        {"pcre: \"/a(b|cd)*e{2,3}/\";", "aee........"},
+        {"pcre: \"/[^abc]x/\"; data: \"!\", relative;", "dx!........"},
+        {"re: \"/X+Y/i\";", "xy........"},
+        {"data: \"k\"; pcre: \"/^mn/\", relative;", "kmn........"},
+        {"data: \"a\"; re: \"/q/\", depth 5, offset 1, relative;", "a.q........"},
+        {"pcre: !\"/z/\"; data: \"y\";", "y........"},
+        // None can be made.
+        {"data: \"x\"; test: 1, =, 1, 0;", kFail},
+        {"data: \"x\"; jump: 1, 0;", kFail},
+        {"data: \"x\"; pcre: \"/^y/\";", kFail},
+        {"data: \"x\"; pcre: \"/y/\", depth 3;", kFail},
+        {"data: \"x\"; test: 1, &, 1, 0, relative;", kFail},
+        {"data: \"abcdef\", depth 3;", kFail},
+        {"test: 1, =, 300, 0;", kFail},
+        {"test: 1, <, 0, 0;", kFail},
+        {"length: 5, exact; data: \"abcdef\";", kFail},
+        {"data: \"abc\"; length: 2, exact;", kFail},
+        {"length: 5000, exact;", kFail},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.rule);
+        const Generated hit = quietly(row.rule, 1);
+        ASSERT_EQ(hit.rc, 0);
+        EXPECT_EQ(hex(hit.buf), hex(row.buf));
+        const Generated miss = quietly(row.rule, 0);
+        EXPECT_EQ(miss.rc, 0);
+        EXPECT_EQ(miss.buf, kMiss);
+        vael_pm_error err;
+        vael_kw_mgr *mgr = kw_run::compile(row.rule, &err);
+        ASSERT_NE(mgr, nullptr);
+        if (hit.buf != kFail) {
+            EXPECT_NE(kw_run::verdict(mgr, hit.buf), -1) << "the rule does not match its buffer";
+        }
+        EXPECT_EQ(kw_run::verdict(mgr, miss.buf), -1) << "the rule matches the mismatch buffer";
+        vael_kw_mgr_destroy(mgr);
+    }
+}
+
+// Caller sizes around the length needed: the length never exceeds the size,
+// nothing is written past it, and what comes back is either a buffer the rule
+// matches or the failure text cut to the size.
+TEST(KwGenTestBuf, SizesAroundTheNeededLength) {
+    const char *rules[] = {
+        "data: \"abc\"; pcre: \"/x{5}/\", relative; test: 2, =, 7, 0, relative;",
+        "data: \"a\"; jump: 2, 1, relative, little; data: \"bc\", relative; length: 3, min, relative;",
+        "data: \"abc\"; length: 12, exact;",
+    };
+    for (const char *rule : rules) {
+        vael_pm_error err;
+        vael_kw_mgr *mgr = kw_run::compile(rule, &err);
+        ASSERT_NE(mgr, nullptr) << rule;
+        for (uint32_t size = 0; size <= 24; size++) {
+            SCOPED_TRACE(std::string(rule) + " in " + std::to_string(size));
+            const Generated g = quietly(rule, 1, size);
+            ASSERT_EQ(g.rc, 0);
+            if (g.buf == kFail.substr(0, g.buf.size()))
+                continue;
+            EXPECT_NE(kw_run::verdict(mgr, g.buf), -1) << hex(g.buf);
+        }
+        vael_kw_mgr_destroy(mgr);
+    }
+    // The second rule's `min` length takes one byte off the size; with room
+    // for its jump but not for the data behind it, no buffer is made.
+    EXPECT_EQ(hex(generate(rules[1], 1, 24).buf), hex(std::string("a.\x02\x00" "bc", 6) + std::string(17, '.')));
+    EXPECT_EQ(quietly(rules[1], 1, 4).buf, "---");
+    EXPECT_EQ(generate(rules[0], 0, 10).buf, kMiss.substr(0, 9));
+}
+
+// Calls that give -1, each with its log line, and what is logged by verbosity.
+TEST(KwGenTestBuf, RefusalsAndVerbosity) {
+    unsigned char buf[64];
+    uint32_t len = sizeof buf;
+    {
+        vael_test::LogCapture log;
+        vael_test::ScopedTopic topic("K_KW", VAEL_DBG_ERR);
+        EXPECT_EQ(vael_kw_mgr_gen_test_buf(nullptr, buf, &len, 1, 0, &kCtx), -1);
+        EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: No keywords rule.\n")) << log.text();
+        EXPECT_EQ(generate("data: \"abc\"", 1).rc, -1);
+        EXPECT_EQ(generate("lenght: 3, exact;", 0).rc, -1);
+        EXPECT_TRUE(log.contains("failed to add keywords. error is Rule contains illegal keyword name\n"));
+        EXPECT_EQ(generate("data: \"x\"; test: 1, =, 1, 0;", 1).buf, kFail);
+        EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: --==ERROR==-- Fail to gen buffer\n"));
+    }
+    const struct {
+        int verbose;
+        int match;
+        const char *present;
+        const char *absent;
+    } rows[] = {
+        {0, 1, nullptr, "vael_kw_mgr_gen_test_buf"},
+        {1, 1, "matching buffer of 11 bytes", "keyword 0"},
+        {1, 0, "mismatch buffer of 23 bytes", "keyword 0"},
+        {2, 1, "keyword 1 (pcre): written, cursor 3, length 4096", nullptr},
+    };
+    for (const auto &row : rows) {
+        vael_test::LogCapture log;
+        generate("data: \"ab\"; pcre: \"/c/\", relative;", row.match, 4096, row.verbose);
+        if (row.present) {
+            EXPECT_TRUE(log.contains(row.present)) << log.text();
+        }
+        if (row.absent) {
+            EXPECT_FALSE(log.contains(row.absent)) << log.text();
+        }
+    }
+}
+
+// Both roads give back every keyword they made, and every allocation failure
+// on the way leaves the accounts where they were: a failed parse is -1, a
+// failed expression text the failure text.
+TEST(KwGenTestBuf, AllocationFailuresLeaveNothingHeld) {
+    const std::string rule = "data: \"ab\"; pcre: \"/c+d/\", relative; re: \"/e/\", relative;";
+    for (int match = 0; match <= 1; match++) {
+        Generated g;
+        const auto walk = vael_test::failmem_walk(
+            [&] {
+                g = quietly(rule, match);
+                return g.rc == 0 && g.buf != kFail;
+            },
+            [&] { return g.rc == -1 || g.buf == kFail; });
+        EXPECT_GT(walk.rounds, 3);
+        EXPECT_EQ(g.buf, match ? "abcde........" : kMiss);
+    }
+}
+
+}  // namespace
