@@ -20,7 +20,7 @@
 
 namespace {
 
-const char kTopics[] = "K_PM | K_ERROR";
+const char kTopics[] = "K_SM | K_PM | K_ERROR";
 
 const char kErrState[] = "Failed to allocate state";
 const char kErrBuild[] = "Failed to build the string matcher";
