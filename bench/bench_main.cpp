@@ -1,5 +1,6 @@
-// bench_main.cpp - vael-bench: the Thin NFA and the PM against a full-table
-// Aho-Corasick and Vectorscan, on literal sets of 100, 1,000 and 10,000.
+// bench_main.cpp - vael-bench: the Thin NFA, the DFA string matcher (SM) and
+// the PM against a full-table Aho-Corasick and Vectorscan, on literal sets
+// of 100, 1,000 and 10,000.
 //
 // Before anything is timed, every engine's matches on every set are compared
 // (check.h); a disagreement ends the run with a non-zero exit. Each benchmark
@@ -70,6 +71,45 @@ void BM_ThinNfaCompile(benchmark::State &state) {
         state.counters["prefilter_bytes"] = static_cast<double>(set.prefilter_bytes);
     }
     state.counters["engine_bytes"] = static_cast<double>(set.engine_bytes);
+}
+
+// The DFA string matcher: every transition of every state written out.
+// A set it refuses (more states than the DFA store holds) is skipped with
+// the library's reason.
+void BM_SmCompile(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    if (!set.sm) {
+        state.SkipWithError(("SM refuses the set: " + set.sm_refusal).c_str());
+        return;
+    }
+    for (auto _ : state) {
+        vael_dfa *sm = compile_sm(set.pmglob_list, nullptr);
+        state.PauseTiming();
+        vael_dfa_destroy(sm);
+        state.ResumeTiming();
+    }
+    state.counters["memory_bytes"] = static_cast<double>(set.sm_bytes);
+    state.counters["states"] = static_cast<double>(vael_dfa_get_num_of_states(set.sm));
+}
+
+// SM alone, called with the flags the PM frame passes a first tier.
+void BM_SmExec(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    if (!set.sm) {
+        state.SkipWithError(("SM refuses the set: " + set.sm_refusal).c_str());
+        return;
+    }
+    run_scan(state, [&] { return scan_sm(set.sm, VAEL_PM_EXEC_FROM_PM); });
+}
+
+// Every match, as the full-table AC reports them.
+void BM_SmExecAllMatches(benchmark::State &state) {
+    EngineSet &set = engine_set(set_size(state));
+    if (!set.sm) {
+        state.SkipWithError(("SM refuses the set: " + set.sm_refusal).c_str());
+        return;
+    }
+    run_scan(state, [&] { return scan_sm(set.sm, VAEL_PM_EXEC_FROM_PM | VAEL_PM_EXEC_ALL_MATCHES); });
 }
 
 void BM_PmCompile(benchmark::State &state) {
@@ -228,6 +268,9 @@ void BM_VectorscanScanFirstBytes(benchmark::State &state) {
 
 BENCHMARK(BM_ThinNfaCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmCompile)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmExecAllMatches)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmExec)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmExecVbuf1500)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PmExecAllMatches)->Apply(all_set_sizes)->Unit(benchmark::kMillisecond);

@@ -40,6 +40,12 @@ void check_all_sets() {
         expect_same(size, "Vectorscan", scan_vectorscan(*set.vectorscan), "Thin NFA", thin_all);
         result.vectorscan_compared = true;
 #endif
+        if (set.sm) {
+            expect_same(size, "SM with VAEL_PM_EXEC_ALL_MATCHES",
+                        scan_sm(set.sm, VAEL_PM_EXEC_FROM_PM | VAEL_PM_EXEC_ALL_MATCHES), "Thin NFA", thin_all);
+        } else {
+            std::fprintf(stderr, "vael-bench: %5d literals: SM refuses the set: %s\n", size, set.sm_refusal.c_str());
+        }
         expect_same(size, "vael_pm_exec_ex with VAEL_PM_EXEC_ALL_MATCHES", scan_pm(set.pm, VAEL_PM_EXEC_ALL_MATCHES),
                     "raw Thin NFA", thin_all);
         expect_same(size, "vael_pm_exec_ex over 1,500-byte vbuf blocks",
@@ -48,6 +54,9 @@ void check_all_sets() {
         const MatchTally first = scan_full_ac_first_per_buffer(*set.full_ac, set.literals.size());
         expect_same(size, "vael_pm_exec_ex with exec flags 0", scan_pm(set.pm, 0),
                     "full-table AC (first end per literal and buffer)", first);
+        if (set.sm)
+            expect_same(size, "SM with VAEL_PM_EXEC_FROM_PM", scan_sm(set.sm, VAEL_PM_EXEC_FROM_PM),
+                        "full-table AC (first end per literal and buffer)", first);
         expect_same(size, "vael_thin_nfa_exec with VAEL_PM_EXEC_FROM_PM",
                     scan_thin_nfa(set.thin_nfa, VAEL_PM_EXEC_FROM_PM),
                     "full-table AC (first end per literal and buffer)", first);
@@ -57,8 +66,8 @@ void check_all_sets() {
         results[size] = result;
         std::fprintf(stderr,
                      "vael-bench: %5d literals: %" PRIu64 " matches, %" PRIu64
-                     " first per buffer; Thin NFA, PM, full-table AC%s agree\n",
-                     size, result.all_matches, result.first_per_buffer,
+                     " first per buffer; Thin NFA,%s PM, full-table AC%s agree\n",
+                     size, result.all_matches, result.first_per_buffer, set.sm ? " SM," : "",
                      result.vectorscan_compared ? " and Vectorscan" : "");
     }
 }

@@ -12,6 +12,8 @@
 
 // The BNFA size lives in the engine's private record; a build whose tree has
 // that header reports it, any other falls back to the memory account.
+#include "tier1/vael_sm.h"
+
 #if __has_include("tier1/vael_thin_nfa_internal.h")
 #include "tier1/vael_thin_nfa_internal.h"
 #include "tier1/vael_thin_nfa_prefilter.h"
@@ -63,6 +65,9 @@ EngineSet::EngineSet(int size) : literals(literal_set(size)) {
     bnfa_bytes = static_cast<size_t>(thin_nfa->bnfa_size);
     prefilter_bytes = vael_thin_nfa_prefilter_memory(thin_nfa);
 #endif
+    const intptr_t before_sm = vael_pmglob_memory_get_alloc_total();
+    sm = compile_sm(pmglob_list, &sm_refusal);
+    sm_bytes = vael_pmglob_memory_get_alloc_total() - before_sm;
     pm_patterns = make_pm_patterns(literals);
     pm = compile_pm(pm_patterns);
     full_ac = std::make_unique<FullAc>(literals);
@@ -75,6 +80,7 @@ EngineSet::~EngineSet() {
     vael_pm_destroy(pm);
     vael_pm_patterns_destroy(pm_patterns);
     vael_thin_nfa_destroy(thin_nfa);
+    vael_dfa_destroy(sm);
     vael_pmglob_patterns_destroy(pmglob_list);
 }
 
@@ -143,6 +149,15 @@ vael_thin_nfa *compile_thin_nfa(vael_pmglob_patterns *list) {
     return nfa;
 }
 
+vael_dfa *compile_sm(vael_pmglob_patterns *list, std::string *why) {
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    vael_dfa *sm = vael_sm_compile(list, 0, &err);
+    if (!sm && why)
+        *why = err.error_string ? err.error_string : "no message";
+    return sm;
+}
+
 vael_pm_handle *compile_pm(vael_pm_patterns *patterns) {
     vael_pm_error err;
     vael_pm_error_init(&err);
@@ -191,6 +206,22 @@ MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vec
             tally.add(hit->id, hit->offset);
         }
         lst_destroy(queue);  // frees the match records too
+    }, data);
+}
+
+MatchTally scan_sm(vael_dfa *sm, uint32_t exec_flags, const std::vector<unsigned char> &data) {
+    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
+        lst_list *queue = nullptr;
+        if (vael_dfa_exec(sm, buf, static_cast<uint32_t>(len), nullptr, 0, &queue, exec_flags, nullptr) != 0)
+            fail("vael_dfa_exec of SM failed");
+        if (!queue)
+            return;
+        uintptr_t value = 0;
+        for (lst_cursor c = lst_iterate(queue, nullptr, &value); c; c = lst_iterate(queue, c, &value)) {
+            const auto *hit = reinterpret_cast<const vael_pmglob_match_data *>(value);
+            tally.add(hit->id, hit->offset);
+        }
+        lst_destroy(queue);
     }, data);
 }
 

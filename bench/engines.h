@@ -15,9 +15,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "vael/vael_apps.h"
+#include "vael/vael_dfa.h"
 
 #include "corpus.h"
 #include "full_ac.h"
@@ -40,6 +42,11 @@ struct EngineSet {
     intptr_t engine_bytes = 0;  // growth of the PM memory account over the compile
     vael_pm_patterns *pm_patterns = nullptr;
     vael_pm_handle *pm = nullptr;
+    // The DFA string matcher from the same list; null when it refuses the
+    // set (more states than the DFA store holds), with the reason.
+    vael_dfa *sm = nullptr;
+    intptr_t sm_bytes = 0;      // growth of the PM memory account over its compile
+    std::string sm_refusal;
     std::unique_ptr<FullAc> full_ac;
 #ifdef VAEL_HAVE_VECTORSCAN
     std::unique_ptr<Vectorscan> vectorscan;
@@ -61,6 +68,8 @@ bool bnfa_size_known();
 
 // vael_thin_nfa_compile, exiting with a message on failure.
 vael_thin_nfa *compile_thin_nfa(vael_pmglob_patterns *list);
+// vael_sm_compile; null with the library's reason in *why when it refuses.
+vael_dfa *compile_sm(vael_pmglob_patterns *list, std::string *why);
 // vael_pm_compile with the tallying callback, exiting with a message on failure.
 vael_pm_handle *compile_pm(vael_pm_patterns *patterns);
 
@@ -71,6 +80,7 @@ MatchTally scan_pm(vael_pm_handle *pm, uint32_t exec_flags);
 // present buffer.
 MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_size);
 MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vector<unsigned char> &data = corpus());
+MatchTally scan_sm(vael_dfa *sm, uint32_t exec_flags, const std::vector<unsigned char> &data = corpus());
 MatchTally scan_full_ac(const FullAc &ac, const std::vector<unsigned char> &data = corpus());
 // Only the first end offset of each literal in each buffer.
 MatchTally scan_full_ac_first_per_buffer(const FullAc &ac, size_t literal_count);

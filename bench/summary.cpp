@@ -89,6 +89,10 @@ void SummaryReporter::print_table(std::ostream &out) const {
         {"pm_exec vbuf MB/s", "BM_PmExecVbuf1500", Kind::MegabytesPerSecond, nullptr, false},
         {"raw exec MB/s", "BM_ThinNfaExec", Kind::MegabytesPerSecond, nullptr, false},
         {"raw no-pf MB/s", "BM_ThinNfaExecNoPrefilter", Kind::MegabytesPerSecond, nullptr, false},
+        {"SM compile ms", "BM_SmCompile", Kind::Milliseconds, nullptr, false},
+        {"SM KiB", "BM_SmCompile", Kind::KibibytesCounter, "memory_bytes", false},
+        {"SM MB/s", "BM_SmExec", Kind::MegabytesPerSecond, nullptr, false},
+        {"SM all MB/s", "BM_SmExecAllMatches", Kind::MegabytesPerSecond, nullptr, false},
         {"full AC build ms", "BM_FullAcBuild", Kind::Milliseconds, nullptr, false},
         {"full AC MB/s", "BM_FullAcScan", Kind::MegabytesPerSecond, nullptr, false},
         {"full AC KiB", "BM_FullAcBuild", Kind::KibibytesCounter, "memory_bytes", false},
@@ -176,7 +180,9 @@ void SummaryReporter::print_table(std::ostream &out) const {
         << "pm_exec: vael_pm_exec_ex with exec flags 0 (first hit per literal and buffer); pm_exec all: with\n"
         << "VAEL_PM_EXEC_ALL_MATCHES; pm_exec vbuf: flags 0, each buffer a virtual buffer of 1,500-byte blocks;\n"
         << "raw exec: vael_thin_nfa_exec with VAEL_PM_EXEC_FROM_PM; raw no-pf: the same with the prefilter off\n"
-        << "(vael_thin_nfa_prefilter=0). 1st-bytes: a " << kFirstBytesSize / (1024 * 1024)
+        << "(vael_thin_nfa_prefilter=0). SM: the DFA string matcher run alone with VAEL_PM_EXEC_FROM_PM (SM all:\n"
+        << "and VAEL_PM_EXEC_ALL_MATCHES); SM KiB: its growth of the PM memory account; '-' where SM refuses\n"
+        << "the set (more states than the DFA store holds). 1st-bytes: a " << kFirstBytesSize / (1024 * 1024)
         << " MiB text of only the literals' first bytes; prefixes: their first four bytes back to back.\n"
         << "matches: (literal, end offset) pairs over the corpus, which every engine reported alike before\n"
         << "timing began.\n\n";

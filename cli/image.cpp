@@ -11,6 +11,7 @@
 
 #include "pm/vael_pm_internal.h"
 #include "read_file.h"
+#include "tier1/vael_sm.h"
 #include "vael/vael_thin_nfa.h"
 
 namespace vael::cli {
@@ -44,7 +45,7 @@ std::optional<std::string> load_image(const std::string &path, vael_pm_match_cb 
     if (auto why = read_whole_file(path, bytes, kMaxImageSize)) return why;
     *pm = vael_pm_deserialize(reinterpret_cast<const unsigned char *>(bytes.data()),
                               static_cast<std::uint32_t>(bytes.size()), match_cb, "vael-scan");
-    if (*pm == nullptr) return "not an image of compiled patterns, or a damaged one (--debug pm tells why)";
+    if (*pm == nullptr) return "not an image of compiled patterns, a damaged one, or one of the other --engine (--debug pm tells why)";
     return std::nullopt;
 }
 
@@ -77,8 +78,9 @@ std::optional<std::string> dump_bnfa(vael_pm_handle *pm, int format, std::FILE *
     for (const auto &slot : pm->tier1)
         if (slot.tier1_h != nullptr && slot.tier1_type == VAEL_PM_TIER1_STRING) found = &slot;
     const vael_pm_tier1_funcs *row = found ? &pm_tier1_funcs[found->tier1_type] : nullptr;
-    if (row == nullptr || row->name == nullptr || std::strcmp(row->name, "Thin NFA") != 0)
-        return "the patterns have no Thin NFA to dump (words and SM have none)";
+    const bool thin = row != nullptr && row->name != nullptr && std::strcmp(row->name, "Thin NFA") == 0;
+    const bool sm = row != nullptr && row->name != nullptr && std::strcmp(row->name, "SM") == 0;
+    if (!thin && !sm) return "the patterns have no Thin NFA or SM to dump (words have none)";
     // The dump prints through the library's debug output, which is standard
     // error; for the span of the dump that is `out`, so that lines of any
     // length arrive whole.
@@ -89,7 +91,9 @@ std::optional<std::string> dump_bnfa(vael_pm_handle *pm, int format, std::FILE *
         if (saved >= 0) ::close(saved);
         return std::string("cannot write the dump: ") + std::strerror(errno);
     }
-    const int rc = vael_thin_nfa_dump(static_cast<const vael_thin_nfa *>(found->tier1_h), format);
+    const int rc = thin ? vael_thin_nfa_dump(static_cast<const vael_thin_nfa *>(found->tier1_h), format)
+                        : vael_sm_dump(static_cast<vael_dfa *>(found->tier1_h),
+                                       format == VAEL_THIN_NFA_DUMP_CSV ? VAEL_SM_DUMP_CSV : VAEL_SM_DUMP_XML);
     std::fflush(stderr);
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);

@@ -34,6 +34,7 @@
 #include "vael/vael_apps.h"
 
 #include "dump_dfa.h"
+#include "engine.h"
 #include "explain.h"
 #include "gen_buf.h"
 #include "verify.h"
@@ -95,6 +96,7 @@ struct Options {
     std::string save_image;             // --save: where to write the compiled patterns' image
     std::string load_image;             // --load: an image to scan with, instead of a pattern file
     std::optional<int> dump_bnfa;       // --dump-bnfa: the format to print the Thin NFA in
+    int use_thin_nfa = 1;               // --engine: 1 the Thin NFA, 0 SM, as vael_pm_tier1_use_thin_nfa
 };
 
 // The topics the library logs under, as --debug takes them (it adds "K_").
@@ -325,10 +327,17 @@ constexpr OptionRow kOptions[] = {
          o.load_image = v;
          return std::nullopt;
      }},
-    {'\0', "dump-bnfa", "FORMAT", "print the Thin NFA as csv or jflap (XML) (with no FILE, only that)",
+    {'\0', "dump-bnfa", "FORMAT", "print the string automaton as csv or jflap (XML) (with no FILE, only that)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          o.dump_bnfa = vael::cli::dump_format(v);
          if (!o.dump_bnfa) return "bad dump format '" + vael::cli::printable(v) + "' (accepted: csv, jflap)";
+         return std::nullopt;
+     }},
+    {'\0', "engine", "NAME", "the first-tier string engine: thin (Thin NFA, default) or sm (DFA string matcher)",
+     [](Options &o, std::string_view v) -> std::optional<std::string> {
+         const auto engine = vael::cli::parse_engine(v);
+         if (!engine) return "bad engine '" + vael::cli::printable(v) + "' (accepted: thin, sm)";
+         o.use_thin_nfa = *engine;
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
@@ -494,8 +503,11 @@ void print_help(std::FILE *out) {
                  "with it, without a pattern file and without compiling. The IDs printed\n"
                  "are those of the pattern file the image was saved from; the image keeps\n"
                  "the -i and --digitless of that run, and those given with --load have no\n"
-                 "effect. --dump-bnfa prints the string engine's automaton (a Thin NFA)\n"
+                 "effect. --dump-bnfa prints the string engine's automaton (Thin NFA or SM)\n"
                  "of the patterns, compiled or loaded, to standard output.\n"
+                 "--engine sm compiles the strings into SM, a DFA with a full table per\n"
+                 "state (faster to run, more memory), instead of the Thin NFA; an image\n"
+                 "loads only under the engine that saved it. Other options work with both.\n"
                  "\n"
                  "Exit status: 0 if something matched, 1 if nothing did, 2 on error.\n");
 }
@@ -1176,6 +1188,8 @@ int gen_buf_main(const Options &options) {
 int main(int argc, char **argv) {
     Options options;
     auto usage_error = parse_command_line(argc, argv, options);
+    // Read by the library when it starts, which is after the options.
+    vael_pm_tier1_use_thin_nfa = options.use_thin_nfa;
     if (!usage_error && !options.help && options.tokens)
         return vael::cli::print_tokens(*options.tokens, options.compile_flags, stdout);
     if (!usage_error && !options.help && options.lss)

@@ -19,6 +19,7 @@
 #include "pm/vael_pm_strings.h"
 #include "runtime/vael_counter.h"
 #include "runtime/vael_runtime.h"
+#include "tier1/vael_sm.h"
 #include "tier1/vael_wm.h"
 #include "vael/vael_thin_nfa.h"
 
@@ -116,7 +117,8 @@ extern "C" void vael_pm_insert_to_pm_list_locked(vael_pm_handle *pm) {
 extern "C" int vael_tier1_init(void) {
     if (vael_wm_init(&pm_tier1_funcs[VAEL_PM_TIER1_WM]) != 0)
         return VAEL_ERROR;
-    if (vael_pm_tier1_use_thin_nfa && vael_thin_nfa_init(&pm_tier1_funcs[VAEL_PM_TIER1_STRING]) != 0) {
+    vael_pm_tier1_funcs *strings = &pm_tier1_funcs[VAEL_PM_TIER1_STRING];
+    if ((vael_pm_tier1_use_thin_nfa ? vael_thin_nfa_init(strings) : vael_sm_init(strings)) != 0) {
         vael_wm_fini();
         return VAEL_ERROR;
     }
@@ -126,6 +128,8 @@ extern "C" int vael_tier1_init(void) {
 extern "C" void vael_tier1_fini(void) {
     if (vael_pm_tier1_use_thin_nfa)
         vael_thin_nfa_fini();
+    else
+        vael_sm_fini();
     vael_wm_fini();
     // A row not filled at the next start must read as absent, not as the
     // engine of the last start.

@@ -157,23 +157,27 @@ extern "C" int vael_dfa_insert_match_data(lst_list **queue, const vael_dfa_state
 
 // ---------------------------------------------------------------- one piece
 
-extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
-                                     uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
-                                     const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
+namespace {
+
+// The loop of one piece, made once for each block layout so that the step
+// from state to state is a single table load with no test of the layout.
+template <bool OneBlock>
+int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index, uint32_t start_index,
+              uint32_t base, lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask, uint32_t dfa_flags,
+              uint32_t *hint) {
     vael_dfa_state *state = *running;
     const vael_dfa *dfa = state->dfa;
     const bool restart = (exec_flags & kRestartMask) == VAEL_PM_EXEC_ALL_MATCHES;
     const bool first_only = exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY;
-    const bool one_block = dfa->num_of_blocks == 1;
     // The one-block machine judges the end of the data by offsets, the
     // others by the index in this piece: the two agree when base is 0.
-    const uint32_t end = one_block ? base + end_index : end_index;
+    const uint32_t end = OneBlock ? base + end_index : end_index;
     vael_dfa_state *const block0 = dfa->blocks[0];
     vael_dfa_state *const *blocks = dfa->blocks;
 
     for (uint32_t i = start_index; i < end_index; i++) {
         const uint32_t e = state->trans[buf[i]];
-        state = one_block ? block0 + e : blocks[e >> VAEL_DFA_PACKED_SHIFT] + (e & VAEL_DFA_PACKED_INDEX_MASK);
+        state = OneBlock ? block0 + e : blocks[e >> VAEL_DFA_PACKED_SHIFT] + (e & VAEL_DFA_PACKED_INDEX_MASK);
         if (!(state->properties & VAEL_DFA_STATE_FINAL))
             continue;
         if (state->properties & VAEL_DFA_STATE_ANCHORED_FINAL) {
@@ -202,6 +206,16 @@ extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned ch
     }
     *running = state;
     return VAEL_OK;
+}
+
+}  // namespace
+
+extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
+                                     uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
+                                     const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
+    if ((*running)->dfa->num_of_blocks == 1)
+        return run_piece<true>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
+    return run_piece<false>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
 }
 
 // ---------------------------------------------------------------- a run

@@ -66,25 +66,6 @@ void expect_as_init(const vael_pm_error &err) {
     EXPECT_EQ(err.error_index, 0u);
 }
 
-// Stops and starts the library for the scope, with `use_thin_nfa` in force
-// at the start, and starts it as it was at the end.
-class Restart {
-  public:
-    explicit Restart(int use_thin_nfa) : saved_(vael_pm_tier1_use_thin_nfa) {
-        vael_apps_fini();
-        vael_pm_tier1_use_thin_nfa = use_thin_nfa;
-        EXPECT_EQ(vael_apps_init(nullptr), 0);
-    }
-    ~Restart() {
-        vael_apps_fini();
-        vael_pm_tier1_use_thin_nfa = saved_;
-        EXPECT_EQ(vael_apps_init(nullptr), 0);
-    }
-
-  private:
-    int saved_;
-};
-
 int never_valid(void *) { return 0; }
 
 // ---------------------------------------------------------------- error record
@@ -103,9 +84,11 @@ TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     }
     {
         // No string engine in row 1 at all.
-        Restart restart(0);
+        const vael_pm_tier1_funcs saved = pm_tier1_funcs[VAEL_PM_TIER1_STRING];
+        pm_tier1_funcs[VAEL_PM_TIER1_STRING] = vael_pm_tier1_funcs{};
         LogCapture quiet;
         EXPECT_EQ(compile({{Record::kSimple, "abc", 7}}, &err), nullptr);
+        pm_tier1_funcs[VAEL_PM_TIER1_STRING] = saved;
         expect_as_init(err);
     }
 }

@@ -1,0 +1,324 @@
+// The string matcher against the Thin NFA and brute force (flat and over cut
+// vbufs, every folding), the shape and errors of what it builds, its image
+// beside the Thin NFA's, and its failure roads. Seeds are fixed.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+
+#include "rem/vael_dfa_internal.h"
+#include "tests/support/failmem_walk.h"
+#include "tests/support/vael_test_support.h"
+#include "tier1/vael_sm.h"
+
+namespace {
+
+using vael_test::Hit;
+using vael_test::Pattern;
+using Image = std::vector<unsigned char>;
+
+constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_FROM_PM;
+constexpr uint32_t kBoth = VAEL_PM_CASELESS | VAEL_PM_DIGITLESS;
+
+// A compiled SM and the list it was compiled from.
+struct Sm {
+    Sm(const std::vector<Pattern> &patterns, uint32_t flags) : list(vael_pmglob_patterns_create()) {
+        for (const auto &p : patterns) {
+            vael_pmglob_string *s = vael_pmglob_string_create(
+                reinterpret_cast<const unsigned char *>(p.text.data()), (uint32_t)p.text.size(), p.id, p.flags);
+            EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
+            vael_pmglob_string_destroy(s);
+        }
+        vael_pm_error_init(&err);
+        dfa = vael_sm_compile(list, flags, &err);
+    }
+    ~Sm() {
+        vael_dfa_destroy(dfa);
+        vael_pmglob_patterns_destroy(list);
+    }
+    vael_pmglob_patterns *list;
+    vael_pm_error err;
+    vael_dfa *dfa;
+};
+
+std::vector<Hit> run(vael_dfa *dfa, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t flags = kAll) {
+    lst_list *queue = nullptr;
+    EXPECT_EQ(vael_dfa_tier1_exec(dfa, buf, len, vbuf, 0, &queue, flags, nullptr, nullptr), 0);
+    return vael_test::sorted(vael_test::drain_queue(queue));
+}
+std::vector<Hit> run(vael_dfa *dfa, const std::string &text, uint32_t flags = kAll) {
+    return run(dfa, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr, flags);
+}
+
+// Every entry of every state names a state, and a byte leads where its
+// folded form leads.
+void expect_complete(const vael_dfa *dfa, uint32_t flags) {
+    uint32_t bad = 0;
+    for (uint16_t b = 0; b < dfa->num_of_blocks; b++)
+        for (uint32_t i = 0; i < dfa->block_used[b]; i++)
+            for (unsigned c = 0; c < 256; c++) {
+                const uint16_t e = dfa->blocks[b][i].trans[c];
+                bad += e == VAEL_DFA_NO_STATE || !vael_dfa_state_get_by_id_fast(dfa, e) ||
+                       e != dfa->blocks[b][i].trans[vael_test::fold((unsigned char)c, flags)];
+            }
+    EXPECT_EQ(bad, 0u);
+}
+
+TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
+    struct Row {
+        std::string alphabet;
+        uint32_t flags;
+        int rounds, min_patterns, max_patterns, max_len;
+        uint16_t blocks;
+    };
+    const Row rows[] = {
+        {"ab", 0, 30, 1, 12, 5, 1},         {"abc", 0, 30, 1, 25, 6, 1},
+        {"aAbB", VAEL_PM_CASELESS, 30, 1, 20, 5, 1}, {"a0179", VAEL_PM_DIGITLESS, 30, 1, 20, 5, 1},
+        {"xX05", kBoth, 30, 1, 20, 4, 1},   {std::string("\0\x01\xfe\xff", 4), 0, 30, 1, 20, 5, 1},
+        {"abcdefghijklmnopqrstuvwxyz", 0, 1, 900, 900, 12, 2},  // packed ids
+    };
+    std::mt19937 rng(1);
+    auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    for (const auto &row : rows) {
+        auto word = [&](int lo, int hi) {
+            std::string w;
+            for (int n = uniform(lo, hi); n > 0; n--)
+                w += row.alphabet[uniform(0, (int)row.alphabet.size() - 1)];
+            return w;
+        };
+        for (int round = 0; round < row.rounds; round++) {
+            SCOPED_TRACE("alphabet " + row.alphabet + " round " + std::to_string(round));
+            std::vector<Pattern> patterns;
+            for (int i = 0, n = uniform(row.min_patterns, row.max_patterns); i < n; i++)
+                patterns.push_back({word(row.blocks == 2 ? 10 : 1, row.max_len), i});
+            std::string text;
+            while (text.size() < 300)
+                text += uniform(0, 3) == 0 ? patterns[uniform(0, (int)patterns.size() - 1)].text : word(1, 4);
+            const Sm sm(patterns, row.flags);
+            const vael_test::ThinNfa thin(patterns, row.flags);
+            ASSERT_NE(sm.dfa, nullptr);
+            EXPECT_EQ(sm.dfa->num_of_blocks, row.blocks);
+            expect_complete(sm.dfa, row.flags);
+            const auto want = vael_test::brute_force_all(patterns, text, row.flags);
+            EXPECT_EQ(run(sm.dfa, text), want);
+            EXPECT_EQ(vael_test::sorted(thin.hits(text, kAll)), want);
+            EXPECT_EQ(run(sm.dfa, text, VAEL_PM_EXEC_FROM_PM), vael_test::first_per_id(want));
+            std::vector<size_t> cuts;
+            for (int i = uniform(1, 6); i > 0; i--)
+                cuts.push_back((size_t)uniform(0, (int)text.size()));
+            std::sort(cuts.begin(), cuts.end());
+            const vael_test::SplitText split(text, cuts);
+            std::vector<Hit> thin_split;
+            thin.exec_raw(split.present(), split.present_len(), &thin_split, kAll, 0, nullptr, split.vbuf());
+            EXPECT_EQ(run(sm.dfa, split.present(), split.present_len(), split.vbuf()), want);
+            EXPECT_EQ(vael_test::sorted(thin_split), want);
+        }
+    }
+}
+
+TEST(SmCases, SuffixesLengthsAndTheFoldedList) {
+    struct Row {
+        std::vector<Pattern> patterns;
+        uint32_t flags;
+        std::string text;
+        std::vector<Hit> hits;   // hint: the string's own length
+        std::string list_reads;  // the caller's first string after the compile
+    };
+    const Row rows[] = {
+        {{{"abcd", 1}, {"bcd", 2}, {"cd", 3}}, 0, "xabcd", {{1, 4, 0, 4}, {2, 4, 0, 3}, {3, 4, 0, 2}}, "abcd"},
+        {{{"bcx", 1}, {"abcd", 2}, {"c", 3}}, 0, "abcx", {{3, 2, 0, 1}, {1, 3, 0, 3}}, "bcx"},
+        {{{"HeLLo", 1}}, VAEL_PM_CASELESS, "hello HELLO", {{1, 4, 0, 5}, {1, 10, 0, 5}}, "hello"},
+        {{{"a7", 1}}, VAEL_PM_DIGITLESS, "a0 a9 b1 A7", {{1, 1, 0, 2}, {1, 4, 0, 2}}, "a0"},
+        {{{"X1y", 1}}, kBoth, "x9Y X0y", {{1, 2, 0, 3}, {1, 6, 0, 3}}, "x0y"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text);
+        const Sm sm(row.patterns, row.flags);
+        const auto got = run(sm.dfa, row.text);
+        ASSERT_EQ(got, row.hits);
+        for (size_t i = 0; i < got.size(); i++)
+            EXPECT_EQ(got[i].hint, row.hits[i].hint) << "hit " << i;
+        uintptr_t v = 0;
+        lst_iterate(sm.list, nullptr, &v);
+        EXPECT_EQ(reinterpret_cast<const char *>(reinterpret_cast<vael_pmglob_string *>(v)->pattern), row.list_reads);
+    }
+}
+
+std::vector<Pattern> random_strings(int count, int len) {
+    std::mt19937 rng(3);
+    std::vector<Pattern> out;
+    for (int i = 0; i < count; i++) {
+        std::string s;
+        for (int k = 0; k < len; k++)
+            s += (char)std::uniform_int_distribution<int>(1, 255)(rng);
+        out.push_back({s, i});
+    }
+    return out;
+}
+
+TEST(SmErrors, RefusedListsNameThePatternAndTheReason) {
+    // A trie has a state per distinct prefix and a root; the store has ids
+    // for VAEL_DFA_MAX_STATES.
+    const auto many = random_strings(2200, 32);
+    std::set<std::string> prefixes;
+    int32_t first_over = -1;
+    for (size_t i = 0; i < many.size() && first_over < 0; i++) {
+        for (size_t n = 1; n <= 32; n++)
+            prefixes.insert(many[i].text.substr(0, n));
+        if (1 + prefixes.size() > VAEL_DFA_MAX_STATES)
+            first_over = many[i].id;
+    }
+    struct Row {
+        std::vector<Pattern> patterns;
+        uint32_t type;
+        std::string text;
+        int32_t pattern_id;
+    };
+    const Row rows[] = {
+        {{{"ab", 1}, {"", 5}}, VAEL_PM_ERROR_ILLEGAL, "Empty pattern", 5},
+        {many, VAEL_PM_ERROR_COMPLEX, "The strings need more states than the string matcher can hold", first_over},
+    };
+    for (const auto &row : rows) {
+        const intptr_t before = vael_pmglob_memory_get_alloc_total();
+        vael_test::LogCapture log;
+        {
+            const Sm sm(row.patterns, 0);
+            EXPECT_EQ(sm.dfa, nullptr);
+            EXPECT_STREQ(sm.err.error_string, row.text.c_str());
+            EXPECT_EQ(sm.err.error_type, row.type);
+            EXPECT_EQ(sm.err.pattern_id, row.pattern_id);
+        }
+        EXPECT_FALSE(log.contains("Assert")) << log.text();
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+    }
+}
+
+int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t end, vael_vbuf *, int *) {
+    static_cast<std::set<std::pair<int32_t, uint32_t>> *>(arg)->insert({id, end});
+    return 0;
+}
+
+TEST(SmImage, APmImageLoadsOnlyUnderTheEngineThatWroteIt) {
+    const struct {
+        int writer_thin, reader_thin;
+        const char *refusal;  // null: it loads and finds what the writer found
+    } rows[] = {{0, 0, nullptr},
+                {1, 1, nullptr},
+                {0, 1, "Trying to deserialize a DFA, not a Thin NFA"},
+                {1, 0, "Trying to deserialize a Thin NFA, not an SM DFA"}};
+    const std::string text = "ushers say she HERS his hers";
+    const int saved = vael_pm_tier1_use_thin_nfa;
+    auto restart = [](int thin) {
+        vael_apps_fini();
+        vael_pm_tier1_use_thin_nfa = thin;
+        ASSERT_EQ(vael_apps_init(nullptr), 0);
+    };
+    auto scan = [&](vael_pm_handle *pm) {
+        std::set<std::pair<int32_t, uint32_t>> hits;
+        EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(),
+                                  nullptr, nullptr, &hits, VAEL_PM_EXEC_ALL_MATCHES), 0);
+        return hits;
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE("writer " + std::to_string(row.writer_thin) + ", reader " + std::to_string(row.reader_thin));
+        restart(row.writer_thin);
+        EXPECT_STREQ(pm_tier1_funcs[VAEL_PM_TIER1_STRING].name, row.writer_thin ? "Thin NFA" : "SM");
+        vael_pm_patterns *list = vael_pm_patterns_create();
+        int id = 1;
+        for (const char *p : {"he", "she", "his", "hers"})
+            vael_pm_patterns_add_simple_pattern(list, p, (uint32_t)strlen(p), id++, 0);
+        vael_pm_error err;
+        vael_pm_handle *pm = vael_pm_compile(list, collect, VAEL_PM_CASELESS, &err, "sm image test");
+        vael_pm_patterns_destroy(list);
+        ASSERT_NE(pm, nullptr);
+        const auto want = scan(pm);
+        EXPECT_EQ(want.size(), 10u);
+        unsigned char *buf = nullptr;
+        uint32_t size = 0;
+        ASSERT_EQ(vael_pm_serialize(pm, &buf, &size), 0);
+        const Image image(buf, buf + size);
+        vael_pmglob_memory_kfree_ex_(buf, size, __func__, __FILE__, __LINE__);
+        vael_pm_destroy(pm);
+        restart(row.reader_thin);
+        const vael_test::ScopedTopic thin_topic("K_THINNFA", VAEL_DBG_ERR);
+        vael_test::LogCapture log;
+        vael_pm_handle *loaded = vael_pm_deserialize(image.data(), (uint32_t)image.size(), collect, "sm image test");
+        EXPECT_EQ(loaded == nullptr, row.refusal != nullptr);
+        if (row.refusal) {
+            EXPECT_TRUE(log.contains(row.refusal)) << log.text();
+        } else if (loaded) {
+            EXPECT_EQ(scan(loaded), want);
+        }
+        vael_pm_destroy(loaded);
+    }
+    restart(saved);
+}
+
+Image sm_image(vael_dfa *dfa) {
+    Image image(vael_dfa_calculate_size(dfa));
+    unsigned char *at = image.data();
+    uint32_t space = (uint32_t)image.size();
+    EXPECT_EQ(vael_dfa_serialize(dfa, &at, &space), 0);
+    return image;
+}
+
+// Through the row's loader, as the PM image reaches it.
+vael_dfa *sm_load(const Image &image) {
+    vael_pm_tier1_funcs row;
+    vael_sm_init(&row);
+    const unsigned char *at = image.data();
+    uint32_t space = (uint32_t)image.size();
+    return static_cast<vael_dfa *>(row.deserialize(&at, &space, nullptr, nullptr));
+}
+
+TEST(SmImage, RoundTripAndCutOrFlippedImagesAreRefusedOrRunSafely) {
+    const Sm sm({{"ab", 1}, {"b", 2}}, VAEL_PM_CASELESS);
+    const Image image = sm_image(sm.dfa);
+    const std::string text = "xAbab b";
+    vael_dfa *whole = sm_load(image);
+    ASSERT_NE(whole, nullptr);
+    EXPECT_EQ(run(whole, text), run(sm.dfa, text));
+    vael_dfa_destroy(whole);
+    vael_test::LogCapture quiet;
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    for (size_t cut = 0; cut < image.size(); cut++)
+        EXPECT_EQ(sm_load(Image(image.begin(), image.begin() + (long)cut)), nullptr) << "cut at " << cut;
+    int loaded = 0;
+    for (size_t at = 0; at < image.size(); at++) {
+        for (unsigned char bit : {0x01, 0x80}) {
+            Image flipped = image;
+            flipped[at] ^= bit;
+            if (vael_dfa *dfa = sm_load(flipped)) {
+                loaded++;
+                EXPECT_EQ(vael_dfa_is_valid(dfa), 1) << "flip at " << at;
+                run(dfa, text);
+                vael_dfa_destroy(dfa);
+            }
+        }
+    }
+    EXPECT_GT(loaded, 0);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+}
+
+TEST(SmFailmem, CompileAndImageLoadFailCleanlyAtEveryAllocation) {
+    vael_test::LogCapture quiet;
+    Sm sm({{"He", 1}, {"SHE", 2}, {"his", 3}, {"hers", 4}, {"7up", 5}}, 0);
+    vael_dfa_destroy(sm.dfa);
+    const auto walk = vael_test::failmem_walk_each_allocation(
+        [&] {
+            vael_pm_error_init(&sm.err);
+            return (sm.dfa = vael_sm_compile(sm.list, kBoth, &sm.err)) != nullptr;
+        },
+        [&] { return sm.dfa == nullptr && sm.err.error_string != nullptr; });
+    EXPECT_GT(walk.injected, 10);
+    const Image image = sm_image(sm.dfa);
+    vael_dfa *loaded = nullptr;
+    const auto load_walk = vael_test::failmem_walk_each_allocation(
+        [&] { return (loaded = sm_load(image)) != nullptr; }, [&] { return loaded == nullptr; });
+    EXPECT_GT(load_walk.injected, 1);
+    EXPECT_EQ(run(loaded, "xhers7UP"), run(sm.dfa, "xhers7UP"));
+    vael_dfa_destroy(loaded);
+}
+
+}  // namespace
