@@ -10,7 +10,9 @@
 
 #include "vael/vael_htab.h"
 #include "vael/vael_list.h"
+#include "vael/vael_params.h"
 #include "vael/vael_pm.h"
+#include "vael/vael_pm_selftest.h"
 #include "vael/vael_pm_verify.h"
 #include "vael/vael_pm_stats.h"
 #include "vael/vael_pmglob.h"
