@@ -1,0 +1,265 @@
+// A host for the control tools' tests: the other side of the control channel,
+// with several instances, installed through the library's own init.
+//
+// Parameters are the library's real ones, its tunables and the self-test
+// parameters, which this process holds once: a set reaches the global and
+// its callback, a get reads the global. An instance can be made to answer
+// one integer differently (as a module instance that was set on its own
+// would) or to fail every request. Handle tables are real tables, a few per
+// instance, whose handle counters the host keeps through the tables' own
+// free function.
+#ifndef VAEL_TESTS_TOOLS_CTL_HOST_H
+#define VAEL_TESTS_TOOLS_CTL_HOST_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vael/vael_apps.h"
+
+namespace vael_test {
+
+class CtlHost {
+  public:
+    static constexpr int kIoctlNumber = 0x5641;
+    static constexpr const char *kModule = "vael_apps";
+
+    // One instance takes the plain init (the library then sends every request
+    // to the plain ioctl); more take the init with instances.
+    explicit CtlHost(int instances) : instances_(instances), overrides_(instances) {
+        current_ = this;
+        vael_apps_fini();
+        if (instances == 1) {
+            vael_apps_callbacks cbs = {&CtlHost::plain_ioctl, &CtlHost::ioctl_num};
+            EXPECT_EQ(vael_apps_init(&cbs), 0);
+        } else {
+            vael_apps_callbacks_multik cbs = {&CtlHost::plain_ioctl, &CtlHost::ioctl_num, &CtlHost::ioctl_multik,
+                                              &CtlHost::instance_range};
+            EXPECT_EQ(vael_apps_init_multik(&cbs), 0);
+        }
+    }
+    ~CtlHost() {
+        for (auto &t : tables_) {
+            EXPECT_EQ(vael_htab_destroy(t->id), 1);
+            tqlock_lock_term(&t->lock);
+        }
+        tables_.clear();
+        vael_apps_fini();
+        EXPECT_EQ(vael_apps_init(nullptr), 0);
+        current_ = nullptr;
+    }
+    CtlHost(const CtlHost &) = delete;
+    CtlHost &operator=(const CtlHost &) = delete;
+
+    void override_int(int instance, const std::string &name, int value) { overrides_[instance][name] = value; }
+    void fail_instance(int instance) { failing_ = instance; }
+    // The instances named by the requests so far, in order.
+    const std::vector<int> &requests() const { return requests_; }
+
+    // A real table of `instance`; its index among the instance's tables.
+    int add_table(int instance, const char *name) {
+        auto t = std::make_unique<Table>();
+        t->instance = instance;
+        t->name = name;
+        EXPECT_EQ(tqlock_lock_init(&t->lock), 0);
+        EXPECT_EQ(vael_htab_create(name, 64, 0, &CtlHost::on_free, nullptr, nullptr, &t->lock, &t->id, t.get()), 0);
+        tables_.push_back(std::move(t));
+        return (int)of_instance(instance).size() - 1;
+    }
+    // Adds `n` entries with fresh keys, then deletes `del` of them.
+    void churn(int instance, int index, int n, int del) {
+        Table *t = of_instance(instance).at(index);
+        for (int i = 0; i < n; i++) {
+            uint32_t key = t->next_key++, val = key * 3;
+            int result = 0;
+            if (vael_htab_set(t->id, &key, 1, &val, 1, 0, &result) == 0 && result == VAEL_HTAB_SET_NEW)
+                t->allocated++;
+        }
+        for (int i = 0; i < del; i++) {
+            uint32_t key = t->next_key - 1 - i;
+            vael_htab_del(t->id, &key, 1, "test");
+        }
+    }
+    // Entries now in all real tables of all instances.
+    int live_entries() const {
+        int n = 0;
+        for (const auto &t : tables_)
+            n += vael_htab_nents(t->id);
+        return n;
+    }
+
+  private:
+    struct Table {
+        int instance = 0;
+        std::string name;
+        vael_mutex *lock = nullptr;
+        int id = -1;
+        uint32_t next_key = 1;
+        uint32_t allocated = 0;
+        uint32_t freed = 0;
+    };
+
+    // A parameter of the library as the host offers it.
+    struct Param {
+        const char *name;
+        uint32_t type;
+        int *number;     // integer parameters
+        char *text;      // string parameters, `size` bytes
+        size_t size;
+        int (*callback)(void);
+    };
+
+    static int compile_cb() { return pm_callback_test_compile_cb("pm_callback_test"); }
+
+    static const std::vector<Param> &params() {
+        static const std::vector<Param> kParams = {
+            {"vael_dfa_state_limit", VAEL_PARAMS_TYPE_INT, &vael_dfa_state_limit, nullptr, 0, nullptr},
+            {"vael_dfa_should_limit_states", VAEL_PARAMS_TYPE_INT, &vael_dfa_should_limit_states, nullptr, 0,
+             nullptr},
+            {"vael_pm_min_lss_size", VAEL_PARAMS_TYPE_INT, &vael_pm_min_lss_size, nullptr, 0, nullptr},
+            {"vael_thin_nfa_max_partial_trans", VAEL_PARAMS_TYPE_INT, &vael_thin_nfa_max_partial_trans, nullptr, 0,
+             nullptr},
+            {"vael_pm_pcre_use_dfa_exec", VAEL_PARAMS_TYPE_INT, &vael_pm_pcre_use_dfa_exec, nullptr, 0, nullptr},
+            {"pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_compile_lss,
+             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_compile_lss_cb},
+            {"pm_callback_test_compile_re", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_compile_re,
+             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_compile_re_cb},
+            {"pm_callback_test_buffer", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_buffer,
+             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_buffer_cb},
+            {"pm_callback_test_compile", VAEL_PARAMS_TYPE_INT, &pm_callback_test_compile, nullptr, 0, compile_cb},
+            {"pm_callback_test_reset_test", VAEL_PARAMS_TYPE_INT, &pm_callback_test_reset_test, nullptr, 0,
+             pm_callback_test_reset_test_cb},
+        };
+        return kParams;
+    }
+
+    std::vector<Table *> of_instance(int instance) const {
+        std::vector<Table *> out;
+        for (const auto &t : tables_)
+            if (t->instance == instance)
+                out.push_back(t.get());
+        return out;
+    }
+
+    static int fail(int error) {
+        errno = error;
+        return -1;
+    }
+
+    static int ioctl_num() { return kIoctlNumber; }
+    static int instance_range(int *first, int *last) {
+        *first = 0;
+        *last = current_->instances_ - 1;
+        return 0;
+    }
+    static int plain_ioctl(int number, void *record) { return ioctl_multik(number, record, -1); }
+
+    static int ioctl_multik(int number, void *record, int instance) {
+        CtlHost *h = current_;
+        h->requests_.push_back(instance);
+        auto *r = static_cast<vael_ctl_record *>(record);
+        if (number != kIoctlNumber || !r || !r->data)
+            return fail(EINVAL);
+        if (instance == -1)
+            instance = 0;
+        if (instance != -2 && (instance < 0 || instance >= h->instances_))
+            return fail(ENODEV);
+        if (h->failing_ >= 0 && (instance == h->failing_ || instance == -2))
+            return fail(EIO);
+        if (r->command == VAEL_PARAMS_CTL_COMMAND && r->data_len == sizeof(vael_params_ctl_request))
+            return h->answer_param(static_cast<vael_params_ctl_request *>(r->data), instance);
+        if (r->command == VAEL_HANDLES_CTL_COMMAND && r->data_len == sizeof(vael_handles_ctl_request) && instance >= 0)
+            return h->answer_handles(static_cast<vael_handles_ctl_request *>(r->data), instance);
+        return fail(EINVAL);
+    }
+
+    int answer_param(vael_params_ctl_request *q, int instance) {
+        if (strnlen(q->name, sizeof q->name) == sizeof q->name || strnlen(q->module, sizeof q->module) == sizeof q->module)
+            return fail(EINVAL);
+        if (q->module[0] && std::strcmp(q->module, kModule) != 0)
+            return fail(ENOENT);
+        const Param *p = nullptr;
+        for (const Param &c : params())
+            if (std::strcmp(c.name, q->name) == 0)
+                p = &c;
+        if (!p || p->type != q->type)
+            return fail(ENOENT);
+        if (q->operation == VAEL_PARAMS_OP_GET)
+            return instance == -2 ? fail(EINVAL) : get(*p, q, instance);
+        if (q->operation != VAEL_PARAMS_OP_SET)
+            return fail(EINVAL);
+        if (p->number) {
+            if (q->value_len != sizeof(int))
+                return fail(EINVAL);
+            std::memcpy(p->number, q->value, sizeof(int));
+        } else {
+            if (q->value_len == 0 || q->value_len > sizeof q->value || q->value[q->value_len - 1] != '\0')
+                return fail(EINVAL);
+            std::memset(p->text, 0, p->size);
+            std::memcpy(p->text, q->value, q->value_len);
+        }
+        for (int i = 0; i < instances_; i++)
+            if (instance == -2 || instance == i)
+                overrides_[i].erase(p->name);
+        return p->callback && p->callback() != 0 ? fail(EINVAL) : 0;
+    }
+
+    int get(const Param &p, vael_params_ctl_request *q, int instance) {
+        std::memset(q->value, 0, sizeof q->value);
+        if (p.number) {
+            auto it = overrides_[instance].find(p.name);
+            const int v = it != overrides_[instance].end() ? it->second : *p.number;
+            std::memcpy(q->value, &v, sizeof v);
+            q->value_len = sizeof v;
+            return 0;
+        }
+        // The full length goes back even when only the first bytes fit.
+        const size_t len = strnlen(p.text, p.size);
+        std::memcpy(q->value, p.text, std::min(len, sizeof q->value));
+        q->value_len = (uint32_t)len + 1;
+        return 0;
+    }
+
+    int answer_handles(vael_handles_ctl_request *q, int instance) {
+        const std::vector<Table *> mine = of_instance(instance);
+        if (q->request != 1)
+            return fail(EINVAL);
+        if (q->index >= mine.size())
+            return fail(ENOENT);
+        const Table &t = *mine[q->index];
+        q->more = q->index + 1 < mine.size();
+        std::memset(q->name, 0, sizeof q->name);
+        std::memcpy(q->name, t.name.data(), std::min(t.name.size(), sizeof q->name - 1));
+        q->handles_allocated = t.allocated;
+        q->handles_freed = t.freed;
+        q->handle_alloc_failed = 0;
+        // Each table is one block of bins, made at its creation.
+        q->pools_allocated = 1;
+        q->pools_freed = 0;
+        q->pool_alloc_failed = 0;
+        q->pools_preallocated = 1;
+        q->max_pools = 1;
+        return 0;
+    }
+
+    static void on_free(const uint32_t *, int, const uint32_t *, int, int, const char *, void *opaque) {
+        static_cast<Table *>(opaque)->freed++;
+    }
+
+    static inline CtlHost *current_ = nullptr;
+    int instances_;
+    int failing_ = -1;
+    std::vector<std::map<std::string, int>> overrides_;
+    std::vector<std::unique_ptr<Table>> tables_;
+    std::vector<int> requests_;
+};
+
+}  // namespace vael_test
+
+#endif  // VAEL_TESTS_TOOLS_CTL_HOST_H
