@@ -126,34 +126,6 @@ TEST(SelftestSession, CollectCompileRunResetThroughParameters) {
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start) << "reset leaves no list and no PM behind";
 }
 
-TEST(SelftestSession, HexDigits) {
-    struct Row {
-        const char *text;
-        uint32_t len;
-        int rc;
-        int value;
-        const char *log;
-    };
-    const Row rows[] = {
-        {"41", 2, 0, 0x41, nullptr},   {"fF", 2, 0, 0xff, nullptr},
-        {"09", 2, 0, 9, nullptr},      {"aB3", 3, 0, 0xab3, nullptr},
-        {"g1", 2, -1, 0, "character not within range g"}, {"1/", 2, -1, 0, "hex digit is invalid"},
-        {nullptr, 2, -1, 0, "hex string is NULL"},
-    };
-    ScopedTopic errors("K_ERROR", VAEL_DBG_ERR);
-    for (const Row &r : rows) {
-        LogCapture log;
-        int value = -7;
-        EXPECT_EQ(pm_callback_test_hex_string_to_int(r.text, r.len, &value), r.rc) << (r.text ? r.text : "null");
-        if (r.rc == 0) {
-            EXPECT_EQ(value, r.value) << r.text;
-        }
-        if (r.log) {
-            EXPECT_TRUE(log.contains(r.log)) << log.text();
-        }
-    }
-}
-
 // One pattern, "ABD", collected and compiled by the callbacks.
 int collect_and_compile() {
     std::snprintf(pm_callback_test_compile_lss, PM_CALLBACK_TEST_TEXT_SIZE, "ABD");
@@ -163,35 +135,15 @@ int collect_and_compile() {
     return pm_callback_test_compile_cb("selftest");
 }
 
-// A caller's buffer is run as it is, without escapes, and the state is the
-// one the parameters built.
-TEST(SelftestSession, ExecBufferOfTheCaller) {
-    ScopedTopic notes("K_PM", VAEL_DBG_NOTICE);
-    const unsigned char text[] = "x\\x41BD";
-    {
-        LogCapture log;
-        EXPECT_EQ(pm_callback_test_exec_buffer(text, sizeof text - 1), -1);
-        EXPECT_TRUE(log.contains("PM was not compiled yet.")) << log.text();
-        ASSERT_EQ(collect_and_compile(), 0);
-    }
-    const struct {
-        const char *buf;
-        int found;
-    } rows[] = {{"x\\x41BD", 0}, {"xABD", 1}};
-    for (const auto &r : rows) {
-        LogCapture log;
-        EXPECT_EQ(pm_callback_test_exec_buffer(reinterpret_cast<const unsigned char *>(r.buf), std::strlen(r.buf)),
-                  0);
-        EXPECT_EQ(count_of(log.text(), "Found match"), r.found) << r.buf;
-    }
-    EXPECT_EQ(pm_callback_test_reset_test_cb(), 0);
-}
-
 // Each allocation of a session failing in turn: the callback that met it
-// says -1, and a reset leaves both accounts where they were.
+// says -1, and a reset leaves both accounts where they were. A caller's
+// buffer is run as it is, without escapes.
 TEST(SelftestSession, FailmemWalk) {
-    LogCapture quiet;
-    const unsigned char text[] = "xxABDx";
+    LogCapture log;
+    ScopedTopic notes("K_PM", VAEL_DBG_NOTICE);
+    const unsigned char text[] = "\\x41BD ABD";
+    EXPECT_EQ(pm_callback_test_exec_buffer(text, 4), -1);
+    EXPECT_TRUE(log.contains("PM was not compiled yet.")) << log.text();
     auto attempt = [&] {
         const bool ok = collect_and_compile() == 0 && pm_callback_test_exec_buffer(text, sizeof text - 1) == 0;
         if (!ok)
@@ -200,6 +152,9 @@ TEST(SelftestSession, FailmemWalk) {
     };
     const vael_test::FailmemWalk walk = vael_test::failmem_walk_each_allocation(attempt, [] { return true; });
     EXPECT_GT(walk.rounds, 3);
+    log.clear();
+    EXPECT_EQ(pm_callback_test_exec_buffer(text, 6), 0);
+    EXPECT_TRUE(log.contains("PM did not found a match::")) << log.text();
     EXPECT_EQ(pm_callback_test_reset_test_cb(), 0);
 }
 

@@ -118,23 +118,20 @@ class CtlHost {
     static int compile_cb() { return pm_callback_test_compile_cb("pm_callback_test"); }
 
     static const std::vector<Param> &params() {
+        using P = Param;
         static const std::vector<Param> kParams = {
-            {"vael_dfa_state_limit", VAEL_PARAMS_TYPE_INT, &vael_dfa_state_limit, nullptr, 0, nullptr},
-            {"vael_dfa_should_limit_states", VAEL_PARAMS_TYPE_INT, &vael_dfa_should_limit_states, nullptr, 0,
-             nullptr},
-            {"vael_pm_min_lss_size", VAEL_PARAMS_TYPE_INT, &vael_pm_min_lss_size, nullptr, 0, nullptr},
-            {"vael_thin_nfa_max_partial_trans", VAEL_PARAMS_TYPE_INT, &vael_thin_nfa_max_partial_trans, nullptr, 0,
-             nullptr},
-            {"vael_pm_pcre_use_dfa_exec", VAEL_PARAMS_TYPE_INT, &vael_pm_pcre_use_dfa_exec, nullptr, 0, nullptr},
-            {"pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_compile_lss,
-             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_compile_lss_cb},
-            {"pm_callback_test_compile_re", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_compile_re,
-             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_compile_re_cb},
-            {"pm_callback_test_buffer", VAEL_PARAMS_TYPE_STRING, nullptr, pm_callback_test_buffer,
-             PM_CALLBACK_TEST_TEXT_SIZE, pm_callback_test_buffer_cb},
-            {"pm_callback_test_compile", VAEL_PARAMS_TYPE_INT, &pm_callback_test_compile, nullptr, 0, compile_cb},
-            {"pm_callback_test_reset_test", VAEL_PARAMS_TYPE_INT, &pm_callback_test_reset_test, nullptr, 0,
-             pm_callback_test_reset_test_cb},
+            P{"vael_dfa_state_limit", 0, &vael_dfa_state_limit, nullptr, 0, nullptr},
+            P{"vael_pm_min_lss_size", 0, &vael_pm_min_lss_size, nullptr, 0, nullptr},
+            P{"vael_thin_nfa_max_partial_trans", 0, &vael_thin_nfa_max_partial_trans, nullptr, 0, nullptr},
+            P{"vael_pm_pcre_use_dfa_exec", 0, &vael_pm_pcre_use_dfa_exec, nullptr, 0, nullptr},
+            P{"pm_callback_test_compile_lss", 1, nullptr, pm_callback_test_compile_lss, 300,
+              pm_callback_test_compile_lss_cb},
+            P{"pm_callback_test_compile_re", 1, nullptr, pm_callback_test_compile_re, 300,
+              pm_callback_test_compile_re_cb},
+            P{"pm_callback_test_buffer", 1, nullptr, pm_callback_test_buffer, 300, pm_callback_test_buffer_cb},
+            P{"pm_callback_test_compile", 0, &pm_callback_test_compile, nullptr, 0, compile_cb},
+            P{"pm_callback_test_reset_test", 0, &pm_callback_test_reset_test, nullptr, 0,
+              pm_callback_test_reset_test_cb},
         };
         return kParams;
     }
@@ -153,11 +150,7 @@ class CtlHost {
     }
 
     static int ioctl_num() { return kIoctlNumber; }
-    static int instance_range(int *first, int *last) {
-        *first = 0;
-        *last = current_->instances_ - 1;
-        return 0;
-    }
+    static int instance_range(int *first, int *last) { return *first = 0, *last = current_->instances_ - 1, 0; }
     static int plain_ioctl(int number, void *record) { return ioctl_multik(number, record, -1); }
 
     static int ioctl_multik(int number, void *record, int instance) {
@@ -234,17 +227,11 @@ class CtlHost {
             return fail(ENOENT);
         const Table &t = *mine[q->index];
         q->more = q->index + 1 < mine.size();
-        std::memset(q->name, 0, sizeof q->name);
         std::memcpy(q->name, t.name.data(), std::min(t.name.size(), sizeof q->name - 1));
         q->handles_allocated = t.allocated;
         q->handles_freed = t.freed;
-        q->handle_alloc_failed = 0;
         // Each table is one block of bins, made at its creation.
-        q->pools_allocated = 1;
-        q->pools_freed = 0;
-        q->pool_alloc_failed = 0;
-        q->pools_preallocated = 1;
-        q->max_pools = 1;
+        q->pools_allocated = q->pools_preallocated = q->max_pools = 1;
         return 0;
     }
 
