@@ -73,9 +73,9 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
         uint16_t blocks;
     };
     const Row rows[] = {
-        {"ab", 0, 30, 1, 12, 5, 1},         {"abc", 0, 30, 1, 25, 6, 1},
-        {"aAbB", VAEL_PM_CASELESS, 30, 1, 20, 5, 1}, {"a0179", VAEL_PM_DIGITLESS, 30, 1, 20, 5, 1},
-        {"xX05", kBoth, 30, 1, 20, 4, 1},   {std::string("\0\x01\xfe\xff", 4), 0, 30, 1, 20, 5, 1},
+        {"ab", 0, 15, 1, 12, 5, 1},         {"abc", 0, 15, 1, 25, 6, 1},
+        {"aAbB", VAEL_PM_CASELESS, 15, 1, 20, 5, 1}, {"a0179", VAEL_PM_DIGITLESS, 15, 1, 20, 5, 1},
+        {"xX05", kBoth, 15, 1, 20, 4, 1},   {std::string("\0\x01\xfe\xff", 4), 0, 15, 1, 20, 5, 1},
         {"abcdefghijklmnopqrstuvwxyz", 0, 1, 900, 900, 12, 2},  // packed ids
     };
     std::mt19937 rng(1);
