@@ -97,6 +97,23 @@ vael_pm_stats_common *sm_common_stats(void *h) { return vael_dfa_get_common_stat
 
 void sm_dump(void *h, int format) { vael_sm_dump(static_cast<vael_dfa *>(h), format); }
 
+// The run queues a final id as an index into the PM's patterns without a
+// test, so a loaded image's largest id is what the frame checks. A negative
+// id reads as a huge one and is refused with the rest.
+uint32_t sm_id_bound(void *h) {
+    const vael_dfa *dfa = static_cast<const vael_dfa *>(h);
+    uint32_t bound = 0;
+    for (uint32_t id = 0; id < dfa->current_state_id; id++) {
+        const vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+        for (const vael_dfa_pattern_id *rec = s ? s->patterns : nullptr; rec; rec = rec->next) {
+            const uint32_t n = (uint32_t)rec->pattern_id;
+            if (n >= bound)
+                bound = n == UINT32_MAX ? UINT32_MAX : n + 1;
+        }
+    }
+    return bound;
+}
+
 }  // namespace
 
 extern "C" int vael_sm_init(vael_pm_tier1_funcs *row) {
@@ -113,6 +130,8 @@ extern "C" int vael_sm_init(vael_pm_tier1_funcs *row) {
         sm_stats_print,
         sm_common_stats,
         sm_dump,
+        sm_id_bound,
+        0,
     };
     *row = kRow;
     return 0;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "pm/vael_pm_internal.h"
+#include "rem/vael_dfa_internal.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 #include "tier1/vael_thin_nfa_internal.h"
@@ -317,7 +318,8 @@ TEST(PmImage, BrokenFieldsAreRefusedWithTheirText) {
 
 // The run indexes patterns by what the first tier reports unchecked: an
 // image whose first tier names an id past the pattern count is refused at
-// load, the last id is not. The string engine is proven once per load.
+// load, the last id is not, under either string engine. The Thin NFA is
+// proven once per load.
 TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
     struct Case {
         const char *name;
@@ -329,39 +331,66 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
         {"one past the count", 2, "First tier reports pattern id 2, but the PM has 2 patterns\n"},
         {"the largest id", UINT32_MAX, "First tier reports pattern id 4294967294, but the PM has 2 patterns\n"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        vael_pm_handle *pm = compile({{Kind::str, "abc"}, {Kind::str, "de"}});
-        ASSERT_NE(pm, nullptr);
-        auto *nfa = static_cast<vael_thin_nfa *>(pm->tier1[0].tier1_h);
-        ASSERT_EQ(pm->tier1[0].tier1_type, (uint32_t)VAEL_PM_TIER1_STRING);
+    // Rewrites every record of internal id 0 in the engine's states.
+    auto rewrite_thin = [](void *h, uint32_t id) {
+        auto *nfa = static_cast<vael_thin_nfa *>(h);
         for (uint32_t state = 0; state < nfa->state_num; state++)
             for (vael_thin_nfa_pattern_id *p = nfa->pattern_ids[state]; p; p = p->next)
                 if (p->id == 0)
-                    p->id = c.id;
-        const Image image = save(pm);
-        vael_pm_destroy(pm);
-        const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
-        LogCapture log;
-        vael_test::ScopedTopic pm_topic("K_PM", VAEL_DBG_ERR);
-        vael_test::ScopedTopic thin_topic("K_THINNFA", VAEL_DBG_NOTICE);
-        vael_pm_handle *loaded = load(image);
-        EXPECT_EQ(loaded == nullptr, c.text != nullptr);
-        if (c.text) {
-            EXPECT_TRUE(log.contains(std::string("vael_tier1_deserialize: ") + c.text)) << log.text();
+                    p->id = id;
+    };
+    auto rewrite_sm = [](void *h, uint32_t id) {
+        auto *dfa = static_cast<vael_dfa *>(h);
+        for (uint32_t state = 0; state < dfa->current_state_id; state++)
+            for (vael_dfa_pattern_id *p = vael_dfa_state_get_by_id(dfa, state)->patterns; p; p = p->next)
+                if (p->pattern_id == 0)
+                    p->pattern_id = (int32_t)id;
+    };
+    const struct {
+        int thin;
+        void (*rewrite)(void *, uint32_t);
+    } engines[] = {{1, rewrite_thin}, {0, rewrite_sm}};
+    const int saved = vael_pm_tier1_use_thin_nfa;
+    for (const auto &engine : engines) {
+        vael_apps_fini();
+        vael_pm_tier1_use_thin_nfa = engine.thin;
+        ASSERT_EQ(vael_apps_init(nullptr), 0);
+        for (const Case &c : cases) {
+            SCOPED_TRACE(std::string(c.name) + (engine.thin ? ", Thin NFA" : ", SM"));
+            vael_pm_handle *pm = compile({{Kind::str, "abc"}, {Kind::str, "de"}});
+            ASSERT_NE(pm, nullptr);
+            ASSERT_EQ(pm->tier1[0].tier1_type, (uint32_t)VAEL_PM_TIER1_STRING);
+            engine.rewrite(pm->tier1[0].tier1_h, c.id);
+            const Image image = save(pm);
+            vael_pm_destroy(pm);
+            const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+            LogCapture log;
+            vael_test::ScopedTopic pm_topic("K_PM", VAEL_DBG_ERR);
+            vael_test::ScopedTopic thin_topic("K_THINNFA", VAEL_DBG_NOTICE);
+            vael_pm_handle *loaded = load(image);
+            EXPECT_EQ(loaded == nullptr, c.text != nullptr);
+            if (c.text) {
+                EXPECT_TRUE(log.contains(std::string("vael_tier1_deserialize: ") + c.text)) << log.text();
+            }
+            if (engine.thin) {
+                const std::string proven = "validation succeeded";
+                size_t proofs = 0;
+                for (size_t at = log.text().find(proven); at != std::string::npos;
+                     at = log.text().find(proven, at + 1))
+                    proofs++;
+                EXPECT_EQ(proofs, 1u) << log.text();
+            }
+            if (loaded) {
+                // "abc" now reports the second pattern, whose user id is 101.
+                EXPECT_EQ(run(loaded, "xabcx", 0), (Hits{{101, 3}}));
+                vael_pm_destroy(loaded);
+            }
+            EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
         }
-        const std::string proven = "validation succeeded";
-        size_t proofs = 0;
-        for (size_t at = log.text().find(proven); at != std::string::npos; at = log.text().find(proven, at + 1))
-            proofs++;
-        EXPECT_EQ(proofs, 1u) << log.text();
-        if (loaded) {
-            // "abc" now reports the second pattern, whose user id is 101.
-            EXPECT_EQ(run(loaded, "xabcx", 0), (Hits{{101, 3}}));
-            vael_pm_destroy(loaded);
-        }
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
     }
+    vael_apps_fini();
+    vael_pm_tier1_use_thin_nfa = saved;
+    ASSERT_EQ(vael_apps_init(nullptr), 0);
 }
 
 // A row without image slots (a second tier that cannot travel) fails the
