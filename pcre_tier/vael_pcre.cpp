@@ -299,7 +299,7 @@ extern "C" int vael_pcre_init(vael_pm_tier2_funcs *row) {
     }
     static const vael_pm_tier2_funcs kRow = {
         "PCRE",
-        VAEL_PM_TIER2_NEEDS_FLAT | VAEL_PM_TIER2_USER_TEXT,
+        VAEL_PM_TIER2_NEEDS_FLAT | VAEL_PM_TIER2_USER_TEXT | VAEL_PM_TIER2_PROVEN_BY_TEXT,
         vael_pcre_compile,
         vael_pcre_exec,
         [](void *) { return 0; },

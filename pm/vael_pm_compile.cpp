@@ -413,7 +413,7 @@ extern "C" int vael_pm_compile_one_pattern(vael_pm_handle *pm, vael_pm_handle *o
                                            uint32_t *internal_id, vael_pmglob_patterns *word_list,
                                            vael_pmglob_patterns *lss_list, uint32_t flags, int any_caseless,
                                            vael_pm_error *err) {
-    const uint32_t effective_flags = (flags & 0x2u) ? flags : (flags | 0x1u);
+    const uint32_t effective_flags = vael_pm_effective_flags(flags);
     int copied = 0;
     vael_pm_one_pattern *pattern = vael_pm_compile_pre_process_pattern(record, effective_flags, err, &copied);
     if (!pattern)

@@ -432,6 +432,45 @@ extern "C" int vael_pm_serialize_and_compare(vael_pm_handle *pm1, vael_pm_handle
 
 // ---------------------------------------------------------------- reader
 
+namespace {
+
+// A row whose loader cannot check the program it reads (PCRE runs stored
+// bytecode as it stands, and damaged bytecode crashes it) has its entry's
+// text compiled again as the writer compiled it; the loaded handle is kept
+// only when both images agree up to the statistics that end them.
+bool holds_program_of_text(const vael_pm_handle *pm, const vael_pm_array_one_handle &e,
+                           const vael_pm_tier2_funcs &row) {
+    if (!e.re_str || !row.compile || !row.get_serialize_size || !row.serialize)
+        return false;
+    vael_pmglob_string *text = vael_pmglob_string_create(e.re_str, e.re_size, VAEL_PM_REM_DEFAULT_ID, e.flags);
+    if (!text)
+        return false;
+    vael_pm_error err;
+    vael_pm_error_init(&err);
+    void *fresh = row.compile(text, vael_pm_effective_flags(pm->flags), e.flags, &err);
+    vael_pmglob_string_destroy(text);
+    if (!fresh)
+        return false;
+    const uint32_t size = row.get_serialize_size(e.tier2_h);
+    const uint32_t stats_size = vael_pm_stats_common_get_serialize_size();
+    bool same = size > stats_size && size == row.get_serialize_size(fresh);
+    auto *images = same ? static_cast<unsigned char *>(VAEL_KMALLOC(2 * (size_t)size)) : nullptr;
+    if (images) {
+        unsigned char *at = images;
+        uint32_t space = 2 * size;
+        same = row.serialize(e.tier2_h, &at, &space) == VAEL_OK && row.serialize(fresh, &at, &space) == VAEL_OK &&
+               std::memcmp(images, images + size, size - stats_size) == 0;
+        VAEL_KFREE(images, 2 * (size_t)size);
+    } else {
+        same = false;
+    }
+    row.destroy(fresh);
+    return same;
+}
+
+}  // namespace
+
+
 extern "C" int vael_tier2_deserialize(vael_pm_handle *pm, uint32_t index, const unsigned char **position,
                                       uint32_t *space, vael_vbuf *vbuf, vael_vbuf_iter *iter) {
     vael::ImageReader in{position, space, vbuf, iter};
@@ -448,6 +487,11 @@ extern "C" int vael_tier2_deserialize(vael_pm_handle *pm, uint32_t index, const 
     e.tier2_type = type;
     e.tier2_h = h;
     charge_engine_memory(row->get_common_stats ? row->get_common_stats(h) : nullptr, before);
+    if ((row->tier2_flags & VAEL_PM_TIER2_PROVEN_BY_TEXT) && !holds_program_of_text(pm, e, *row)) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: Second tier (%u) is not the program its pattern compiles to\n",
+                 index);
+        return VAEL_ERROR;
+    }
     return VAEL_OK;
 }
 

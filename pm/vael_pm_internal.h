@@ -40,6 +40,12 @@ extern "C" {
 #define VAEL_PM_TIER2_NEEDS_FLAT 0x1u   /* cannot walk a virtual buffer */
 #define VAEL_PM_TIER2_USER_TEXT 0x2u    /* compiles the user's own text */
 #define VAEL_PM_TIER2_REUSABLE 0x4u     /* a handle can be taken over on update */
+#define VAEL_PM_TIER2_PROVEN_BY_TEXT 0x8u /* no check of the stored program is possible: a load compiles
+                                            * the entry's text again and takes only that same image */
+
+/* The flags the pre-processing and the second-tier compile see: the
+ * caller's compile flags, with bit 0x1 added unless bit 0x2 is set. */
+static inline uint32_t vael_pm_effective_flags(uint32_t flags) { return (flags & 0x2u) ? flags : (flags | 0x1u); }
 
 /* The magic of a live PM reads "nimp" in memory, "efmp" once destroyed. */
 #define VAEL_PM_MAGIC_ALIVE 0x706d696eu

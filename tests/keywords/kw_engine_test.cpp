@@ -129,8 +129,9 @@ TEST(KwDecision, RangeOfAKeyword) {
         const int rc = vael_kw_mgr_find_start_offset(&kw, &pos, 10, c.from_backtrack, &start, &size);
         SCOPED_TRACE(testing::Message() << "offset " << c.user_offset << " at " << c.offset);
         ASSERT_EQ(rc == 0, c.ok == 1);
-        if (rc == 0)
+        if (rc == 0) {
             EXPECT_EQ(std::vector<uint32_t>({start, size, pos.end}), std::vector<uint32_t>({c.start, c.size, c.start + c.size}));
+        }
         EXPECT_EQ(pos.offset, c.offset);
     }
 }
