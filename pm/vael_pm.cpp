@@ -524,14 +524,16 @@ bool magic_ok(const vael_pm_handle *pm) { return pm->magic == VAEL_PM_MAGIC_ALIV
 
 }  // namespace
 
-extern "C" int vael_pm_validate(vael_pm_handle *pm) {
+extern "C" int vael_pm_validate_ex(vael_pm_handle *pm, int skip_load_proven) {
     int ok = 1;
     for (const auto &slot : pm->tier1) {
         if (!slot.tier1_h)
             continue;
         const vael_pm_tier1_funcs &row = pm_tier1_funcs[slot.tier1_type];
+        if (skip_load_proven && (row.tier1_flags & VAEL_PM_TIER1_LOAD_PROVEN))
+            continue;
         if (row.is_valid && !row.is_valid(slot.tier1_h)) {
-            VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: %s handle is NOT valid\n", row.name);
+            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: %s handle is NOT valid\n", row.name);
             ok = 0;
         }
     }
@@ -541,13 +543,15 @@ extern "C" int vael_pm_validate(vael_pm_handle *pm) {
             continue;
         const vael_pm_tier2_funcs &row = pm_tier2_funcs[e.tier2_type];
         if (row.is_valid && !row.is_valid(e.tier2_h)) {
-            VAEL_LOG(VAEL_DBG_ERR, "K_PM | K_ERROR", "%s: tier2_h for pattern id %d (internal id %d) is NOT valid\n",
-                     e.id, (int)i);
+            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, "K_PM | K_ERROR",
+                        "%s: tier2_h for pattern id %d (internal id %d) is NOT valid\n", e.id, (int)i);
             ok = 0;
         }
     }
     return ok ? VAEL_OK : VAEL_ERROR;
 }
+
+extern "C" int vael_pm_validate(vael_pm_handle *pm) { return vael_pm_validate_ex(pm, 0); }
 
 extern "C" void vael_pm_destroy(vael_pm_handle *pm) {
     if (!pm) {

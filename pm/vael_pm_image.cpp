@@ -133,37 +133,6 @@ vael_pm_handle *deserialize_once(const unsigned char *uuid, const unsigned char 
                                  vael_vbuf *vbuf, vael_vbuf_iter *iter, vael_pm_match_cb match_cb,
                                  const char *caller);
 
-// vael_pm_validate for a PM just read: a first tier whose row proves every
-// handle its load gives (the load would not give an unsound one) is not
-// proven a second time; everything else is checked as vael_pm_validate does,
-// with its texts.
-int validate_loaded(vael_pm_handle *pm) {
-    int ok = 1;
-    for (const auto &slot : pm->tier1) {
-        if (!slot.tier1_h)
-            continue;
-        const vael_pm_tier1_funcs &row = pm_tier1_funcs[slot.tier1_type];
-        if (row.tier1_flags & VAEL_PM_TIER1_LOAD_PROVEN)
-            continue;
-        if (row.is_valid && !row.is_valid(slot.tier1_h)) {
-            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, kErrTopics, "%s: %s handle is NOT valid\n", row.name);
-            ok = 0;
-        }
-    }
-    for (uint32_t i = 0; i < pm->num_tier2; i++) {
-        const vael_pm_array_one_handle &e = pm->pm_array[i];
-        if (!e.tier2_h)
-            continue;
-        const vael_pm_tier2_funcs &row = pm_tier2_funcs[e.tier2_type];
-        if (row.is_valid && !row.is_valid(e.tier2_h)) {
-            VAEL_LOG_AS("vael_pm_validate", VAEL_DBG_ERR, kErrTopics,
-                        "%s: tier2_h for pattern id %d (internal id %d) is NOT valid\n", e.id, (int)i);
-            ok = 0;
-        }
-    }
-    return ok ? VAEL_OK : VAEL_ERROR;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- pool
@@ -639,7 +608,7 @@ extern "C" vael_pm_handle *vael_pm_do_deserialize(const unsigned char *buffer, u
         VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: wrong serialization buffer size, left %u bytes\n", space);
         ok = false;
     }
-    if (ok && validate_loaded(pm) != 0)
+    if (ok && vael_pm_validate_ex(pm, 1) != 0)
         ok = false;
     if (!ok) {
         vael_pm_destroy(pm);

@@ -301,6 +301,10 @@ void vael_pmglob_uuid_build_ex(unsigned char *uuid, uint32_t serial, uint32_t ti
 int vael_pmglob_uuid_cmp(const unsigned char *a, const unsigned char *b);
 void vael_pmglob_uuid_cpy(unsigned char *dst, const unsigned char *src);
 int vael_pm_validate(vael_pm_handle *pm);
+/* As vael_pm_validate; with skip_load_proven a first tier whose row proves
+ * every handle its load gives (VAEL_PM_TIER1_LOAD_PROVEN) is not proven a
+ * second time. */
+int vael_pm_validate_ex(vael_pm_handle *pm, int skip_load_proven);
 
 /* A pool that a load fills from the front, so that many small records
  * (texts, list elements) cost a few allocations rather than one each. Blocks
