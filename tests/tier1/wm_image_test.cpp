@@ -146,6 +146,14 @@ TEST(WordMatcherImage, DamageIsRefused) {
         EXPECT_FALSE(load(image, (uint32_t)image.size()));
         EXPECT_TRUE(log.contains(r.log)) << log.text();
     }
+    // Any other single-byte change: refused, or a handle that scans safely.
+    for (size_t at = 0; at < good.size(); at++) {
+        auto image = good;
+        image[at] ^= 0xff;
+        if (auto loaded = load(image, (uint32_t)image.size()))
+            for (const char *t : kTexts)
+                run(loaded.get(), t);
+    }
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
 }
 
