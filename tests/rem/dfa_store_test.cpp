@@ -283,7 +283,7 @@ TEST(DfaStore, BuildAndFinalizeFailCleanly) {
         return true;
     };
     vael_test::FailmemWalk w = vael_test::failmem_walk_each_allocation(attempt, [] { return true; });
-    EXPECT_EQ(w.rounds, 6);  // record, run records, block, final id, cut block, success
+    EXPECT_EQ(w.rounds, 7);  // record, run records, block, final id, cut block, final map, success
     EXPECT_EQ(states, 5u);
 }
 
