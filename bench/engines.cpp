@@ -53,6 +53,7 @@ MatchTally scan_corpus(ScanBuffer &&scan_buffer, const std::vector<unsigned char
 }
 
 std::array<std::unique_ptr<EngineSet>, std::size(kSetSizes)> built_sets;
+std::vector<vael_pm_handle *> kept_pms;
 
 }  // namespace
 
@@ -98,6 +99,15 @@ EngineSet &engine_set(int size) {
 void release_engine_sets() {
     for (auto &set : built_sets)
         set.reset();
+    for (vael_pm_handle *pm : kept_pms)
+        vael_pm_destroy(pm);
+    kept_pms.clear();
+}
+
+vael_pm_handle *keep_until_release(vael_pm_handle *pm) {
+    if (pm)
+        kept_pms.push_back(pm);
+    return pm;
 }
 
 bool bnfa_size_known() {

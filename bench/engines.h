@@ -58,6 +58,9 @@ EngineSet &engine_set(int size);
 // Destroys every built set; the library's objects must go before
 // vael_apps_fini.
 void release_engine_sets();
+// Keeps a PM that a benchmark holds across runs, to be destroyed with the
+// engine sets before the library stops. Returns pm.
+vael_pm_handle *keep_until_release(vael_pm_handle *pm);
 
 // Lists in the form each library entry point takes; the caller destroys them.
 vael_pmglob_patterns *make_pmglob_list(const std::vector<Literal> &literals);

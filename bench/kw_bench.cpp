@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "corpus.h"
+#include "engines.h"
 #include "serial_pcre.h"
 #include "set_scan.h"
 #include "vael/vael_pm.h"
@@ -60,7 +61,9 @@ std::vector<RuleAndExpression> rule_set() {
             {"data: \"=\", relative, depth 8;", ".{0,7}="},
         };
         const auto &check = kChecks[i % 3];
-        out.push_back({lits[i].bytes, "data: \"" + hex + "\"; " + check[0], escaped + check[1]});
+        // The LSS is read as an expression too: the escaped form keeps its
+        // metacharacters literal.
+        out.push_back({escaped, "data: \"" + hex + "\"; " + check[0], escaped + check[1]});
     }
     return out;
 }
@@ -79,8 +82,9 @@ std::vector<RuleAndExpression> mixed_rule_set(bool with_pcre) {
     };
     for (size_t i = 0; i < lits.size(); i++) {
         const auto &tail = kTails[i % 3];
-        out.push_back({lits[i].bytes, "data: \"" + hex_of(lits[i].bytes) + "\"; " + tail[0] + (with_pcre ? tail[1] : ""),
-                       ""});
+        std::string escaped;
+        const std::string hex = hex_of(lits[i].bytes, &escaped);
+        out.push_back({escaped, "data: \"" + hex + "\"; " + tail[0] + (with_pcre ? tail[1] : ""), ""});
     }
     return out;
 }
@@ -106,7 +110,7 @@ vael_pm_handle *compile_rules(const std::vector<RuleAndExpression> &rules) {
 }
 
 vael_pm_handle *rules_pm() {
-    static vael_pm_handle *pm = compile_rules(rule_set());
+    static vael_pm_handle *pm = vael_bench::keep_until_release(compile_rules(rule_set()));
     return pm;
 }
 
@@ -158,7 +162,8 @@ void BM_KwRulesPcreOneAfterAnother(benchmark::State &state) {
 
 // Arg 1: the mixed rules; arg 0: the same without their pcre keywords.
 void BM_KwMixedRulesPm(benchmark::State &state) {
-    static vael_pm_handle *pms[2] = {compile_rules(mixed_rule_set(false)), compile_rules(mixed_rule_set(true))};
+    static vael_pm_handle *pms[2] = {vael_bench::keep_until_release(compile_rules(mixed_rule_set(false))),
+                                     vael_bench::keep_until_release(compile_rules(mixed_rule_set(true)))};
     vael_pm_handle *pm = pms[state.range(0) ? 1 : 0];
     if (!pm)
         return state.SkipWithError("PM compile failed");
