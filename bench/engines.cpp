@@ -203,11 +203,13 @@ MatchTally scan_pm_vbuf(vael_pm_handle *pm, uint32_t exec_flags, size_t block_si
     });
 }
 
-MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vector<unsigned char> &data) {
+// Runs one engine's raw exec over the corpus and tallies its match queue.
+template <class Exec>
+MatchTally scan_queue(const std::vector<unsigned char> &data, const char *what, Exec exec) {
     return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
         lst_list *queue = nullptr;
-        if (vael_thin_nfa_exec(nfa, buf, static_cast<uint32_t>(len), nullptr, 0, &queue, exec_flags, nullptr) != 0)
-            fail("vael_thin_nfa_exec failed");
+        if (exec(buf, static_cast<uint32_t>(len), &queue) != 0)
+            fail(what);
         if (!queue)
             return;
         uintptr_t value = 0;
@@ -219,20 +221,16 @@ MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vec
     }, data);
 }
 
+MatchTally scan_thin_nfa(vael_thin_nfa *nfa, uint32_t exec_flags, const std::vector<unsigned char> &data) {
+    return scan_queue(data, "vael_thin_nfa_exec failed", [&](const unsigned char *buf, uint32_t len, lst_list **q) {
+        return vael_thin_nfa_exec(nfa, buf, len, nullptr, 0, q, exec_flags, nullptr);
+    });
+}
+
 MatchTally scan_sm(vael_dfa *sm, uint32_t exec_flags, const std::vector<unsigned char> &data) {
-    return scan_corpus([&](MatchTally &tally, const unsigned char *buf, size_t len) {
-        lst_list *queue = nullptr;
-        if (vael_dfa_exec(sm, buf, static_cast<uint32_t>(len), nullptr, 0, &queue, exec_flags, nullptr) != 0)
-            fail("vael_dfa_exec of SM failed");
-        if (!queue)
-            return;
-        uintptr_t value = 0;
-        for (lst_cursor c = lst_iterate(queue, nullptr, &value); c; c = lst_iterate(queue, c, &value)) {
-            const auto *hit = reinterpret_cast<const vael_pmglob_match_data *>(value);
-            tally.add(hit->id, hit->offset);
-        }
-        lst_destroy(queue);
-    }, data);
+    return scan_queue(data, "vael_dfa_exec of SM failed", [&](const unsigned char *buf, uint32_t len, lst_list **q) {
+        return vael_dfa_exec(sm, buf, len, nullptr, 0, q, exec_flags, nullptr);
+    });
 }
 
 MatchTally scan_full_ac(const FullAc &ac, const std::vector<unsigned char> &data) {
