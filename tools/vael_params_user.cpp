@@ -203,14 +203,27 @@ extern "C" int vael_params_user_get_param_int(const char *name, int *value) {
     return vael_params_user_get_param_int_multik(name, value, VAEL_PARAMS_DEFAULT_INSTANCE);
 }
 
+namespace {
+
+// The words of a get (type, name [, module]) or a set (type, name, value
+// [, module]): -1, with the refusal printed, when their count or type word
+// is wrong; else 0 with the type.
+int read_command(const char *prefix, int argc, char **argv, int needed, Kind *kind) {
+    if (argc < needed || !argv)
+        return report(prefix, VAEL_PARAMS_ERR_TOO_FEW_ARGS);
+    if (argc > needed + 1)
+        return report(prefix, VAEL_PARAMS_ERR_TOO_MANY_ARGS);
+    if (!parse_kind(argv[0], kind))
+        return report(prefix, VAEL_PARAMS_ERR_UNKNOWN_TYPE, argv[0]);
+    return 0;
+}
+
+}  // namespace
+
 extern "C" int vael_params_user_ctl_get(int argc, char **argv) {
-    if (argc < 2 || !argv)
-        return report(kGetPrefix, VAEL_PARAMS_ERR_TOO_FEW_ARGS);
-    if (argc > 3)
-        return report(kGetPrefix, VAEL_PARAMS_ERR_TOO_MANY_ARGS);
     Kind kind;
-    if (!parse_kind(argv[0], &kind))
-        return report(kGetPrefix, VAEL_PARAMS_ERR_UNKNOWN_TYPE, argv[0]);
+    if (const int refused = read_command(kGetPrefix, argc, argv, 2, &kind))
+        return refused;
     const char *name = argv[1];
     const char *module = argc == 3 ? argv[2] : nullptr;
     unsigned char answer[VAEL_PARAMS_VALUE_SIZE] = {};
@@ -228,13 +241,9 @@ extern "C" int vael_params_user_ctl_get(int argc, char **argv) {
 }
 
 extern "C" int vael_params_user_ctl_set(int argc, char **argv) {
-    if (argc < 3 || !argv)
-        return report(kSetPrefix, VAEL_PARAMS_ERR_TOO_FEW_ARGS);
-    if (argc > 4)
-        return report(kSetPrefix, VAEL_PARAMS_ERR_TOO_MANY_ARGS);
     Kind kind;
-    if (!parse_kind(argv[0], &kind))
-        return report(kSetPrefix, VAEL_PARAMS_ERR_UNKNOWN_TYPE, argv[0]);
+    if (const int refused = read_command(kSetPrefix, argc, argv, 3, &kind))
+        return refused;
     const char *name = argv[1];
     const char *text = argv[2] ? argv[2] : "";
     const char *module = argc == 4 ? argv[3] : nullptr;
