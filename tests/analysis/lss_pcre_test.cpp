@@ -111,18 +111,26 @@ class Generator {
         return cat;
     }
 
-    // An atom, or an atom repeated: * + ? {m} {m,} {m,n}.
     Node piece(int depth) {
         Node a = atom(depth);
         if (pick(3) != 0)
             return a;
         Node r{Node::kRepeat};
-        const int form = pick(6), m = pick(form == 3 ? 4 : 3);
-        static const char *kForms[] = {"*", "+", "?"};
-        r.min = form == 1 ? 1 : form < 3 ? 0 : m;
-        r.max = form == 2 ? 1 : form == 3 ? m : form == 5 ? m + 1 + pick(2) : -1;
-        r.text = a.text + (form < 3 ? kForms[form] : "{" + std::to_string(r.min) + (form == 3 ? "" : ",") +
-                                                          (form == 5 ? std::to_string(r.max) : "") + "}");
+        static const char *kForms[] = {"*", "+", "?", "{m}", "{m,}", "{m,n}"};
+        const std::string form = kForms[pick(6)];
+        if (form == "*")
+            r.min = 0, r.max = -1, r.text = a.text + "*";
+        else if (form == "+")
+            r.min = 1, r.max = -1, r.text = a.text + "+";
+        else if (form == "?")
+            r.min = 0, r.max = 1, r.text = a.text + "?";
+        else if (form == "{m}")
+            r.min = r.max = pick(4), r.text = a.text + "{" + std::to_string(r.min) + "}";
+        else if (form == "{m,}")
+            r.min = pick(3), r.max = -1, r.text = a.text + "{" + std::to_string(r.min) + ",}";
+        else
+            r.min = pick(3), r.max = r.min + 1 + pick(2),
+            r.text = a.text + "{" + std::to_string(r.min) + "," + std::to_string(r.max) + "}";
         r.kids.push_back(a);
         return r;
     }
