@@ -170,13 +170,7 @@ TEST(LssFinder, SinglePassCandidatesInOrder) {
 }
 
 TEST(LssFinder, Trim) {
-    struct Row {
-        const char *pattern;
-        uint32_t flags;
-        int result;
-        const char *trimmed;
-        uint32_t anchors;
-    };
+    struct Row { const char *pattern; uint32_t flags; int result; const char *trimmed; uint32_t anchors; };
     const Row rows[] = {
         {"^abc", 0, 0, "abc", 0x80000},
         {"^.*abc", 0, 0, ".*abc", 0x80000},  // no leading .* after ^
@@ -209,11 +203,7 @@ Lss one_string(const std::string &s) {
 }
 
 TEST(LssFinder, AnchorFlags) {
-    struct Row {
-        const char *with, *plain;
-        int result;
-        uint32_t anchors;
-    };
+    struct Row { const char *with, *plain; int result; uint32_t anchors; };
     const Row rows[] = {
         {"^abc", "abc", 0, 0x80000},  {"abc$", "abc", 0, 0x40000},  {"^abc$", "abc", 0, 0xC0000},
         {"^ab$", "ab$", 0, 0x80000},  {"^ab$$", "ab$", 0, 0},       {"xabc", "abc", 0, 0},
@@ -236,10 +226,7 @@ TEST(LssFinder, AlternationText) {
         vael_pm_lss_candidate *c = vael_pm_lss_candidate_create_simple(bytes(s), (uint32_t)std::strlen(s));
         ASSERT_EQ(vael_pm_lss_add_candidate(lss.get(), &c), 0);
     }
-    struct Row {
-        uint32_t flags;
-        const char *text;
-    };
+    struct Row { uint32_t flags; const char *text; };
     for (const Row &row : {Row{0, "abc|de"}, Row{0x80000, "^abc|de"}, Row{0x40000, "abc|de$"},
                            Row{0xC0000, "^abc|de$"}}) {
         uint32_t len = 0;
@@ -251,10 +238,7 @@ TEST(LssFinder, AlternationText) {
 }
 
 TEST(LssFinder, AllocationFailuresEndInNoResult) {
-    struct Case {
-        const char *pattern;
-        Strings expected;
-    };
+    struct Case { const char *pattern; Strings expected; };
     const Case cases[] = {
         {"abc|def", {"abc", "def"}}, {"(abc|def)x", {"x"}}, {"xabcy.|zabcw", {"abc"}}, {"ab{2,3}c", {"bbc"}},
         {"(ab)+c[0-9]*d{3}", {"abc"}},

@@ -55,13 +55,7 @@ std::vector<uint32_t> bm_all(const std::string &hay, const std::string &p, bool 
 }
 
 TEST(KwBm, SearchEdges) {
-    struct Case {
-        std::string hay, p;
-        bool caseless;
-        uint32_t start;
-        int found;
-        uint32_t at;
-    } cases[] = {
+    struct Case { std::string hay, p; bool caseless; uint32_t start; int found; uint32_t at; } cases[] = {
         {"abcd", "abcd", false, 0, 1, 0},  {"abce", "abcd", false, 0, 0, 0}, {"abc", "abcd", false, 0, 0, 0},
         {"ababab", "abab", false, 1, 1, 2}, {"xxABAB", "abab", true, 0, 1, 2}, {"xxABAB", "abab", false, 0, 0, 0},
         {"\x80\xff\xe9", "\xff\xe9", false, 0, 1, 1}, {"\xc9", "\xe9", true, 0, 0, 0},

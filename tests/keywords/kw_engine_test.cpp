@@ -43,11 +43,7 @@ std::string rule_of(int keywords) {
 // Each keyword's create is handed its text from the name up to its ';',
 // which becomes ','; the type goes by the name's prefix.
 TEST(KwGrammar, KeywordTexts) {
-    struct Case {
-        std::string rule;
-        std::vector<std::string> texts;
-        std::vector<uint32_t> types;
-    };
+    struct Case { std::string rule; std::vector<std::string> texts; std::vector<uint32_t> types; };
     const Case cases[] = {
         {R"(  data: "a" ;	length: 1 , min ;  )", {R"(data: "a",)", "length: 1, min,"}, {0, 1}},
         // Whitespace in front of ',' and ';' falls away outside quotes only.
@@ -81,10 +77,7 @@ TEST(KwGrammar, KeywordTexts) {
 // Which keywords give up at once on failure: an absolute one, and a
 // monotonous one while all before it preserve order.
 TEST(KwGrammar, GiveUpProperty) {
-    struct Case {
-        std::string rule;
-        std::vector<bool> give_up;
-    } cases[] = {
+    struct Case { std::string rule; std::vector<bool> give_up; } cases[] = {
         {R"(data: "a"; data: "b";)", {true, true}}, {R"(data: "a", relative; data: "b", relative;)", {true, true}},
         {R"(data: "a", relative, depth 2; data: "b", relative;)", {false, true}},  // depth: not monotonous
         {R"(data: "a", relative, unordered; data: "b", relative;)", {true, false}},
@@ -138,12 +131,7 @@ TEST(KwDecision, RangeOfAKeyword) {
 
 // Whole runs; the trace is what the keywords were asked, in order.
 TEST(KwRun, RulesOverBuffers) {
-    struct Case {
-        const char *rule, *buf;
-        int rc, is_match;
-        uint32_t match_end;
-        std::vector<std::string> trace;
-    };
+    struct Case { const char *rule, *buf; int rc, is_match; uint32_t match_end; std::vector<std::string> trace; };
     const Case cases[] = {
         // The first "a" has no "b" right behind it: back, and the second has.
         {R"(data: "a", relative; data: "b", relative, depth 1;)", "axab", 0, 1, 3,

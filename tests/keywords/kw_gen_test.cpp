@@ -20,22 +20,19 @@ const vael_kw_gen_ctx kCtx = {vael::cli::gen_fill, vael::cli::gen_regex};
 const std::string kFail = VAEL_KW_GEN_FAIL_TEXT;
 const std::string kMiss = VAEL_KW_GEN_MISS_TEXT;
 
-struct Generated {
-    int rc = -2;
-    std::string buf;
-};
+struct Generated { int rc = -2; std::string buf; };
 
 // Generated into a heap block of exactly `size` bytes, so that a write past
 // the caller's size is ASan's to see; the accounts return to where they were,
 // so the keywords made for either road are given back.
-Generated generate(const std::string &rule, int match, uint32_t size = 4096, int verbose = 0) {
+Generated generate(const std::string &rule, int match, uint32_t size = 4096) {
     const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
     vael_pmglob_string *s =
         vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
     auto *block = static_cast<unsigned char *>(std::malloc(size ? size : 1));
     uint32_t len = size;
     Generated g;
-    g.rc = vael_kw_mgr_gen_test_buf(s, block, &len, match, verbose, &kCtx);
+    g.rc = vael_kw_mgr_gen_test_buf(s, block, &len, match, 0, &kCtx);
     EXPECT_LE(len, size) << rule;
     if (g.rc == 0 && len <= size)
         g.buf.assign(reinterpret_cast<const char *>(block), len);
@@ -58,23 +55,16 @@ std::string hex(const std::string &bytes) { return vael::cli::escape_bytes(bytes
 // filler), or the failure text where none can be made. The rule must match
 // the one and not match the mismatch buffer.
 TEST(KwGenTestBuf, RulesJudgeTheirOwnBuffers) {
-    const struct {
-        const char *rule;
-        std::string buf;
-    } rows[] = {
-        {"data: \"abc\";", "abc........"},
-        {"data: \"abc\", offset 2;", "..abc........"},
+    const struct { const char *rule; std::string buf; } rows[] = {
+        {"data: \"abc\";", "abc........"}, {"data: \"abc\", offset 2;", "..abc........"},
         {"data: \"x\"; data: \"yz\", relative;", "xyz........"},
         {"data: \"x\"; data: \"yz\", relative, offset 2;", "x..yz........"},
         {"data: \"x\"; data: \"yz\", depth 4, offset 3;", "x..yz........"},
-        {"data: \"k\"; data: \"ab\", caret, relative;", "kab........"},
-        {"data: \"AbC\", nocase;", "abc........"},
-        {"data: \"|41 42|\\;\";", "AB;........"},
-        {"delim='; data: 'q'; data: !'zz', relative;", "q........"},
+        {"data: \"k\"; data: \"ab\", caret, relative;", "kab........"}, {"data: \"AbC\", nocase;", "abc........"},
+        {"data: \"|41 42|\\;\";", "AB;........"}, {"delim='; data: 'q'; data: !'zz', relative;", "q........"},
         {"length: 20, exact; data: \"z\";", "z" + std::string(19, '.')},
         {"data: \"abc\"; length: 20, exact;", "abc" + std::string(17, '.')},
-        {"data: \"abc\"; length: 4, exact, relative;", "abc...."},
-        {"data: \"abc\"; length: 10, max;", "abc......"},
+        {"data: \"abc\"; length: 4, exact, relative;", "abc...."}, {"data: \"abc\"; length: 10, max;", "abc......"},
         {"data: \"abc\"; length: 4090, min, relative;", "abc" + std::string(4092, '.')},
         {"test: 2, =, 0x4142, 0; data: \"z\", offset 2;", "ABz........"},
         {"data: \"k\"; test: 2, >, 20000, 0, relative, little;", "k!N......"},
@@ -90,24 +80,16 @@ TEST(KwGenTestBuf, RulesJudgeTheirOwnBuffers) {
          std::string("\x02\x00........e........", 19)},
         {"jump: 1, 0, string; data: \"z\", relative;", "1z........"},
         {"data: \"ab\"; jump: 1, 0, relative, from_beginning; data: \"c\", relative;", "ab\x03" "c........"},
-        {"pcre: \"/a(b|cd)*e{2,3}/\";", "aee........"},
-        {"pcre: \"/[^abc]x/\"; data: \"!\", relative;", "dx!........"},
-        {"re: \"/X+Y/i\";", "xy........"},
-        {"data: \"k\"; pcre: \"/^mn/\", relative;", "kmn........"},
+        {"pcre: \"/a(b|cd)*e{2,3}/\";", "aee........"}, {"pcre: \"/[^abc]x/\"; data: \"!\", relative;", "dx!........"},
+        {"re: \"/X+Y/i\";", "xy........"}, {"data: \"k\"; pcre: \"/^mn/\", relative;", "kmn........"},
         {"data: \"a\"; re: \"/q/\", depth 5, offset 1, relative;", "a.q........"},
         {"pcre: !\"/z/\"; data: \"y\";", "y........"},
         // None can be made.
-        {"data: \"x\"; test: 1, =, 1, 0;", kFail},
-        {"data: \"x\"; jump: 1, 0;", kFail},
-        {"data: \"x\"; pcre: \"/^y/\";", kFail},
-        {"data: \"x\"; pcre: \"/y/\", depth 3;", kFail},
-        {"data: \"x\"; test: 1, &, 1, 0, relative;", kFail},
-        {"data: \"abcdef\", depth 3;", kFail},
-        {"test: 1, =, 300, 0;", kFail},
-        {"test: 1, <, 0, 0;", kFail},
-        {"length: 5, exact; data: \"abcdef\";", kFail},
-        {"data: \"abc\"; length: 2, exact;", kFail},
-        {"length: 5000, exact;", kFail},
+        {"data: \"x\"; test: 1, =, 1, 0;", kFail}, {"data: \"x\"; jump: 1, 0;", kFail},
+        {"data: \"x\"; pcre: \"/^y/\";", kFail}, {"data: \"x\"; pcre: \"/y/\", depth 3;", kFail},
+        {"data: \"x\"; test: 1, &, 1, 0, relative;", kFail}, {"data: \"abcdef\", depth 3;", kFail},
+        {"test: 1, =, 300, 0;", kFail}, {"test: 1, <, 0, 0;", kFail}, {"length: 5, exact; data: \"abcdef\";", kFail},
+        {"data: \"abc\"; length: 2, exact;", kFail}, {"length: 5000, exact;", kFail},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.rule);
@@ -158,42 +140,20 @@ TEST(KwGenTestBuf, SizesAroundTheNeededLength) {
     EXPECT_EQ(generate(rules[0], 0, 10).buf, kMiss.substr(0, 9));
 }
 
-// Calls that give -1, each with its log line, and what is logged by verbosity.
-TEST(KwGenTestBuf, RefusalsAndVerbosity) {
+// Calls that give -1, and the failure to make a buffer, each with the line
+// the operator reads.
+TEST(KwGenTestBuf, Refusals) {
     unsigned char buf[64];
     uint32_t len = sizeof buf;
-    {
-        vael_test::LogCapture log;
-        vael_test::ScopedTopic topic("K_KW", VAEL_DBG_ERR);
-        EXPECT_EQ(vael_kw_mgr_gen_test_buf(nullptr, buf, &len, 1, 0, &kCtx), -1);
-        EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: No keywords rule.\n")) << log.text();
-        EXPECT_EQ(generate("data: \"abc\"", 1).rc, -1);
-        EXPECT_EQ(generate("lenght: 3, exact;", 0).rc, -1);
-        EXPECT_TRUE(log.contains("failed to add keywords. error is Rule contains illegal keyword name\n"));
-        EXPECT_EQ(generate("data: \"x\"; test: 1, =, 1, 0;", 1).buf, kFail);
-        EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: --==ERROR==-- Fail to gen buffer\n"));
-    }
-    const struct {
-        int verbose;
-        int match;
-        const char *present;
-        const char *absent;
-    } rows[] = {
-        {0, 1, nullptr, "vael_kw_mgr_gen_test_buf"},
-        {1, 1, "matching buffer of 11 bytes", "keyword 0"},
-        {1, 0, "mismatch buffer of 23 bytes", "keyword 0"},
-        {2, 1, "keyword 1 (pcre): written, cursor 3, length 4096", nullptr},
-    };
-    for (const auto &row : rows) {
-        vael_test::LogCapture log;
-        generate("data: \"ab\"; pcre: \"/c/\", relative;", row.match, 4096, row.verbose);
-        if (row.present) {
-            EXPECT_TRUE(log.contains(row.present)) << log.text();
-        }
-        if (row.absent) {
-            EXPECT_FALSE(log.contains(row.absent)) << log.text();
-        }
-    }
+    vael_test::LogCapture log;
+    vael_test::ScopedTopic topic("K_KW", VAEL_DBG_ERR);
+    EXPECT_EQ(vael_kw_mgr_gen_test_buf(nullptr, buf, &len, 1, 0, &kCtx), -1);
+    EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: No keywords rule.\n")) << log.text();
+    EXPECT_EQ(generate("data: \"abc\"", 1).rc, -1);
+    EXPECT_EQ(generate("lenght: 3, exact;", 0).rc, -1);
+    EXPECT_TRUE(log.contains("failed to add keywords. error is Rule contains illegal keyword name\n"));
+    EXPECT_EQ(generate("data: \"x\"; test: 1, =, 1, 0;", 1).buf, kFail);
+    EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: --==ERROR==-- Fail to gen buffer\n"));
 }
 
 // Both roads give back every keyword they made, and every allocation failure

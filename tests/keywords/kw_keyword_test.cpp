@@ -195,11 +195,7 @@ TEST(KwKeyword, Execute) {
     }
 }
 
-struct Call {
-    uint32_t start, size;
-    int from_backtrack, match;
-    uint32_t next_offset, prev_scan_after;
-};
+struct Call { uint32_t start, size; int from_backtrack, match; uint32_t next_offset, prev_scan_after; };
 // Calls of one `data` keyword in a row over one buffer, as a backtracking
 // rule makes them, its scan memory carried between them.
 void run_calls(const char *text, const std::string &data, const std::vector<Call> &calls) {
@@ -271,9 +267,7 @@ TEST(KwKeyword, Images) {
         // Fields that would make the search read or step where it must not,
         // and a wrong magic.
         const uint32_t m = k.type == VAEL_KW_TYPE_DATA ? k.data()->pattern_len : 0;
-        struct Damage {
-            uint32_t at, value, bytes;
-        };
+        struct Damage { uint32_t at, value, bytes; };
         std::vector<Damage> damages = {{0, 0x53525a4a, 4}};
         if (m)
             damages.insert(damages.end(), {{28, 0, 4}, {28, 0x7fffffff, 4}, {28, m + 1, 4}, {32, 0, 4},

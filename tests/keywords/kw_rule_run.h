@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,13 +34,14 @@ inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
     return image;
 }
 
-// From a block of exactly `size` bytes, so a read past it is ASan's.
-inline vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size) {
+// From a block of exactly `size` bytes, so a read past it is ASan's. With
+// `quiet` off the load's log lines reach the caller's capture.
+inline vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size, bool quiet = true) {
     auto *copy = static_cast<unsigned char *>(std::malloc(size ? size : 1));
     std::memcpy(copy, image.data(), size);
     const unsigned char *p = copy;
     uint32_t space = size;
-    vael_test::LogCapture quiet;
+    std::unique_ptr<vael_test::LogCapture> capture(quiet ? new vael_test::LogCapture : nullptr);
     auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
     std::free(copy);
     return mgr;

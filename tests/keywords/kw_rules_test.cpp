@@ -9,58 +9,19 @@
 #include <string>
 #include <vector>
 
-#include "keywords/vael_kw_mgr.h"
+#include "tests/keywords/kw_rule_run.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
 using vael_test::LogCapture;
 
-vael_kw_mgr *compile(const std::string &rule, vael_pm_error *err) {
-    vael_pm_error_init(err);
-    vael_pmglob_string *s =
-        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
-    LogCapture quiet;
-    auto *mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(s, 0, 0, err));
-    vael_pmglob_string_destroy(s);
-    return mgr;
-}
+using kw_run::compile;
+using kw_run::image_of;
+using kw_run::load;
+using kw_run::verdict;
 
-std::vector<unsigned char> image_of(void *mgr) {
-    std::vector<unsigned char> image(vael_kw_mgr_serialize_get_size(mgr));
-    unsigned char *p = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), 0);
-    return image;
-}
-
-vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size) {
-    auto *copy = static_cast<unsigned char *>(std::malloc(size ? size : 1));
-    std::memcpy(copy, image.data(), size);
-    const unsigned char *p = copy;
-    uint32_t space = size;
-    auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
-    std::free(copy);
-    return mgr;
-}
-
-// -1: no match; else the match's end.
-int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
-    int is_match = 0;
-    uint32_t end = 0;
-    LogCapture quiet;
-    const int rc = vael_kw_mgr_exec(mgr, reinterpret_cast<const unsigned char *>(buf.data()), (uint32_t)buf.size(),
-                                    &is_match, &end);
-    EXPECT_EQ(rc, 0);
-    return is_match ? (int64_t)end : -1;
-}
-
-struct PmRule {
-    std::string lss, rule;
-    int32_t id;
-    bool no_history;
-};
+struct PmRule { std::string lss, rule; int32_t id; bool no_history; };
 
 int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
              int *) {
@@ -117,21 +78,8 @@ TEST(KwRules, OverBuffers) {
         {R"(data: "b", depth 2;)", "aab", -1}, {R"(delim=';data: 'a;b';)", "xa;b", 3},
         {R"(data: "a|3b|b";)", "xa;b", 3},
     };
-    for (const auto &c : cases) {
-        vael_pm_error err;
-        vael_kw_mgr *mgr = compile(c.rule, &err);
-        ASSERT_NE(mgr, nullptr) << c.rule << ": " << (err.error_string ? err.error_string : "");
-        LogCapture quiet;
-        vael_kw_mgr *loaded = load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr));
-        ASSERT_NE(loaded, nullptr) << c.rule;
-        auto *dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr));
-        ASSERT_NE(dup, nullptr) << c.rule;
-        for (vael_kw_mgr *m : {mgr, loaded, dup})
-            EXPECT_EQ(verdict(m, c.buf), c.end) << c.rule << (m == mgr ? " compiled" : m == dup ? " duplicated" : " loaded");
-        vael_kw_mgr_destroy(dup);
-        vael_kw_mgr_destroy(loaded);
-        vael_kw_mgr_destroy(mgr);
-    }
+    for (const auto &c : cases)
+        kw_run::expect_verdicts(c.rule, {{c.buf, c.end}});
 }
 
 // Refused rules: the text the author reads, the keyword's own first; through
@@ -141,11 +89,7 @@ TEST(KwRules, Refusals) {
     std::string too_many;
     for (int i = 0; i < 101; i++)
         too_many += "length: 1, min; ";
-    struct Case {
-        std::string rule;
-        const char *text;
-        uint32_t type;
-    } cases[] = {
+    struct Case { std::string rule; const char *text; uint32_t type; } cases[] = {
         {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported", 0},
         {R"(data: "|4|";)", "incomplete hex data in data keyword", 0},
         {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
@@ -190,7 +134,7 @@ TEST(KwRules, ImageCutsAndCorruptions) {
     vael_kw_mgr_destroy(mgr);
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
     for (uint32_t cut = 0; cut < image.size(); cut++) {
-        vael_kw_mgr *m = load(image, cut);
+        vael_kw_mgr *m = load(image, cut, false);
         EXPECT_EQ(m, nullptr) << "cut at " << cut;
         vael_kw_mgr_destroy(m);
         ASSERT_EQ(vael_pmglob_memory_get_alloc_total(), before) << "cut at " << cut;
@@ -200,10 +144,7 @@ TEST(KwRules, ImageCutsAndCorruptions) {
         std::memcpy(copy.data() + at, &value, 4);
         return copy;
     };
-    struct Case {
-        std::vector<unsigned char> bytes;
-        const char *log;
-    } cases[] = {
+    struct Case { std::vector<unsigned char> bytes; const char *log; } cases[] = {
         {with_word(0, 0x53525a48), "Wrong serialization magic (53525a48)"},
         {with_word(4, 101), "keywords number is too big (101 > 100)"},
         {with_word(8, 6), "can't add keyword, invalid keyword type 6"},
@@ -214,7 +155,7 @@ TEST(KwRules, ImageCutsAndCorruptions) {
     vael_test::ScopedTopic all("K_KW", VAEL_DBG_INFO), errors("K_ERROR", VAEL_DBG_INFO);
     for (const auto &c : cases) {
         log.clear();
-        vael_kw_mgr *m = load(c.bytes, (uint32_t)c.bytes.size());
+        vael_kw_mgr *m = load(c.bytes, (uint32_t)c.bytes.size(), false);
         EXPECT_EQ(m, nullptr) << c.log;
         vael_kw_mgr_destroy(m);
         EXPECT_TRUE(log.contains(c.log)) << c.log << ": " << log.text();
@@ -237,31 +178,50 @@ TEST(KwRules, ImageCutsAndCorruptions) {
     }
 }
 
+// Compile, duplicate and load walk through the allocation failures of rules
+// with every kind of keyword: each allocation in turn for the plain ones,
+// each site once where PCRE compiles (its allocations are many, and a load
+// compiles again). The survivors judge alike.
 TEST(KwRules, AllocationFailures) {
-    vael_pmglob_string *rule =
-        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(kRule), std::strlen(kRule), -1, 0);
-    vael_pm_error err;
-    vael_kw_mgr *mgr = nullptr, *dup = nullptr, *loaded = nullptr;
-    LogCapture quiet;
-    // A keyword names its own allocation failures, some as illegal.
-    auto walk = vael_test::failmem_walk_each_allocation(
-        [&] {
-            vael_pm_error_init(&err);
-            return (mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err))) != nullptr;
-        },
-        [&] { return err.error_string != nullptr; });
-    EXPECT_GE(walk.rounds, 8);
-    vael_pmglob_string_destroy(rule);
-    ASSERT_NE(mgr, nullptr);
-    walk = vael_test::failmem_walk_each_allocation(
-        [&] { return (dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))) != nullptr; }, [] { return true; });
-    EXPECT_GE(walk.rounds, 8);
-    const auto image = image_of(mgr);
-    walk = vael_test::failmem_walk_each_allocation(
-        [&] { return (loaded = load(image, (uint32_t)image.size())) != nullptr; }, [] { return true; });
-    EXPECT_GE(walk.rounds, 7);
-    for (vael_kw_mgr *m : {mgr, dup, loaded})
-        vael_kw_mgr_destroy(m);
+    const std::string plain = std::string(kRule) + " jump: 1, 0, relative, align;";
+    for (const std::string &text : {plain, plain + R"( pcre: "/a+b/i"; re: "/c+d/", relative;)"}) {
+        SCOPED_TRACE(text);
+        const bool each = text == plain;
+        auto walk = [&](auto attempt, auto clean) {
+            return each ? vael_test::failmem_walk_each_allocation(attempt, clean)
+                        : vael_test::failmem_walk(attempt, clean);
+        };
+        vael_pmglob_string *rule =
+            vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), -1, 0);
+        vael_pm_error err;
+        vael_kw_mgr *mgr = nullptr, *dup = nullptr, *loaded = nullptr;
+        LogCapture quiet;
+        // A keyword names its own allocation failures, some as illegal.
+        EXPECT_GE(walk(
+                      [&] {
+                          vael_pm_error_init(&err);
+                          return (mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err))) !=
+                                 nullptr;
+                      },
+                      [&] { return err.error_string != nullptr; })
+                      .rounds,
+                  8);
+        vael_pmglob_string_destroy(rule);
+        ASSERT_NE(mgr, nullptr);
+        EXPECT_GE(walk([&] { return (dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))) != nullptr; },
+                       [] { return true; })
+                      .rounds,
+                  each ? 8 : 3);
+        const auto image = image_of(mgr);
+        EXPECT_GE(walk([&] { return (loaded = load(image, (uint32_t)image.size())) != nullptr; }, [] { return true; })
+                      .rounds,
+                  each ? 7 : 3);
+        for (const char *buf : {"xABC12zaab\x01" "c.ccd", "xABC12z", "ab"})
+            for (vael_kw_mgr *m : {dup, loaded})
+                EXPECT_EQ(verdict(m, buf), verdict(mgr, buf)) << buf;
+        for (vael_kw_mgr *m : {mgr, dup, loaded})
+            vael_kw_mgr_destroy(m);
+    }
 }
 
 // A first-tier hit on the rule's LSS runs the rule over the whole data: with
@@ -274,10 +234,7 @@ TEST(KwRules, ThroughThePm) {
                                      {"zz", R"(data: "x";)", 9, false}},
                                     &err);
     ASSERT_NE(pm, nullptr) << (err.error_string ? err.error_string : "");
-    struct Case {
-        std::string history, present;
-        std::vector<vael_test::Hit> hits;
-    } cases[] = {
+    struct Case { std::string history, present; std::vector<vael_test::Hit> hits; } cases[] = {
         {"", "abxxabcd", {{7, 7}, {8, 7}}}, {"", "abxxab", {}}, {"", "xx", {}},
         {"xxab", "cd", {{7, 5}}}, {"xxab", "abcd", {{7, 7}, {8, 3}}},
     };

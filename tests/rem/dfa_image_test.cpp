@@ -11,6 +11,7 @@
 
 namespace {
 
+using vael_test::chain;
 using vael_test::LogCapture;
 using Image = std::vector<unsigned char>;
 
@@ -59,24 +60,6 @@ struct Owned {
     ~Owned() { vael_dfa_destroy(dfa); }
 };
 
-// A finished chain of n states: 'a' moves on, any other byte goes back to the
-// start; the last state is final with two pattern ids and stays. Past 7767
-// states it is a machine of several blocks with packed tables.
-vael_dfa *chain(uint32_t n) {
-    vael_dfa *dfa = vael_dfa_create(0, nullptr);
-    vael_dfa_set_state_limit(dfa, 0);
-    std::vector<vael_dfa_state *> s;
-    for (uint32_t i = 0; i < n; i++)
-        s.push_back(vael_dfa_state_create(dfa));
-    for (uint32_t i = 0; i < n; i++)
-        for (unsigned c = 0; c < 256; c++)
-            vael_dfa_state_add_trans(s[i], (unsigned char)c, i == n - 1 ? s[i] : c == 'a' ? s[i + 1] : s[0]);
-    vael_dfa_state_set_final(s[n - 1], 5, 0, 0);
-    vael_dfa_state_set_final(s[n - 1], 9, 0, 0);
-    vael_dfa_set_initial_state(dfa, s[0]);
-    return vael_dfa_finalize(dfa);
-}
-
 TEST(DfaImage, LoadedMachinesRunLikeTheirWriters) {
     const char *patterns[] = {"abc", "a[0-9]+b", "^ab|cd$", "(ab|ba)*c", "x.{2}y", "[^a]bc", "(a|b)*abb", "0{2,4}1"};
     std::vector<std::pair<std::string, vael_dfa *>> machines;
@@ -124,13 +107,7 @@ TEST(DfaImage, BrokenImagesAreRefusedWithTheirWords) {
     vael_test::Rem rem("abc");
     const Image good = image_of(rem.get());
     const size_t table = 16 + 18, patterns = table + 512, stats = good.size() - 20;
-    const struct {
-        const char *what;
-        size_t at;
-        uint32_t value;
-        size_t bytes;
-        const char *words;
-    } rows[] = {
+    const struct { const char *what; size_t at; uint32_t value; size_t bytes; const char *words; } rows[] = {
         {"head magic", 0, 0x53525A4E, 4, "Wrong serialization magic (53525a4e)"},
         {"state magic", 16, 0, 1, "Wrong serialization magic"},
         {"statistics magic", stats, 0, 1, "Wrong serialization magic"},

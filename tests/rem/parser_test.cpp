@@ -125,12 +125,15 @@ class RemParser : public testing::Test {
     vael_rem_token_class classes_[VAEL_REM_NUM_CLASSES];
 };
 
-TEST_F(RemParser, GroupingAndPrecedence) {
-    struct Row {
+// How the parser grouped a pattern, or how and where it refused it.
+TEST_F(RemParser, GroupingPrecedenceAndRefusals) {
+    const char *const kOperands = "Not enough operands for the operator";
+    const struct {
         const char *pattern;
-        const char *tree;
-    };
-    const Row rows[] = {
+        const char *tree;   // empty: refused
+        const char *error;  // the refusal's words, null for none
+        uint32_t index;     // of a refusal
+    } rows[] = {
         {"a", "a"}, {"ab", "cat(a,b)"},
         {"abc", "cat(cat(a,b),c)"},  // left associative
         {"a|b|c", "alt(alt(a,b),c)"}, {"ab|cd", "alt(cat(a,b),cat(c,d))"}, {"ab*", "cat(a,star(b))"},
@@ -140,39 +143,19 @@ TEST_F(RemParser, GroupingAndPrecedence) {
         // An omitted operand beside '(', ')' or '|' is the empty string.
         {"()", "E"}, {"(|a)", "alt(E,a)"}, {"(a|)", "alt(a,E)"}, {"(*a)", "cat(star(E),a)"},
         {"(?:a)", "cat(cat(rep{0,1}(E),:),a)"}, {"((a))", "a"},
+        {"", "", nullptr, 0},  // no operand at all
+        {"a)", "", "Correlating '(' for ')' is missing", 2}, {"(a", "", "Missing a closing ')'", 2},
+        {"*a", "", kOperands, 2}, {"a|", "", kOperands, 2}, {"a||b", "", kOperands, 3},
+        {"a{x", "", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
+        {"(a[b)", "", "Could not find closing bracket ']'", 5},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pattern);
         Parsed p = parse(row.pattern);
-        EXPECT_EQ(p.tree, row.tree) << row.pattern;
-        EXPECT_EQ(p.error, nullptr) << row.pattern;
-        EXPECT_EQ(p.index, std::strlen(row.pattern)) << row.pattern;
-    }
-}
-
-TEST_F(RemParser, RefusalsWithWordsAndPosition) {
-    struct Row {
-        const char *pattern;
-        const char *error;  // null: refused without words
-        uint32_t index;
-    };
-    const Row rows[] = {
-        {"", nullptr, 0},  // no operand at all
-        {"a)", "Correlating '(' for ')' is missing", 2}, {"(a", "Missing a closing ')'", 2},
-        {"*a", "Not enough operands for the operator", 2}, {"a|", "Not enough operands for the operator", 2},
-        {"a||b", "Not enough operands for the operator", 3},
-        {"a{x", "Illegal sequence beginning with '{': '{' must be followed by a digit", 2},
-        {"(a[b)", "Could not find closing bracket ']'", 5},
-    };
-    for (const Row &row : rows) {
-        Parsed p = parse(row.pattern);
-        EXPECT_EQ(p.tree, "") << row.pattern;
-        if (row.error) {
-            EXPECT_STREQ(p.error, row.error) << row.pattern;
-            EXPECT_EQ(p.type, (uint32_t)VAEL_PM_ERROR_ILLEGAL) << row.pattern;
-        } else {
-            EXPECT_EQ(p.error, nullptr) << row.pattern;
-        }
-        EXPECT_EQ(p.index, row.index) << row.pattern;
+        EXPECT_EQ(p.tree, row.tree);
+        EXPECT_STREQ(p.error, row.error);
+        EXPECT_EQ(p.index, *row.tree ? std::strlen(row.pattern) : row.index);
+        EXPECT_EQ(p.type, row.error ? (uint32_t)VAEL_PM_ERROR_ILLEGAL : p.type);
     }
 }
 

@@ -78,6 +78,24 @@ class Rem {
     vael_pm_error err_{};
 };
 
+// A finished chain of n states: 'a' moves on, any other byte goes back to the
+// start; the last state is final with two pattern ids and stays. Past 7767
+// states it is a machine of several blocks with packed tables.
+inline vael_dfa *chain(uint32_t n, uint32_t flags = 0) {
+    vael_dfa *dfa = vael_dfa_create(flags, nullptr);
+    vael_dfa_set_state_limit(dfa, 0);
+    std::vector<vael_dfa_state *> s;
+    for (uint32_t i = 0; i < n; i++)
+        s.push_back(vael_dfa_state_create(dfa));
+    for (uint32_t i = 0; i < n; i++)
+        for (unsigned c = 0; c < 256; c++)
+            vael_dfa_state_add_trans(s[i], (unsigned char)c, i == n - 1 ? s[i] : c == 'a' ? s[i + 1] : s[0]);
+    vael_dfa_state_set_final(s[n - 1], 5, 0, 0);
+    vael_dfa_state_set_final(s[n - 1], 9, 0, 0);
+    vael_dfa_set_initial_state(dfa, s[0]);
+    return vael_dfa_finalize(dfa);
+}
+
 // A random expression of the grammar REM and PCRE share: letters of
 // `letters`, classes of single letters (a span in a negated REM bracket
 // excludes nothing, so spans stay out), the dot, groups, alternation, and

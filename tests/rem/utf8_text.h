@@ -11,9 +11,7 @@
 
 namespace vael_test {
 
-struct ByteSpan {
-    unsigned lo, hi;
-};
+struct ByteSpan { unsigned lo, hi; };
 using Alternative = std::vector<ByteSpan>;
 
 // Parses a hexa text; false for anything else.
