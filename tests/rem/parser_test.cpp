@@ -131,8 +131,8 @@ TEST_F(RemParser, GroupingPrecedenceAndRefusals) {
     const struct {
         const char *pattern;
         const char *tree;   // empty: refused
-        const char *error;  // the refusal's words, null for none
-        uint32_t index;     // of a refusal
+        const char *error = nullptr;  // the refusal's words, null for none
+        uint32_t index = 0;           // of a refusal
     } rows[] = {
         {"a", "a"}, {"ab", "cat(a,b)"},
         {"abc", "cat(cat(a,b),c)"},  // left associative
