@@ -6,30 +6,23 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "pattern_file.h"
-
-extern char **environ;
+#include "scan_runner.h"
 
 namespace {
 
 using namespace std::string_literals;
-namespace fs = std::filesystem;
-using Args = std::vector<std::string>;
+using vael_cli_test::Args;
+using vael_cli_test::Launch;
+using vael_cli_test::Result;
 using Set = std::multiset<std::string>;
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -37,26 +30,6 @@ constexpr bool kSanitized = true;  // the sanitizer's shadow memory makes RSS an
 #else
 constexpr bool kSanitized = false;
 #endif
-
-struct Result {
-    int status = -1;  // exit status, or -1 when the program did not exit normally
-    std::string out, err;
-    long max_rss_kib = 0;           // the child's peak resident memory
-    std::size_t stdin_written = 0;  // bytes the child's standard input took before it closed
-};
-
-// How the child is started, beyond its arguments.
-struct Launch {
-    std::string stdin_bytes;               // written to a pipe on its standard input
-    std::vector<std::string> env;          // NAME=VALUE added to the environment
-    rlim_t address_space = RLIM_INFINITY;  // RLIMIT_AS of the child
-};
-
-std::string slurp(const fs::path &path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 // A run's output lines as a set: the order within a run may differ.
 Set lines(const std::string &out) {
@@ -68,78 +41,11 @@ Set lines(const std::string &out) {
 
 class VaelScan : public testing::Test {
 protected:
-    void SetUp() override {
-        const auto *info = testing::UnitTest::GetInstance()->current_test_info();
-        dir_ = fs::temp_directory_path() / ("vael_scan_"s + info->name() + "_" + std::to_string(::getpid()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
+    std::string write(const std::string &name, const std::string &bytes) { return dir_.write(name, bytes); }
+    Result run(Args args, const Launch &launch = {}) { return dir_.run(std::move(args), launch); }
+    Result run(Args args, std::string stdin_bytes) { return run(std::move(args), Launch{std::move(stdin_bytes)}); }
 
-    std::string write(const std::string &name, const std::string &bytes) {
-        const auto path = dir_ / name;
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << bytes;
-        return path.string();
-    }
-
-    // Runs vael-scan with the arguments, stdout and stderr captured in files.
-    Result run(Args args, const Launch &launch = {}) {
-        const auto out_path = dir_ / ".stdout", err_path = dir_ / ".stderr";
-        args.insert(args.begin(), VAEL_SCAN_PATH);
-        std::vector<std::string> env(launch.env);
-        for (char **e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-        std::vector<char *> argv, envp;
-        for (auto &s : args) argv.push_back(s.data());
-        for (auto &s : env) envp.push_back(s.data());
-        argv.push_back(nullptr);
-        envp.push_back(nullptr);
-        int in_pipe[2];
-        if (::pipe(in_pipe) != 0) return {};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in_pipe[0], 0);
-        posix_spawn_file_actions_addclose(&actions, in_pipe[0]);
-        posix_spawn_file_actions_addclose(&actions, in_pipe[1]);
-        posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        // The child takes the limit from this process, which lifts it again
-        // at once; posix_spawn shares the memory rather than copying it, so
-        // the child's peak resident memory is its own.
-        rlimit saved{};
-        ::getrlimit(RLIMIT_AS, &saved);
-        rlimit limit = saved;
-        limit.rlim_cur = std::min(launch.address_space, saved.rlim_max);
-        ::setrlimit(RLIMIT_AS, &limit);
-        pid_t pid = -1;
-        const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-        ::setrlimit(RLIMIT_AS, &saved);
-        posix_spawn_file_actions_destroy(&actions);
-        EXPECT_EQ(spawned, 0) << "cannot start " << argv[0];
-        ::close(in_pipe[0]);
-        ::signal(SIGPIPE, SIG_IGN);  // the child may stop reading early (-q)
-        Result result;
-        const std::string &in = launch.stdin_bytes;
-        for (ssize_t n = 1; n > 0 && result.stdin_written < in.size(); result.stdin_written += n > 0 ? n : 0)
-            n = ::write(in_pipe[1], in.data() + result.stdin_written, in.size() - result.stdin_written);
-        ::close(in_pipe[1]);
-        int wait_status = 0;
-        rusage usage{};
-        while (::wait4(pid, &wait_status, 0, &usage) < 0 && errno == EINTR) {
-        }
-        if (WIFEXITED(wait_status)) result.status = WEXITSTATUS(wait_status);
-        result.out = slurp(out_path);
-        result.err = slurp(err_path);
-        result.max_rss_kib = usage.ru_maxrss;
-        return result;
-    }
-    Result run(Args args, std::string stdin_bytes) {
-        Launch launch;
-        launch.stdin_bytes = std::move(stdin_bytes);
-        return run(std::move(args), launch);
-    }
-
-    fs::path dir_;
+    vael_cli_test::Scratch dir_{"scan_"s + testing::UnitTest::GetInstance()->current_test_info()->name()};
 };
 
 // Brute force: every (end offset, id) of the strings in data, in the order
@@ -286,7 +192,7 @@ TEST_F(VaelScan, LargeInputInBoundedMemory) {
     const std::size_t repeats = 640;  // about 40 MiB
     // Written a unit at a time: the child inherits this process's peak
     // resident memory at its start, so the input is never held here whole.
-    const auto f = (dir_ / "big").string();
+    const auto f = dir_.path("big");
     {
         std::ofstream out(f, std::ios::binary);
         for (std::size_t i = 0; i < repeats; ++i) out << unit;
@@ -320,7 +226,7 @@ TEST_F(VaelScan, LargeInputInBoundedMemory) {
 TEST_F(VaelScan, GrepHabits) {
     const auto p = write("p.txt", "1\tcat\n2\tdog\n");
     const auto a = write("t/a", "a dog dog"), b = write("t/sub/b", "nothing"), c = write("t/sub/c", "cat dog cat");
-    const auto missing = (dir_ / "missing").string(), t = (dir_ / "t").string();
+    const auto missing = dir_.path("missing"), t = dir_.path("t");
     const std::string e = "vael-scan: ", gone = ": No such file or directory\n";
     const struct {
         Args args;  // after -p p.txt
@@ -357,7 +263,7 @@ TEST_F(VaelScan, GrepHabits) {
     EXPECT_LT(q.stdin_written, data.size() / 2);
     // A directory the walk cannot read is named and skipped (root reads all).
     if (::geteuid() == 0) return;
-    const auto closed = (dir_ / "t" / "sub").string();
+    const auto closed = dir_.path("t/sub");
     ::chmod(closed.c_str(), 0);
     const auto r = run({"-r", "-p", p, t});
     ::chmod(closed.c_str(), 0700);
