@@ -414,8 +414,11 @@ TEST(PmImage, RowWithoutImageOrCopySlotsFailsCleanly) {
 }
 
 // Every allocation of the writer, the reader and the duplicate fails once.
+// A long string makes the reader's text pool grow past its first block.
 TEST(PmImage, FailInjectionWalks) {
-    vael_pm_handle *pm = compile(kRoundTrips.back().recs);
+    std::vector<Rec> recs = kRoundTrips.back().recs;
+    recs.push_back({'s', "a long string, " + std::string(200, 'x')});
+    vael_pm_handle *pm = compile(recs);
     ASSERT_NE(pm, nullptr);
     unsigned char *buf = nullptr;
     uint32_t size = 0;
