@@ -89,6 +89,9 @@ TEST_F(VaelScan, Matches) {
         {"escapes before metadata", "1\t\\x7bcaseless}:ab\n", "AB", {}, "1:1\n"},
         // Two lines with one id: the first occurrence of the id is reported.
         {"duplicate ids", "1\tab\n1\tcd\n", "cd ab", {}, "1:1\n"}, {"empty input", "1\tab\n", "", {}, ""},
+        // A pattern's own LSS and the utf8 item as a user writes them.
+        {"user LSS and utf8", "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n"
+         "3\tstr\tx.y\n", "login=bob caf\xc3\xa9 cafe x.y xay", {}, "6:1\n14:2\n23:3\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -300,6 +303,7 @@ TEST_F(VaelScan, Messages) {
          "P:2: cannot compile pattern 2 'jump: 1, 0, signed;': Keyword's attribute is not supported\n", 2},
         {"1\tre\tab\n3\tre\ta)\n", {"--rem", "-p", "P", "F"}, {},
          "P:2: cannot compile pattern 3 'a)' at byte 2: Correlating '(' for ')' is missing\n", 2},
+        {"1\tre\t{LSS(a*)}:a+b\n", {}, {}, "P:1: cannot compile pattern 1 'a+b': LSS given by user is illegal\n", 2},
         {"7\tabc\n8\tdef\n7\tdef\n", {}, {}, "P:3: warning: pattern id 7 is also used on line 1\n", 0},
         {"1\ta\\x00b\n", {}, {}, "", 1},  // no NUL note unasked
         {"1\tabc\n", {"--debug", "pm,bogus", "-p", "P", "F"}, {},
@@ -387,6 +391,8 @@ TEST_F(VaelScan, Explain) {
     const auto bad_metadata = write("m.txt", "1\tabc\n2\tre\tx\n3\t{caseless\n4\tdef\n");
     const auto bad_file = write("b.txt", "1\tabc\n2\tre\tx\n3\tdef\\q\n");
     const auto rem = write("rem.txt", "1\tre\tab\n2\tre\t{caseless}:a(b|c)*d\n3\tre\ta)\n");
+    const auto user = write("user.txt", "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
+                                        "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n");
     const auto f = write("f", "ABC"), g = write("g", "nothing");
     const struct {
         Args args;
@@ -404,6 +410,10 @@ TEST_F(VaelScan, Explain) {
          "vael-scan: " + bad_metadata + ":3: bad metadata in '{caseless'\n", 2},
         // A file the reader refuses is not used at all.
         {{"--explain", "-p", bad_file}, "", "vael-scan: " + bad_file + ":3: bad escape '\\q'\n", 2},
+        {{"--explain", "-p", user},
+         "1: id=1 kind=re flags=0 lss='user=|login=' text='(user|login)=[a-z]+' lss_used='user=' 'login='\n"
+         "2: id=2 kind=re flags=UTF8 text='caf[\xc3\xa0-\xc3\xaa]' rewritten='caf\\xc3[\\xa0-\\xaa]' "
+         "lss_used='caf\\xc3'\n", "", 0},
         {{"--rem", "--explain", "-p", rem},
          "1: id=1 kind=re flags=0 text='ab' dfa_states=3\n2: id=2 kind=re flags=CASELESS text='a(b|c)*d' "
          "dfa_states=3\n3: id=3 kind=re flags=0 text='a)' dfa_states=refused\n", "", 0},
@@ -486,34 +496,6 @@ TEST_F(VaelScan, BundledSamples) {
     EXPECT_LT(hits.size() * 2, patterns.records.size()) << "most sample patterns should not occur";
     EXPECT_EQ(hit_ids("/rules.txt"),
               (std::set<std::string>{"20001", "20002", "20003", "20004", "20005", "20006", "20007", "20008"}));
-}
-
-// A pattern's own LSS and the utf8 item as a user writes them: what
-// --explain shows, what a scan finds, and the refusals named by line.
-TEST_F(VaelScan, UserLssAndUtf8Lines) {
-    const auto p = write("p.txt",
-                         "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
-                         "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n"
-                         "3\tstr\tx.y\n");
-    const auto f = write("f", "login=bob caf\xc3\xa9 cafe x.y xay");
-    EXPECT_EQ(run({"--explain", "-p", p}).out,
-              "1: id=1 kind=re flags=0 lss='user=|login=' text='(user|login)=[a-z]+' lss_used='user=' 'login='\n"
-              "2: id=2 kind=re flags=UTF8 text='caf[\xc3\xa0-\xc3\xaa]' rewritten='caf\\xc3[\\xa0-\\xaa]' "
-              "lss_used='caf\\xc3'\n"
-              "3: id=3 kind=str flags=0 text='x.y'\n");
-    EXPECT_EQ(lines(run({"-p", p, f}).out), (Set{"14:2", "23:3", "6:1"}));
-    const struct {
-        const char *line, *err_end;
-    } bad[] = {
-        {"1\tre\t{LSS(a*)}:a+b\n", "p.txt:1: cannot compile pattern 1 'a+b': LSS given by user is illegal\n"},
-        {"1\tre\t{LSS(a|b)}:c\n5\tre\t{utf8}:a\\xe2\\x82\n",
-         "p.txt:2: cannot compile pattern 5 'a\\xe2\\x82' at byte 1: Error while trying to simplify UTF-8 pattern.\n"},
-    };
-    for (const auto &b : bad) {
-        const auto r = run({"-p", write("p.txt", b.line), f});
-        EXPECT_EQ(r.status, 2) << b.line;
-        EXPECT_TRUE(r.err.ends_with(b.err_end)) << r.err;
-    }
 }
 
 }  // namespace
