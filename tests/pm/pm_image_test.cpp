@@ -1,8 +1,9 @@
-// The PM image: a PM loaded from its image scans exactly like the one that
-// was saved, one image loaded twice is one PM, and a broken image (cut,
-// flipped, wrong magics, absurd sizes) is refused or loads to a PM that
-// validates and scans safely, always with the memory accounts back where
-// they started.
+// A PM's copies: one loaded from its image and one made by vael_pm_duplicate
+// scan exactly like the PM they came from; one image loaded twice is one PM;
+// a broken image (cut, flipped, wrong magics, absurd sizes) is refused or
+// loads to a PM that validates and scans safely; a row that cannot copy or
+// travel fails cleanly, always with the memory accounts back where they
+// started.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 
 #include "pm/vael_pm_internal.h"
 #include "rem/vael_dfa_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 #include "tier1/vael_thin_nfa_internal.h"
@@ -22,47 +24,13 @@
 namespace {
 
 using vael_test::LogCapture;
-using Hits = std::vector<std::pair<int32_t, uint32_t>>;
+using vael_pm_test::collect;
+using vael_pm_test::Hits;
+using vael_pm_test::Rec;
+using vael_pm_test::run;
 using Image = std::vector<unsigned char>;
 
-int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
-            int *) {
-    static_cast<Hits *>(arg)->push_back({id, offset});
-    return 0;
-}
-
-enum class Kind { str, re, rem, kw, word };
-
-struct Rec {
-    Kind kind;
-    const char *text;
-    uint32_t flags = 0;
-    const char *lss = nullptr;  // a rule's LSS
-};
-
-vael_pm_handle *compile(const std::vector<Rec> &recs) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    int32_t id = 100;
-    for (const Rec &r : recs) {
-        const auto len = (uint32_t)std::strlen(r.text);
-        int rc = -1;
-        switch (r.kind) {
-        case Kind::str: rc = vael_pm_patterns_add_simple_pattern(list, r.text, len, id, r.flags); break;
-        case Kind::re: rc = vael_pm_patterns_add_pattern(list, r.text, len, id, r.flags); break;
-        case Kind::rem: rc = vael_pm_patterns_add_pattern(list, r.text, len, id, r.flags | VAEL_PM_USE_REM); break;
-        case Kind::kw:
-            rc = vael_pm_patterns_add_pattern_kw(list, r.lss, (uint32_t)std::strlen(r.lss), r.text, id);
-            break;
-        case Kind::word: rc = vael_pm_patterns_add_word(list, r.text, len, id, r.flags); break;
-        }
-        EXPECT_EQ(rc, 0) << r.text;
-        id++;
-    }
-    vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(list, collect, 0, &err, "image test");
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
+vael_pm_handle *compile(const std::vector<Rec> &recs) { return vael_pm_test::compile(recs, 100, "image test"); }
 
 Image save(vael_pm_handle *pm) {
     unsigned char *buf = nullptr;
@@ -76,17 +44,6 @@ Image save(vael_pm_handle *pm) {
 
 vael_pm_handle *load(const Image &image) {
     return vael_pm_deserialize(image.data(), (uint32_t)image.size(), collect, "image test load");
-}
-
-Hits run(vael_pm_handle *pm, const std::string &text, uint32_t flags) {
-    Hits hits;
-    if (!text.empty()) {
-        EXPECT_GE(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(),
-                                  nullptr, nullptr, &hits, flags),
-                  0);
-    }
-    std::sort(hits.begin(), hits.end());
-    return hits;
 }
 
 std::vector<std::string> texts(const std::vector<std::string> &pieces, int n) {
@@ -114,22 +71,26 @@ struct RoundTrip {
 // engines that reports the same hits over random texts, flat, first-only and
 // all matches.
 const std::vector<RoundTrip> kRoundTrips = {
-    {"strings", {{Kind::str, "GET /"}, {Kind::str, "password"}, {Kind::str, "abc"}, {Kind::str, "a"}}},
-    {"caseless", {{Kind::str, "host:", VAEL_PM_CASELESS}, {Kind::str, "PassWord", VAEL_PM_CASELESS}}},
-    {"regex by PCRE", {{Kind::re, "abc[0-9]+de"}, {Kind::re, "user=[a-z]{2,5};"}, {Kind::re, "(cmd|exec)\\.exe"}}},
-    {"regex by REM", {{Kind::rem, "abc[0-9]+de"}, {Kind::rem, "user=[a-z]{2,5};"}, {Kind::rem, "x[^y]*yz"}}},
+    {"strings", {{'s', "GET /"}, {'s', "password"}, {'s', "abc"}, {'s', "a"}}},
+    {"caseless", {{'s', "host:", VAEL_PM_CASELESS}, {'s', "PassWord", VAEL_PM_CASELESS}}},
+    {"regex by PCRE", {{'p', "abc[0-9]+de"}, {'p', "user=[a-z]{2,5};"}, {'p', "(cmd|exec)\\.exe"}}},
+    {"regex by REM", {{'r', "abc[0-9]+de"}, {'r', "user=[a-z]{2,5};"}, {'r', "x[^y]*yz"}}},
     {"keyword rules",
-     {{Kind::kw, R"(data: "a", relative; data: "b", relative, depth 1;)", 0, "ax"},
-      {Kind::kw, R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
-    {"words", {{Kind::word, "free money"}, {Kind::word, "password"}}},
+     {{'k', R"(data: "a", relative; data: "b", relative, depth 1;)", 0, "ax"},
+      {'k', R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
+    {"words", {{'w', "free money"}, {'w', "password"}}},
     {"mixed",
-     {{Kind::str, "GET /"}, {Kind::str, "host:", VAEL_PM_CASELESS}, {Kind::re, "x[^y]*yz", VAEL_PM_CASELESS},
-      {Kind::re, "abc[0-9]+de"}, {Kind::rem, "(cmd|exec)\\.exe"}, {Kind::word, "money"},
-      {Kind::kw, R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
+     {{'s', "GET /"}, {'s', "host:", VAEL_PM_CASELESS}, {'p', "x[^y]*yz", VAEL_PM_CASELESS},
+      {'p', "abc[0-9]+de"}, {'r', "(cmd|exec)\\.exe"}, {'w', "money"},
+      {'k', R"(data: "k="; test: 1, =, 0x39, 0, relative;)", 0, "k="}}},
 };
 
-TEST(PmImage, LoadedPmScansLikeTheOriginal) {
+TEST(PmImage, LoadedAndDuplicatedPmsScanLikeTheOriginal) {
+#if defined(__SANITIZE_ADDRESS__)
+    const auto all = texts(kPieces, 25);
+#else
     const auto all = texts(kPieces, 60);
+#endif
     vael_test::ScopedGlobal sanity(vael_pm_serialize_during_sanity_check, 0);
     for (const RoundTrip &row : kRoundTrips) {
         SCOPED_TRACE(row.name);
@@ -145,6 +106,18 @@ TEST(PmImage, LoadedPmScansLikeTheOriginal) {
         const Image sane = save(pm);
         vael_pm_serialize_during_sanity_check = 0;
         const vael_pm_handle before = *pm;
+        // The copy is a PM of its own, with its own handles and texts.
+        vael_pm_handle *copy = vael_pm_duplicate(pm, "the copy");
+        ASSERT_NE(copy, nullptr);
+        EXPECT_NE(copy->pm_id, pm->pm_id);
+        EXPECT_NE(std::memcmp(copy->uuid, pm->uuid, 16), 0);
+        EXPECT_STREQ(copy->name, "the copy");
+        EXPECT_NE(copy->tier1[0].tier1_h, pm->tier1[0].tier1_h);
+        for (uint32_t i = 0; i < pm->num_tier2; i++) {
+            const auto &a = pm->pm_array[i], &b = copy->pm_array[i];
+            EXPECT_TRUE(!a.tier2_h || (b.tier2_h && a.tier2_h != b.tier2_h && a.tier2_type == b.tier2_type)) << i;
+            EXPECT_TRUE(!a.re_str || a.re_str != b.re_str) << i;
+        }
         // The original goes first: while it lives, a load of its image is it.
         vael_pm_destroy(pm);
         vael_pm_handle *loaded = load(image);
@@ -156,13 +129,16 @@ TEST(PmImage, LoadedPmScansLikeTheOriginal) {
             EXPECT_EQ(loaded->tier1[s].tier1_type, before.tier1[s].tier1_type);
         size_t k = 0;
         for (const std::string &t : all)
-            for (uint32_t flags : {0u, VAEL_PM_EXEC_ALL_MATCHES})
-                ASSERT_EQ(run(loaded, t, flags), want[k++]) << t;
+            for (uint32_t flags : {0u, VAEL_PM_EXEC_ALL_MATCHES}) {
+                ASSERT_EQ(run(loaded, t, flags), want[k]) << t;
+                ASSERT_EQ(run(copy, t, flags), want[k++]) << "copy: " << t;
+            }
         // The loaded PM writes the image it came from, but for its times.
         vael_pm_serialize_during_sanity_check = 1;
         EXPECT_EQ(save(loaded), sane);
         vael_pm_serialize_during_sanity_check = 0;
         vael_pm_destroy(loaded);
+        vael_pm_destroy(copy);
     }
 }
 
@@ -226,9 +202,9 @@ TEST(PmImage, CutsAndFlipsAreSafe) {
     // One full state (the root) is enough of that kind; the image stays small,
     // and every byte of it is cut at and flipped.
     vael_test::ScopedGlobal one_full_tier(vael_thin_nfa_full_tiers_num, 1);
-    vael_pm_handle *pm = compile({{Kind::str, "he"},
-                                  {Kind::kw, R"(data: "s"; data: "h", relative, depth 1;)", 0, "sh"},
-                                  {Kind::re, "s[eh]l+s"}});
+    vael_pm_handle *pm = compile({{'s', "he"},
+                                  {'k', R"(data: "s"; data: "h", relative, depth 1;)", 0, "sh"},
+                                  {'p', "s[eh]l+s"}});
     ASSERT_NE(pm, nullptr);
     Image image = save(pm);
     vael_pm_destroy(pm);
@@ -281,7 +257,7 @@ TEST(PmImage, CutsAndFlipsAreSafe) {
 
 // Refusals by the field at fault: the line in the log and no PM.
 TEST(PmImage, BrokenFieldsAreRefusedWithTheirText) {
-    vael_pm_handle *pm = compile({{Kind::str, "abc"}, {Kind::re, "de[0-9]f"}});
+    vael_pm_handle *pm = compile({{'s', "abc"}, {'p', "de[0-9]f"}});
     ASSERT_NE(pm, nullptr);
     const Image good = save(pm);
     vael_pm_destroy(pm);
@@ -359,7 +335,7 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
         ASSERT_EQ(vael_apps_init(nullptr), 0);
         for (const Case &c : cases) {
             SCOPED_TRACE(std::string(c.name) + (engine.thin ? ", Thin NFA" : ", SM"));
-            vael_pm_handle *pm = compile({{Kind::str, "abc"}, {Kind::str, "de"}});
+            vael_pm_handle *pm = compile({{'s', "abc"}, {'s', "de"}});
             ASSERT_NE(pm, nullptr);
             ASSERT_EQ(pm->tier1[0].tier1_type, (uint32_t)VAEL_PM_TIER1_STRING);
             engine.rewrite(pm->tier1[0].tier1_h, c.id);
@@ -396,15 +372,30 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
 }
 
 // A row without image slots (a second tier that cannot travel) fails the
-// writer cleanly, and its type in an image fails the reader cleanly.
-TEST(PmImage, RowWithoutImageSlotsFailsCleanly) {
+// writer cleanly, and its type in an image fails the reader cleanly; a row
+// that cannot copy its handle fails the duplicate, the PM list as it was.
+TEST(PmImage, RowWithoutImageOrCopySlotsFailsCleanly) {
     LogCapture quiet;
-    vael_pm_handle *pm = compile({{Kind::str, "abc"}, {Kind::re, "de[0-9]f"}});
+    EXPECT_EQ(vael_pm_duplicate(nullptr, "x"), nullptr);
+    vael_pm_handle *pm = compile({{'s', "abc"}, {'p', "de[0-9]f"}});
     ASSERT_NE(pm, nullptr);
     const Image good = save(pm);
     vael_pm_tier2_funcs &row = pm_tier2_funcs[VAEL_PM_TIER2_PCRE];
     const vael_pm_tier2_funcs saved = row;
     intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const intptr_t kmem_start = qx_kmem_get_alloc_total();
+    for (int tier : {1, 2}) {
+        SCOPED_TRACE(tier);
+        void *(*&slot)(void *) = tier == 1 ? pm_tier1_funcs[pm->tier1[0].tier1_type].duplicate : row.duplicate;
+        void *(*const kept)(void *) = slot;
+        slot = nullptr;
+        vael_pm_handle *head = *vael_pm_global_data.list;
+        EXPECT_EQ(vael_pm_duplicate(pm, "no copy"), nullptr);
+        EXPECT_EQ(*vael_pm_global_data.list, head);
+        slot = kept;
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
+    }
     row.get_serialize_size = nullptr;
     unsigned char *buf = reinterpret_cast<unsigned char *>(1);
     uint32_t size = 7;
@@ -422,9 +413,12 @@ TEST(PmImage, RowWithoutImageSlotsFailsCleanly) {
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
 }
 
-// Every allocation of the writer and of the reader fails once.
+// Every allocation of the writer, the reader and the duplicate fails once.
+// A long string makes the reader's text pool grow past its first block.
 TEST(PmImage, FailInjectionWalks) {
-    vael_pm_handle *pm = compile(kRoundTrips.back().recs);
+    std::vector<Rec> recs = kRoundTrips.back().recs;
+    recs.push_back({'s', "a long string, " + std::string(200, 'x')});
+    vael_pm_handle *pm = compile(recs);
     ASSERT_NE(pm, nullptr);
     unsigned char *buf = nullptr;
     uint32_t size = 0;
@@ -433,13 +427,23 @@ TEST(PmImage, FailInjectionWalks) {
     EXPECT_GE(w.rounds, 2);
     const Image image(buf, buf + size);
     vael_pmglob_memory_kfree_ex_(buf, size, __func__, __FILE__, __LINE__);
+    const std::string text = "GET / k=9 abc12de";
+    const Hits want = run(pm, text, 0);
+    EXPECT_EQ(want.size(), 3u);
+
+    vael_pm_handle *copy = nullptr;
+    w = vael_test::failmem_walk_each_allocation([&] { return (copy = vael_pm_duplicate(pm, "walk")) != nullptr; },
+                                                [&] { return copy == nullptr; });
+    EXPECT_GT(w.rounds, 10);
+    EXPECT_EQ(run(copy, text, 0), want);
+    vael_pm_destroy(copy);
     vael_pm_destroy(pm);
 
     vael_pm_handle *loaded = nullptr;
     w = vael_test::failmem_walk_each_allocation([&] { return (loaded = load(image)) != nullptr; },
                                                 [&] { return loaded == nullptr; });
     EXPECT_GT(w.rounds, 10);
-    EXPECT_EQ(run(loaded, "GET / k=9 abc12de", 0).size(), 3u);
+    EXPECT_EQ(run(loaded, text, 0), want);
     vael_pm_destroy(loaded);
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pm/vael_pm_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
@@ -17,33 +18,9 @@ namespace {
 
 using vael_test::LogCapture;
 
-struct Rec {
-    char kind;  // 'p' add_pattern, 's' add_simple_pattern, 'l' add_pattern_with_LSS
-    std::string text;
-    uint32_t flags = 0;
-    std::string lss = "";
-};
-
-vael_pm_patterns *make_list(const std::vector<Rec> &recs) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    int32_t id = 1;
-    for (const auto &r : recs) {
-        const auto len = (uint32_t)r.text.size();
-        int rc = r.kind == 'p'   ? vael_pm_patterns_add_pattern(list, r.text.data(), len, id, r.flags)
-                 : r.kind == 's' ? vael_pm_patterns_add_simple_pattern(list, r.text.data(), len, id, r.flags)
-                                 : vael_pm_patterns_add_pattern_with_LSS(list, r.lss.data(), (uint32_t)r.lss.size(),
-                                                                         r.text.data(), len, id, r.flags);
-        EXPECT_EQ(rc, 0) << r.text;
-        id++;
-    }
-    return list;
-}
-
-int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
-            int *) {
-    static_cast<std::vector<std::pair<int32_t, uint32_t>> *>(arg)->push_back({id, offset});
-    return 0;
-}
+using vael_pm_test::collect;
+using vael_pm_test::make_list;
+using vael_pm_test::Rec;
 
 std::string bytes(const unsigned char *p, uint32_t n) { return p ? std::string((const char *)p, n) : "<null>"; }
 
@@ -126,36 +103,24 @@ std::vector<Rec> mixed_set() {
             {'s', "world"}};
 }
 const char kMixedText[] = "abc12de GET /index.php xwvq z abbc hello world";
-const std::vector<std::pair<int32_t, uint32_t>> kMixedWant = {{1, 6}, {2, 21}, {3, 26}, {5, 33}, {6, 39}, {7, 45}};  // sorted
-
-std::vector<std::pair<int32_t, uint32_t>> run_sorted(vael_pm_handle *pm, const char *text, uint32_t flags) {
-    std::vector<std::pair<int32_t, uint32_t>> got;
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text), (uint32_t)strlen(text), nullptr,
-                              nullptr, &got, flags),
-              0);
-    std::sort(got.begin(), got.end());
-    return got;
-}
+const vael_pm_test::Hits kMixedWant = {{1, 6}, {2, 21}, {3, 26}, {5, 33}, {6, 39}, {7, 45}};  // sorted
 
 // The mixed set compiles through every allocation failure, and the compile
 // that succeeds runs end to end.
 TEST(RegexCompile, FailsCleanlyAtEveryAllocation) {
     vael_pm_patterns *list = make_list(mixed_set());
     LogCapture quiet;
-    for (int each = 0; each < 2; each++) {
-        SCOPED_TRACE(each ? "each allocation" : "sites");
-        vael_pm_error err;
-        vael_pm_handle *pm = nullptr;
-        auto attempt = [&] { return (pm = vael_pm_compile(list, collect, 0, &err, "walk")) != nullptr; };
-        // Some deep failures leave no message (a first tier's translation
-        // table); the user's id is there whenever a pattern was at fault.
-        auto clean = [&] { return !pm && err.pattern_id >= -1 && err.pattern_id <= 7; };
-        auto w = each ? vael_test::failmem_walk_each_allocation(attempt, clean) : vael_test::failmem_walk(attempt, clean);
-        EXPECT_TRUE(w.succeeded);
-        EXPECT_GT(w.rounds, 20);
-        EXPECT_EQ(run_sorted(pm, kMixedText, 0), kMixedWant);
-        vael_pm_destroy(pm);
-    }
+    vael_pm_error err;
+    vael_pm_handle *pm = nullptr;
+    auto attempt = [&] { return (pm = vael_pm_compile(list, collect, 0, &err, "walk")) != nullptr; };
+    // Some deep failures leave no message (a first tier's translation
+    // table); the user's id is there whenever a pattern was at fault.
+    auto clean = [&] { return !pm && err.pattern_id >= -1 && err.pattern_id <= 7; };
+    auto w = vael_test::failmem_walk_each_allocation(attempt, clean);
+    EXPECT_TRUE(w.succeeded);
+    EXPECT_GT(w.rounds, 20);
+    EXPECT_EQ(vael_pm_test::run(pm, kMixedText, 0), kMixedWant);
+    vael_pm_destroy(pm);
     vael_pm_patterns_destroy(list);
 }
 
@@ -178,29 +143,36 @@ int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t
     return a->result;
 }
 
-// A second tier's match ends the run as a first tier's does: the callback's
-// value comes back unchanged, and keep_going 0 ends the run with 0.
-TEST(RegexRun, CallbackEndsTheRunFromTheSecondTier) {
+// A match ends the run alike from the first tier (strings) and from the
+// second (a regex): the callback's value comes back unchanged, and
+// keep_going 0 ends the run with 0.
+TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
     const struct {
         int result, keep_going;
-        int want_rc, want_calls;
-    } rows[] = {{0, 1, 0, 3}, {7, 1, 7, 1}, {-5, 1, -5, 1}, {0, 0, 0, 1}};
-    vael_pm_patterns *list = make_list({{'p', "a[0-9]+b"}});
+        int want_rc;
+        bool all;  // every match is told
+    } rows[] = {{0, 1, 0, true}, {7, 1, 7, false}, {-5, 1, -5, false}, {0, 0, 0, false}};
+    const struct {
+        std::vector<Rec> recs;
+        const char *text;  // three matches
+    } sets[] = {{{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
     LogCapture quiet;
-    vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(list, answer, 0, &err, "regex run test");
-    ASSERT_NE(pm, nullptr);
-    const char text[] = "a1b a22b a333b";
-    for (const auto &r : rows) {
-        Answer a{r.result, r.keep_going};
-        EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(text), sizeof text - 1, nullptr, nullptr,
-                                  &a, VAEL_PM_EXEC_ALL_MATCHES),
-                  r.want_rc);
-        EXPECT_EQ(a.calls, r.want_calls);
+    for (const auto &set : sets) {
+        vael_pm_patterns *list = make_list(set.recs);
+        vael_pm_error err;
+        vael_pm_handle *pm = vael_pm_compile(list, answer, 0, &err, "regex run test");
+        ASSERT_NE(pm, nullptr);
+        for (const auto &r : rows) {
+            Answer a{r.result, r.keep_going};
+            EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(set.text),
+                                      (uint32_t)strlen(set.text), nullptr, nullptr, &a, VAEL_PM_EXEC_ALL_MATCHES),
+                      r.want_rc)
+                << set.text;
+            EXPECT_EQ(a.calls, r.all ? 3 : 1) << set.text;
+        }
+        vael_pm_destroy(pm);
+        vael_pm_patterns_destroy(list);
     }
-    EXPECT_EQ(pm->pm_array[0].tier1_matches, 4u);
-    vael_pm_destroy(pm);
-    vael_pm_patterns_destroy(list);
 }
 
 // An update gives what a fresh compile of the new list gives, keeps the old
@@ -232,26 +204,22 @@ TEST(RegexUpdate, EqualsAFreshCompile) {
         EXPECT_EQ(updated->stats.num_tier2_compiled, fresh->stats.num_tier2_compiled);
         for (uint32_t flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
             const char *text = "ABC12DE abc12de GET /index.php xwvq xwvqq z abbc Hello world WORLD";
-            EXPECT_EQ(run_sorted(updated, text, flags), run_sorted(fresh, text, flags));
+            EXPECT_EQ(vael_pm_test::run(updated, text, flags), vael_pm_test::run(fresh, text, flags));
         }
         vael_pm_destroy(updated);
         vael_pm_destroy(fresh);
         vael_pm_patterns_destroy(list);
     }
-    EXPECT_EQ(run_sorted(old_pm, kMixedText, 0), kMixedWant);
+    EXPECT_EQ(vael_pm_test::run(old_pm, kMixedText, 0), kMixedWant);
     EXPECT_EQ(vael_pm_update(nullptr, old_list, 0, &err, "x"), nullptr);
     EXPECT_EQ(vael_pm_update(old_pm, nullptr, 0, &err, "x"), nullptr);
 
-    for (int each = 0; each < 2; each++) {
-        SCOPED_TRACE(each ? "each allocation" : "sites");
-        vael_pm_handle *pm = nullptr;
-        auto attempt = [&] { return (pm = vael_pm_update(old_pm, old_list, 0, &err, "walk")) != nullptr; };
-        auto clean = [&] { return !pm; };
-        auto w = each ? vael_test::failmem_walk_each_allocation(attempt, clean) : vael_test::failmem_walk(attempt, clean);
-        EXPECT_TRUE(w.succeeded);
-        EXPECT_EQ(run_sorted(pm, kMixedText, 0), kMixedWant);
-        vael_pm_destroy(pm);
-    }
+    vael_pm_handle *pm = nullptr;
+    auto w = vael_test::failmem_walk_each_allocation(
+        [&] { return (pm = vael_pm_update(old_pm, old_list, 0, &err, "walk")) != nullptr; }, [&] { return !pm; });
+    EXPECT_TRUE(w.succeeded);
+    EXPECT_EQ(vael_pm_test::run(pm, kMixedText, 0), kMixedWant);
+    vael_pm_destroy(pm);
     vael_pm_destroy(old_pm);
     vael_pm_patterns_destroy(old_list);
 }

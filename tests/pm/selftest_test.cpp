@@ -26,19 +26,6 @@ int count_of(const std::string &text, const std::string &needle) {
     return n;
 }
 
-int run_tool(const std::vector<std::string> &words, std::string *out) {
-    std::vector<char *> argv;
-    for (size_t i = 1; i < words.size(); i++)
-        argv.push_back(const_cast<char *>(words[i].c_str()));
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int rc = words[0] == "get" ? vael_params_user_ctl_get((int)argv.size(), argv.data())
-                                     : vael_params_user_ctl_set((int)argv.size(), argv.data());
-    *out = testing::internal::GetCapturedStdout();
-    testing::internal::GetCapturedStderr();
-    return rc;
-}
-
 // One step of a session: the tool's words, its result, texts the log (or,
 // for a get, the printed answer) must hold and must not hold, and how many
 // matches the step logs (-1: not counted).
@@ -110,9 +97,9 @@ TEST(SelftestSession, CollectCompileRunResetThroughParameters) {
     for (size_t i = 0; i < steps.size(); i++) {
         const Step &s = steps[i];
         LogCapture log;
-        std::string out;
-        EXPECT_EQ(run_tool(s.words, &out), s.rc) << "step " << i;
-        const std::string &seen = s.words[0] == "get" ? out : log.text();
+        const vael_test::ToolRun run = vael_test::ctl_tool(s.words);
+        EXPECT_EQ(run.rc, s.rc) << "step " << i;
+        const std::string &seen = s.words[0] == "get" ? run.out : log.text();
         for (const std::string &h : s.has) {
             EXPECT_NE(seen.find(h), std::string::npos) << "step " << i << " lacks " << h << " in:\n" << seen;
         }

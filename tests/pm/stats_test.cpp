@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "pm/vael_pm_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
@@ -23,17 +24,11 @@ using vael_test::LogCapture;
 // Five patterns: two strings, a PCRE and a REM expression that match once,
 // and a PCRE expression whose LSS hits without a match.
 vael_pm_handle *known_pm() {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "abc", 3, 1, 0), 0);
-    EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "xyz", 3, 2, 0), 0);
-    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "foo", 3, "foo[0-9]+bar", 12, 3, 0), 0);
-    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "qq", 2, "qq[a-z]+ww", 10, 4, VAEL_PM_USE_REM), 0);
-    EXPECT_EQ(vael_pm_patterns_add_pattern_with_LSS(list, "zzz", 3, "zzz[0-9]", 8, 5, 0), 0);
-    vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, &err, "stats test");
-    vael_pm_patterns_destroy(list);
+    vael_pm_handle *pm = vael_pm_test::compile({{'s', "abc"}, {'s', "xyz"}, {'l', "foo[0-9]+bar", 0, "foo"},
+                                                {'l', "qq[a-z]+ww", VAEL_PM_USE_REM, "qq"}, {'l', "zzz[0-9]", 0, "zzz"}},
+                                               1, "stats test");
     for (const char *text : {"abc xyz foo12bar qqabww", "abcabc foo bar zzzq", "nothing"})
-        EXPECT_EQ(vael_pm_exec_ex(pm, (const unsigned char *)text, (uint32_t)std::strlen(text), nullptr, nullptr, nullptr, 0), 0);
+        vael_pm_test::run(pm, text, 0);
     return pm;
 }
 

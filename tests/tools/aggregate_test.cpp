@@ -2,8 +2,6 @@
 // instances, and the handle-table report over real tables.
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <string>
 #include <vector>
 
@@ -165,21 +163,6 @@ TEST(StatAggregate, HandleTablesOfAllInstances) {
             EXPECT_EQ(printed, host.live_entries());
         }
     }
-}
-
-// The control side leaves the shared library under its C names.
-TEST(StatAggregate, ControlFunctionsAreExported) {
-    void *lib = dlopen(VAEL_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(lib, nullptr) << dlerror();
-    for (const char *name :
-         {"vael_params_user_ctl_get", "vael_params_user_ctl_set", "vael_params_user_get_param_int",
-          "vael_params_user_get_param_int_multik", "vael_params_request", "vael_handles_get_data",
-          "vael_stat_aggregate_data_from_all_instances", "vael_stat_aggregate_add_all_ints64",
-          "vael_stat_aggregate_add_all_ints_wrapper", "vael_stat_aggregate_add_all_ints64_wrapper",
-          "qxstat_aggregate_handle_stats", "pm_callback_test_compile_lss", "pm_callback_test_compile_cb",
-          "pm_callback_test_buffer_cb", "pm_callback_test_match_func", "pm_callback_test_reset_test"})
-        EXPECT_NE(dlsym(lib, name), nullptr) << name;
-    dlclose(lib);
 }
 
 }  // namespace

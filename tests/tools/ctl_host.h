@@ -247,6 +247,28 @@ class CtlHost {
     std::vector<int> requests_;
 };
 
+// The get or set tool run as an operator runs it: words[0] is "get" or
+// "set", the rest is the tool's argv; its result and what it printed.
+struct ToolRun {
+    int rc;
+    std::string out;
+    std::string err;
+};
+
+inline ToolRun ctl_tool(const std::vector<std::string> &words) {
+    std::vector<char *> argv;
+    for (size_t i = 1; i < words.size(); i++)
+        argv.push_back(const_cast<char *>(words[i].c_str()));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    ToolRun r;
+    r.rc = words[0] == "get" ? vael_params_user_ctl_get((int)argv.size(), argv.data())
+                             : vael_params_user_ctl_set((int)argv.size(), argv.data());
+    r.out = testing::internal::GetCapturedStdout();
+    r.err = testing::internal::GetCapturedStderr();
+    return r;
+}
+
 }  // namespace vael_test
 
 #endif  // VAEL_TESTS_TOOLS_CTL_HOST_H

@@ -15,26 +15,8 @@ namespace {
 using vael_test::CtlHost;
 using vael_test::ScopedGlobal;
 
-struct ToolRun {
-    int rc;
-    std::string out;
-    std::string err;
-};
-
-// words[0] is "get" or "set"; the rest is the tool's argv.
-ToolRun tool(const std::vector<std::string> &words) {
-    std::vector<char *> argv;
-    for (size_t i = 1; i < words.size(); i++)
-        argv.push_back(const_cast<char *>(words[i].c_str()));
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    ToolRun r;
-    r.rc = words[0] == "get" ? vael_params_user_ctl_get((int)argv.size(), argv.data())
-                             : vael_params_user_ctl_set((int)argv.size(), argv.data());
-    r.out = testing::internal::GetCapturedStdout();
-    r.err = testing::internal::GetCapturedStderr();
-    return r;
-}
+using ToolRun = vael_test::ToolRun;
+const auto tool = vael_test::ctl_tool;
 
 const std::string kName79(79, 'n');
 const std::string kName80(80, 'n');
