@@ -38,7 +38,7 @@ struct Result {
 // How the child is started, beyond its arguments.
 struct Launch {
     std::string stdin_bytes;               // written to a pipe on its standard input
-    std::vector<std::string> env;          // NAME=VALUE added to the environment
+    std::vector<std::string> env = {};     // NAME=VALUE added to the environment
     rlim_t address_space = RLIM_INFINITY;  // RLIMIT_AS of the child
 };
 

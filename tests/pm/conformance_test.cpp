@@ -53,8 +53,9 @@ TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         vael_pm_patterns *list = abc_list(7);
-        if (row.null_record)
+        if (row.null_record) {
             ASSERT_NE(lst_insert(list, 0), 0);
+        }
         vael_pm_error err;
         row.fault();
         LogCapture log;
