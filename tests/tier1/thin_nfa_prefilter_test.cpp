@@ -176,6 +176,7 @@ TEST(ThinNfaPrefilter, BareBnfaGivesTheCompiledTables) {
         ASSERT_EQ(vael_thin_nfa_prefilter_build(copy), 0);
         EXPECT_EQ(vael_pmglob_memory_get_alloc_total() - before, (intptr_t)bytes);
         const vael_thin_nfa_prefilter_tables *a = nfa.get()->prefilter, *b = copy->prefilter;
+        ASSERT_TRUE(a && b);
         EXPECT_EQ(std::make_tuple(a->window, a->stride, a->confirm_lengths, a->fold, a->hash_shift),
                   std::make_tuple(b->window, b->stride, b->confirm_lengths, b->fold, b->hash_shift));
         ASSERT_EQ(a->confirm_words, b->confirm_words);
@@ -218,6 +219,7 @@ TEST(ThinNfaPrefilter, ConfirmationLooksSixteenBytesDeep) {
     for (const Row &row : rows) {
         vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
         ASSERT_NE(nfa.get(), nullptr);
+        ASSERT_NE(nfa.get()->prefilter, nullptr);
         const auto *data = reinterpret_cast<const unsigned char *>(row.text.data());
         ASSERT_GE(row.text.size(), 16u);
         EXPECT_EQ(vael_thin_nfa_prefilter_confirm(nfa.get()->prefilter, data, data + row.text.size()) != 0, row.passes)
