@@ -68,8 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     vael_fuzz::Reader in(data, size);
     const std::string rule = in.until(0);
     const std::string text = in.rest();
-    const intptr_t kmem_start = qx_kmem_get_alloc_total();
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const vael_fuzz::Accounts accounts;
 
     vael_pmglob_string s{};
     std::vector<unsigned char> owned(rule.begin(), rule.end());
@@ -95,7 +94,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check_cuts(image);
         vael_kw_mgr_destroy(mgr);
     }
-    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start && vael_pmglob_memory_get_alloc_total() == pm_start,
-               "memory left behind");
+    accounts.check();
     return 0;
 }

@@ -5,8 +5,6 @@
 // A found LSS has at least one candidate; every candidate is non-empty and
 // bounded, the longest one is among them, and the display text of all of
 // them can be made. Both memory accounts end where they started.
-#include <cstring>
-#include <memory>
 
 #include "analysis/vael_pm_lss_finder.h"
 #include "fuzz/fuzz_support.h"
@@ -18,16 +16,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t mode = data[0];
     const uint32_t flags = (mode & 1 ? (uint32_t)VAEL_PM_CASELESS : 0u) | (mode & 2 ? (uint32_t)VAEL_PM_DIGITLESS : 0u) |
                            (mode & 4 ? (uint32_t)VAEL_PM_UTF8 : 0u);
-    const auto n = (uint32_t)(size - 1);
-    std::unique_ptr<unsigned char[]> text(new unsigned char[n ? n : 1]);
-    std::memcpy(text.get(), data + 1, n);
-    const intptr_t kmem_start = qx_kmem_get_alloc_total();
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const vael_fuzz::Tail text(data, size);
+    const uint32_t n = text.n;
+    const vael_fuzz::Accounts accounts;
 
     vael_pm_error err;
     vael_pm_error_init(&err);
     uint32_t anchors = 0;
-    vael_pm_lss *lss = vael_pm_lss_find(text.get(), n, flags, &err, (mode & 8) ? &anchors : nullptr);
+    vael_pm_lss *lss = vael_pm_lss_find(text.bytes.get(), n, flags, &err, (mode & 8) ? &anchors : nullptr);
     // A refusal may carry no text: a pattern that is all anchors and ".*"
     // trims to nothing and is refused before any parse.
     if (lss) {
@@ -54,9 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             qx_kfree_(shown, shown_len);
         vael_pm_lss_destroy(lss);
     }
-    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start, "general account off by %ld",
-               (long)(qx_kmem_get_alloc_total() - kmem_start));
-    FUZZ_CHECK(vael_pmglob_memory_get_alloc_total() == pm_start, "PM account off by %ld",
-               (long)(vael_pmglob_memory_get_alloc_total() - pm_start));
+    accounts.check();
     return 0;
 }

@@ -34,8 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::unique_ptr<char[]> owned(new char[n ? n : 1]);
     char *text = owned.get();
     std::memcpy(text, data + 1, n);
-    const intptr_t kmem_start = qx_kmem_get_alloc_total();
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const vael_fuzz::Accounts accounts;
 
     const uint32_t flags_in = (mode & 1 ? VAEL_PM_CASELESS : 0) | (mode & 2 ? VAEL_PM_SHORT_LSS : 0);
     const int allow_lss = mode & 4 ? 1 : 0;
@@ -86,9 +85,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     // Queue cells a run leaves in the shared pool are kept for the next run.
     lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
-    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start, "general account off by %ld",
-               (long)(qx_kmem_get_alloc_total() - kmem_start));
-    FUZZ_CHECK(vael_pmglob_memory_get_alloc_total() == pm_start, "PM account off by %ld",
-               (long)(vael_pmglob_memory_get_alloc_total() - pm_start));
+    accounts.check();
     return 0;
 }

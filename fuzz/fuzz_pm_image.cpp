@@ -7,8 +7,6 @@
 // loads again to the PM it came from. Both memory accounts end where they
 // started.
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,23 +37,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0 || size > (1u << 20))
         return 0;
     const uint8_t mode = data[0];
-    const auto n = (uint32_t)(size - 1);
-    std::unique_ptr<unsigned char[]> image(new unsigned char[n ? n : 1]);
-    std::memcpy(image.get(), data + 1, n);
+    const vael_fuzz::Tail image(data, size);
+    const uint32_t n = image.n;
     // The word matcher's fold buffer is shared and kept at its largest; no
     // phrase of the image is longer than the image.
     if (vael_wm_validate_phrase_temp_buffer(n) != 0)
         return 0;
-    const intptr_t kmem_start = qx_kmem_get_alloc_total();
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const vael_fuzz::Accounts accounts;
 
     vael_pm_handle *pm = nullptr;
     if (mode & 1) {
-        vael_vbuf *vbuf = vael_fuzz::image_in_blocks(mode, image.get(), n);
+        vael_vbuf *vbuf = vael_fuzz::image_in_blocks(mode, image.bytes.get(), n);
         pm = vael_pm_deserialize_vbuf(vbuf, n, count_hit, "fuzz");
         vael_vbuf_destroy(vbuf);
     } else {
-        pm = vael_pm_deserialize(n ? image.get() : nullptr, n, count_hit, "fuzz");
+        pm = vael_pm_deserialize(n ? image.bytes.get() : nullptr, n, count_hit, "fuzz");
     }
     if (pm) {
         FUZZ_CHECK(pm->refcount == 1, "a fresh load shares a PM");
@@ -75,9 +71,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         vael_pm_destroy(pm);
     }
     lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool); // match queues keep cells for the next run
-    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start, "general account off by %ld",
-               (long)(qx_kmem_get_alloc_total() - kmem_start));
-    FUZZ_CHECK(vael_pmglob_memory_get_alloc_total() == pm_start, "PM account off by %ld",
-               (long)(vael_pmglob_memory_get_alloc_total() - pm_start));
+    accounts.check();
     return 0;
 }

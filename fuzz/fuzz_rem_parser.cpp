@@ -7,8 +7,6 @@
 // gives a value or an error with an index inside the pattern (and a text,
 // but for the refusals that have none); both memory accounts end where they
 // started.
-#include <cstring>
-#include <memory>
 
 #include "fuzz/fuzz_support.h"
 #include "rem/vael_rem_parser.h"
@@ -80,11 +78,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0 || size > 4096)
         return 0;
     const uint32_t flags = (data[0] & 1 ? 1u : 0u) | (data[0] & 2 ? (uint32_t)VAEL_PM_UTF8 : 0u);
-    const auto n = (uint32_t)(size - 1);
-    std::unique_ptr<unsigned char[]> text(new unsigned char[n ? n : 1]);
-    std::memcpy(text.get(), data + 1, n);
-    const intptr_t kmem_start = qx_kmem_get_alloc_total();
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    const vael_fuzz::Tail text(data, size);
+    const uint32_t n = text.n;
+    const vael_fuzz::Accounts accounts;
 
     // The lexer alone: every token comes with the input consumed so far.
     vael_rem_parser *lexer =
@@ -92,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(lexer != nullptr, "parser create");
     vael_pm_error err;
     vael_pm_error_init(&err);
-    vael_rem_parser_set_input(lexer, text.get(), n, &err);
+    vael_rem_parser_set_input(lexer, text.bytes.get(), n, &err);
     for (uint32_t tokens = 0; vael_rem_parser_has_more_chars(lexer); tokens++) {
         FUZZ_CHECK(tokens <= n, "more tokens than bytes");
         vael_rem_token *t = vael_rem_parser_get_next_token(lexer);
@@ -107,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         vael_rem_parser_create(vael_rem_default_lexer_array, classes(), nullptr, flags, empty_operand, range_operand);
     FUZZ_CHECK(parser != nullptr, "parser create");
     vael_pm_error_init(&err);
-    uintptr_t value = vael_rem_parse(parser, text.get(), n, &err);
+    uintptr_t value = vael_rem_parse(parser, text.bytes.get(), n, &err);
     vael_rem_parser_destroy(parser);
     if (value) {
         FUZZ_CHECK(*reinterpret_cast<uint64_t *>(value) >= 1, "an empty tree");
@@ -118,9 +114,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         FUZZ_CHECK(n == 0 || (flags & VAEL_PM_UTF8) || err.error_string != nullptr, "a refusal without a text");
         FUZZ_CHECK(err.error_index <= n, "error index %u past the pattern (%u)", err.error_index, n);
     }
-    FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem_start, "general account off by %ld",
-               (long)(qx_kmem_get_alloc_total() - kmem_start));
-    FUZZ_CHECK(vael_pmglob_memory_get_alloc_total() == pm_start, "PM account off by %ld",
-               (long)(vael_pmglob_memory_get_alloc_total() - pm_start));
+    accounts.check();
     return 0;
 }

@@ -14,7 +14,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "vael/vael_apps.h"
 #include "vael/vael_us_adaptor.h"
@@ -86,6 +89,27 @@ class Reader {
 
 namespace vael_fuzz {
 
+// The input after its first byte, in a block of exactly its size, so that a
+// read past it is ASan's to catch.
+struct Tail {
+    Tail(const uint8_t *data, size_t size) : n((uint32_t)(size - 1)), bytes(new unsigned char[n ? n : 1]) {
+        std::memcpy(bytes.get(), data + 1, n);
+    }
+    uint32_t n;
+    std::unique_ptr<unsigned char[]> bytes;
+};
+
+// Both byte accounts when made; check() aborts unless they are back there.
+struct Accounts {
+    intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
+    void check() const {
+        FUZZ_CHECK(qx_kmem_get_alloc_total() == kmem, "general account off by %ld",
+                   (long)(qx_kmem_get_alloc_total() - kmem));
+        FUZZ_CHECK(vael_pmglob_memory_get_alloc_total() == pm, "PM account off by %ld",
+                   (long)(vael_pmglob_memory_get_alloc_total() - pm));
+    }
+};
+
 // An image target's input is one mode byte and the image. An odd mode hands
 // the image over as a stream would: a vbuf of blocks of 1 + mode / 2 bytes.
 inline vael_vbuf *image_in_blocks(uint8_t mode, unsigned char *image, uint32_t n) {
@@ -115,6 +139,26 @@ Handle *load_engine_image(uint8_t mode, unsigned char *image, uint32_t n,
     }
     FUZZ_CHECK(space <= n, "space grew");
     return h;
+}
+
+// Writes a loaded handle's image and loads it again: the second image must
+// be the first, byte for byte.
+template <class Handle, class Size, class Write, class Load, class Destroy>
+void check_round_trip(Handle *h, Size size_of, Write write, Load load, Destroy destroy) {
+    auto image_of = [&](Handle *x) {
+        std::vector<unsigned char> image(size_of(x));
+        unsigned char *p = image.data();
+        uint32_t space = (uint32_t)image.size();
+        FUZZ_CHECK(!image.empty() && write(x, &p, &space) == 0 && space == 0, "image of a loaded handle");
+        return image;
+    };
+    const std::vector<unsigned char> again = image_of(h);
+    const unsigned char *p = again.data();
+    uint32_t left = (uint32_t)again.size();
+    Handle *back = load(&p, &left, nullptr, nullptr);
+    FUZZ_CHECK(back != nullptr && left == 0, "the image of a loaded handle does not load");
+    FUZZ_CHECK(image_of(back) == again, "a second round trip changed the image");
+    destroy(back);
 }
 
 }  // namespace vael_fuzz

@@ -1,5 +1,7 @@
-// The runtime adaptor: debug flags from the environment, the byte accounts,
-// both fail-injection methods, tunables, the allocation helpers, and the texts an operator reads.
+// The runtime adaptor: the debug facility (topics with levels per module, the
+// line prefix, the sink, the guard of VAEL_LOG) and its flags from the
+// environment, the byte accounts, both fail-injection methods, tunables, the
+// allocation helpers, and the texts an operator reads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "runtime/vael_alloc.h"
@@ -50,10 +53,9 @@ TEST(DebugFlags, EnvironmentTurnsTopicsOnAtTheLevelNamed) {
         std::vector<const char *> topics;
         int level;
     } cases[] = {
-        {"pm dfa", "INFO", nullptr, {"K_PM", "K_DFA"}, 4},
-        {"pm dfa", "LOUD", nullptr, {"K_PM", "K_DFA"}, 3},  // unknown word: the default
+        {"pm dfa", "INFO", nullptr, {"K_PM", "K_DFA"}, 4},  {"pm dfa", "LOUD", nullptr, {"K_PM", "K_DFA"}, 3},
         {"Pm,dfa\tREM\r\nhtab", "err", nullptr, {"K_PM", "K_DFA", "K_REM", "K_HTAB"}, 1},
-        {",, kw ,", "Wrn", nullptr, {"K_KW"}, 2}, {"pcre", "none", nullptr, {"K_PCRE"}, 0},
+        {",, kw ,", "Wrn", nullptr, {"K_KW"}, 2},           {"pcre", "none", nullptr, {"K_PCRE"}, 0},
         {nullptr, "err", "pm all", {"FL_PM", "FL_ALL"}, 4},  // flow topics are at INFO
     };
     for (const auto &c : cases) {
@@ -65,9 +67,8 @@ TEST(DebugFlags, EnvironmentTurnsTopicsOnAtTheLevelNamed) {
         for (const char *topic : c.topics)
             EXPECT_EQ(level_of(topic), c.level) << topic;
         // Errors and warnings are on from the start, whatever was asked.
-        EXPECT_EQ(level_of("K_ERROR"), 3);
-        EXPECT_EQ(level_of("K_WARNING"), 3);
-        EXPECT_EQ(level_of("K_THINNFA"), 0);
+        EXPECT_EQ(std::make_tuple(level_of("K_ERROR"), level_of("K_WARNING"), level_of("K_THINNFA")),
+                  std::make_tuple(3, 3, 0));
     }
     tdResetTopics();
     vael_us_adaptor_set_debug_flags("memory misc", "info", "K_");
@@ -168,13 +169,11 @@ TEST(Tunables, ReadInBaseTenFromTheEnvironment) {
         {"vael_dfa_state_limit", &vael_dfa_state_limit, "12", 12},
         {"vael_dfa_should_limit_states", &vael_dfa_should_limit_states, "abc", 0},
         {"vael_pm_min_lss_size", &vael_pm_min_lss_size, "-3", -3},
-        {"vael_pm_default_back_offset_to_search_match_start", &vael_pm_default_back_offset_to_search_match_start,
-         " 42", 42},
         {"vael_thin_nfa_full_tiers_num", &vael_thin_nfa_full_tiers_num, "0x10", 0},
         {"vael_thin_nfa_max_partial_trans", &vael_thin_nfa_max_partial_trans, "010", 10},
         {"vael_thin_nfa_optimize_contig_chars", &vael_thin_nfa_optimize_contig_chars, "", 0},
         {"vael_pm_pcre_use_dfa_exec", &vael_pm_pcre_use_dfa_exec, nullptr, 1},
-        {"vael_pm_stats_take_exec_time", &vael_pm_stats_take_exec_time, "+5", 5},
+        {"vael_pm_stats_take_exec_time", &vael_pm_stats_take_exec_time, " +5", 5},
     };
     std::vector<std::unique_ptr<ScopedGlobal>> saved;
     std::vector<std::unique_ptr<ScopedEnv>> env;
@@ -235,7 +234,8 @@ void *const kAddrA = reinterpret_cast<void *>(0x1000), *const kAddrB = reinterpr
 int assert_line;
 
 TEST(OperatorTexts, Table) {
-    static const char caller[] = "walker";    const struct {
+    static const char caller[] = "walker";
+    const struct {
         const char *name;
         std::function<void()> act;
         std::string want;
@@ -284,6 +284,85 @@ TEST(OperatorTexts, Table) {
         EXPECT_EQ(log.text(), want);
     }
     vael_us_adaptor_failmem_set(0, 0);
+}
+
+// ---------------------------------------------------------------- the debug facility
+
+constexpr int kModule = VAEL_DBG_MODULE;
+
+// Each test starts with no topics and leaves the library's defaults behind.
+class DebugFacility : public ::testing::Test {
+  protected:
+    void SetUp() override { tdResetTopics(); }
+    void TearDown() override {
+        tdResetTopics();
+        vael_us_adaptor_debug_init();
+    }
+};
+
+TEST_F(DebugFacility, TopicsAreWantedUpToTheirLevelInTheirModule) {
+    ASSERT_EQ(tdAddTopic("K_PM", 3, kModule), 0);
+    ASSERT_EQ(tdAddTopic("K_DFA", 4, kModule), 0);
+    ASSERT_EQ(tdAddTopic("K_DFA", 1, kModule), 0);  // adding again sets the level either way
+    ASSERT_EQ(tdAddTopic("K_REM", 4, 6), 0);
+    const std::string longest(31, 'T');
+    ASSERT_EQ(tdAddTopic(longest.c_str(), 3, kModule), 0);
+    const struct {
+        int level;
+        const char *topics;
+        int module;
+        bool printable;
+    } queries[] = {
+        {3, "K_PM", kModule, true},         {4, "K_PM", kModule, false},  {1, "K_DFA", kModule, true},
+        {2, "K_DFA", kModule, false},       {3, "K_DFA | K_PM", kModule, true},  // any topic will do
+        {3, "  K_KW |  | K_PM  ", kModule, true}, {1, "K_PMX", kModule, false},  // whole names only
+        {1, "K_P", kModule, false},         {1, "K_REM", kModule, false},  // another module's topic
+        {4, "K_REM", 6, true},              {1, "", kModule, false},      {1, "K_PM", 99, false},
+        {3, longest.c_str(), kModule, true},
+    };
+    for (const auto &q : queries)
+        EXPECT_EQ(tdTopicsPrintable(q.level, q.topics, q.module, " |") != 0, q.printable)
+            << q.level << " '" << q.topics << "' module " << q.module;
+    // What the table cannot hold is refused.
+    for (const char *bad : {"", "TTTTTTTTTTTTTTTTTTTTTTTTTTTTTTTT"})
+        EXPECT_EQ(tdAddTopic(bad, 3, kModule), -1) << bad;
+    EXPECT_EQ(tdAddTopic("K_PM", 3, 16), -1);
+    tdResetTopics();
+    for (int i = 0; i < 64; i++)
+        ASSERT_EQ(tdAddTopic(("T" + std::to_string(i)).c_str(), 2, kModule), 0) << i;
+    EXPECT_EQ(tdAddTopic("ONE_TOO_MANY", 2, kModule), -1);
+    EXPECT_EQ(tdAddTopic("T5", 4, kModule), 0) << "a known topic still takes a new level";
+}
+
+int g_evaluated;
+int costly() { return ++g_evaluated; }
+void log_from_here() { VAEL_LOG(VAEL_DBG_NOTICE, "K_KW | K_PM", "%s: value %d\n", costly()); }
+
+TEST_F(DebugFacility, LinesGuardsAndSinks) {
+    LogCapture log;
+    g_evaluated = 0;
+    log_from_here();                              // no topic: the arguments are not computed
+    tdAddTopic("K_PM", VAEL_DBG_ERR, kModule);    // below the message's level
+    log_from_here();
+    EXPECT_EQ(g_evaluated, 0);
+    tdAddTopic("K_KW", VAEL_DBG_NOTICE, kModule);
+    log_from_here();
+    tdFunc(kModule, 65535, 0, "two: ");
+    tdFunc(kModule, 65535, 1, "%s\n", "piece");
+    tdFunc(7, 65535, 0, "seven\n");
+    vael_us_adaptor_kdprintf("%s: %u\n", "f", 12u);
+    EXPECT_EQ(log.text(), "vael[5]: log_from_here: value 1\nvael[5]: two: piece\nvael[7]: seven\nvael[5]: f: 12\n");
+
+    // A sink gets lines cut at the facility's line size; the standard error
+    // stream gets them whole.
+    const std::string body(3000, 'z');
+    log.clear();
+    tdFunc(kModule, 65535, 0, "%s\n", body.c_str());
+    EXPECT_EQ(log.text().size(), 1023u);
+    tdSetSink(nullptr, nullptr);
+    ::testing::internal::CaptureStderr();
+    tdFunc(kModule, 65535, 0, "%s\n", body.c_str());
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "vael[5]: " + body + "\n");
 }
 
 }  // namespace

@@ -1,20 +1,12 @@
 // Walks an operation through the allocation failures it can meet.
 //
-// failmem_walk uses fail injection in mode 2: each allocation site fails
-// once, at its first call, and never again. Repeating the operation until it
-// succeeds makes each round fail at the next site not seen before, so the
-// rounds visit every site's failure road once: rounds = sites + 1.
-//
-// A site called in a loop (a block of a growing store, a record per pattern)
-// fails that way only at its first call, when nothing is built yet.
-// failmem_walk_each_allocation fails the first allocation of the operation,
-// then the second, and so on, until a round makes fewer allocations than the
-// one it was to fail: rounds = allocations + 1. It costs a round per
-// allocation and reaches the roads where much is built already.
-//
-// After each failed round both walks check that the operation failed the way
-// its interface promises and left both byte accounts where they were. Leaks
-// of memory outside the accounts are ASan's to report at exit.
+// failmem_walk fails each allocation site once, at its first call (fail
+// injection mode 2), and repeats the operation until it succeeds: rounds =
+// sites + 1. failmem_walk_each_allocation fails the first allocation, then
+// the second, and so on, reaching the roads where much is built already:
+// rounds = allocations + 1. After each failed round both walks check that the
+// operation failed as its interface promises and left both byte accounts
+// where they were; leaks outside the accounts are ASan's to report.
 #ifndef VAEL_TESTS_SUPPORT_FAILMEM_WALK_H
 #define VAEL_TESTS_SUPPORT_FAILMEM_WALK_H
 

@@ -182,19 +182,21 @@ TEST(ThinNfaImage, CopiesScanLikeTheOriginal) {
         Loaded dup{vael_thin_nfa_duplicate(nfa.get())};
         Loaded flat{load_flat(image, (uint32_t)image.size())};
         // Blocks of one byte for the small images, cut anywhere for the rest.
-        Loaded vb1{load_vbuf(image, image.size() < 20000 ? 1 : 1009)};
-        Loaded vb7{load_vbuf(image, 7)};
+        Loaded vb1{load_vbuf(image, image.size() < 20000 ? 1 : 7)};
+        Loaded vb7{load_vbuf(image, image.size() < 20000 ? 7 : 1009)};
         for (const Loaded *copy : {&dup, &flat, &vb1, &vb7}) {
             ASSERT_NE(copy->nfa, nullptr);
             EXPECT_EQ(image_of(copy->nfa), image);
             EXPECT_EQ(copy->nfa->prefilter != nullptr, nfa.get()->prefilter != nullptr);
             EXPECT_EQ(vael_thin_nfa_is_valid(copy->nfa), 1);
         }
-        for (const std::string &text : random_texts(row.patterns, 11, 20)) {
-            const std::vector<Hit> want = scan(nfa.get(), text);
+        // The same BNFA word for word scans alike; a few texts show that the
+        // copies also carry the pattern lists and the prefilter.
+        for (const std::string &text : random_texts(row.patterns, 11, 6)) {
+            const std::vector<Hit> want = scan(nfa.get(), text), split = scan(nfa.get(), text, 13);
             for (const Loaded *copy : {&dup, &flat, &vb7}) {
                 EXPECT_EQ(scan(copy->nfa, text), want);
-                EXPECT_EQ(scan(copy->nfa, text, 13), scan(nfa.get(), text, 13));
+                EXPECT_EQ(scan(copy->nfa, text, 13), split);
             }
         }
     }

@@ -1,6 +1,7 @@
-// The Thin NFA driven directly: the binary layout the compile produces, and
-// what a run queues for a flat buffer beyond what the differential test
-// checks: anchors, start offsets, masks, one id on several strings.
+// The Thin NFA driven directly: the binary layout the compile produces, what
+// a run queues for a flat buffer beyond what the differential test checks
+// (anchors, start offsets, masks, one id on several strings), and the limit
+// on states.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -143,6 +144,37 @@ TEST(ThinNfaExec, MaskKeepAllFlagsAndRefusals) {
     ThinNfa empty({{"ok", 0}, {"", 1}});
     EXPECT_EQ(empty.get(), nullptr);
     EXPECT_STREQ(empty.error().error_string, "Empty pattern");
+}
+
+// ---------------------------------------------------------------- the state limit: 1,000 blocks of 1,000
+
+// A pattern of n bytes with no byte repeated next to itself, so it makes a
+// chain of n partial states below the root's children.
+std::string chain(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; i++)
+        s[i] = (char)('a' + i % 7);
+    return s;
+}
+
+TEST(ThinNfaLimits, AMillionStatesCompileOneMoreDoesNot) {
+    // The root and 999,999 states of one pattern: the very last record of the
+    // last block.
+    {
+        ThinNfa nfa({{chain(999999), 1}});
+        ASSERT_NE(nfa.get(), nullptr);
+        EXPECT_EQ(nfa.get()->state_num, 1000000u);
+        EXPECT_EQ(nfa.hits("xx" + chain(999999)), (std::vector<Hit>{{1, 1000000}}));
+    }
+    const intptr_t pm_mem = vael_pmglob_memory_get_alloc_total();
+    const intptr_t all_mem = qx_kmem_get_alloc_total();
+    vael_test::LogCapture quiet;
+    ThinNfa nfa({{"ab", 1}, {chain(1000000), 2}});
+    EXPECT_EQ(nfa.get(), nullptr);
+    EXPECT_STREQ(nfa.error().error_string, "Failed to allocate state");
+    EXPECT_EQ(nfa.error().error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_mem);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), all_mem);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <random>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,10 +19,10 @@ using vael_test::Hit;
 using vael_test::ScopedGlobal;
 using vael_test::ThinNfa;
 
-// Patterns numbered from 0, with their flags.
-std::vector<vael_test::Pattern> numbered(const std::vector<std::pair<std::string, uint32_t>> &patterns) {
+// Patterns numbered from 0.
+std::vector<vael_test::Pattern> numbered(const std::vector<std::string> &texts, uint32_t flags = 0) {
     std::vector<vael_test::Pattern> out;
-    for (const auto &[text, flags] : patterns)
+    for (const auto &text : texts)
         out.push_back({text, (int32_t)out.size(), flags});
     return out;
 }
@@ -39,15 +38,35 @@ struct Stream {
     ~Stream() { vael_vbuf_destroy(vbuf); }
 };
 
-std::vector<Hit> run(const ThinNfa &e, vael_vbuf *vbuf, const std::string &flat, uint32_t offset,
-                     uint32_t flags = VAEL_PM_EXEC_ALL_MATCHES, int *rc_out = nullptr) {
-    std::vector<Hit> hits;
-    const int rc = e.exec(flat, &hits, flags, offset, nullptr, vbuf);
-    if (rc_out)
-        *rc_out = rc;
-    else
-        EXPECT_EQ(rc, 0);
-    return hits;
+// The text cut into history blocks before `present_from` and the present
+// buffer after it, under every prefilter setting and both run kinds, must
+// give the flat run's hits without the prefilter.
+void expect_stream_like_flat(const ThinNfa &e, const std::string &text, const std::vector<size_t> &cuts,
+                             size_t present_from) {
+    std::vector<std::string> blocks;
+    for (size_t i = 0, at = 0; at < present_from; i++) {
+        const size_t to = i < cuts.size() ? std::min(cuts[i], present_from) : present_from;
+        if (to > at)
+            blocks.push_back(text.substr(at, to - at));
+        at = std::max(at, to);
+    }
+    const Stream s(blocks);
+    const std::string present = text.substr(present_from);
+    for (uint32_t flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
+        std::vector<Hit> want, got;
+        {
+            ScopedGlobal off(vael_thin_nfa_prefilter, THIN_NFA_PREFILTER_OFF);
+            ASSERT_EQ(e.exec(text, &want, flags), 0);
+        }
+        for (int mode : vael_test::all_prefilter_modes()) {
+            ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
+            ASSERT_EQ(e.exec(present, &got, flags, 0, nullptr, s.vbuf), 0);
+            ASSERT_EQ(got, want) << "prefilter " << mode << ", present buffer from " << present_from << ", text "
+                                 << text;
+            ASSERT_EQ(e.exec(text, &got, flags), 0);
+            ASSERT_EQ(got, want) << "prefilter " << mode << ", flat, text " << text;
+        }
+    }
 }
 
 // Blocks and a present buffer: the state carries across blocks, offsets count
@@ -56,8 +75,10 @@ std::vector<Hit> run(const ThinNfa &e, vael_vbuf *vbuf, const std::string &flat,
 // the bytes before it, and one past the end is refused.
 TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
     const auto kStart = VAEL_PM_LSS_START_ANCHOR, kEnd = VAEL_PM_LSS_END_ANCHOR;
+    const std::vector<vael_test::Pattern> cdef = {{"abcdef", 0}, {"cd", 1}}, end_ab = {{"ab", 0, kEnd}},
+                                          start_ab = {{"ab", 0, kStart}, {"b", 1}};
     const struct {
-        std::vector<std::pair<std::string, uint32_t>> patterns;
+        std::vector<vael_test::Pattern> patterns;
         uint32_t compile_flags;
         std::vector<std::string> blocks;
         std::string present;
@@ -65,28 +86,26 @@ TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
         std::vector<Hit> hits;
         int rc;
     } rows[] = {
-        {{{"abcdef", 0}, {"cd", 0}}, 0, {"xxab", "c", "de", "fyy"}, "", 0, {{1, 5}, {0, 7}}, 0},
-        {{{"abcdef", 0}, {"cd", 0}}, 0, {"xxab", "c", "de", "fyy"}, "abcdef", 0, {{1, 5}, {0, 7}, {1, 13}, {0, 15}}, 0},
-        {{{"ab", 0}}, 0, {"xab", "ab"}, "", 0, {{0, 2}, {0, 4}}, 0},
-        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "", 0, {{0, 3}}, 0},
-        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "xab", 0, {{0, 6}}, 0},
-        {{{"ab", kEnd}}, 0, {"ab", "ab"}, "abx", 0, {}, 0},
-        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "", 0, {{0, 1}, {1, 1}, {1, 3}}, 0},
-        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "", 1, {{1, 1}, {1, 3}}, 0},
-        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "b", 3, {{1, 3}, {1, 4}}, 0},
-        {{{"ab", kStart}, {"b", 0}}, 0, {"a", "bab"}, "abab", 6, {{1, 7}}, 0},
+        {cdef, 0, {"xxab", "c", "de", "fyy"}, "", 0, {{1, 5}, {0, 7}}, 0},
+        {cdef, 0, {"xxab", "c", "de", "fyy"}, "abcdef", 0, {{1, 5}, {0, 7}, {1, 13}, {0, 15}}, 0},
+        {end_ab, 0, {"ab", "ab"}, "", 0, {{0, 3}}, 0},
+        {end_ab, 0, {"ab", "ab"}, "xab", 0, {{0, 6}}, 0},
+        {end_ab, 0, {"ab", "ab"}, "abx", 0, {}, 0},
+        {start_ab, 0, {"a", "bab"}, "", 0, {{0, 1}, {1, 1}, {1, 3}}, 0},
+        {start_ab, 0, {"a", "bab"}, "", 1, {{1, 1}, {1, 3}}, 0},
+        {start_ab, 0, {"a", "bab"}, "b", 3, {{1, 3}, {1, 4}}, 0},
+        {start_ab, 0, {"a", "bab"}, "abab", 6, {{1, 7}}, 0},
         {{{"a", 0}}, 0, {"aa"}, "", 2, {}, 0},
         {{{"a", 0}}, 0, {"aa"}, "aa", 4, {}, 0},
         {{{"a", 0}}, 0, {"aa"}, "aa", 5, {}, -1},
         {{{"abc1", 0}}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, {"xA", "B", "c7ABC", "9"}, "", 0, {{0, 4}, {0, 8}}, 0},
     };
     for (const auto &row : rows) {
-        ThinNfa e(numbered(row.patterns), row.compile_flags);
+        ThinNfa e(row.patterns, row.compile_flags);
         Stream s(row.blocks);
-        int rc = 0;
-        EXPECT_EQ(run(e, s.vbuf, row.present, row.offset, VAEL_PM_EXEC_ALL_MATCHES, &rc), row.hits)
-            << row.blocks[0] << " + " << row.present << " from " << row.offset;
-        EXPECT_EQ(rc, row.rc);
+        std::vector<Hit> hits;
+        EXPECT_EQ(e.exec(row.present, &hits, VAEL_PM_EXEC_ALL_MATCHES, row.offset, nullptr, s.vbuf), row.rc);
+        EXPECT_EQ(hits, row.hits) << row.blocks[0] << " + " << row.present << " from " << row.offset;
     }
 }
 
@@ -94,52 +113,24 @@ TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
 TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
     std::mt19937 rng(20261122);
     const std::string alphabet = "abcA1";
+    auto random_text = [&](size_t len) {
+        std::string t;
+        for (size_t i = 0; i < len; i++)
+            t += alphabet[rng() % alphabet.size()];
+        return t;
+    };
     for (int round = 0; round < 300; round++) {
-        auto random_text = [&](size_t len) {
-            std::string t;
-            for (size_t i = 0; i < len; i++)
-                t += alphabet[rng() % alphabet.size()];
-            return t;
-        };
-        std::vector<std::pair<std::string, uint32_t>> patterns;
-        int n = 1 + (int)(rng() % 12);
-        for (int i = 0; i < n; i++)
-            patterns.emplace_back(random_text(1 + rng() % 6), 0);
-        uint32_t flags = (round % 3 == 0) ? VAEL_PM_CASELESS : 0;
-        ThinNfa e(numbered(patterns), flags);
-        std::string text = random_text(1 + rng() % 200);
-
-        std::vector<std::string> blocks;
-        for (size_t pos = 0; pos < text.size();) {
-            size_t len = (rng() % 4 == 0) ? 1 : 1 + rng() % 20;
-            len = std::min(len, text.size() - pos);
-            blocks.push_back(text.substr(pos, len));
-            pos += len;
-        }
-        // Keep a random number of blocks as history and the rest as the
-        // present buffer, which may be empty.
-        size_t keep = rng() % (blocks.size() + 1);
-        std::string present;
-        for (size_t i = keep; i < blocks.size(); i++)
-            present += blocks[i];
-        blocks.resize(keep);
-        if (blocks.empty() && present.empty())
-            continue;
-        Stream s(blocks);
-        for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
-            std::vector<Hit> expected;
-            {
-                ScopedGlobal off(vael_thin_nfa_prefilter, THIN_NFA_PREFILTER_OFF);
-                expected = run(e, nullptr, text, 0, exec_flags);
-            }
-            for (int mode : vael_test::all_prefilter_modes()) {
-                ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
-                ASSERT_EQ(run(e, s.vbuf, present, 0, exec_flags), expected)
-                    << "round " << round << " prefilter " << mode << " text " << text;
-                ASSERT_EQ(run(e, nullptr, text, 0, exec_flags), expected)
-                    << "round " << round << " prefilter " << mode << " flat, text " << text;
-            }
-        }
+        std::vector<std::string> patterns;
+        for (int n = 1 + (int)(rng() % 12); n > 0; n--)
+            patterns.push_back(random_text(1 + rng() % 6));
+        ThinNfa e(numbered(patterns), (round % 3 == 0) ? VAEL_PM_CASELESS : 0);
+        const std::string text = random_text(1 + rng() % 200);
+        // Cuts of 1 to 20 bytes, and a random part of the text as history.
+        std::vector<size_t> cuts;
+        for (size_t at = 0; at < text.size(); cuts.push_back(at))
+            at += (rng() % 4 == 0) ? 1 : 1 + rng() % 20;
+        expect_stream_like_flat(e, text, cuts, rng() % (text.size() + 1));
+        ASSERT_FALSE(HasFailure()) << "round " << round;
     }
 }
 
@@ -150,13 +141,12 @@ TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
 // where every byte may start a pattern, and texts where candidates fall just
 // before a cut.
 TEST(ThinNfaStream, EverySplitOfShortTextsMatchesTheFlatScan) {
-    struct Case {
+    const std::string long_text = "zz" + std::string(30, 'x') + "abcdefgh" + std::string(27, 'y') + "abcd";
+    const struct {
         std::vector<std::string> patterns;
         uint32_t compile_flags;
         std::string text;
-    };
-    const std::string long_text = "zz" + std::string(30, 'x') + "abcdefgh" + std::string(27, 'y') + "abcd";
-    const Case cases[] = {
+    } cases[] = {
         {{"abcd", "bcde", "cdefgh"}, 0, "xxabcdefghxabcdxbcdex"},
         {{"abcd", "bcde", "cdefgh"}, 0, long_text},
         {{"a"}, 0, "aaaaaaaaaa"},
@@ -166,30 +156,13 @@ TEST(ThinNfaStream, EverySplitOfShortTextsMatchesTheFlatScan) {
         {{"Abc1", "xYz"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, "aBc9XyZabC0xyzABC1"},
         {{"Hello", "World"}, VAEL_PM_CASELESS, "hElLoWoRlDhelloworldHELLOWORLD"},
     };
-    for (const Case &c : cases) {
-        std::vector<std::pair<std::string, uint32_t>> patterns;
-        for (const auto &p : c.patterns)
-            patterns.emplace_back(p, 0);
-        ThinNfa e(numbered(patterns), c.compile_flags);
-        for (uint32_t exec_flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
-            std::vector<Hit> expected;
-            {
-                ScopedGlobal off(vael_thin_nfa_prefilter, THIN_NFA_PREFILTER_OFF);
-                expected = run(e, nullptr, c.text, 0, exec_flags);
-            }
-            ASSERT_FALSE(expected.empty()) << c.text;
-            for (int mode : vael_test::all_prefilter_modes()) {
-                ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
-                for (size_t cut = 1; cut < c.text.size(); cut++) {
-                    const std::string head = c.text.substr(0, cut), tail = c.text.substr(cut);
-                    Stream two({head, tail});
-                    ASSERT_EQ(run(e, two.vbuf, "", 0, exec_flags), expected)
-                        << "blocks cut at " << cut << ", prefilter " << mode << ", text " << c.text;
-                    Stream one({head});
-                    ASSERT_EQ(run(e, one.vbuf, tail, 0, exec_flags), expected)
-                        << "present buffer from " << cut << ", prefilter " << mode << ", text " << c.text;
-                }
-            }
+    for (const auto &c : cases) {
+        ThinNfa e(numbered(c.patterns), c.compile_flags);
+        ASSERT_FALSE(e.hits(c.text).empty()) << c.text;
+        for (size_t cut = 1; cut < c.text.size(); cut++) {
+            expect_stream_like_flat(e, c.text, {cut}, c.text.size());  // two blocks
+            expect_stream_like_flat(e, c.text, {}, cut);               // a block and the present buffer
+            ASSERT_FALSE(HasFailure()) << "cut at " << cut;
         }
     }
 }

@@ -2,6 +2,7 @@
 // compile, duplicate and load with the byte accounts back where they were.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -66,6 +67,20 @@ TEST(WordMatcherImage, RoundTrip) {
     auto twice = load(image_of(loaded.get()), (uint32_t)image.size());
     ASSERT_TRUE(twice);
     EXPECT_EQ(image_of(twice.get()), image);
+
+    // From a vbuf whose blocks cut through fields and phrases.
+    vael_vbuf *vbuf = vael_vbuf_create((uint32_t)image.size(), 0);
+    for (size_t at = 0, block = 7; at < image.size(); at += block, block = block * 2 + 9)
+        ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, (char *)image.data() + at,
+                                          (uint32_t)std::min(block, image.size() - at), nullptr, nullptr),
+                  0);
+    vael_vbuf_iter iter{};
+    uint32_t space = (uint32_t)image.size();
+    Handle streamed(static_cast<vael_wm_handle *>(vael_wm_deserialize(nullptr, &space, vbuf, &iter)));
+    vael_vbuf_destroy(vbuf);
+    ASSERT_TRUE(streamed);
+    EXPECT_EQ(space, 0u);
+    expect_same_behaviour(h.get(), streamed.get());
 }
 
 // A duplicate and a loaded image hold each bucket in reverse order: hits of
@@ -86,39 +101,17 @@ TEST(WordMatcherImage, CopiesReverseBuckets) {
     EXPECT_EQ(vael_wm_duplicate(nullptr), nullptr);
 }
 
-TEST(WordMatcherImage, LoadsFromVbuf) {
-    auto h = compile(sample_words());
-    ASSERT_TRUE(h);
-    auto image = image_of(h.get());
-    vael_vbuf *vbuf = vael_vbuf_create((uint32_t)image.size(), 0);
-    // Blocks that cut through fields and phrases.
-    const size_t cuts[] = {0, 7, 23, 60, image.size()};
-    for (size_t i = 0; i + 1 < sizeof cuts / sizeof cuts[0]; i++)
-        ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, image.data() + cuts[i], (uint32_t)(cuts[i + 1] - cuts[i]), nullptr,
-                                          nullptr),
-                  0);
-    vael_vbuf_iter iter{};
-    uint32_t space = (uint32_t)image.size();
-    Handle loaded(static_cast<vael_wm_handle *>(vael_wm_deserialize(nullptr, &space, vbuf, &iter)));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(space, 0u);
-    expect_same_behaviour(h.get(), loaded.get());
-    vael_vbuf_destroy(vbuf);
-}
-
-TEST(WordMatcherImage, EveryCutIsRefused) {
-    auto h = compile({{"foo bar", 1}, {"x", 2, VAEL_PM_CONTINUOUS_WORD}, {"\xC3\xA9t\xC3\xA9", 3}});
-    ASSERT_TRUE(h);
-    const auto image = image_of(h.get());
-    const intptr_t before = vael_pmglob_memory_get_alloc_total();
-    for (uint32_t cut = 0; cut < image.size(); cut++)
-        EXPECT_FALSE(load(image, cut)) << "cut at " << cut;
-    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
-}
-
+// Every cut is refused; named damage is refused with its text; any other
+// single-byte change is refused or gives a handle that scans safely.
 TEST(WordMatcherImage, DamageIsRefused) {
+    auto cut_me = compile({{"foo bar", 1}, {"x", 2, VAEL_PM_CONTINUOUS_WORD}, {"\xC3\xA9t\xC3\xA9", 3}});
+    ASSERT_TRUE(cut_me);
     auto h = compile({{"foo bar", 1}});
     ASSERT_TRUE(h);
+    const auto whole = image_of(cut_me.get());
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    for (uint32_t cut = 0; cut < whole.size(); cut++)
+        EXPECT_FALSE(load(whole, cut)) << "cut at " << cut;
     const auto good = image_of(h.get());
     struct Row {
         const char *name;
@@ -137,7 +130,6 @@ TEST(WordMatcherImage, DamageIsRefused) {
     };
     vael_test::LogCapture log;
     vael_test::ScopedTopic topic("K_ERROR", VAEL_DBG_ERR);
-    const intptr_t before = vael_pmglob_memory_get_alloc_total();
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);
         auto image = good;
@@ -146,7 +138,6 @@ TEST(WordMatcherImage, DamageIsRefused) {
         EXPECT_FALSE(load(image, (uint32_t)image.size()));
         EXPECT_TRUE(log.contains(r.log)) << log.text();
     }
-    // Any other single-byte change: refused, or a handle that scans safely.
     for (size_t at = 0; at < good.size(); at++) {
         auto image = good;
         image[at] ^= 0xff;
@@ -181,43 +172,34 @@ TEST(WordMatcherImage, SerializeRefusals) {
 // only what the operation made. The walk of the buffer itself comes last.
 void warm_temp_buffer() { ASSERT_EQ(vael_wm_validate_phrase_temp_buffer(4096), 0); }
 
-TEST(WordMatcherFailmem, Compile) {
+TEST(WordMatcherFailmem, CompileDuplicateAndLoad) {
     warm_temp_buffer();
-    const auto words = sample_words();
-    vael_pmglob_patterns *list = word_list(words);
-    vael_wm_handle *h = nullptr;
-    vael_pm_error err;
-    auto w = vael_test::failmem_walk_each_allocation(
-        [&] {
-            vael_pm_error_init(&err);
-            h = static_cast<vael_wm_handle *>(vael_wm_compile(list, 0, &err));
-            return h != nullptr;
-        },
-        [&] { return err.error_type == VAEL_PM_ERROR_INTERNAL; });
-    EXPECT_GE(w.rounds, 28);  // handle, buckets, statistics, depths, a node per phrase
-    vael_wm_destroy(h);
-    vael_pmglob_patterns_destroy(list);
-}
-
-TEST(WordMatcherFailmem, DuplicateAndLoad) {
-    warm_temp_buffer();
+    vael_pmglob_patterns *list = word_list(sample_words());
     auto h = compile(sample_words());
     ASSERT_TRUE(h);
     const auto image = image_of(h.get());
-    void *copy = nullptr;
-    auto dup = vael_test::failmem_walk_each_allocation([&] { return (copy = vael_wm_duplicate(h.get())) != nullptr; },
-                                                       [] { return true; });
-    EXPECT_GE(dup.rounds, 28);
-    vael_wm_destroy(copy);
-    auto ld = vael_test::failmem_walk_each_allocation(
-        [&] {
-            const unsigned char *at = image.data();
-            uint32_t space = (uint32_t)image.size();
-            return (copy = vael_wm_deserialize(&at, &space, nullptr, nullptr)) != nullptr;
-        },
-        [] { return true; });
-    EXPECT_GE(ld.rounds, 28);
-    vael_wm_destroy(copy);
+    void *made = nullptr;
+    vael_pm_error err;
+    const std::pair<const char *, std::function<void *()>> operations[] = {
+        {"compile", [&] { return vael_wm_compile(list, 0, &err); }},
+        {"duplicate", [&] { return vael_wm_duplicate(h.get()); }},
+        {"load", [&] {
+             const unsigned char *at = image.data();
+             uint32_t space = (uint32_t)image.size();
+             return vael_wm_deserialize(&at, &space, nullptr, nullptr);
+         }},
+    };
+    for (const auto &[name, make] : operations) {
+        auto w = vael_test::failmem_walk_each_allocation(
+            [&] {
+                vael_pm_error_init(&err);
+                return (made = make()) != nullptr;
+            },
+            [&] { return err.error_type == VAEL_PM_ERROR_INTERNAL; });
+        EXPECT_GE(w.rounds, 28) << name;  // handle, buckets, statistics, depths, a node per phrase
+        vael_wm_destroy(made);
+    }
+    vael_pmglob_patterns_destroy(list);
 }
 
 // Without a temporary buffer a compile makes one; when that fails the
