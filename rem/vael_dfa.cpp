@@ -165,8 +165,6 @@ extern "C" void vael_dfa_destroy(vael_dfa *dfa) {
     if (!dfa)
         return;
     destroy_states(dfa);
-    if (dfa->final_map)
-        VAEL_PM_KFREE(dfa->final_map, sizeof(uint64_t) * dfa->final_map_words);
     vael_pm_stats_common_free(&dfa->stats.common);
     for (uint16_t b = 0; b < dfa->num_of_blocks; b++)
         free_block(dfa->blocks[b], dfa->block_capacity[b]);
@@ -279,38 +277,11 @@ extern "C" vael_dfa *vael_dfa_finalize(vael_dfa *dfa) {
         if (!used)
             dfa->num_of_blocks--;  // an empty last block is dropped whole
     }
-    if (vael_dfa_transform_state_ids(dfa) != 0 || vael_dfa_build_final_map(dfa) != 0) {
+    if (vael_dfa_transform_state_ids(dfa) != 0) {
         vael_dfa_destroy(dfa);
         return nullptr;
     }
     return dfa;
-}
-
-extern "C" int vael_dfa_build_final_map(vael_dfa *dfa) {
-    if (dfa->final_map)
-        VAEL_PM_KFREE(dfa->final_map, sizeof(uint64_t) * dfa->final_map_words);
-    dfa->final_map = nullptr;
-    dfa->final_map_words = 0;
-    if (!dfa->num_of_blocks)
-        return 0;
-    // Entries are linear ids in a machine of one block, packed ids (block
-    // << 13 | index) in others.
-    const bool one_block = dfa->num_of_blocks == 1;
-    const uint32_t entries = one_block ? dfa->block_used[0] : (uint32_t)dfa->num_of_blocks << VAEL_DFA_PACKED_SHIFT;
-    const uint32_t words = (entries + 63) / 64;
-    auto *map = static_cast<uint64_t *>(VAEL_PM_KMALLOC(sizeof(uint64_t) * words));
-    if (!map)
-        return -1;
-    std::memset(map, 0, sizeof(uint64_t) * words);
-    for (uint32_t id = 0; id < dfa->current_state_id; id++) {
-        const vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
-        const uint32_t e = one_block ? id : vael_dfa_linear_to_packed(id);
-        if (s && (s->properties & VAEL_DFA_STATE_FINAL) && e < entries)
-            map[e / 64] |= 1ull << (e % 64);
-    }
-    dfa->final_map = map;
-    dfa->final_map_words = words;
-    return 0;
 }
 
 // ---------------------------------------------------------------- validation
@@ -448,10 +419,6 @@ extern "C" vael_dfa *vael_dfa_duplicate(vael_dfa *dfa) {
     if (copy->current_state_id != dfa->current_state_id) {
         VAEL_LOG(VAEL_DBG_ERR, kTopics, "%s: vael_dfa_machine_dup returned current_state_id %u (in orig_dfa %u)\n",
                  copy->current_state_id, dfa->current_state_id);
-        vael_dfa_destroy(copy);
-        return nullptr;
-    }
-    if (vael_dfa_build_final_map(copy) != 0) {
         vael_dfa_destroy(copy);
         return nullptr;
     }

@@ -5,10 +5,8 @@
 // for the byte, found in a machine of one block as block 0 plus the entry
 // (the entry is the index), in others by the packed id (block << 13 |
 // index). Everything that is not a transition waits behind the test of the
-// entry's bit in the machine's final map, which spares the read of the
-// target's record header. Hits go to a match queue of
-// vael_pmglob_match_data; the frame reads the queue afterwards, so no user
-// code runs inside the loop.
+// state's final bit. Hits go to a match queue of vael_pmglob_match_data; the
+// frame reads the queue afterwards, so no user code runs inside the loop.
 //
 // A DFA knows where a match ends, not where it starts. The start is found
 // on demand by running the machine again from candidate offsets, in a binary
@@ -176,12 +174,11 @@ int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_i
     const uint32_t end = OneBlock ? base + end_index : end_index;
     vael_dfa_state *const block0 = dfa->blocks[0];
     vael_dfa_state *const *blocks = dfa->blocks;
-    const uint64_t *const final_map = dfa->final_map;
 
     for (uint32_t i = start_index; i < end_index; i++) {
         const uint32_t e = state->trans[buf[i]];
         state = OneBlock ? block0 + e : blocks[e >> VAEL_DFA_PACKED_SHIFT] + (e & VAEL_DFA_PACKED_INDEX_MASK);
-        if (!((final_map[e / 64] >> (e % 64)) & 1))
+        if (!(state->properties & VAEL_DFA_STATE_FINAL))
             continue;
         if (state->properties & VAEL_DFA_STATE_ANCHORED_FINAL) {
             if (i != end_index - 1)
@@ -216,11 +213,6 @@ int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_i
 extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
                                      uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
                                      const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
-    // Only a finished machine runs: finishing it made the final map.
-    if (!(*running)->dfa->final_map) {
-        VAEL_ASSERT(0, "The machine is not finalized");
-        return VAEL_ERROR;
-    }
     if ((*running)->dfa->num_of_blocks == 1)
         return run_piece<true>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
     return run_piece<false>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);

@@ -274,7 +274,7 @@ extern "C" vael_dfa *vael_dfa_deserialize(const unsigned char **position, uint32
     // making the states counted.
     ok = ok && vael_pm_stats_common_deserialize(&dfa->stats.common, in.position, in.space, in.vbuf, in.iter) == 0;
     ok = ok && in.u32(&dfa->stats.num_of_states) && in.u32(&dfa->stats.num_of_final_states);
-    ok = ok && runs_safely(dfa) && vael_dfa_build_final_map(dfa) == 0;
+    ok = ok && runs_safely(dfa);
     if (!ok) {
         vael_dfa_destroy(dfa);
         return nullptr;

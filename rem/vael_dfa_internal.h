@@ -68,12 +68,6 @@ struct vael_dfa {
     uint16_t block_capacity[VAEL_DFA_MAX_BLOCKS]; /* states each block holds */
     uint16_t block_used[VAEL_DFA_MAX_BLOCKS];     /* states in use */
     vael_dfa_state *blocks[VAEL_DFA_MAX_BLOCKS];
-    /* Derived when a machine is finished (finalize, duplicate, load), never
-     * stored in an image: bit e is set when the table entry e names a final
-     * state. A run learns finality from the entry it just read instead of
-     * from the target's record, which usually lies in another cache line. */
-    uint64_t *final_map;
-    uint32_t final_map_words;
 };
 
 /* An NFA environment: one DFA object owns every state of every fragment of
@@ -119,10 +113,6 @@ void vael_dfa_partitions_destroy(vael_dfa_partitions *partitions);
 void vael_dfa_partitions_divide(vael_dfa_partitions *partitions, uint32_t i, uint32_t j);
 void vael_dfa_partitions_join(vael_dfa_partitions *partitions, uint32_t i, uint32_t j);
 void vael_dfa_partitions_print(vael_dfa_partitions *partitions);
-
-/* Builds (again) the final map of a finished machine. 0, or -1 when out of
- * memory. */
-int vael_dfa_build_final_map(vael_dfa *dfa);
 
 /* The run entries of the tier rows (the SM row and the REM row). */
 struct vael_pm_exec_cb_ctx;
