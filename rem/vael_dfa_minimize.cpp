@@ -1,10 +1,11 @@
-// vael_dfa_minimize.cpp - DFA minimization by table filling.
+// vael_dfa_minimize.cpp - DFA minimization.
 //
-// A triangular matrix holds, for every pair of states, whether the pair is
-// still held equal ("joined"). All pairs start joined by finality alone, and
-// passes over the pairs divide those whose targets on some byte are divided,
-// until a pass changes nothing. Quadratic in states and simple: machines
-// stay within 7767 states by default, where the matrix costs about 120 MB.
+// The groups of equal states are the coarsest partition that keeps final
+// and non-final states apart and that every byte's transitions respect. The
+// pair matrix below (every pair of states joined or divided) states that
+// relation; the minimization itself finds the groups by refining classes
+// (see Refinement), which is n log n where filling the matrix pass by pass
+// is up to cubic, and needs no 120 MB matrix at 7767 states.
 //
 // The input must be complete and not finalized (its entries are linear ids).
 // States are tied to one another through their states lists: each state of
@@ -27,10 +28,6 @@ constexpr uint32_t kJoined = 1;
 
 uint32_t *cell(vael_dfa_partition_matrix *matrix, uint32_t i, uint32_t j) {
     return i > j ? &matrix->rows[i][j] : &matrix->rows[j][i];
-}
-
-bool joined(vael_dfa_partitions *p, uint32_t i, uint32_t j) {
-    return i == j || *cell(p->matrix, i, j) == kJoined;
 }
 
 }  // namespace
@@ -137,62 +134,185 @@ extern "C" void vael_dfa_partitions_print(vael_dfa_partitions *p) {
 
 namespace {
 
-// The target of a state of the input on a byte, as a linear id.
-inline uint32_t target_id(const vael_dfa_state *s, unsigned c) { return s->trans[c]; }
+// The groups of equal states, by partition refinement (Hopcroft): the
+// classes of finality are split by their predecessors on each byte until no
+// split is left. The result is the same as that of filling the pair table
+// pass by pass, the coarsest partition that the transitions respect, in
+// O(256 n log n) instead of up to n passes over n^2 / 2 pairs: a hostile
+// expression near the state limit would otherwise hold a compile for hours.
+//
+// A missing target (an entry past the states) is a state of its own, unlike
+// any: it is the extra state n, which leads only to itself.
+class Refinement {
+public:
+    explicit Refinement(uint32_t n) : n_(n), size_(n + 1) {}
 
-// Joins the pairs of the same finality; then divides, pass after pass, every
-// joined pair that some byte leads to a divided pair, until nothing changes.
-void fill_table(vael_dfa_partitions *p) {
-    const uint32_t n = p->num_of_states;
-    for (uint32_t i = 0; i < n; i++)
-        for (uint32_t j = 0; j < i; j++)
-            if (vael_dfa_state_is_final(p->states[i].state) == vael_dfa_state_is_final(p->states[j].state))
-                vael_dfa_partitions_join(p, i, j);
-    for (bool changed = true; changed;) {
-        changed = false;
-        for (uint32_t i = 0; i < n; i++) {
-            const vael_dfa_state *si = p->states[i].state;
-            uint32_t *row = p->matrix->rows[i];
-            for (uint32_t j = 0; j < i; j++) {
-                if (row[j] != kJoined)
+    // False when out of memory.
+    bool run(const vael_dfa *dfa, uint32_t *group) {
+        const size_t N = size_, S = 256;
+        const size_t words = S * (N + 1) + S * N + 8 * N + S * N + (S * N + 31) / 32;
+        block_ = VAEL_MAKE_OWNED_ARRAY(uint32_t, words);
+        if (!block_)
+            return false;
+        uint32_t *at = block_.get();
+        auto take = [&](size_t count) {
+            uint32_t *part = at;
+            at += count;
+            return part;
+        };
+        inv_off_ = take(S * (N + 1));
+        inv_src_ = take(S * N);
+        elems_ = take(N);
+        loc_ = take(N);
+        block_of_ = take(N);
+        first_ = take(N);
+        end_ = take(N);
+        marked_ = take(N);
+        scratch_ = take(N);
+        touched_ = take(N);
+        work_ = take(S * N);
+        in_work_ = take((S * N + 31) / 32);
+        invert(dfa);
+        start_blocks(dfa);
+        while (work_size_) {
+            const uint32_t item = work_[--work_size_];
+            const uint32_t splitter = item / 256, c = item % 256;
+            in_work_[item / 32] &= ~(1u << (item % 32));
+            split_by(splitter, c);
+        }
+        for (uint32_t b = 0; b < blocks_; b++) {
+            uint32_t lowest = UINT32_MAX;
+            for (uint32_t k = first_[b]; k < end_[b]; k++)
+                lowest = elems_[k] < lowest ? elems_[k] : lowest;
+            for (uint32_t k = first_[b]; k < end_[b]; k++)
+                if (elems_[k] < n_)
+                    group[elems_[k]] = lowest;
+        }
+        return true;
+    }
+
+private:
+    uint32_t target(const vael_dfa *dfa, uint32_t s, unsigned c) const {
+        if (s == n_)
+            return n_;
+        const uint32_t t = vael_dfa_state_get_by_id(dfa, s)->trans[c];
+        return t < n_ ? t : n_;
+    }
+
+    // The predecessors of each state on each byte, as 256 sorted runs.
+    void invert(const vael_dfa *dfa) {
+        const uint32_t N = size_;
+        for (unsigned c = 0; c < 256; c++) {
+            uint32_t *off = inv_off_ + (size_t)c * (N + 1);
+            for (uint32_t s = 0; s < N; s++)
+                off[target(dfa, s, c) + 1]++;
+            for (uint32_t t = 0; t < N; t++)
+                off[t + 1] += off[t];
+            uint32_t *src = inv_src_ + (size_t)c * N;
+            for (uint32_t s = 0; s < N; s++)
+                src[off[target(dfa, s, c)]++] = s;
+            // The fill moved each start to the next run's; move them back.
+            for (uint32_t t = N; t > 0; t--)
+                off[t] = off[t - 1];
+            off[0] = 0;
+        }
+    }
+
+    void push(uint32_t b, unsigned c) {
+        const uint32_t item = b * 256 + c;
+        if (in_work_[item / 32] & (1u << (item % 32)))
+            return;
+        in_work_[item / 32] |= 1u << (item % 32);
+        work_[work_size_++] = item;
+    }
+
+    // Non-final states, final states, the missing state: each class that has
+    // a member is a block, and a splitter on every byte.
+    void start_blocks(const vael_dfa *dfa) {
+        uint32_t k = 0;
+        for (int kind = 0; kind < 3; kind++) {
+            const uint32_t from = k;
+            for (uint32_t s = 0; s < size_; s++) {
+                const int of = s == n_ ? 2 : vael_dfa_state_is_final(vael_dfa_state_get_by_id(dfa, s)) ? 1 : 0;
+                if (of != kind)
                     continue;
-                const vael_dfa_state *sj = p->states[j].state;
-                for (unsigned c = 0; c < 256; c++) {
-                    const uint32_t a = target_id(si, c), b = target_id(sj, c);
-                    if (a == b)
-                        continue;
-                    // A missing target is a state of its own, unlike any.
-                    if (a >= n || b >= n || !joined(p, a, b)) {
-                        row[j] = kDivided;
-                        changed = true;
-                        break;
-                    }
-                }
+                elems_[k] = s;
+                loc_[s] = k++;
+                block_of_[s] = blocks_;
+            }
+            if (k == from)
+                continue;
+            first_[blocks_] = from;
+            end_[blocks_] = k;
+            for (unsigned c = 0; c < 256; c++)
+                push(blocks_, c);
+            blocks_++;
+        }
+    }
+
+    // Splits every block by whether its states lead into `splitter` on c.
+    void split_by(uint32_t splitter, unsigned c) {
+        const uint32_t *off = inv_off_ + (size_t)c * (size_ + 1);
+        const uint32_t *src = inv_src_ + (size_t)c * size_;
+        // The splitter's members first: marking moves states within blocks,
+        // the splitter's own among them.
+        uint32_t members = 0;
+        for (uint32_t k = first_[splitter]; k < end_[splitter]; k++)
+            scratch_[members++] = elems_[k];
+        uint32_t touched = 0;
+        for (uint32_t m = 0; m < members; m++) {
+            const uint32_t t = scratch_[m];
+            for (uint32_t e = off[t]; e < off[t + 1]; e++) {
+                const uint32_t p = src[e], b = block_of_[p];
+                const uint32_t to = first_[b] + marked_[b]++;
+                const uint32_t moved = elems_[to];
+                elems_[loc_[p]] = moved;
+                loc_[moved] = loc_[p];
+                elems_[to] = p;
+                loc_[p] = to;
+                if (marked_[b] == 1)
+                    touched_[touched++] = b;
+            }
+        }
+        for (uint32_t i = 0; i < touched; i++) {
+            const uint32_t b = touched_[i];
+            const uint32_t marked = marked_[b];
+            marked_[b] = 0;
+            if (marked == end_[b] - first_[b])
+                continue;
+            const uint32_t nb = blocks_++;
+            first_[nb] = first_[b];
+            end_[nb] = first_[b] + marked;
+            first_[b] = end_[nb];
+            for (uint32_t k = first_[nb]; k < end_[nb]; k++)
+                block_of_[elems_[k]] = nb;
+            const bool new_is_smaller = marked <= end_[b] - first_[b];
+            for (unsigned d = 0; d < 256; d++) {
+                const uint32_t item = b * 256 + d;
+                if (in_work_[item / 32] & (1u << (item % 32)))
+                    push(nb, d);
+                else
+                    push(new_is_smaller ? nb : b, d);
             }
         }
     }
-}
 
-// Each group's representative is its lowest id.
-void assign_groups(vael_dfa_partitions *p) {
-    const uint32_t n = p->num_of_states;
-    for (uint32_t i = 0; i < n; i++) {
-        if (p->states[i].group != -1)
-            continue;
-        p->states[i].group = (int32_t)i;
-        for (uint32_t j = i + 1; j < n; j++)
-            if (*cell(p->matrix, j, i) == kJoined)
-                p->states[j].group = (int32_t)i;
-    }
-}
+    uint32_t n_, size_;
+    uint32_t blocks_ = 0, work_size_ = 0;
+    vael_owned<uint32_t> block_;
+    uint32_t *inv_off_ = nullptr, *inv_src_ = nullptr, *elems_ = nullptr, *loc_ = nullptr, *block_of_ = nullptr,
+             *first_ = nullptr, *end_ = nullptr, *marked_ = nullptr, *scratch_ = nullptr, *touched_ = nullptr,
+             *work_ = nullptr, *in_work_ = nullptr;
+};
 
 // The states of the new machine, in the order of their representatives,
 // tied both ways to the input.
-bool make_states(vael_dfa_partitions *p, vael_dfa *minimal) {
-    for (uint32_t i = 0; i < p->num_of_states; i++) {
-        vael_dfa_state *orig = p->states[i].state;
+bool make_states(vael_dfa *dfa, const uint32_t *group, vael_dfa *minimal) {
+    const uint32_t n = vael_dfa_get_num_of_states(dfa);
+    for (uint32_t i = 0; i < n; i++) {
+        vael_dfa_state *orig = vael_dfa_state_get_by_id(dfa, i);
         vael_dfa_state *made;
-        if (p->states[i].group == (int32_t)i) {
+        if (group[i] == i) {
             made = vael_dfa_state_create(minimal);
             if (!made)
                 return false;
@@ -205,7 +325,7 @@ bool make_states(vael_dfa_partitions *p, vael_dfa *minimal) {
             if (vael_dfa_state_set_correlating_state(made, orig) != 0)
                 return false;
         } else {
-            made = vael_dfa_state_get_correlating_state(p->states[p->states[i].group].state);
+            made = vael_dfa_state_get_correlating_state(vael_dfa_state_get_by_id(dfa, group[i]));
             if (!made)
                 return false;
         }
@@ -213,6 +333,17 @@ bool make_states(vael_dfa_partitions *p, vael_dfa *minimal) {
             return false;
     }
     return true;
+}
+
+// The pair table of the groups, as the debug output has always shown it.
+void print_groups(const uint32_t *group, uint32_t n) {
+    vael_us_adaptor_kdprintf("------ THE PART MATRIX : --------- \n");
+    for (uint32_t i = 0; i < n; i++) {
+        vael_us_adaptor_kdprintf_no_prefix("%4u:", i);
+        for (uint32_t j = 0; j < i; j++)
+            vael_us_adaptor_kdprintf_no_prefix(" %u", group[i] == group[j] ? kJoined : kDivided);
+        vael_us_adaptor_kdprintf_no_prefix("\n");
+    }
 }
 
 bool make_transitions(vael_dfa *minimal) {
@@ -244,14 +375,12 @@ extern "C" vael_dfa *vael_dfa_minimize(vael_dfa *dfa) {
         vael_dfa_clean_states_list(dfa);
         return nullptr;
     }
-    vael_dfa_partitions *p = vael_dfa_partitions_create(dfa);
-    bool ok = p != nullptr;
+    auto group = VAEL_MAKE_OWNED_ARRAY(uint32_t, n ? n : 1);
+    bool ok = group && Refinement(n).run(dfa, group.get());
     if (ok) {
-        fill_table(p);
         if (vael_us_adaptor_printable(VAEL_DBG_INFO, "K_DFA | K_PMDUMP"))
-            vael_dfa_partitions_print(p);
-        assign_groups(p);
-        ok = make_states(p, minimal);
+            print_groups(group.get(), n);
+        ok = make_states(dfa, group.get(), minimal);
     }
     if (ok) {
         vael_dfa_state *init = vael_dfa_state_get_correlating_state(vael_dfa_get_initial_state(dfa));
@@ -263,7 +392,6 @@ extern "C" vael_dfa *vael_dfa_minimize(vael_dfa *dfa) {
                  vael_dfa_get_num_of_states(minimal));
     vael_dfa_clean_states_list(dfa);
     vael_dfa_clean_states_list(minimal);
-    vael_dfa_partitions_destroy(p);
     if (!ok) {
         vael_dfa_destroy(minimal);
         return nullptr;

@@ -131,6 +131,34 @@ TEST(DfaMinimize, AcceptsWhatTheInputAcceptsWithTheFewestStates) {
     }
 }
 
+// Thousands of states that stay apart: a wide machine, and a chain, which
+// a pair table filled pass by pass splits one link per pass (hours at the
+// state limit). The counts are known, so no reference minimizer runs.
+TEST(DfaMinimize, ThousandsOfStates) {
+    const std::string chain(1500, 'a');
+    const struct {
+        const char *pattern;
+        std::vector<std::string> strings;
+        uint32_t states;
+    } rows[] = {
+        {"(a|b)*a(a|b){10}$", all_strings("ab", 12), 2048},
+        {"^a{1500}b", {chain + "b", chain.substr(1) + "b", chain + "ab", chain}, 1503},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pattern);
+        vael_dfa *dfa = subset_dfa(row.pattern);
+        ASSERT_NE(dfa, nullptr);
+        LogCapture quiet;
+        vael_dfa *min = vael_dfa_minimize(dfa);
+        ASSERT_NE(min, nullptr);
+        EXPECT_EQ(vael_dfa_get_num_of_states(min), row.states);
+        for (const std::string &s : row.strings)
+            EXPECT_EQ(verdict(min, s), verdict(dfa, s)) << s.size();
+        vael_dfa_destroy(min);
+        vael_dfa_destroy(dfa);
+    }
+}
+
 TEST(DfaMinimize, EveryAllocationFailsCleanly) {
     vael_dfa *dfa = subset_dfa("a(b|c)*d{1,2}");
     ASSERT_NE(dfa, nullptr);
