@@ -203,14 +203,17 @@ private:
     void invert(const vael_dfa *dfa) {
         const uint32_t N = size_;
         for (unsigned c = 0; c < 256; c++) {
+            // The targets on c, read once: counted, then placed.
+            for (uint32_t s = 0; s < N; s++)
+                scratch_[s] = target(dfa, s, c);
             uint32_t *off = inv_off_ + (size_t)c * (N + 1);
             for (uint32_t s = 0; s < N; s++)
-                off[target(dfa, s, c) + 1]++;
+                off[scratch_[s] + 1]++;
             for (uint32_t t = 0; t < N; t++)
                 off[t + 1] += off[t];
             uint32_t *src = inv_src_ + (size_t)c * N;
             for (uint32_t s = 0; s < N; s++)
-                src[off[target(dfa, s, c)]++] = s;
+                src[off[scratch_[s]]++] = s;
             // The fill moved each start to the next run's; move them back.
             for (uint32_t t = N; t > 0; t--)
                 off[t] = off[t - 1];
