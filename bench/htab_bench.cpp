@@ -167,11 +167,17 @@ void BM_HtabLookup(benchmark::State &state) {
     state.SetItemsProcessed((int64_t)state.iterations() * n);
 }
 
-void BM_UnorderedMapLookup(benchmark::State &state) {
-    const uint32_t n = (uint32_t)state.range(0);
+// The peer holding the first n keys of the insert order.
+PeerMap peer_map_of_first(uint32_t n) {
     PeerMap m;
     for (uint32_t i = 0; i < n; i++)
         m.emplace(keys().insert_order[i], i);
+    return m;
+}
+
+void BM_UnorderedMapLookup(benchmark::State &state) {
+    const uint32_t n = (uint32_t)state.range(0);
+    const PeerMap m = peer_map_of_first(n);
     const std::vector<Key2> order = shuffled_first(n);
     uint64_t sum = 0;
     for (auto _ : state) {
@@ -233,9 +239,7 @@ __attribute__((noinline)) int map_get(const PeerMap &m, const uint32_t *key, uin
 
 void BM_UnorderedMapLookupCall(benchmark::State &state) {
     const uint32_t n = (uint32_t)state.range(0);
-    PeerMap m;
-    for (uint32_t i = 0; i < n; i++)
-        m.emplace(keys().insert_order[i], i);
+    const PeerMap m = peer_map_of_first(n);
     const std::vector<Key2> order = shuffled_first(n);
     uint64_t sum = 0;
     for (auto _ : state) {
