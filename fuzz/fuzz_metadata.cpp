@@ -84,7 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         FUZZ_CHECK(err.error_type <= VAEL_PM_ERROR_COMPLEX, "error type %u", err.error_type);
     }
     // Queue cells a run leaves in the shared pool are kept for the next run.
-    lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
     accounts.check();
     return 0;
 }

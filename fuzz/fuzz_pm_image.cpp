@@ -70,7 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         vael_pm_destroy(same);
         vael_pm_destroy(pm);
     }
-    lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool); // match queues keep cells for the next run
     accounts.check();
     return 0;
 }
