@@ -1,6 +1,4 @@
-// The LSS finder: a table of expressions with the strings and anchors found,
-// the candidate order of the single pass, the trim, the anchor flags, the
-// alternation text, and allocation failures.
+// The LSS finder: the strings and anchors found per expression, and allocation failures.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -116,84 +114,6 @@ TEST(LssFinder, RepeatsAndJoinsAreBounded) {
     }
 }
 
-// An alternation of two strings keeps what both contain: its longest string
-// is their longest common substring, found here by brute force.
-TEST(LssFinder, AlternationKeepsTheLongestCommonSubstring) {
-    std::mt19937 rng(47);
-    for (int round = 0; round < 2000; round++) {
-        std::string a(1 + rng() % 30, 'a'), b(1 + rng() % 30, 'a');
-        for (char &c : a)
-            c = "abc"[rng() % 3];
-        for (char &c : b)
-            c = "abc"[rng() % 3];
-        size_t best = 0;
-        for (size_t i = 0; i < a.size(); i++)
-            for (size_t len = best + 1; i + len <= a.size(); len++)
-                if (b.find(a.substr(i, len)) != std::string::npos)
-                    best = len;
-        const std::string re = a + "|" + b;
-        Lss lss(vael_pm_lss_find_single(bytes(re), (uint32_t)re.size(), 0, nullptr));
-        ASSERT_NE(lss, nullptr) << re;
-        if (best == 0) {
-            EXPECT_EQ(lss->longest_can, nullptr) << re;
-            continue;
-        }
-        ASSERT_NE(lss->longest_can, nullptr) << re;
-        const std::string found(reinterpret_cast<char *>(lss->longest_can->str), lss->longest_can->len);
-        EXPECT_EQ(found.size(), best) << re;
-        EXPECT_NE(a.find(found), std::string::npos) << re;
-        EXPECT_NE(b.find(found), std::string::npos) << re;
-    }
-    // Long alternatives cost no cubic search.
-    std::string a(600, 'a'), b(600, 'a');
-    for (char &c : a)
-        c = "abcdefgh"[rng() % 8];
-    for (char &c : b)
-        c = "abcdefgh"[rng() % 8];
-    const std::string re = "(" + a + "|" + b + ").";
-    Lss lss(vael_pm_lss_find_single(bytes(re), (uint32_t)re.size(), 0, nullptr));
-    ASSERT_NE(lss, nullptr);
-}
-
-// The whole single-pass result where more than the longest is kept: the
-// candidates in their order.
-TEST(LssFinder, SinglePassCandidatesInOrder) {
-    const std::pair<const char *, Strings> rows[] = {
-        {"ab{2,3}c", {"bbc", "abb"}}, {"ab*cd", {"cd", "a"}},
-        {"abab|ab", {"ab", "ab"}},  // a start and an end: neither covers the other
-    };
-    for (const auto &[pattern, candidates] : rows) {
-        Lss lss(vael_pm_lss_find_single(bytes(pattern), (uint32_t)std::strlen(pattern), 0, nullptr));
-        ASSERT_NE(lss, nullptr) << pattern;
-        EXPECT_EQ(strings_of(lss.get()), candidates) << pattern;
-    }
-}
-
-TEST(LssFinder, Trim) {
-    struct Row { const char *pattern; uint32_t flags; int result; const char *trimmed; uint32_t anchors; };
-    const Row rows[] = {
-        {"^abc", 0, 0, "abc", 0x80000},
-        {"^.*abc", 0, 0, ".*abc", 0x80000},  // no leading .* after ^
-        {".*abc", 0, 0, "abc", 0}, {"abc$", 0, 0, "abc", 0x40000},
-        {"abc.*$", 0, 0, "abc.*", 0x40000},  // no trailing .* before $
-        {"abc\\$", 0, 0, "abc\\$", 0},
-        {"abc\\\\$", 0, 0, "abc\\\\$", 0},  // only the one byte before is looked at
-        {".*", 0, 0, "", 0}, {"$", 0, 0, "", 0x40000}, {"^abc$", VAEL_PM_LSS_KEEP_ANCHORS, 0, "^abc$", 0},
-        {"^", 0, -1, "", 0},
-    };
-    vael_test::LogCapture quiet;
-    for (const Row &row : rows) {
-        const unsigned char *p = bytes(row.pattern);
-        uint32_t len = (uint32_t)std::strlen(row.pattern), anchors = 0;
-        int rc = vael_pm_lss_trim_patttern(&p, &len, &anchors, row.flags);
-        EXPECT_EQ(rc, row.result) << row.pattern;
-        if (rc == 0) {
-            EXPECT_EQ(std::string(reinterpret_cast<const char *>(p), len), row.trimmed) << row.pattern;
-            EXPECT_EQ(anchors, row.anchors) << row.pattern;
-        }
-    }
-}
-
 Lss one_string(const std::string &s) {
     Lss lss(vael_pm_lss_create("test"));
     vael_pm_lss_candidate *c = vael_pm_lss_candidate_create_simple(bytes(s), (uint32_t)s.size());
@@ -217,23 +137,6 @@ TEST(LssFinder, AnchorFlags) {
         if (row.result == 0) {
             EXPECT_EQ(anchors, row.anchors) << row.with << " / " << row.plain;
         }
-    }
-}
-
-TEST(LssFinder, AlternationText) {
-    Lss lss(vael_pm_lss_create("test"));
-    for (const char *s : {"abc", "de"}) {
-        vael_pm_lss_candidate *c = vael_pm_lss_candidate_create_simple(bytes(s), (uint32_t)std::strlen(s));
-        ASSERT_EQ(vael_pm_lss_add_candidate(lss.get(), &c), 0);
-    }
-    struct Row { uint32_t flags; const char *text; };
-    for (const Row &row : {Row{0, "abc|de"}, Row{0x80000, "^abc|de"}, Row{0x40000, "abc|de$"},
-                           Row{0xC0000, "^abc|de$"}}) {
-        uint32_t len = 0;
-        unsigned char *text = vael_pm_lss_create_str(lss.get(), row.flags, 5, &len);
-        ASSERT_NE(text, nullptr);
-        EXPECT_EQ(std::string(reinterpret_cast<char *>(text), len), row.text);
-        qx_kfree_(text, len);
     }
 }
 

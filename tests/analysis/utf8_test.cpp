@@ -1,6 +1,4 @@
-// UTF-8 patterns rewritten into byte-level expressions: the texts made, the
-// refusals, random patterns whose rewrite accepts what PCRE's UTF-8 mode
-// accepts, the compile path that rewrites once, and allocation failures.
+// UTF-8 patterns rewritten to byte-level expressions, held against PCRE's UTF-8 mode.
 #include <gtest/gtest.h>
 #include <pcre.h>
 

@@ -1,7 +1,4 @@
-// Syntax questions of management tools: the migration answer for patterns
-// that reach each step and each row of the meta character table, the table
-// alone on texts the earlier steps would stop, the older engine's validity,
-// the word question, and the allocation failures of building and asking.
+// Syntax questions of management tools: the migration answer, the older engine's validity, allocation failures.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -111,29 +108,6 @@ TEST_F(Verify, IdenticalMeaningAnswers) {
         if (row.pm_error) {
             EXPECT_STREQ(r.error.error_string, row.pm_error);
         }
-    }
-}
-
-// The table alone, over texts that the steps before it would stop or that
-// only it can tell apart.
-TEST_F(Verify, TableAlone) {
-    ASSERT_NE(handle_, nullptr);
-    const struct {
-        const char *pattern;
-        int32_t code;  // 0: no row hits
-        uint32_t offset;
-    } rows[] = {
-        {"[a^]", 0, NONE},  {"[^a]b", 0, NONE},   {"x[a$]y", 0, NONE},  {"^a", 0, NONE},
-        {"\\^a^", -22, 3},  {"[a]^b", -22, 3},    {"$a", -23, 1},       {"[a]$b", -23, 4},
-        {"{2}", -21, 0},    {"[x\\]", -19, 3},     {"\\\\\\\\d", 0, NONE}, {"\\\\\\[a^", -22, 5},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.pattern);
-        vael_pm_regexp_result r{};
-        r.offset = NONE;
-        ASSERT_EQ(vael_pm_regexp_find_conflict(handle_, row.pattern, (uint32_t)strlen(row.pattern), &r), 0);
-        EXPECT_EQ(r.code, row.code);
-        EXPECT_EQ(r.offset, row.offset);
     }
 }
 

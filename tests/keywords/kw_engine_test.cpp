@@ -1,6 +1,4 @@
-// The manager's grammar and the decision engine over stand-in keywords
-// (kw_fake.h): what text each keyword is handed, the give-up property, the decision of each outcome, the range a keyword is given, and
-// whole runs with their call traces, backtracking included.
+// The manager's grammar and the decision engine over stand-in keywords (kw_fake.h).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -71,26 +69,6 @@ TEST(KwGrammar, KeywordTexts) {
         }
         EXPECT_EQ(texts, c.texts) << c.rule;
         EXPECT_EQ(types, c.types) << c.rule;
-    }
-}
-
-// Which keywords give up at once on failure: an absolute one, and a
-// monotonous one while all before it preserve order.
-TEST(KwGrammar, GiveUpProperty) {
-    struct Case { std::string rule; std::vector<bool> give_up; } cases[] = {
-        {R"(data: "a"; data: "b";)", {true, true}}, {R"(data: "a", relative; data: "b", relative;)", {true, true}},
-        {R"(data: "a", relative, depth 2; data: "b", relative;)", {false, true}},  // depth: not monotonous
-        {R"(data: "a", relative, unordered; data: "b", relative;)", {true, false}},
-        {R"(length: relative; data: "b", relative;)", {false, true}},
-    };
-    kw_fake::Install fakes;
-    for (const auto &c : cases) {
-        Rule rule(c.rule);
-        ASSERT_NE(rule.mgr, nullptr) << c.rule;
-        std::vector<bool> give_up;
-        for (uint32_t i = 0; i < rule.mgr->count; i++)
-            give_up.push_back((rule.mgr->keywords[i]->props & G) != 0);
-        EXPECT_EQ(give_up, c.give_up) << c.rule;
     }
 }
 

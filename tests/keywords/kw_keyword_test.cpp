@@ -1,7 +1,4 @@
-// The keywords one by one (`data`, `length`, `test`) and what they share:
-// numbers read from the rule (those read from the data are the test rows of
-// the run), texts and refusals, a run over
-// the engine's range, data's scan memory, images.
+// The keywords `data`, `length` and `test` one by one: texts and refusals, runs, scan memory, images.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -47,32 +44,6 @@ std::vector<unsigned char> image_of(vael_kw_abs *kw) {
     EXPECT_EQ(vt(kw->type).serialize(kw, &pos, &space), 0);
     EXPECT_EQ(space, 0u);
     return image;
-}
-
-TEST(KwAbs, Strtol) {
-    vael_test::LogCapture quiet;
-    const struct {
-        const char *text;
-        uint32_t base;
-        int rc;
-        int32_t value;
-        int end;  // offset of *end; -1: left where it was
-    } cases[] = {
-        {"0xFFFFFFFF", 0, 0, 0x7FFFFFFF, 10},  // clamps, never wraps to -1
-        {"-0x80000000", 0, 0, INT32_MIN, 11}, {"-0x80000001", 0, 0, -0x7FFFFFFF, 11},
-        {"4294967296", 10, 0, 0x7FFFFFFF, 10}, {"2147483648", 10, 0, 0x7FFFFFFF, 10},
-        {"010", 0, 0, 8, 3}, {"08", 0, 0, 0, 1}, {"0X1f", 0, 0, 31, 4}, {"10", 16, 0, 16, 2},
-        {"0x10", 16, 0, 16, 4}, {"0x10", 10, 0, 0, 1}, {" \t+12z", 10, 0, 12, 5}, {"-7", 8, 0, -7, 2},
-        {"0x", 0, 0, 0, 1}, {"zz", 16, 0, 0, 0}, {"-", 0, 0, 0, 0}, {"  ", 0, 0, 0, -1}, {"12", 7, -1, 0, -1},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
-        int32_t value = 12345;
-        const char *sentinel = "sentinel", *end = sentinel;
-        ASSERT_EQ(vael_kw_abs_strtol(c.text, &end, c.base, &value), c.rc);
-        EXPECT_EQ(c.rc ? c.value : value, c.value);
-        EXPECT_TRUE(c.end < 0 ? end == sentinel : end - c.text == c.end);
-    }
 }
 
 // What each text makes (properties, flags, depth, data's bytes) or the

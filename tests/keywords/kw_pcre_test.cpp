@@ -1,6 +1,4 @@
-// The pcre and re keywords: expressions in rules run as compiled, loaded and
-// duplicated; the two engines against each other; refusals; the run's
-// allocations; image cuts and a wrong engine row.
+// The pcre and re keywords: as compiled, loaded and duplicated, against each other, refusals, images.
 #include <random>
 
 #include "pcre_tier/vael_pcre.h"

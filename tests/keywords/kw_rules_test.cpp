@@ -1,7 +1,4 @@
-// Rules of the real keywords over buffers: each rule run as compiled, as
-// loaded from its image and as duplicated, which must agree; the refusals;
-// every cut and the named corruptions of an image; allocation failures over
-// compile, duplicate and load; rules through the PM.
+// Rules of the real keywords: compiled, loaded and duplicated runs agree; refusals; image cuts; failures.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,4 @@
-// DFA dumps: the table and the CSV of known machines against their expected
-// text, and the JFLAP XML read back by a small reader of the format, whose
-// automaton must end where the machine ends over random words.
+// DFA dumps: known machines' table and CSV, and the JFLAP XML read back as the machine.
 #include <gtest/gtest.h>
 
 #include <map>

@@ -1,7 +1,4 @@
-// The DFA image: a machine written and read back (flat, from a vbuf, through
-// the REM row's slots) runs exactly like its writer; a cut, changed or absurd
-// image is refused with its words or gives a machine that runs safely; every
-// allocation failure of a load leaves both accounts where they were.
+// The DFA image: read back it runs like its writer; damaged it is refused or runs safely.
 #include <gtest/gtest.h>
 
 #include <random>

@@ -1,6 +1,4 @@
-// The REM lexer: the token stream of every form of the language, every
-// refusal with its words and position, the UTF-8 mode's classes read back by
-// an independent matcher, absurd inputs, and allocation failures.
+// The REM lexer: token streams and refusals with their words and positions, absurd inputs, failures.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -59,7 +57,6 @@ struct Lexed {
     const char *error = nullptr;
     uint32_t type = 1;
     uint32_t index = 0;
-    std::vector<std::string> ranges;  // UTF-8 texts of the class tokens
 };
 
 // Lexes with a new parser; `quick` leaves the tokens undescribed.
@@ -85,10 +82,6 @@ Lexed lex(const std::string &pattern, uint32_t flags = 0, bool quick = false) {
         }
         if (!quick)
             out.tokens += (out.tokens.empty() ? "" : " ") + describe(*t);
-        if (!quick && t->class_->class_ == VAEL_REM_CLASS_RANGE_OPERAND && (flags & VAEL_PM_UTF8)) {
-            auto *u = static_cast<vael_pmutf8_range *>(reinterpret_cast<vael_pmglob_range *>(t->extra_data)->impl);
-            out.ranges.emplace_back(reinterpret_cast<char *>(u->buf), u->buf_used);
-        }
         vael_rem_token_destroy(t, "lex");
     }
     return out;
@@ -176,48 +169,6 @@ TEST_F(RemLexer, TokenStreamsAndRefusals) {
             EXPECT_EQ(l.type, l.error ? (uint32_t)VAEL_PM_ERROR_ILLEGAL : l.type);
             EXPECT_EQ(l.index, row.index);
         }
-    }
-}
-
-// Classes in UTF-8 mode are texts over bytes; read back, each must admit
-// exactly the code points the class means.
-TEST_F(RemLexer, Utf8ClassesAdmitWhatTheyMean) {
-    auto digit = [](uint32_t c) { return c >= '0' && c <= '9'; };
-    auto word = [&](uint32_t c) { return digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
-    auto space = [](uint32_t c) { return c == 9 || c == 10 || c == 12 || c == 13 || c == 32; };
-    struct Row {
-        const char *pattern;
-        uint32_t flags;
-        std::function<bool(uint32_t)> admits;
-    };
-    const Row rows[] = {
-        {".", kUtf8, [](uint32_t c) { return c != '\n'; }},
-        // With CR LF the second exclusion starts over: only LF stays out.
-        {".", kUtf8 | 0x10, [](uint32_t c) { return c != '\n'; }},
-        {".", kUtf8 | 0x8, [](uint32_t c) { return c != '\r'; }},
-        {"\\D", kUtf8, [&](uint32_t c) { return !digit(c); }}, {"\\W", kUtf8, [&](uint32_t c) { return !word(c); }},
-        {"\\S", kUtf8, [&](uint32_t c) { return !space(c); }},
-        {"[^ab]", kUtf8, [](uint32_t c) { return c != 'a' && c != 'b'; }},
-        {"[^\\d\\x{414}]", kUtf8, [&](uint32_t c) { return !digit(c) && c != 0x414; }},
-        {"[^a-c]", kUtf8, [](uint32_t c) { return c < 'a' || c > 'c'; }},
-    };
-    std::mt19937 rng(29);
-    for (const Row &row : rows) {
-        Lexed l = lex(row.pattern, row.flags);
-        ASSERT_FALSE(l.refused) << row.pattern;
-        ASSERT_EQ(l.ranges.size(), 1u) << row.pattern;
-        std::vector<vael_test::Alternative> alts;
-        ASSERT_TRUE(vael_test::parse_hexa_text(l.ranges[0], &alts)) << l.ranges[0];
-        std::vector<uint32_t> probe;
-        for (uint32_t c = 0; c < 0x800; c++)
-            probe.push_back(c);
-        for (int i = 0; i < 2000; i++)
-            probe.push_back(rng() % 0x40000);  // below the lead bytes whose walk leaves a gap
-        for (uint32_t c : {0xFFFFu, 0x10000u, 0x3FFFFu, 0x100000u, 0x10FFFFu})
-            probe.push_back(c);
-        for (uint32_t c : probe)
-            ASSERT_EQ(vael_test::matches(alts, vael_test::encode_utf8(c)), row.admits(c))
-                << row.pattern << " at U+" << std::hex << c;
     }
 }
 

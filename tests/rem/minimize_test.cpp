@@ -1,8 +1,4 @@
-// DFA minimization: the minimized machine accepts exactly what the input
-// accepts (every string of up to 6 letters of a small alphabet), has the
-// state count of an independent minimizer (Moore's partition refinement,
-// written here), keeps one pattern id record per final state, and fails
-// cleanly on every allocation.
+// DFA minimization against the input's language and an independent Moore minimizer.
 #include <gtest/gtest.h>
 
 #include <map>

@@ -1,6 +1,4 @@
-// The REM parser with a client of the test's own: its evaluators write the
-// expression tree as text ("cat(a,star(b))"), so each row shows how the
-// parser grouped a pattern, or how and where it refused it.
+// The REM parser with a client that writes the tree as text ("cat(a,star(b))").
 #include <gtest/gtest.h>
 
 #include <cstring>

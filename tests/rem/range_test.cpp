@@ -1,6 +1,4 @@
-// Character ranges: the ASCII form against a 256-bit reference, the UTF-8
-// form's text read back by an independent matcher, the edge cases and the
-// refusals of the range operations, and their allocation failures.
+// Character ranges against a 256-bit reference and an independent UTF-8 matcher; refusals, failures.
 #include <gtest/gtest.h>
 
 #include <bitset>
@@ -90,21 +88,6 @@ TEST(PmglobRangeAscii, SpansAndMergeAgreeWithABitsetReference) {
             ra.touch(rb.first, rb.last);
         expect_same(a, ra, "merged:" + log);
     }
-}
-
-// Values above 255 lose their high bits, except the top code point.
-TEST(PmglobRangeAscii, HighValuesAndTheOneCharacter) {
-    Range cut = make_range();
-    ASSERT_EQ(vael_pmglob_range_add_range(cut.get(), 0x141, 0x141, 1, nullptr), 0);
-    EXPECT_EQ(flags_of(cut), Bits().set(0x41));
-    uint32_t len = 0;
-    unsigned char *one = vael_pmglob_range_return_one_char_string(cut.get(), &len);
-    ASSERT_NE(one, nullptr);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(one), len), "A");
-    vael_pmglob_memory_kfree_ex_(one, len, __func__, __FILE__, __LINE__);
-    vael_pmglob_range_negate(cut.get());
-    EXPECT_EQ(vael_pmglob_range_return_one_char_string(cut.get(), &len), nullptr);
-    EXPECT_EQ(len, 0u);
 }
 
 // ---------------------------------------------------------------- UTF-8 form

@@ -1,7 +1,4 @@
-// A reader of the UTF-8 form's text for tests: the text is an alternation of
-// byte sequences, each position a "\xHH" byte or a "[\xHH-\xHH]" span, as the
-// hexa writers make it. matches() tells whether one encoded character is
-// matched by the text, independently of how the range code built it.
+// A reader of the UTF-8 range text ("\xHH" bytes and "[\xHH-\xHH]" spans), independent of the range code.
 #ifndef VAEL_TESTS_REM_UTF8_TEXT_H
 #define VAEL_TESTS_REM_UTF8_TEXT_H
 

@@ -1,9 +1,5 @@
-// Random pattern sets over small alphabets, where overlaps, suffixes, shared
-// prefixes and repeats are the rule, held against a brute-force matcher: once
-// through the raw Thin NFA and once through a compiled PM, under every
-// combination of folding and of the tunables that decide which states are
-// full, and with the candidate prefilter off, on its plain search and on its
-// AVX2 search. Seeds are fixed, so a failure always comes back the same.
+// Random pattern sets over small alphabets held against brute force, raw and through the PM,
+// under every fold, full-state tunable and prefilter setting.
 #include <gtest/gtest.h>
 
 #include <algorithm>

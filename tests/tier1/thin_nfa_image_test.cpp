@@ -1,8 +1,4 @@
-// Copies of a Thin NFA: the duplicate and the "NZRS" image, read back from a
-// flat buffer and from a vbuf. A copy scans exactly like its original; an
-// image holds the BNFA word for word and nothing beyond it; a cut or changed
-// image is refused or gives a BNFA that validates and scans safely; every
-// allocation failure leaves the accounts where they were.
+// Thin NFA copies: duplicate and image scan like the original; damaged images are refused or safe.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -125,50 +121,6 @@ std::vector<SetRow> set_rows() {
         {"large", random_set(7, 1500, 12), 0},
         {"large caseless", random_set(8, 800, 6), VAEL_PM_CASELESS},
     };
-}
-
-// The image of he/she: the header, the BNFA word for word, the lists, the
-// statistics; its size is the sum of its parts, with no read pad anywhere.
-TEST(ThinNfaImage, LayoutIsTheBnfaAndTheLists) {
-    ThinNfa nfa(kHeShe);
-    ASSERT_NE(nfa.get(), nullptr);
-    nfa.get()->stats.common.memory = 1234;
-    nfa.get()->stats.common.compile_time = 56;
-    Image image = image_of(nfa.get());
-    auto word = [&](size_t at) {
-        uint32_t w;
-        std::memcpy(&w, image.data() + at, 4);
-        return w;
-    };
-    ASSERT_EQ(nfa.get()->bnfa_size, 3112u);
-    // 6 states: he's list (1), she's list (2: she, he), four empty ones.
-    const uint32_t lists = 6 * 4 + 3 * 12, lists_at = 276 + 3112, end = lists_at + lists;
-    EXPECT_EQ(image.size(), end + 20u);
-    EXPECT_EQ(std::memcmp(image.data() + 276, nfa.get()->bnfa, 3112), 0);
-    const std::pair<uint32_t, uint32_t> words[] = {
-        {0, 0x53525A4E}, {4, nfa.get()->flags}, {8, 6}, {12, 3112}, {16, 3084},
-        // State 5 (she): count 2, then she, then he.
-        {lists_at + 4 * 5 + 12, 2}, {lists_at + 4 * 5 + 12 + 4, 2}, {lists_at + 4 * 5 + 12 + 16, 1},
-        {end, 0x53525A53}, {end + 4, 1234}, {end + 8, 56}, {end + 12, 6}, {end + 16, 2},
-    };
-    for (const auto &[at, value] : words)
-        EXPECT_EQ(word(at), value) << "at " << at;
-
-    // A buffer one byte short: refused before anything is written.
-    Image short_buf(image.size() - 1, 0xa5);
-    unsigned char *p = short_buf.data();
-    uint32_t space = (uint32_t)short_buf.size();
-    LogCapture log;
-    ScopedTopic topic("K_THINNFA", VAEL_DBG_ERR);
-    EXPECT_EQ(vael_thin_nfa_serialize(nfa.get(), &p, &space), -1);
-    EXPECT_EQ(p, short_buf.data());
-    EXPECT_EQ(space, short_buf.size());
-    EXPECT_EQ(short_buf, Image(image.size() - 1, 0xa5));
-    EXPECT_TRUE(log.contains("vael_thin_nfa_serialize: Not enough space in the buffer, buf size (" +
-                             std::to_string(image.size() - 1) + ") < needed (" + std::to_string(image.size()) +
-                             ") \n"))
-        << log.text();
-    EXPECT_EQ(vael_thin_get_serialize_size(nullptr), 0u);
 }
 
 // Duplicate, flat image and vbuf image of every kind of set scan exactly
@@ -295,44 +247,6 @@ TEST(ThinNfaImage, CutsAndByteChanges) {
     lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
-}
-
-// A loaded handle's list elements share blocks; the lists read as written
-// (an id a list holds twice keeps its first entry), flat or from a vbuf, and
-// an element added after the load is freed with the rest.
-TEST(ThinNfaImage, LoadedListsAndTheirRelease) {
-    ThinNfa nfa(kHeShe);
-    Image image = image_of(nfa.get());
-    // State 5 (she) lists she (2) then he (1), each as {id, flags, len}.
-    const uint32_t she = 276 + 3112 + 4 * 5 + 12;
-    struct Case {
-        const char *name;
-        uint32_t second_id;  // written over he's id in she's list
-        std::vector<std::pair<uint32_t, uint32_t>> want;  // she's list: {id, len}
-    };
-    const Case cases[] = {
-        {"as written", 1, {{2, 3}, {1, 2}}},
-        {"an id twice keeps its first entry", 2, {{2, 3}}},
-        {"an id of the other pattern", 9, {{2, 3}, {9, 2}}},
-    };
-    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
-    for (const Case &c : cases) {
-        Image bad = image;
-        std::memcpy(bad.data() + she + 4 + 12, &c.second_id, 4);
-        for (uint32_t block : {0u, 1u, 7u}) {
-            SCOPED_TRACE(std::string(c.name) + ", block " + std::to_string(block));
-            Loaded back;
-            back.nfa = block ? load_vbuf(bad, block) : load_flat(bad, (uint32_t)bad.size());
-            ASSERT_NE(back.nfa, nullptr);
-            std::vector<std::pair<uint32_t, uint32_t>> got;
-            for (const vael_thin_nfa_pattern_id *p = back.nfa->pattern_ids[5]; p; p = p->next)
-                got.push_back({p->id, p->len});
-            EXPECT_EQ(got, c.want);
-            EXPECT_EQ(vael_thin_nfa_id_bound(back.nfa), c.second_id == 9 ? 10u : 3u);
-            ASSERT_EQ(vael_thin_nfa_add_pattern_id(&back.nfa->pattern_ids[2], 7, 0, 2), 0);
-        }
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
-    }
 }
 
 // Each allocation of the duplicate and of the load fails once; each failure

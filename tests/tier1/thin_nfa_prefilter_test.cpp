@@ -1,8 +1,4 @@
-// The Thin NFA's candidate prefilter: the window it derives from a set's
-// shape, that it never passes over a position where a pattern starts, that
-// both searches stop where the one-position test says, that a bare BNFA gives
-// the same tables as the compile, its memory and allocation failures, the
-// tunable, and whole runs over adversarial texts held against brute force.
+// The Thin NFA's candidate prefilter never passes over a pattern start; runs against brute force.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -46,46 +42,6 @@ vael_thin_nfa *bare_copy(const vael_thin_nfa *nfa) {
     copy->flags = nfa->flags;
     std::memcpy(copy->xlation_tab, nfa->xlation_tab, sizeof copy->xlation_tab);
     return copy;
-}
-
-TEST(ThinNfaPrefilter, WindowAndFoldFollowTheSetsShape) {
-    struct Row {
-        std::vector<std::string> patterns;
-        uint32_t compile_flags;
-        uint32_t window;
-        uint32_t stride;
-        uint32_t fold;
-        uint32_t confirm_lengths; // 0: no confirmation
-    };
-    const Row rows[] = {
-        {{"abcdef", "xyz12"}, 0, 4, 2, 0, 1u << 5 | 1u << 6},
-        {{"abcdefgh", "abc"}, 0, 3, 1, 0, 1u << 3 | 1u << 8},
-        {{"ab", "xyzw"}, 0, 2, 1, 0, 1u << 2 | 1u << 4},
-        {{"abcdefgh", "a"}, 0, 1, 1, 0, 1u << 1 | 1u << 8},
-        {{"abcdefgh"}, 0, 4, 4, 0, 1u << 8},
-        // "xyzabcdefg" ends in the shorter pattern: finite at 10 bytes too.
-        {{"abcdefg", "xyzabcdefghij"}, 0, 4, 4, 0, 1u << 7 | 1u << 10 | 1u << 13},
-        // Past 16 bytes only the first 16 are keyed.
-        {{"0123456789abcdefXYZ", "Content-Type: app"}, 0, 4, 4, 0, 1u << 16},
-        {{std::string("\xff\x00\x01\x02", 4)}, 0, 4, 1, 0, 1u << 4},
-        {{"Abcd"}, VAEL_PM_CASELESS, 4, 1, 0x20202020, 1u << 4},
-        {{"Ab"}, VAEL_PM_CASELESS, 2, 1, 0x2020, 1u << 2},
-        {{"1234", "x9"}, VAEL_PM_DIGITLESS, 2, 1, 0, 1u << 2 | 1u << 4},
-        {{"a1B2c3"}, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, 4, 3, 0x20202020, 1u << 6},
-        // 10^7 spellings of the first 7 bytes, too many for a stride; the
-        // confirmation keys the canonical bytes and is there all the same.
-        {{"12345678"}, VAEL_PM_DIGITLESS, 4, 1, 0, 1u << 8},
-    };
-    for (const Row &row : rows) {
-        vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
-        ASSERT_NE(nfa.get(), nullptr);
-        const vael_thin_nfa_prefilter_tables *pf = nfa.get()->prefilter;
-        ASSERT_NE(pf, nullptr);
-        EXPECT_EQ(pf->window, row.window) << row.patterns[0];
-        EXPECT_EQ(pf->stride, row.stride) << row.patterns[0];
-        EXPECT_EQ(pf->fold, row.fold) << row.patterns[0];
-        EXPECT_EQ(pf->confirm ? pf->confirm_lengths : 0u, row.confirm_lengths) << row.patterns[0];
-    }
 }
 
 // Over random sets and texts: every position where brute force finds a
@@ -192,41 +148,6 @@ TEST(ThinNfaPrefilter, BareBnfaGivesTheCompiledTables) {
     }
 }
 
-// A candidate whose first 8 to 16 bytes are those of a pattern but whose
-// next ones are not is turned away before the automaton sees it, and one
-// that a pattern may start at passes, whatever its case under folding.
-TEST(ThinNfaPrefilter, ConfirmationLooksSixteenBytesDeep) {
-    struct Row {
-        std::vector<std::string> patterns;
-        uint32_t compile_flags;
-        std::string text; // the candidate at its start, padded to 16 bytes
-        bool passes;
-    };
-    const Row rows[] = {
-        {{"Content-Type: text/xml"}, 0, "Content-Type: application/json", false},
-        {{"Content-Type: text/xml"}, 0, "Content-Type: text/xml!.......", true},
-        // Past 16 bytes the automaton decides.
-        {{"Content-Type: text/xml"}, 0, "Content-Type: text/html.......", true},
-        {{"\"token\":\"a9Zq"}, 0, "\"token\":\"b8Yw.....", false},
-        {{"\"token\":\"a9Zq"}, 0, "\"token\":\"a9Zq.....", true},
-        {{"session=", "session=AbCdEf"}, 0, "session=whatever", true},
-        {{"sessionid=AbCdEfGh"}, 0, "session=whatever", false},
-        {{"sessionid=AbCdEfGh"}, VAEL_PM_CASELESS, "SESSIONID=abcdefgh", true},
-        {{"sessionid=AbCdEfGh"}, VAEL_PM_CASELESS, "SESSIONID=abcdxfgh", false},
-        {{"port=8080&user=x"}, VAEL_PM_DIGITLESS, "port=1234&user=x", true},
-        {{"port=8080&user=x"}, VAEL_PM_DIGITLESS, "port=1234&user=y", false},
-    };
-    for (const Row &row : rows) {
-        vael_test::ThinNfa nfa(numbered(row.patterns), row.compile_flags);
-        ASSERT_NE(nfa.get(), nullptr);
-        ASSERT_NE(nfa.get()->prefilter, nullptr);
-        const auto *data = reinterpret_cast<const unsigned char *>(row.text.data());
-        ASSERT_GE(row.text.size(), 16u);
-        EXPECT_EQ(vael_thin_nfa_prefilter_confirm(nfa.get()->prefilter, data, data + row.text.size()) != 0, row.passes)
-            << row.patterns[0] << " against " << row.text;
-    }
-}
-
 // A BNFA whose links do not form a trie (every root entry leads to one state
 // that loops on itself) would walk without end: it gets no filter, and runs
 // read every byte.
@@ -243,30 +164,6 @@ TEST(ThinNfaPrefilter, BnfaThatIsNoTrieGetsNoFilter) {
     EXPECT_EQ(vael_thin_nfa_prefilter_build(nfa), 0);
     EXPECT_EQ(nfa->prefilter, nullptr);
     vael_thin_nfa_destroy(nfa);
-}
-
-TEST(ThinNfaPrefilter, TunableChoosesTheSearch) {
-    auto avx2 = vael_thin_nfa_prefilter_find_avx2_fn();
-    auto plain = vael_thin_nfa_prefilter_find_plain_fn();
-    struct Row {
-        const char *env;
-        int value;
-        vael_thin_nfa_prefilter_find_fn search;
-    };
-    const Row rows[] = {
-        {"0", THIN_NFA_PREFILTER_OFF, nullptr},
-        {"1", THIN_NFA_PREFILTER_AUTO, avx2 ? avx2 : plain},
-        {"2", THIN_NFA_PREFILTER_PLAIN, plain},
-        {"7", 7, avx2 ? avx2 : plain},
-    };
-    ScopedGlobal keep(vael_thin_nfa_prefilter, vael_thin_nfa_prefilter);
-    for (const Row &row : rows) {
-        ASSERT_EQ(setenv("vael_thin_nfa_prefilter", row.env, 1), 0);
-        vael_us_adaptor_globals_init();
-        EXPECT_EQ(vael_thin_nfa_prefilter, row.value) << row.env;
-        EXPECT_EQ(vael_thin_nfa_prefilter_select(), row.search) << row.env;
-    }
-    unsetenv("vael_thin_nfa_prefilter");
 }
 
 // Whole runs under every setting against brute force, over texts long enough

@@ -1,7 +1,4 @@
-// The Thin NFA driven directly: the binary layout the compile produces, what
-// a run queues for a flat buffer beyond what the differential test checks
-// (anchors, start offsets, masks, one id on several strings), and the limit
-// on states.
+// The Thin NFA driven directly: anchors, offsets, masks, shared ids, and the state limit.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -22,70 +19,6 @@ using vael_test::sorted;
 using vael_test::ThinNfa;
 
 constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
-
-// A layout kept word for word: images and dumps are read by other programs.
-TEST(ThinNfaLayout, HeSheIsLaidOutWordForWord) {
-    ThinNfa nfa({{"he", 1}, {"she", 2}});
-    const vael_thin_nfa *h = nfa.get();
-    ASSERT_NE(h, nullptr);
-    vael_test::expect_bnfa_well_formed(h);
-    EXPECT_EQ(h->bnfa_full_size, 3084u);
-    EXPECT_EQ(h->bnfa_size, 3112u);
-    EXPECT_EQ(vael_test::bnfa_state_offsets(h),
-              (std::map<uint32_t, uint32_t>{{0, 0}, {1, 257}, {3, 514}, {2, 771}, {4, 773}, {5, 776}}));
-    const std::vector<uint32_t> tail(h->bnfa + 771, h->bnfa + 778);
-    EXPECT_EQ(tail, (std::vector<uint32_t>{0x203, 0, 0x402, 0x10101, 0x30865, 0x503, 0}));
-    for (unsigned c = 0; c < 256; c++) {
-        EXPECT_EQ(h->bnfa[258 + c], c == 'e' ? 771u : c == 'h' ? 257u : c == 's' ? 514u : 0u) << "state h, " << c;
-        EXPECT_EQ(h->bnfa[1 + c], c == 'h' ? 257u : c == 's' ? 514u : 0u) << "root, " << c;
-    }
-    // The state of "she" lists the longer pattern first.
-    std::vector<uint32_t> ids;
-    for (const vael_thin_nfa_pattern_id *p = h->pattern_ids[5]; p; p = p->next)
-        ids.push_back(p->id);
-    EXPECT_EQ(ids, (std::vector<uint32_t>{2, 1}));
-}
-
-// Which states are full: the first tiers, a state with 64 children or more,
-// and the end of a run of one byte; everything else is partial. Each row
-// must also keep the BNFA's structural rules and find what brute force finds.
-TEST(ThinNfaLayout, StateKinds) {
-    const uint32_t kFull = 0, kFinite = BNFA_STATE_FINITE, kPartial = BNFA_STATE_PARTIAL;
-    std::vector<Pattern> fan63, fan64;
-    for (int i = 0; i < 64; i++)
-        (i < 63 ? fan63 : fan64).push_back({std::string("xy") + (char)('A' + i), i});
-    fan64.insert(fan64.begin(), fan63.begin(), fan63.end());
-    const struct {
-        const char *name;
-        std::vector<Pattern> patterns;
-        int tiers, contig;
-        std::string path;
-        uint32_t kind;
-    } cases[] = {
-        {"full by depth", {{"a", 1}, {"aa", 2}, {"aaa", 3}}, 2, 1, "a", kFull | kFinite},
-        {"partial below the tiers", {{"a", 1}, {"aa", 2}, {"aaa", 3}}, 2, 1, "aa", kPartial | kFinite},
-        {"end of a run", {{"a", 1}, {"aa", 2}, {"aaa", 3}}, 2, 1, "aaa", kFull | kFinite},
-        {"run end, no optimisation", {{"a", 1}, {"aa", 2}, {"aaa", 3}}, 2, 0, "aaa", kPartial | kFinite},
-        {"run end, not finite", {{"bbbbx", 1}}, 2, 1, "bbbb", kFull},
-        {"inside a run", {{"bbbbx", 1}}, 2, 1, "bb", kPartial},
-        {"63 children", fan63, 2, 1, "xy", kPartial},
-        {"64 children", fan64, 2, 1, "xy", kFull},
-        {"no tiers: root child", {{"he", 1}, {"she", 2}, {"hers", 3}}, 0, 0, "h", kPartial},
-        {"no tiers, a run of one byte", {{"he", 1}, {"she", 2}, {"hers", 3}}, 0, 1, "h", kFull},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        ScopedGlobal tiers(vael_thin_nfa_full_tiers_num, c.tiers), contig(vael_thin_nfa_optimize_contig_chars, c.contig);
-        ThinNfa nfa(c.patterns);
-        ASSERT_NE(nfa.get(), nullptr);
-        vael_test::expect_bnfa_well_formed(nfa.get());
-        EXPECT_EQ(nfa.get()->bnfa[vael_test::bnfa_state_of(nfa.get(), c.path)] & BNFA_STATE_KIND_MASK, c.kind);
-        std::string text = "xyxy" + c.path;
-        for (const auto &p : c.patterns)
-            text += p.text + "." + p.text + p.text;
-        EXPECT_EQ(sorted(nfa.hits(text, kAll)), brute_force_all(c.patterns, text, 0));
-    }
-}
 
 // Order, first-per-id and all-matches runs are the differential test's; here
 // anchors, offsets and one id on several strings.

@@ -1,9 +1,4 @@
-// The validation of a BNFA, one hand-made fault per check, each refused by
-// is_valid and by the load of an image that carries it; the quick proof of
-// soundness held against the breadth-first walk that decides (it proves
-// every compiled shape, so a load takes the quick road, and never calls sound
-// what the walk refuses); and the dumps in JFLAP XML and CSV against small
-// golden texts.
+// BNFA validation: one fault per check, the quick proof against the walk, and the dumps.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -112,16 +107,6 @@ TEST(ThinNfaValidate, EachCheckCatchesItsFault) {
         copy->bnfa_size = bnfa_size; // the size the block was allocated with
         vael_thin_nfa_destroy(copy);
     }
-}
-
-// A lack of memory during validation is no fault of the automaton.
-TEST(ThinNfaValidate, NoMemoryCountsAsValid) {
-    ThinNfa nfa(kHeShe);
-    LogCapture quiet;
-    vael_us_adaptor_failmem_set(2, 0);
-    EXPECT_EQ(vael_thin_nfa_is_valid(nfa.get()), 1);
-    vael_us_adaptor_failmem_set(0, 0);
-    EXPECT_EQ(vael_thin_nfa_validate(nfa.get()), 1);
 }
 
 // ---------------------------------------------------------------- the quick proof
@@ -261,52 +246,11 @@ std::string he_she_xml() {
            xml_edge(4, 1, "<read/>") + "\t</automaton>\n</structure>\n";
 }
 
-// One row of the transition table over the printable columns (space to
-// '~'): `fill` in every column but the named ones.
-std::string printable_row(const std::string &fill, const std::vector<std::pair<char, std::string>> &cells) {
-    std::string row;
-    for (int c = ' '; c <= '~'; c++) {
-        std::string cell = fill;
-        for (const auto &[byte, value] : cells)
-            if (byte == c)
-                cell = value;
-        row += (c == ' ' ? "" : ",") + cell;
-    }
-    return row + "\n";
-}
-
-// The printable CSV of he/she without its line of column names (the names
-// are checked over the full table).
-std::string he_she_csv_printable() {
-    return "state_id,is_final,is_partial,fail_state\n"
-           "0,0,0, \n"
-           "1,0,0, \n"
-           "2,1,1, 0\n"
-           "3,0,0, \n"
-           "4,0,1, 1\n"
-           "5,1,1, 0\n"
-           "\n"
-           "Transition table:\n" +
-           printable_row("0", {{'h', "1"}, {'s', "3"}}) +             // 0: root
-           printable_row("0", {{'e', "2"}, {'h', "1"}, {'s', "3"}}) + // 1: h
-           printable_row("", {}) +                                    // 2: he
-           printable_row("0", {{'h', "4"}, {'s', "3"}}) +             // 3: s
-           printable_row("", {{'e', "5"}}) +                          // 4: sh
-           printable_row("", {});                                     // 5: she
-}
-
 TEST(ThinNfaDump, GoldenTexts) {
     ThinNfa nfa(kHeShe);
     int rc = -1;
     EXPECT_EQ(dump(nfa.get(), VAEL_THIN_NFA_DUMP_XML, &rc), he_she_xml());
     EXPECT_EQ(rc, 0);
-    {
-        ScopedGlobal printable(vael_thin_nfa_csv_printable_only, 1);
-        std::string csv = dump(nfa.get(), VAEL_THIN_NFA_DUMP_CSV, &rc);
-        const size_t names = csv.find("Transition table:\n") + 18;
-        EXPECT_EQ(csv.erase(names, csv.find('\n', names) + 1 - names), he_she_csv_printable());
-        EXPECT_EQ(rc, 0);
-    }
     // Every byte has its column: 256 names, then a row of 256 per state.
     std::string csv = dump(nfa.get(), VAEL_THIN_NFA_DUMP_CSV, &rc);
     size_t header = csv.find("Transition table:\n") + 18;

@@ -1,8 +1,4 @@
-// The Thin NFA over a stream: a virtual buffer of blocks, then the present
-// buffer. The automaton's state carries from block to block, offsets count
-// from the start of the stream, and the end of the data is the last block
-// when the present buffer is empty. Stream runs are held against the flat
-// run without the prefilter, under every prefilter setting.
+// The Thin NFA over a stream of blocks then the present buffer, held against the flat run.
 #include <gtest/gtest.h>
 
 #include <algorithm>

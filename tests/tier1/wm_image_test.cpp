@@ -83,24 +83,6 @@ TEST(WordMatcherImage, RoundTrip) {
     expect_same_behaviour(h.get(), streamed.get());
 }
 
-// A duplicate and a loaded image hold each bucket in reverse order: hits of
-// one word come in the other order.
-TEST(WordMatcherImage, CopiesReverseBuckets) {
-    auto h = compile({{"foo", 1}, {"foo", 2}});
-    ASSERT_TRUE(h);
-    Handle dup(static_cast<vael_wm_handle *>(vael_wm_duplicate(h.get())));
-    ASSERT_TRUE(dup);
-    const auto image = image_of(h.get());
-    auto loaded = load(image, (uint32_t)image.size());
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(run(h.get(), "foo"), (std::vector<WordHit>{{2, 2}, {1, 2}}));
-    EXPECT_EQ(run(dup.get(), "foo"), (std::vector<WordHit>{{1, 2}, {2, 2}}));
-    EXPECT_EQ(run(loaded.get(), "foo"), (std::vector<WordHit>{{1, 2}, {2, 2}}));
-    EXPECT_EQ(dup->phrases_len, h->phrases_len);
-    EXPECT_EQ(std::memcmp(&dup->hash_stats, &h->hash_stats, sizeof h->hash_stats), 0);
-    EXPECT_EQ(vael_wm_duplicate(nullptr), nullptr);
-}
-
 // Every cut is refused; named damage is refused with its text; any other
 // single-byte change is refused or gives a handle that scans safely.
 TEST(WordMatcherImage, DamageIsRefused) {
@@ -148,21 +130,16 @@ TEST(WordMatcherImage, DamageIsRefused) {
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
 }
 
-TEST(WordMatcherImage, SerializeRefusals) {
+// One byte short, a serialize writes nothing.
+TEST(WordMatcherImage, SerializeRefusesAShortBuffer) {
     auto h = compile({{"foo bar", 1}});
     ASSERT_TRUE(h);
-    vael_test::LogCapture log;
-    vael_test::ScopedTopic topic("K_ERROR", VAEL_DBG_ERR);
+    vael_test::LogCapture quiet;
     std::vector<unsigned char> buf(vael_wm_get_serialize_size(h.get()));
     unsigned char *at = buf.data();
     uint32_t space = (uint32_t)buf.size() - 1;
     EXPECT_EQ(vael_wm_serialize(h.get(), &at, &space), -1);
-    EXPECT_TRUE(log.contains("Not enough space in the buffer, buf size (64) < needed (65)")) << log.text();
     EXPECT_EQ(at, buf.data());
-    EXPECT_EQ(vael_wm_get_serialize_size(nullptr), 0u);
-    EXPECT_TRUE(log.contains("recieved NULL wm_h"));
-    EXPECT_EQ(vael_wm_serialize(nullptr, &at, &space), 0);
-    EXPECT_TRUE(log.contains("needed size = 0"));
 }
 
 // ---------------------------------------------------------------- allocation failures

@@ -1,7 +1,4 @@
-// The word matcher: phrases and continuous words against texts, delimiters,
-// case folding, bad input, the order of hits, crowded buckets, refusals,
-// and a brute-force reference over random texts; the
-// Unicode operations it rests on; words through the PM.
+// The word matcher: delimiters, bad input, hit order, refusals, brute force, and through the PM.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -270,51 +267,6 @@ TEST(WordMatcher, AgreesWithBruteForce) {
 }
 
 // ---------------------------------------------------------------- Unicode operations
-
-TEST(WordMatcherUnicode, Classes) {
-    // The texts' delimiters and folds are the brute force's and the phrases'
-    // rows; here the edges of the tables and what no text above reaches.
-    struct {
-        int32_t c;
-        bool space, punct;
-        int32_t fold;
-    } rows[] = {
-        {'\t', true, false, '\t'},   {0x2028, true, false, 0x2028}, {'_', false, true, '_'},
-        {0xAB, false, true, 0xAB},    {0x130, false, false, 0x130},  {0x3A3, false, false, 0x3C3},
-        {0x3C2, false, false, 0x3C3}, {-1, false, false, -1},        {0x110000, false, false, 0x110000},
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.c);
-        EXPECT_EQ(tq_u_isspace(r.c) != 0, r.space);
-        EXPECT_EQ(tq_u_ispunct(r.c) != 0, r.punct);
-        EXPECT_EQ(tq_u_simple_fold_case(r.c), r.fold);
-    }
-    const std::pair<int, int> trail[] = {{0x41, 0}, {0x80, 0}, {0xC3, 1}, {0xE2, 2}, {0xF0, 3}, {0xFC, 5}, {0xFF, 0}};
-    for (const auto &[lead, n] : trail)
-        EXPECT_EQ(utf8_countTrailBytes[lead], n) << lead;
-}
-
-TEST(WordMatcherUnicode, Compare) {
-    struct {
-        std::string text, other;
-        uint32_t flags, text_used, other_used;
-    } rows[] = {
-        {"abcd", "abx", 0, 2, 2},           {"abc", "abc", 0, 3, 3},
-        {"ABC", "abc", TQ_UTF8_CMP_CASELESS, 3, 3}, {"ABC", "abc", 0, 0, 0},
-        {KELVIN "x", "kx", TQ_UTF8_CMP_CASELESS, 4, 2}, {"zab", "xab", TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"xy" E_ACUTE_CAP, E_ACUTE, TQ_UTF8_CMP_CASELESS | TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"a\xFF" "b", "a\xFF" "b", 0, 3, 3},     {"a\xC3", "a\xC3", TQ_UTF8_CMP_BACKWARD, 2, 2},
-        {"\xA9", E_ACUTE, TQ_UTF8_CMP_BACKWARD, 0, 0}, {"", "a", 0, 0, 0},
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.text + " / " + r.other);
-        uint32_t tu = 99, ou = 99;
-        tq_utf8_compare(reinterpret_cast<const uint8_t *>(r.text.data()), (uint32_t)r.text.size(), &tu,
-                        reinterpret_cast<const uint8_t *>(r.other.data()), (uint32_t)r.other.size(), &ou, r.flags);
-        EXPECT_EQ(tu, r.text_used);
-        EXPECT_EQ(ou, r.other_used);
-    }
-}
 
 // lookup3's published values of hashlittle: images hold bucket numbers.
 TEST(WordMatcherUnicode, HashLittle) {
