@@ -277,8 +277,10 @@ extern "C" int vael_dfa_run_table_build(vael_dfa *dfa) {
     // Non-final states first, then the final ones, each group in id order.
     uint32_t finals = 0;
     for (uint32_t id = 0; id < n; id++) {
+        // A loaded machine's records carry their ids: the table is indexed by
+        // them, so each must be its own place.
         const vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
-        if (!s) {
+        if (!s || s->id != id) {
             vael_dfa_run_table_free(dfa);
             return VAEL_ERROR;
         }
