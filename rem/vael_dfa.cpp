@@ -165,6 +165,7 @@ extern "C" void vael_dfa_destroy(vael_dfa *dfa) {
     if (!dfa)
         return;
     destroy_states(dfa);
+    vael_dfa_run_table_free(dfa);
     vael_pm_stats_common_free(&dfa->stats.common);
     for (uint16_t b = 0; b < dfa->num_of_blocks; b++)
         free_block(dfa->blocks[b], dfa->block_capacity[b]);
@@ -419,6 +420,10 @@ extern "C" vael_dfa *vael_dfa_duplicate(vael_dfa *dfa) {
     if (copy->current_state_id != dfa->current_state_id) {
         VAEL_LOG(VAEL_DBG_ERR, kTopics, "%s: vael_dfa_machine_dup returned current_state_id %u (in orig_dfa %u)\n",
                  copy->current_state_id, dfa->current_state_id);
+        vael_dfa_destroy(copy);
+        return nullptr;
+    }
+    if (dfa->run_next && vael_dfa_run_table_build(copy) != 0) {
         vael_dfa_destroy(copy);
         return nullptr;
     }

@@ -20,6 +20,7 @@
 
 #include "pm/vael_pm_strings.h"
 #include "rem/vael_dfa_internal.h"
+#include "runtime/vael_alloc.h"
 #include "runtime/vael_runtime.h"
 
 namespace {
@@ -208,11 +209,121 @@ int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_i
     return VAEL_OK;
 }
 
+// The loop of one piece over the run table: the step is one 16-bit load at
+// (run id << 8 | byte), and a run id at or above the first final one is the
+// only test, so the state records are read on hits alone. What follows a
+// hit is the same as in run_piece.
+int run_table_piece(vael_dfa_state **running, const unsigned char *__restrict buf, uint32_t end_index,
+                    uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
+                    const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
+    vael_dfa_state *state = *running;
+    const vael_dfa *dfa = state->dfa;
+    const uint16_t *__restrict next = dfa->run_next;
+    vael_dfa_state *const *run_state = dfa->run_state;
+    const uint32_t first_final = dfa->run_first_final;
+    const bool restart = (exec_flags & kRestartMask) == VAEL_PM_EXEC_ALL_MATCHES;
+    const bool first_only = exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY;
+    const uint32_t end = dfa->num_of_blocks == 1 ? base + end_index : end_index;
+    uint32_t r = dfa->run_id[state->id];
+
+    for (uint32_t i = start_index; i < end_index; i++) {
+        r = next[(r << 8) | buf[i]];
+        if (r < first_final)
+            continue;
+        state = run_state[r];
+        if (state->properties & VAEL_DFA_STATE_ANCHORED_FINAL) {
+            if (i != end_index - 1)
+                continue;
+            if (!(exec_flags & VAEL_PM_EXEC_LAST_BUFFER))
+                break;
+        }
+        const uint32_t offset = i + base;
+        int matched = 0;
+        if (vael_dfa_insert_match_data(queue, state, offset, i, exec_flags, mask, end, buf, i + 1, end_index,
+                                       dfa_flags, *hint, &matched) != 0)
+            return VAEL_ERROR;
+        if (first_only) {
+            *running = state;
+            return VAEL_OK;
+        }
+        if (restart && matched) {
+            r = dfa->run_id[dfa->initial_state->id];
+            *hint = offset + 1;
+        } else if (matched && !(exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !mask && settles(dfa, state)) {
+            *running = state;
+            return VAEL_DFA_EXEC_SETTLED;
+        }
+    }
+    *running = run_state[r];
+    return VAEL_OK;
+}
+
 }  // namespace
+
+extern "C" int vael_dfa_run_table_build(vael_dfa *dfa) {
+    vael_dfa_run_table_free(dfa);
+    const uint32_t n = dfa->current_state_id;
+    if (n == 0 || n > VAEL_DFA_NO_STATE)
+        return n == 0 ? 0 : VAEL_ERROR;
+    dfa->run_count = n;
+    dfa->run_next = static_cast<uint16_t *>(VAEL_PM_KMALLOC((size_t)n * 256 * sizeof(uint16_t)));
+    dfa->run_state = static_cast<vael_dfa_state **>(VAEL_PM_KMALLOC((size_t)n * sizeof(vael_dfa_state *)));
+    dfa->run_id = static_cast<uint16_t *>(VAEL_PM_KMALLOC((size_t)n * sizeof(uint16_t)));
+    if (!dfa->run_next || !dfa->run_state || !dfa->run_id) {
+        VAEL_LOG(VAEL_DBG_ERR, kErrTopics, "%s: failed to allocate the run table (%u states)\n", n);
+        vael_dfa_run_table_free(dfa);
+        return VAEL_ERROR;
+    }
+    // Non-final states first, then the final ones, each group in id order.
+    uint32_t finals = 0;
+    for (uint32_t id = 0; id < n; id++) {
+        // A loaded machine's records carry their ids: the table is indexed by
+        // them, so each must be its own place.
+        const vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+        if (!s || s->id != id) {
+            vael_dfa_run_table_free(dfa);
+            return VAEL_ERROR;
+        }
+        finals += (s->properties & VAEL_DFA_STATE_FINAL) ? 1 : 0;
+    }
+    dfa->run_first_final = n - finals;
+    dfa->run_count = n;
+    uint32_t plain = 0, next_final = n - finals;
+    for (uint32_t id = 0; id < n; id++) {
+        vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+        const uint32_t r = (s->properties & VAEL_DFA_STATE_FINAL) ? next_final++ : plain++;
+        dfa->run_id[id] = (uint16_t)r;
+        dfa->run_state[r] = s;
+    }
+    for (uint32_t r = 0; r < n; r++) {
+        const vael_dfa_state *s = dfa->run_state[r];
+        uint16_t *row = dfa->run_next + ((size_t)r << 8);
+        for (unsigned c = 0; c < 256; c++)
+            row[c] = dfa->run_id[next_state(dfa, s, (unsigned char)c)->id];
+    }
+    return VAEL_OK;
+}
+
+extern "C" void vael_dfa_run_table_free(vael_dfa *dfa) {
+    const uint32_t n = dfa->run_count;
+    if (dfa->run_next)
+        VAEL_PM_KFREE(dfa->run_next, (size_t)n * 256 * sizeof(uint16_t));
+    if (dfa->run_state)
+        VAEL_PM_KFREE(dfa->run_state, (size_t)n * sizeof(vael_dfa_state *));
+    if (dfa->run_id)
+        VAEL_PM_KFREE(dfa->run_id, (size_t)n * sizeof(uint16_t));
+    dfa->run_next = nullptr;
+    dfa->run_state = nullptr;
+    dfa->run_id = nullptr;
+    dfa->run_first_final = 0;
+    dfa->run_count = 0;
+}
 
 extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
                                      uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
                                      const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
+    if ((*running)->dfa->run_next)
+        return run_table_piece(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
     if ((*running)->dfa->num_of_blocks == 1)
         return run_piece<true>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
     return run_piece<false>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);

@@ -68,6 +68,15 @@ struct vael_dfa {
     uint16_t block_capacity[VAEL_DFA_MAX_BLOCKS]; /* states each block holds */
     uint16_t block_used[VAEL_DFA_MAX_BLOCKS];     /* states in use */
     vael_dfa_state *blocks[VAEL_DFA_MAX_BLOCKS];
+    /* The run table of a finished string matcher, derived from the states
+     * and never written in an image: rows of 256 run ids, final states
+     * numbered from run_first_final so that one load per byte both steps
+     * and tells finality. Null where the machine has none. */
+    uint16_t *run_next;          /* run id * 256 + byte -> run id */
+    vael_dfa_state **run_state;  /* run id -> state */
+    uint16_t *run_id;            /* linear id -> run id */
+    uint32_t run_first_final;
+    uint32_t run_count;          /* states the table was made for */
 };
 
 /* An NFA environment: one DFA object owns every state of every fragment of
@@ -122,6 +131,10 @@ int vael_dfa_tier1_exec(void *h, const unsigned char *buf, uint32_t len, vael_vb
 int vael_dfa_tier2_exec(void *h, const unsigned char *buf, uint32_t len, vael_vbuf *vbuf, uint32_t start,
                         lst_list **queue, uint32_t exec_flags, struct vael_pm_exec_cb_ctx *ctx);
 
+/* Derives the run table of a finished machine (0 or -1, the machine is
+ * left without one on failure) and frees it (also from destroy). */
+int vael_dfa_run_table_build(vael_dfa *dfa);
+void vael_dfa_run_table_free(vael_dfa *dfa);
 /* Linear id to packed id. */
 static inline uint32_t vael_dfa_linear_to_packed(uint32_t id) {
     uint32_t block = id / VAEL_DFA_BLOCK_STATES;

@@ -84,7 +84,12 @@ void *sm_deserialize(const unsigned char **position, uint32_t *space, vael_vbuf 
             return nullptr;
         }
     }
-    return vael_dfa_deserialize(position, space, vbuf, iter);
+    vael_dfa *dfa = vael_dfa_deserialize(position, space, vbuf, iter);
+    if (dfa && vael_dfa_run_table_build(dfa) != 0) {
+        vael_dfa_destroy(dfa);
+        return nullptr;
+    }
+    return dfa;
 }
 
 int sm_is_valid(void *h) { return vael_dfa_is_valid(static_cast<vael_dfa *>(h)); }
@@ -317,8 +322,15 @@ extern "C" vael_dfa *vael_sm_compile(vael_pmglob_patterns *patterns, uint32_t co
     // once it is handed out, since the caller's record may not outlive it.
     dfa->error = nullptr;
     vael_dfa *done = vael_dfa_finalize(dfa);
-    if (!done)
+    if (!done) {
         note_failure(error, kErrState);
+        return nullptr;
+    }
+    if (vael_dfa_run_table_build(done) != 0) {
+        note_failure(error, kErrState);
+        vael_dfa_destroy(done);
+        return nullptr;
+    }
     return done;
 }
 
