@@ -120,8 +120,7 @@ TEST(MetadataItems, FindsWholeItemsOnly) {
         EXPECT_EQ(vael::cli::metadata_has_item(row.text, "utf8"), row.has_utf8) << row.text;
 }
 
-// Rendering of bytes inside messages: controls and broken UTF-8 as hex,
-// whole characters kept, long texts cut.
+// Rendering of bytes inside messages: controls and broken UTF-8 as hex, whole characters kept, long texts cut.
 TEST(PatternFile, PrintableBytes) {
     const std::pair<std::string, std::string> rows[] = {
         {"GET /a b~", "GET /a b~"},          {"\x01\t\n\x1f\x7f"s, "\\x01\\x09\\x0a\\x1f\\x7f"},
@@ -133,9 +132,8 @@ TEST(PatternFile, PrintableBytes) {
     for (const auto &[in, out] : rows) EXPECT_EQ(vael::cli::printable(in), out);
 }
 
-// Through the file: records as from text, an error with its line, a file
-// that cannot be read at line 0, and whole files read byte for byte within
-// their limit.
+// Through the file: records as from text, an error with its line, a file that cannot be read at line 0, and whole
+// files read byte for byte within their limit.
 TEST(PatternFile, ReadsFromDisk) {
     const vael_cli_test::Scratch dir("pattern_file");
     auto write = [&](const char *name, const std::string &bytes) { return dir.write(name, bytes); };

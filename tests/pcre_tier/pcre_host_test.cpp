@@ -1,7 +1,6 @@
-// A host program that uses PCRE itself, beside the library: its blocks, made
-// before, during and after the library's life and on threads of its own,
-// are released by the allocator that made them (ASan reports any other), and
-// none of them enters the library's accounts.
+// A host program that uses PCRE itself, beside the library: its blocks, made before, during and after the library's
+// life and on threads of its own, are released by the allocator that made them (ASan reports any other), and none of
+// them enters the library's accounts.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,6 +1,5 @@
-// Virtual buffers given illegal arguments: the assertion, then the operation
-// goes on where it stays defined without the argument, and fails where it
-// would have to follow a null pointer.
+// Virtual buffers given illegal arguments: the assertion, then the operation goes on where it stays defined without
+// the argument, and fails where it would have to follow a null pointer.
 #include <gtest/gtest.h>
 
 #include <string>

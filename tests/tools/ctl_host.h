@@ -1,13 +1,5 @@
-// A host for the control tools' tests: the other side of the control channel,
-// with several instances, installed through the library's own init.
-//
-// Parameters are the library's real ones, its tunables and the self-test
-// parameters, which this process holds once: a set reaches the global and
-// its callback, a get reads the global. An instance can be made to answer
-// one integer differently (as a module instance that was set on its own
-// would) or to fail every request. Handle tables are real tables, a few per
-// instance, whose handle counters the host keeps through the tables' own
-// free function.
+// A host for the control tools' tests: the other side of the control channel, with several instances, installed
+// through the library's own init.
 #ifndef VAEL_TESTS_TOOLS_CTL_HOST_H
 #define VAEL_TESTS_TOOLS_CTL_HOST_H
 
