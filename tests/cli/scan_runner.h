@@ -123,11 +123,7 @@ private:
 
 // One run of a table: the arguments, the exit status, and what the outputs
 // hold: the whole output, or a piece of it when the table checks pieces.
-struct Row {
-    Args args;
-    int status;
-    std::string out, err;
-};
+struct Row { Args args; int status; std::string out, err; };
 
 inline void check_rows(const Scratch &dir, const std::vector<Row> &rows, bool whole) {
     for (const Row &row : rows) {

@@ -394,11 +394,7 @@ TEST_F(VaelScan, Explain) {
     const auto user = write("user.txt", "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
                                         "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n");
     const auto f = write("f", "ABC"), g = write("g", "nothing");
-    const struct {
-        Args args;
-        std::string out, err_start;
-        int status;
-    } rows[] = {
+    const struct { Args args; std::string out, err_start; int status; } rows[] = {
         // Without FILE nothing is compiled, so kinds without an engine pass.
         {{"--explain", "-p", every}, explained, "", 0}, {{"-i", "--explain", "-p", every}, explained, "", 0},
         {{"-i", "--explain", "-p", every, f}, explained,

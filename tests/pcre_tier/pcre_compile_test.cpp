@@ -110,12 +110,7 @@ TEST(PcreCompile, Refusals) {
 // recursive constructs compile, carry bit 0x1, and run; a handle without the bit runs under either matcher.
 TEST(PcreCompile, UngreedyAndRecursiveUnderPcreExec) {
     vael_test::ScopedGlobal exec_mode(vael_pm_pcre_use_dfa_exec, 0);
-    struct Row {
-        const char *pattern;
-        const char *text;
-        std::vector<Match> want;
-        bool recursive;
-    };
+    struct Row { const char *pattern; const char *text; std::vector<Match> want; bool recursive; };
     const std::vector<Row> rows = {
         {"a+", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a+?", "aaa", {{2, 0}}, false},
         {"a{1,3}", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a{1,3}?", "aaa", {{2, 0}}, false},
@@ -135,10 +130,7 @@ TEST(PcreCompile, UngreedyAndRecursiveUnderPcreExec) {
 }
 
 TEST(PcreCompile, RecursiveOpScan) {
-    struct Row {
-        const char *text;
-        int recursive;
-    };
+    struct Row { const char *text; int recursive; };
     const Row rows[] = {
         {"(?=a)", 1}, {"(?!a)", 1}, {"(?<=a)", 1}, {"(?<!a)", 1}, {"(?>a)", 1}, {"(?(1)a|b)", 1},
         {"(?R)", 1}, {"(?0)", 1}, {"(?1)", 1}, {"(?+1)", 1}, {"(?-1)", 1}, {"(?&n)", 1},

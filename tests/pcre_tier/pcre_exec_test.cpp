@@ -178,12 +178,7 @@ TEST(PcreExec, LongInputs) {
 // match limit on nested unlimited repeats.
 TEST(PcreExec, LimitsCountAsNoMatch) {
     vael_test::ScopedTopic topic("K_PCRE", VAEL_DBG_NOTICE);
-    struct Row {
-        int dfa;
-        const char *pattern;
-        std::string text;
-        int error;
-    };
+    struct Row { int dfa; const char *pattern; std::string text; int error; };
     const Row rows[] = {
         {1, "(?:a{0,200}){0,200}b", std::string(1500, 'a') + "c", PCRE_ERROR_DFA_WSSIZE},
         {0, "(?:a*)*b", std::string(3000, 'a'), PCRE_ERROR_MATCHLIMIT},

@@ -14,10 +14,7 @@ using vael_pcre_test::compile;
 using vael_pcre_test::run;
 
 // What a host does: compile, study, match, and keep the blocks.
-struct HostPattern {
-    pcre *re = nullptr;
-    pcre_extra *extra = nullptr;
-};
+struct HostPattern { pcre *re = nullptr; pcre_extra *extra = nullptr; };
 
 HostPattern host_compile(const char *pattern) {
     HostPattern p;

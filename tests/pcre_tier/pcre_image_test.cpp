@@ -98,11 +98,7 @@ TEST(PcreImage, BadImages) {
         EXPECT_FALSE(load(image, cut)) << "cut at " << cut;
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
 
-    struct Row {
-        size_t at;
-        uint32_t value;
-        const char *log;
-    };
+    struct Row { size_t at; uint32_t value; const char *log; };
     const Row rows[] = {
         {16 + s + t, 0x53525a54, "vael_pcre_deserialize: Wrong serialization magic (53525a54) at the buffer\n"},
         {0, 8, "vael_pcre_deserialize: Error in allocating the pcre_handle->re size 8\n"},
@@ -154,10 +150,7 @@ TEST(PcreImage, ArgumentsAndSpace) {
 }
 
 
-struct CompileCase {
-    const char *pattern;
-    uint32_t flags;
-};
+struct CompileCase { const char *pattern; uint32_t flags; };
 const CompileCase kCompileCases[] = {
     {"abc[0-9]+de", 0},
     {"x*", 0}, // no study data: the library's own extra block

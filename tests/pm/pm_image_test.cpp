@@ -60,10 +60,7 @@ const std::vector<std::string> kPieces = {"GET /", "HOST:", "host:", "password",
                                           "cmd.exe", "axab", "k=1 ", "k=9 ", " free ", "money", "Free Money",
                                           " ", "\n", "a", "1", "\xff", std::string("\0", 1)};
 
-struct RoundTrip {
-    const char *name;
-    std::vector<Rec> recs;
-};
+struct RoundTrip { const char *name; std::vector<Rec> recs; };
 
 // One row per kind of PM.
 const std::vector<RoundTrip> kRoundTrips = {

@@ -56,11 +56,7 @@ int other_collect(vael_pm_handle *pm, int32_t id, void *arg, const unsigned char
     return collect(pm, id, arg, buf, len, offset, vbuf, keep_going);
 }
 
-struct Answer {
-    int result;
-    int keep_going;
-    int calls = 0;
-};
+struct Answer { int result; int keep_going; int calls = 0; };
 
 int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t, uint32_t, vael_vbuf *,
            int *keep_going) {
@@ -109,11 +105,7 @@ TEST(RegexUpdate, EqualsAFreshCompile) {
     vael_pm_error err;
     vael_pm_handle *old_pm = vael_pm_compile(old_list, other_collect, 0, &err, "old");
     ASSERT_NE(old_pm, nullptr);
-    const struct {
-        const char *name;
-        std::vector<Rec> recs;
-        uint32_t flags;
-    } cases[] = {
+    const struct { const char *name; std::vector<Rec> recs; uint32_t flags; } cases[] = {
         {"Unchanged", mixed_set(), 0},
         {"OnePatternChanged", {{'p', "abc[0-9]+de"}, {'p', "GET /[a-z]+\\.php"}, {'p', "x(yz|wv)qq?"}}, 0},
         {"CompileFlagsChanged", mixed_set(), VAEL_PM_CASELESS},

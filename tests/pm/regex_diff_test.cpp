@@ -27,10 +27,7 @@ struct Match {
 
 void PrintTo(const Match &m, std::ostream *os) { *os << "{id " << m.id << ", " << m.start << "-" << m.end << "}"; }
 
-struct Rx {
-    std::string text;
-    bool caseless;
-};
+struct Rx { std::string text; bool caseless; };
 
 constexpr int32_t kIdBase = 100;
 const char kAlphabet[] = "abcdAB01";

@@ -92,10 +92,7 @@ std::vector<std::map<std::string, std::string>> read_csv(const std::string &text
 }
 
 // Per pattern: first-tier hits, true matches and ratio as the scan makes them.
-struct PatternRow {
-    int32_t id;
-    const char *tier1, *matches, *ratio, *lss, *tier2;
-};
+struct PatternRow { int32_t id; const char *tier1, *matches, *ratio, *lss, *tier2; };
 const PatternRow kPatterns[] = {
     {1, "2", "2", "1/1", "abc", "FALSE"}, {2, "1", "1", "1/1", "xyz", "FALSE"},
     {3, "2", "1", "1/2", "foo", "TRUE"},  {4, "1", "1", "1/1", "qq", "TRUE"}, {5, "1", "0", "0", "zzz", "TRUE"},
@@ -158,11 +155,7 @@ TEST(StatsReport, TextAndCsvOfAKnownScanAgree) {
 
 // Flags -> the parsed attributes (sort, ascending, format, level) or the parser's message.
 TEST(StatsReport, FlagLanguage) {
-    const struct {
-        const char *flags;
-        vael_pm_stats_attrs expect;
-        const char *message;
-    } kRows[] = {
+    const struct { const char *flags; vael_pm_stats_attrs expect; const char *message; } kRows[] = {
         {"", {4, 1, 0, 7}, ""}, {"/S=PERF,D,FORMAT=CSV,LEVEL=TIER2", {3, 0, 1, 4}, ""}, {"/S=ID", {0, 1, 0, 7}, ""},
         {"/LEVEL=TIER1,D,S=MATCHES", {2, 0, 0, 2}, ""}, {"/S=INTERNAL_ID,FORMAT=TEXT", {4, 1, 0, 7}, ""},
         {"/X", {}, "Failed to parse flags: Unknown flag\n"},
@@ -192,11 +185,7 @@ TEST(StatsReport, FlagLanguage) {
 // The operator's texts -> lines the report holds, and one it must not.
 TEST(StatsReport, OperatorEntry) {
     PmOwner owner;
-    const struct {
-        const char *text;
-        std::vector<std::string> present;
-        const char *absent;
-    } kRows[] = {
+    const struct { const char *text; std::vector<std::string> present; const char *absent; } kRows[] = {
         {"ALL", {"Number of PMs is 1\n", "TIER1 stats\n", "Pattern id: 5 (internal 4)"}, "CSV"},
         {"ALL/FORMAT=CSV",
          {"Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}, "PM id;"},

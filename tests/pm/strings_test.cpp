@@ -21,18 +21,8 @@ using namespace std::string_literals;
 TEST(StringsError, FirstMessageWinsAndTheIdIsAlwaysWritten) {
     static const char kA[] = "first", kB[] = "second";
     enum Kind { kDetails, kDetails2, kDetails3, kSetId };
-    struct Step {
-        Kind kind;
-        uint32_t type;
-        const char *text;
-        int32_t id;
-        uint32_t index;
-    };
-    const struct {
-        const char *name;
-        std::vector<Step> steps;
-        vael_pm_error want;
-    } cases[] = {
+    struct Step { Kind kind; uint32_t type; const char *text; int32_t id; uint32_t index; };
+    const struct { const char *name; std::vector<Step> steps; vael_pm_error want; } cases[] = {
         {"Nothing", {}, {-1, 1, nullptr, 0}},
         {"DetailsThenDetails2", {{kDetails, 0, kA, 0, 0}, {kDetails2, 2, kB, 5, 0}}, {-1, 0, kA, 0}},
         {"Details2Twice", {{kDetails2, 0, kA, 5, 0}, {kDetails2, 2, kB, 6, 0}}, {5, 0, kA, 0}},

@@ -47,11 +47,7 @@ int level_of(const char *topic) {
 }
 
 TEST(DebugFlags, EnvironmentTurnsTopicsOnAtTheLevelNamed) {
-    const struct {
-        const char *debug, *level_word, *flow;
-        std::vector<const char *> topics;
-        int level;
-    } cases[] = {
+    const struct { const char *debug, *level_word, *flow; std::vector<const char *> topics; int level; } cases[] = {
         {"pm dfa", "INFO", nullptr, {"K_PM", "K_DFA"}, 4},  {"pm dfa", "LOUD", nullptr, {"K_PM", "K_DFA"}, 3},
         {"Pm,dfa\tREM\r\nhtab", "err", nullptr, {"K_PM", "K_DFA", "K_REM", "K_HTAB"}, 1},
         {",, kw ,", "Wrn", nullptr, {"K_KW"}, 2},           {"pcre", "none", nullptr, {"K_PCRE"}, 0},
@@ -259,12 +255,7 @@ TEST_F(DebugFacility, TopicsAreWantedUpToTheirLevelInTheirModule) {
     ASSERT_EQ(tdAddTopic("K_REM", 4, 6), 0);
     const std::string longest(31, 'T');
     ASSERT_EQ(tdAddTopic(longest.c_str(), 3, kModule), 0);
-    const struct {
-        int level;
-        const char *topics;
-        int module;
-        bool printable;
-    } queries[] = {
+    const struct { int level; const char *topics; int module; bool printable; } queries[] = {
         {3, "K_PM", kModule, true},         {4, "K_PM", kModule, false},  {1, "K_DFA", kModule, true},
         {2, "K_DFA", kModule, false},       {3, "K_DFA | K_PM", kModule, true},  // any topic will do
         {3, "  K_KW |  | K_PM  ", kModule, true}, {1, "K_PMX", kModule, false},  // whole names only

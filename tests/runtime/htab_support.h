@@ -68,12 +68,7 @@ class Table {
     int del(const Key &k, const char *why = "test") { return vael_htab_del(id_, k.data(), (int)k.size(), why); }
     int set_tmo(const Key &k, uint32_t timeout) { return vael_htab_set_tmo(id_, k.data(), (int)k.size(), timeout); }
 
-    struct Row {
-        Key key;
-        std::vector<uint32_t> vals;
-        int timeout;
-        int remaining;
-    };
+    struct Row { Key key; std::vector<uint32_t> vals; int timeout; int remaining; };
     // Every entry in traversal order.
     std::vector<Row> rows() {
         std::vector<Row> out;

@@ -254,10 +254,7 @@ TEST(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
         for (int i = 0; i < n; i++)
             vael_htab_expire();
     };
-    const struct {
-        int calls_per_second, due;
-        size_t gone_in_the_second;
-    } rows[] = {
+    const struct { int calls_per_second, due; size_t gone_in_the_second; } rows[] = {
         {1000, 300, 250},  // q 3, p 4
         {1000, 1000, 999}, // q 1: every call but the one that changed the second
         {1000, 600, 600},  // q 1: the slot is empty before the second ends
@@ -485,10 +482,7 @@ TEST(HtabRegistry, DestroyWhileAReaderWaitsLeavesItToTheReader) {
     ASSERT_EQ(vael_htab_set(id, k, 1, v, 1, KEEP, nullptr), 0);
 
     MtMutexLock(lock);
-    struct Seen {
-        int nents = -1;
-        std::string name;
-    } seen;
+    struct Seen { int nents = -1; std::string name; } seen;
     int found = 0;
     std::thread reader([&] {
         found = vael_htab_get_table(
@@ -521,12 +515,7 @@ TEST(HtabFailmem, CreateFailsCleanlyOrShrinks) {
     ASSERT_EQ(tqlock_lock_init(&lock), 0);
     // The bins' site fails once; a table that can shrink retries it at half
     // size in the same call, which then succeeds.
-    const struct {
-        int size;
-        uint32_t flags;
-        int rounds;
-        uint32_t bins;
-    } rows[] = {
+    const struct { int size; uint32_t flags; int rounds; uint32_t bins; } rows[] = {
         {16, 0, 3, 16},
         {1024, VAEL_HTAB_EXPIRE, 2, 512},
         {1024, VAEL_HTAB_EXPIRE_GRADUAL, 2, 512},
@@ -554,13 +543,7 @@ TEST(HtabFailmem, InsertAndResizeLeaveTheTableAsItWas) {
     Table t("walk", 4, VAEL_HTAB_EXPIRE);
     ASSERT_EQ(t.set({1}, {1}, 5), 0);
     ASSERT_EQ(t.set({2}, {2}), 0);
-    const struct {
-        const char *what;
-        Key key;
-        std::vector<uint32_t> vals;
-        uint32_t timeout;
-        int rounds;
-    } rows[] = {
+    const struct { const char *what; Key key; std::vector<uint32_t> vals; uint32_t timeout; int rounds; } rows[] = {
         {"new entry with a timer", {3}, {3}, 7, 3},
         {"new entry without a timer", {4}, {4}, 0, 2},
         {"resized entry keeping a timer", {1}, {1, 1}, 9, 3},

@@ -12,10 +12,7 @@ namespace {
 using vael_test::LogCapture;
 using vael_test::ScopedGlobal;
 
-struct Freed {
-    int calls = 0;
-    uint32_t bytes = 0;
-};
+struct Freed { int calls = 0; uint32_t bytes = 0; };
 
 void count_free(void *, uint32_t len, void *ctx) {
     auto *f = static_cast<Freed *>(ctx);

@@ -13,11 +13,7 @@ namespace {
 using vael_test::CtlHost;
 
 // Per-instance counter blocks the get function reads; a negative result from the instance named in `failing`.
-struct Blocks {
-    std::vector<std::vector<uint32_t>> of;
-    int failing = -1;
-    std::vector<int> asked;
-};
+struct Blocks { std::vector<std::vector<uint32_t>> of; int failing = -1; std::vector<int> asked; };
 
 int get_block(int instance, void *block, void *arg) {
     auto *b = static_cast<Blocks *>(arg);

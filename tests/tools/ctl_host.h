@@ -241,11 +241,7 @@ class CtlHost {
 
 // The get or set tool run as an operator runs it: words[0] is "get" or
 // "set", the rest is the tool's argv; its result and what it printed.
-struct ToolRun {
-    int rc;
-    std::string out;
-    std::string err;
-};
+struct ToolRun { int rc; std::string out; std::string err; };
 
 inline ToolRun ctl_tool(const std::vector<std::string> &words) {
     std::vector<char *> argv;
