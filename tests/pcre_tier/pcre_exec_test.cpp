@@ -60,33 +60,6 @@ TEST(PcreExec, Delivery) {
     }
 }
 
-// The row asks the frame for one flat buffer: the virtual buffer's bytes, then the present buffer's.
-TEST(PcreExec, VirtualBufferThenBuffer) {
-    char first[] = "xxab", second[] = "c";
-    vael_vbuf *vbuf = vael_vbuf_create(1 << 10, 0);
-    ASSERT_NE(vbuf, nullptr);
-    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, first, 4, nullptr, nullptr), 0);
-    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, second, 1, nullptr, nullptr), 0);
-    const std::string present = "dzabcd";
-    std::string flat(vael_vbuf_size(vbuf) + present.size(), '\0');
-    ASSERT_EQ(vael_vbuf_defrag(vbuf, 0, vael_vbuf_size(vbuf), flat.data(), (uint32_t)flat.size()), 5u);
-    flat.replace(5, present.size(), present);
-    auto h = compile("abcd");
-    ASSERT_TRUE(h);
-    const std::vector<Match> want = {{5, 2}, {10, 7}};
-    EXPECT_EQ(run(h.get(), flat, kAll | kStart).matches, want);
-    vael_pcre_test::Collector c;
-    vael_pm_exec_cb_ctx ctx{};
-    ctx.fn = vael_pcre_test::collect;
-    ctx.user_arg = &c;
-    ctx.keep_going = 1;
-    EXPECT_EQ(vael_pcre_exec(h.get(), reinterpret_cast<const unsigned char *>(flat.data()), (uint32_t)flat.size(),
-                             vbuf, 0, nullptr, kAll | kStart, &ctx),
-              0);
-    EXPECT_EQ(c.run.matches, want);
-    vael_vbuf_destroy(vbuf);
-}
-
 // Random patterns over a small alphabet, so that matches are frequent.
 std::string random_pattern(std::mt19937 &rng, int depth = 0) {
     auto pick = [&](int n) { return (int)(rng() % (unsigned)n); };

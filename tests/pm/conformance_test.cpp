@@ -21,13 +21,6 @@ vael_pm_patterns *abc_list(int32_t id) {
     return list;
 }
 
-vael_pm_handle *compile_abc(int32_t id, vael_pm_error *err) {
-    vael_pm_patterns *list = abc_list(id);
-    vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, err, "conformance");
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
-
 int never_valid(void *) { return 0; }
 
 

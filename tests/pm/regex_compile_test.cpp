@@ -21,8 +21,6 @@ using vael_pm_test::collect;
 using vael_pm_test::make_list;
 using vael_pm_test::Rec;
 
-std::string bytes(const unsigned char *p, uint32_t n) { return p ? std::string((const char *)p, n) : "<null>"; }
-
 // A set with every kind of record: regexes with found and given LSS, a
 // multi-LSS alternation, a bound pattern and a case-checked string.
 std::vector<Rec> mixed_set() {
