@@ -1,8 +1,6 @@
-// vael-scan --engine, --save, --load and --dump-bnfa, run as a user runs
-// them: every option prints the same under either engine and from an image
-// as from the pattern file; an image loads only under the engine that saved
-// it; a bad image or a bad combination of options is an error with its
-// message and status 2.
+// vael-scan --engine, --save, --load and --dump-bnfa, run as a user runs them: every option prints the same under
+// either engine and from an image as from the pattern file; an image loads only under the engine that saved it; a bad
+// image or a bad combination of options is an error with its message and status 2.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,5 @@
-// vael-scan's runs that answer one question, as a user runs them: --verify
-// and --verify-word, --gen-buf and --gen-buf-miss, --dump-dfa and --stats;
-// the answer, the exit status, and the usage errors.
+// vael-scan's runs that answer one question, as a user runs them: --verify and --verify-word, --gen-buf and --gen-
+// buf-miss, --dump-dfa and --stats; the answer, the exit status, and the usage errors.
 #include <gtest/gtest.h>
 
 #include <sstream>

@@ -23,11 +23,7 @@ PatternRecord rec(std::size_t line, std::int32_t id, std::string bytes, PatternK
 
 // Files that parse: the records of each line.
 TEST(PatternFile, GoodLinesGiveRecords) {
-    const struct {
-        const char *name;
-        std::string text;
-        std::vector<PatternRecord> expected;
-    } rows[] = {
+    const struct { const char *name; std::string text; std::vector<PatternRecord> expected; } rows[] = {
         {"Ids", "1\tGET /\n-5\tabc\n2147483647\ta\n-2147483648\tb\n-5\tc\n",
          {rec(1, 1, "GET /"), rec(2, -5, "abc"), rec(3, 2147483647, "a"), rec(4, INT32_MIN, "b"), rec(5, -5, "c")}},
         {"Escapes", "1\t\\x41\\x6a\\x6A\\t\\n\\r\\\\z\n2\ta\\x00b\n3\t\\\\x41\n4\t#x\n",
@@ -67,12 +63,7 @@ TEST(PatternFile, GoodLinesGiveRecords) {
 // Files that are refused: the first bad line and its message, and no records.
 TEST(PatternFile, BadLinesGiveTheFirstError) {
     const std::string kHexHint = " (\\x takes two hex digits)";
-    const struct {
-        const char *name;
-        std::string text;
-        std::size_t line;
-        std::string message;
-    } rows[] = {
+    const struct { const char *name; std::string text; std::size_t line; std::string message; } rows[] = {
         {"NoTab", "abc\n", 1, "missing TAB between pattern id and text"},
         {"IndentedComment", " # note\n", 1, "missing TAB between pattern id and text"},
         {"MissingId", "\tabc\n", 1, "missing pattern id"},
@@ -108,10 +99,7 @@ TEST(PatternFile, BadLinesGiveTheFirstError) {
 // Items of a metadata block that vael-scan reads itself: whole items only,
 // with an LSS(...) stepped over whole even when it holds ';' or '}'.
 TEST(MetadataItems, FindsWholeItemsOnly) {
-    const struct {
-        const char *text;
-        bool has_utf8;
-    } rows[] = {
+    const struct { const char *text; bool has_utf8; } rows[] = {
         {"{utf8}:a", true},           {"{caseless;utf8}:a", true}, {"{LSS(a;utf8)}:a", false},
         {"{LSS(a;b}c);utf8}:a", true}, {"{utf8x}:a", false},       {"{xutf8}:a", false},
         {"utf8", false},              {"{LSS(ab:a", false},        {"{caseless}:{utf8}:a", false},
@@ -120,8 +108,7 @@ TEST(MetadataItems, FindsWholeItemsOnly) {
         EXPECT_EQ(vael::cli::metadata_has_item(row.text, "utf8"), row.has_utf8) << row.text;
 }
 
-// Rendering of bytes inside messages: controls and broken UTF-8 as hex,
-// whole characters kept, long texts cut.
+// Rendering of bytes inside messages: controls and broken UTF-8 as hex, whole characters kept, long texts cut.
 TEST(PatternFile, PrintableBytes) {
     const std::pair<std::string, std::string> rows[] = {
         {"GET /a b~", "GET /a b~"},          {"\x01\t\n\x1f\x7f"s, "\\x01\\x09\\x0a\\x1f\\x7f"},
@@ -133,9 +120,8 @@ TEST(PatternFile, PrintableBytes) {
     for (const auto &[in, out] : rows) EXPECT_EQ(vael::cli::printable(in), out);
 }
 
-// Through the file: records as from text, an error with its line, a file
-// that cannot be read at line 0, and whole files read byte for byte within
-// their limit.
+// Through the file: records as from text, an error with its line, a file that cannot be read at line 0, and whole
+// files read byte for byte within their limit.
 TEST(PatternFile, ReadsFromDisk) {
     const vael_cli_test::Scratch dir("pattern_file");
     auto write = [&](const char *name, const std::string &bytes) { return dir.write(name, bytes); };

@@ -1,6 +1,5 @@
-// scan_runner.h - vael-scan run as a user runs it, for the tests of its
-// options: a scratch directory for the test's files, a run that gives the
-// exit status and both outputs, and the check of a table of such runs.
+// scan_runner.h - vael-scan run as a user runs it, for the tests of its options: a scratch directory for the test's
+// files, a run that gives the exit status and both outputs, and the check of a table of such runs.
 #ifndef VAEL_TESTS_CLI_SCAN_RUNNER_H
 #define VAEL_TESTS_CLI_SCAN_RUNNER_H
 
@@ -88,9 +87,8 @@ public:
         posix_spawn_file_actions_addclose(&actions, in_pipe[1]);
         posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        // The child takes the limit from this process, which lifts it again
-        // at once; posix_spawn shares the memory rather than copying it, so
-        // the child's peak resident memory is its own.
+        // The child takes the limit from this process, which lifts it again at once; posix_spawn shares the memory
+        // rather than copying it, so the child's peak resident memory is its own.
         rlimit saved{};
         ::getrlimit(RLIMIT_AS, &saved);
         rlimit limit = saved;
@@ -125,11 +123,7 @@ private:
 
 // One run of a table: the arguments, the exit status, and what the outputs
 // hold: the whole output, or a piece of it when the table checks pieces.
-struct Row {
-    Args args;
-    int status;
-    std::string out, err;
-};
+struct Row { Args args; int status; std::string out, err; };
 
 inline void check_rows(const Scratch &dir, const std::vector<Row> &rows, bool whole) {
     for (const Row &row : rows) {

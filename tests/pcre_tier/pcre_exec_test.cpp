@@ -1,6 +1,5 @@
-// The PCRE tier's run: what reaches the run context, with which offsets and
-// starts; pcre_dfa_exec against pcre_exec over random patterns and texts;
-// long inputs and PCRE's own limits.
+// The PCRE tier's run: what reaches the run context, with which offsets and starts; pcre_dfa_exec against pcre_exec
+// over random patterns and texts; long inputs and PCRE's own limits.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -61,36 +60,6 @@ TEST(PcreExec, Delivery) {
     }
 }
 
-// The row asks the frame for one flat buffer: the virtual buffer's bytes,
-// then the present buffer's. Run over it, a match that straddles the two is
-// found and every offset counts from the start of the virtual buffer. The
-// vbuf argument itself is not read.
-TEST(PcreExec, VirtualBufferThenBuffer) {
-    char first[] = "xxab", second[] = "c";
-    vael_vbuf *vbuf = vael_vbuf_create(1 << 10, 0);
-    ASSERT_NE(vbuf, nullptr);
-    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, first, 4, nullptr, nullptr), 0);
-    ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, second, 1, nullptr, nullptr), 0);
-    const std::string present = "dzabcd";
-    std::string flat(vael_vbuf_size(vbuf) + present.size(), '\0');
-    ASSERT_EQ(vael_vbuf_defrag(vbuf, 0, vael_vbuf_size(vbuf), flat.data(), (uint32_t)flat.size()), 5u);
-    flat.replace(5, present.size(), present);
-    auto h = compile("abcd");
-    ASSERT_TRUE(h);
-    const std::vector<Match> want = {{5, 2}, {10, 7}};
-    EXPECT_EQ(run(h.get(), flat, kAll | kStart).matches, want);
-    vael_pcre_test::Collector c;
-    vael_pm_exec_cb_ctx ctx{};
-    ctx.fn = vael_pcre_test::collect;
-    ctx.user_arg = &c;
-    ctx.keep_going = 1;
-    EXPECT_EQ(vael_pcre_exec(h.get(), reinterpret_cast<const unsigned char *>(flat.data()), (uint32_t)flat.size(),
-                             vbuf, 0, nullptr, kAll | kStart, &ctx),
-              0);
-    EXPECT_EQ(c.run.matches, want);
-    vael_vbuf_destroy(vbuf);
-}
-
 // Random patterns over a small alphabet, so that matches are frequent.
 std::string random_pattern(std::mt19937 &rng, int depth = 0) {
     auto pick = [&](int n) { return (int)(rng() % (unsigned)n); };
@@ -116,9 +85,8 @@ std::string random_pattern(std::mt19937 &rng, int depth = 0) {
     return out;
 }
 
-// Both matchers search the start positions from left to right and stop at
-// the first that has a match: so they agree on whether a match exists and on
-// where it starts, and pcre_dfa_exec's shortest match ends no later.
+// Both matchers search the start positions from left to right and stop at the first that has a match: so they agree
+// on whether a match exists and on where it starts, and pcre_dfa_exec's shortest match ends no later.
 TEST(PcreExec, DfaAndBacktrackingAgree) {
     std::mt19937 rng(20261122);
     int pairs = 0, matched = 0;
@@ -152,9 +120,8 @@ TEST(PcreExec, DfaAndBacktrackingAgree) {
     EXPECT_LT(matched, pairs);
 }
 
-// A long input: the match at the very end is found by both matchers, the
-// ovector of three asks for nothing but the whole match, even of a pattern
-// with a named group, and all matches of a long run are delivered.
+// A long input: the match at the very end is found by both matchers, the ovector of three asks for nothing but the
+// whole match, even of a pattern with a named group, and all matches of a long run are delivered.
 TEST(PcreExec, LongInputs) {
     std::string text(1 << 20, 'x');
     text.replace(text.size() - 9, 9, "needle123");
@@ -179,18 +146,12 @@ TEST(PcreExec, LongInputs) {
     }
 }
 
-// PCRE's run-time errors are no failures: the run gives 0 and delivers
-// nothing, and the log names the error. pcre_dfa_exec's workspace of 128000
-// ints overflows on deeply nested counted repeats; pcre_exec meets its
-// built-in match limit on nested unlimited repeats.
+// PCRE's run-time errors are no failures: the run gives 0 and delivers nothing, and the log names the error.
+// pcre_dfa_exec's workspace of 128000 ints overflows on deeply nested counted repeats; pcre_exec meets its built-in
+// match limit on nested unlimited repeats.
 TEST(PcreExec, LimitsCountAsNoMatch) {
     vael_test::ScopedTopic topic("K_PCRE", VAEL_DBG_NOTICE);
-    struct Row {
-        int dfa;
-        const char *pattern;
-        std::string text;
-        int error;
-    };
+    struct Row { int dfa; const char *pattern; std::string text; int error; };
     const Row rows[] = {
         {1, "(?:a{0,200}){0,200}b", std::string(1500, 'a') + "c", PCRE_ERROR_DFA_WSSIZE},
         {0, "(?:a*)*b", std::string(3000, 'a'), PCRE_ERROR_MATCHLIMIT},
@@ -208,8 +169,7 @@ TEST(PcreExec, LimitsCountAsNoMatch) {
         // The limit words of extra are off again after the run.
         EXPECT_EQ(h->extra->flags & (PCRE_EXTRA_MATCH_LIMIT | PCRE_EXTRA_MATCH_LIMIT_RECURSION), 0u);
     }
-    // The match limit parameter is placed after each call and taken off
-    // before the next: no run is bound by it.
+    // The match limit parameter is placed after each call and taken off before the next: no run is bound by it.
     vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, 0);
     vael_test::ScopedGlobal limit(vael_pm_pcre_match_limit, 1);
     auto h = compile("a.*b");

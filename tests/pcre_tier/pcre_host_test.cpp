@@ -1,7 +1,6 @@
-// A host program that uses PCRE itself, beside the library: its blocks, made
-// before, during and after the library's life and on threads of its own,
-// are released by the allocator that made them (ASan reports any other), and
-// none of them enters the library's accounts.
+// A host program that uses PCRE itself, beside the library: its blocks, made before, during and after the library's
+// life and on threads of its own, are released by the allocator that made them (ASan reports any other), and none of
+// them enters the library's accounts.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,10 +14,7 @@ using vael_pcre_test::compile;
 using vael_pcre_test::run;
 
 // What a host does: compile, study, match, and keep the blocks.
-struct HostPattern {
-    pcre *re = nullptr;
-    pcre_extra *extra = nullptr;
-};
+struct HostPattern { pcre *re = nullptr; pcre_extra *extra = nullptr; };
 
 HostPattern host_compile(const char *pattern) {
     HostPattern p;

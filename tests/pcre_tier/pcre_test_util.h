@@ -41,18 +41,11 @@ struct Match {
 };
 inline void PrintTo(const Match &m, std::ostream *os) { *os << "{last " << m.last << ", start " << m.start << "}"; }
 
-struct Run {
-    int result = 0;
-    std::vector<Match> matches;
-};
+struct Run { int result = 0; std::vector<Match> matches; };
 
 // What the context's function does at each match: stop_after > 0 writes 0 in
 // keep_going at that match; fail_at > 0 returns non-zero there.
-struct Collector {
-    Run run;
-    int stop_after = 0;
-    int fail_at = 0;
-};
+struct Collector { Run run; int stop_after = 0; int fail_at = 0; };
 
 inline int collect(vael_pm_exec_cb_ctx *ctx, uint32_t offset, uint32_t *extra, int32_t pattern_id) {
     auto *c = static_cast<Collector *>(ctx->user_arg);

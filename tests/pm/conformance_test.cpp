@@ -1,6 +1,5 @@
-// The frame and the Thin NFA held to their contracts where an easy reading
-// goes wrong: what stays in the caller's error record (also for a malformed
-// pattern list), a destroy too many, the exported functions.
+// The frame and the Thin NFA held to their contracts where an easy reading goes wrong: what stays in the caller's
+// error record (also for a malformed pattern list), a destroy too many, the exported functions.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -22,16 +21,8 @@ vael_pm_patterns *abc_list(int32_t id) {
     return list;
 }
 
-vael_pm_handle *compile_abc(int32_t id, vael_pm_error *err) {
-    vael_pm_patterns *list = abc_list(id);
-    vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, err, "conformance");
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
-
 int never_valid(void *) { return 0; }
 
-// ---------------------------------------------------------------- error record
 
 // A failure of the frame's own (no pattern at fault) leaves the caller's
 // record as init left it; the log names the failure.
@@ -70,31 +61,9 @@ TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     }
 }
 
-// ---------------------------------------------------------------- PM life
 
-TEST(ConformanceLifecycle, DestroyAtRefcountZeroAssertsCountsDownAndKeepsThePm) {
-    vael_pm_error err;
-    vael_pm_handle *pm = compile_abc(1, &err);
-    ASSERT_NE(pm, nullptr);
-    pm->refcount = 0;
-    {
-        vael_test::ScopedTopic topic("K_PM", VAEL_DBG_NOTICE);
-        LogCapture log;
-        vael_pm_destroy(pm);
-        EXPECT_TRUE(log.contains("vael_pm_destroy: Destroying an already destroyed PM (")) << log.text();
-        EXPECT_TRUE(log.contains("refcount (0) <= 0\n")) << log.text();
-        EXPECT_TRUE(log.contains("vael_pm_destroy: There are -1 more holders of PM handle ")) << log.text();
-    }
-    EXPECT_EQ(pm->refcount, 0xffffffffu);
-    EXPECT_EQ(pm->magic, VAEL_PM_MAGIC_ALIVE);
-    pm->refcount = 1;
-    vael_pm_destroy(pm);
-}
 
-// ---------------------------------------------------------------- exports
-
-// The Thin NFA's run functions and the control side leave the shared library
-// under their C names.
+// The Thin NFA's run functions and the control side leave the shared library under their C names.
 TEST(ConformanceExports, RunAndControlFunctionsLeaveTheSharedLibrary) {
     void *lib = dlopen(VAEL_SHARED_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(lib, nullptr) << dlerror();
@@ -113,9 +82,8 @@ TEST(ConformanceExports, RunAndControlFunctionsLeaveTheSharedLibrary) {
     dlclose(lib);
 }
 
-// The exported scan entries agree with the run they serve: one piece, with
-// and without a translation table, from a run state as the run makes it
-// (without a candidate search).
+// The exported scan entries agree with the run they serve: one piece, with and without a translation table, from a
+// run state as the run makes it (without a candidate search).
 TEST(ConformanceExports, OnePieceScansMatchTheRun) {
     for (uint32_t flags : {0u, (uint32_t)VAEL_PM_CASELESS}) {
         vael_test::ThinNfa nfa({{"he", 1}, {"she", 2}}, flags);

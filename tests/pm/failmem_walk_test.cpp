@@ -1,7 +1,6 @@
-// Every allocation failure of a Thin NFA compile and a PM compile, one at a
-// time: each failed round must fail as the interface says and leave both
-// byte accounts where they were; the round after the last site succeeds and
-// its result must work. And the walk itself must see a leaking failure road.
+// Every allocation failure of a Thin NFA compile and a PM compile, one at a time: each failed round must fail as the
+// interface says and leave both byte accounts where they were; the round after the last site succeeds and its result
+// must work.
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
@@ -84,8 +83,7 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
         vael_pmglob_patterns_add(strings, s);
         vael_pmglob_string_destroy(s);
     }
-    // Out of memory, the only texts are the engines' own (a second tier's
-    // is PCRE's), never the frame's.
+    // Out of memory, the only texts are the engines' own (a second tier's is PCRE's), never the frame's.
     vael_pm_error err;
     auto engine_text = [&] {
         return !err.error_string || kThinNfaErrors.count(err.error_string) ||
@@ -119,9 +117,8 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
         return !pm && err.error_type == VAEL_PM_ERROR_INTERNAL && engine_text() &&
                (err.pattern_id == -1 || want.count(err.pattern_id));
     };
-    // The large set is here for the Thin NFA's second state block; a PM
-    // compile fails at no site of its own there that the small sets miss,
-    // and failing each of its many allocations would take minutes.
+    // The large set is here for the Thin NFA's second state block; a PM compile fails at no site of its own there
+    // that the small sets miss, and failing each of its many allocations would take minutes.
     w = c.patterns.size() > 16 ? vael_test::failmem_walk(attempt, clean)
                                : vael_test::failmem_walk_each_allocation(attempt, clean);
     EXPECT_GT(w.rounds, 5);
@@ -140,9 +137,8 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
 INSTANTIATE_TEST_SUITE_P(Sets, CompileWalk, ::testing::ValuesIn(walk_cases()),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// The walk itself: a site called in a loop fails once per site walk but at
-// every call in the walk of each allocation; a failure without injection
-// stops it; a leaking failure road is reported in the round that leaks.
+// The walk itself: a site called in a loop fails once per site walk but at every call in the walk of each allocation;
+// a failure without injection stops it; a leaking failure road is reported in the round that leaks.
 TEST(FailmemWalkHelper, SeesWhatItShould) {
     int calls = 0;
     bool leak = false;

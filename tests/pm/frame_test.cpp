@@ -116,8 +116,7 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"Bound", {{'s', "abc"}, {'s', "{bound}:def"}}, 0, 1, 2, "Error while trying to process a bounded pattern."},
         {"WordAfterACaseSensitiveString", {{'S', "abc"}, {'s', "def"}, {'w', "w,"}}, 0, 1, 0, nullptr},
         {"BadWordAfterStrings", {{'S', "abc"}, {'s', "def"}, {'w', "\xFF"}}, 0, 1, 3, kWord},
-        // A case-sensitive string among caseless ones is checked by a
-        // second tier.
+        // A case-sensitive string among caseless ones is checked by a second tier.
         {"CaseSensitiveAmongCaseless", {{'S', "abc"}, {'s', "def"}}, 0, 1, 0, nullptr},
         {"CaselessByCompileFlags", {{'S', "abc"}, {'s', "def"}}, VAEL_PM_CASELESS, 1, 0, nullptr},
         // The first record refused in list order is blamed; words are compiled
@@ -128,8 +127,7 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
         {"ShortLssOfARegexBeforeTheSecondTier", {{'p', "{LSS(ab)}:ab[0-9]"}}, 0, 3, 1, kShort},
         {"CaseCheckedStringBeforeShortLss", {{'s', "abcd"}, {'S', "ab"}}, 0, 3, 2, kShort},
     };
-    // The word matcher's process-wide buffer outlives every PM; made here,
-    // it is no growth of the accounts below.
+    // The word matcher's process-wide buffer outlives every PM; made here, it is no growth of the accounts below.
     ASSERT_EQ(vael_wm_validate_phrase_temp_buffer(64), 0);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

@@ -1,6 +1,5 @@
-// Pattern lists: the metadata language in front of a pattern, the records
-// each add operation makes, NUL bytes in patterns, and the allocation
-// failures of every add.
+// Pattern lists: the metadata language in front of a pattern, the records each add operation makes, NUL bytes in
+// patterns, and the allocation failures of every add.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -97,7 +96,6 @@ TEST(Metadata, ParseTable) {
     }
 }
 
-// ---------------------------------------------------------------- add operations
 
 enum class Op { kSimple, kPattern, kWithLss, kWord, kKw, kKwNoHistory };
 
@@ -202,9 +200,8 @@ TEST(PatternAdd, RecordsOfEachOperationAndTheirAllocationFailures) {
     }
 }
 
-// A NUL byte in a plain string is kept; in a regular expression it becomes
-// the escape \x00, unless it would be escaped itself. The notices are what
-// the user reads when the byte is not allowed.
+// A NUL byte in a plain string is kept; in a regular expression it becomes the escape \x00, unless it would be
+// escaped itself.
 TEST(PatternAdd, NulBytes) {
     const std::string create = "vael[5]: vael_pm_patterns_one_pattern_create: NULL character is not supported in ";
     const std::string lss_note = create + "LSS - please use \\x00 instead. problematic LSS: ";

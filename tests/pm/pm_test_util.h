@@ -16,15 +16,9 @@ namespace vael_pm_test {
 
 using Hits = std::vector<std::pair<int32_t, uint32_t>>;
 
-// One record, added through the call its kind needs: 's' a string, 'p' an
-// expression, 'r' an expression for the REM machine, 'l' an expression with
-// the LSS given, 'k' a keyword rule behind its LSS, 'w' a word.
-struct Rec {
-    char kind;
-    std::string text;
-    uint32_t flags = 0;
-    std::string lss = "";
-};
+// One record, added through the call its kind needs: 's' a string, 'p' an expression, 'r' an expression for the REM
+// machine, 'l' an expression with the LSS given, 'k' a keyword rule behind its LSS, 'w' a word.
+struct Rec { char kind; std::string text; uint32_t flags = 0; std::string lss = ""; };
 
 // The records get the ids first_id, first_id + 1, ...
 inline vael_pm_patterns *make_list(const std::vector<Rec> &recs, int32_t first_id = 1) {
@@ -61,8 +55,7 @@ inline vael_pm_handle *compile(const std::vector<Rec> &recs, int32_t first_id, c
     return pm;
 }
 
-// The hits of a run with `collect` as the callback, sorted; a run over no
-// bytes is not made.
+// The hits of a run with `collect` as the callback, sorted; a run over no bytes is not made.
 inline Hits run(vael_pm_handle *pm, const std::string &text, uint32_t flags) {
     Hits hits;
     if (!text.empty()) {

@@ -1,6 +1,5 @@
-// The compile of regular expressions into a PM: how each pattern is split
-// between the tiers, and every allocation failure of the compile, one at a
-// time, with the byte accounts back where they started.
+// The compile of regular expressions into a PM: how each pattern is split between the tiers, and every allocation
+// failure of the compile, one at a time, with the byte accounts back where they started.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,79 +21,6 @@ using vael_pm_test::collect;
 using vael_pm_test::make_list;
 using vael_pm_test::Rec;
 
-std::string bytes(const unsigned char *p, uint32_t n) { return p ? std::string((const char *)p, n) : "<null>"; }
-
-// What the compile made of each pattern: its saved LSS text, its saved
-// second-tier text, its row, and its flags.
-TEST(RegexCompile, EntriesSplitPatternsBetweenTheTiers) {
-    const uint32_t kTier2 = VAEL_PM_TIER2_PCRE, kNone = VAEL_PM_TIER2_NONE;
-    const struct {
-        const char *name;
-        std::vector<Rec> recs;
-        // per entry: lss_str, re_str, tier2 row, bits that must be set in flags
-        std::vector<std::tuple<std::string, std::string, uint32_t, uint32_t>> want;
-    } cases[] = {
-        {"RegexWithClass", {{'p', "abc[0-9]+de"}}, {{"abc", "abc[0-9]+de", kTier2, 0}}},
-        {"WhollyAString", {{'p', "abc"}}, {{"abc", "<null>", kNone, 0}}},
-        {"AlternationOfStrings", {{'p', "abc|xyz"}}, {{"abc|xyz", "<null>", kNone, VAEL_PM_MULTI_LSS}}},
-        {"AnchoredString", {{'p', "^abc"}}, {{"^abc", "<null>", kNone, 0}}},
-        {"UserLss", {{'l', "a.*bcd", 0, "bcd"}}, {{"bcd", "a.*bcd", kTier2, 0}}},
-        {"UserLssByMetadata", {{'p', "{LSS(bc)}:a.*bcd"}}, {{"bc", "a.*bcd", kTier2, 0}}},
-        // The second tier reads the user's own text; only the LSS comes
-        // from the template.
-        {"Bound", {{'p', "{bound}:ab+c"}}, {{"bc", "ab+c", kTier2, VAEL_PM_BOUND | VAEL_PM_BOUNDED_LEFT}}},
-        // "^(abc)$" is the anchored string: the LSS proves it.
-        {"BoundBothAnchors", {{'p', "{bound}:^abc$"}}, {{"^abc$", "<null>", kNone, VAEL_PM_BOUND}}},
-        {"CaseCheckedString",
-         {{'s', "abc", VAEL_PM_CASELESS}, {'s', "def"}},
-         {{"abc", "<null>", kNone, VAEL_PM_CASELESS}, {"def", "def", kTier2, 0}}},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        vael_pm_patterns *list = make_list(c.recs);
-        vael_pm_error err;
-        LogCapture quiet;
-        vael_pm_handle *pm = vael_pm_compile(list, nullptr, 0, &err, "regex compile test");
-        ASSERT_NE(pm, nullptr) << (err.error_string ? err.error_string : "");
-        ASSERT_EQ(pm->num_tier2, c.want.size());
-        uint32_t compiled = 0;
-        for (uint32_t i = 0; i < pm->num_tier2; i++) {
-            const vael_pm_array_one_handle &e = pm->pm_array[i];
-            const auto &[lss, re, row, bits] = c.want[i];
-            EXPECT_EQ(bytes(e.lss_str, e.lss_size), lss);
-            EXPECT_EQ(bytes(e.re_str, e.re_size), re);
-            EXPECT_EQ(e.tier2_type, row);
-            EXPECT_EQ(e.tier2_h != nullptr, row != kNone);
-            EXPECT_EQ(e.flags & bits, bits);
-            compiled += row != kNone;
-        }
-        EXPECT_EQ(pm->stats.num_tier2_compiled, compiled);
-        vael_pm_destroy(pm);
-        vael_pm_patterns_destroy(list);
-    }
-}
-
-TEST(RegexCompile, BoundedTemplatesWrapTheText) {
-    const struct {
-        const char *text;
-        const char *want;
-        bool left;
-    } cases[] = {
-        {"abc", "^(abc)|.*\\W(abc)", true}, {"^abc", "^(abc)", false}, {"abc$", "^(abc)|.*\\W(abc)$", true},
-        {"^abc$", "^(abc)$", false},
-        {"a\\$", "^(a\\)|.*\\W(a\\)$", true},  // a plain byte test: an escaped '$' counts
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
-        vael_pm_one_pattern *p = vael_pm_patterns_one_pattern_create(
-            nullptr, 0, reinterpret_cast<const unsigned char *>(c.text), (uint32_t)strlen(c.text), 1, 0, 0, 0);
-        ASSERT_EQ(vael_pm_create_bounded_patt(p), 0);
-        EXPECT_EQ(bytes(p->re->pattern, p->re->size), c.want);
-        EXPECT_EQ((p->flags & VAEL_PM_BOUNDED_LEFT) != 0, c.left);
-        vael_pm_patterns_one_pattern_destroy(p);
-    }
-}
-
 // A set with every kind of record: regexes with found and given LSS, a
 // multi-LSS alternation, a bound pattern and a case-checked string.
 std::vector<Rec> mixed_set() {
@@ -105,8 +31,7 @@ std::vector<Rec> mixed_set() {
 const char kMixedText[] = "abc12de GET /index.php xwvq z abbc hello world";
 const vael_pm_test::Hits kMixedWant = {{1, 6}, {2, 21}, {3, 26}, {5, 33}, {6, 39}, {7, 45}};  // sorted
 
-// The mixed set compiles through every allocation failure, and the compile
-// that succeeds runs end to end.
+// The mixed set compiles through every allocation failure, and the compile that succeeds runs end to end.
 TEST(RegexCompile, FailsCleanlyAtEveryAllocation) {
     vael_pm_patterns *list = make_list(mixed_set());
     LogCapture quiet;
@@ -129,11 +54,7 @@ int other_collect(vael_pm_handle *pm, int32_t id, void *arg, const unsigned char
     return collect(pm, id, arg, buf, len, offset, vbuf, keep_going);
 }
 
-struct Answer {
-    int result;
-    int keep_going;
-    int calls = 0;
-};
+struct Answer { int result; int keep_going; int calls = 0; };
 
 int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t, uint32_t, vael_vbuf *,
            int *keep_going) {
@@ -143,9 +64,8 @@ int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t
     return a->result;
 }
 
-// A match ends the run alike from the first tier (strings) and from the
-// second (a regex): the callback's value comes back unchanged, and
-// keep_going 0 ends the run with 0.
+// A match ends the run alike from the first tier (strings) and from the second (a regex): the callback's value comes
+// back unchanged, and keep_going 0 ends the run with 0.
 TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
     const struct {
         int result, keep_going;
@@ -183,11 +103,7 @@ TEST(RegexUpdate, EqualsAFreshCompile) {
     vael_pm_error err;
     vael_pm_handle *old_pm = vael_pm_compile(old_list, other_collect, 0, &err, "old");
     ASSERT_NE(old_pm, nullptr);
-    const struct {
-        const char *name;
-        std::vector<Rec> recs;
-        uint32_t flags;
-    } cases[] = {
+    const struct { const char *name; std::vector<Rec> recs; uint32_t flags; } cases[] = {
         {"Unchanged", mixed_set(), 0},
         {"OnePatternChanged", {{'p', "abc[0-9]+de"}, {'p', "GET /[a-z]+\\.php"}, {'p', "x(yz|wv)qq?"}}, 0},
         {"CompileFlagsChanged", mixed_set(), VAEL_PM_CASELESS},

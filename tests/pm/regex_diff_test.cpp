@@ -1,13 +1,6 @@
-// Regular expressions through the PM against PCRE run per pattern over the
-// same data: which patterns match, where their matches end and start, in
-// first-only and report-all runs; a virtual-buffer split gives what the flat
-// run gives; a mask silences exactly its patterns.
-//
-// The second tier gives the shortest match from the leftmost start, and in a
-// report-all run searches on from each match's end. The reference does the
-// same with pcre_dfa_exec over the whole text. Every generated expression
-// holds an unbounded repeat, so no set of strings can stand for it and every
-// match goes through the second tier.
+// Regular expressions through the PM against PCRE run per pattern over the same data: which patterns match, where
+// their matches end and start, in first-only and report-all runs; a virtual-buffer split gives what the flat run
+// gives; a mask silences exactly its patterns.
 #include <gtest/gtest.h>
 #include <pcre.h>
 
@@ -34,10 +27,7 @@ struct Match {
 
 void PrintTo(const Match &m, std::ostream *os) { *os << "{id " << m.id << ", " << m.start << "-" << m.end << "}"; }
 
-struct Rx {
-    std::string text;
-    bool caseless;
-};
+struct Rx { std::string text; bool caseless; };
 
 constexpr int32_t kIdBase = 100;
 const char kAlphabet[] = "abcdAB01";
@@ -50,8 +40,7 @@ std::string random_literal(std::mt19937 &rng, int min_len, int max_len) {
     return s;
 }
 
-// literal, a repeated class or dot, maybe a second literal; sometimes
-// anchored at the start or end.
+// literal, a repeated class or dot, maybe a second literal; sometimes anchored at the start or end.
 Rx random_regex(std::mt19937 &rng) {
     static const char *kRepeats[] = {"[a-c]+", "d*", ".*", "[^a]+", "\\d+", "(ab|c)+", "[0-9a]*", ".+"};
     static const char *kFixed[] = {"", ".", "[bd]", "(a|cd)", "b?"};
@@ -76,10 +65,7 @@ std::string random_text(std::mt19937 &rng, size_t max_len) {
     return t;
 }
 
-// PCRE alone over the whole text, with the options of the second tier. A
-// pattern whose LSS stands for it (`exact`: no second tier, as "000.*" is
-// "000") is reported by the first tier at every match, overlaps included:
-// the shortest match from each start.
+// PCRE alone over the whole text, with the options of the second tier.
 std::vector<Match> reference(const std::vector<Rx> &set, const std::string &text, bool all,
                              const std::vector<bool> &exact) {
     std::vector<Match> out;
@@ -203,8 +189,7 @@ TEST(RegexDifferential, PmAgreesWithPcrePerPattern) {
     EXPECT_GT(exact_patterns, 0);
 }
 
-// A virtual-buffer split gives what the flat run gives; a mask silences
-// exactly its patterns.
+// A virtual-buffer split gives what the flat run gives; a mask silences exactly its patterns.
 TEST(RegexDifferential, SplitsAndMasksAgreeWithTheFlatRun) {
     std::mt19937 rng(77);
     for (int round = 0; round < 80; round++) {

@@ -1,6 +1,5 @@
-// The self test as an operator drives it: parameters set and read through the
-// control tools, a host that calls the callbacks, and the debug log as the
-// only output.
+// The self test as an operator drives it: parameters set and read through the control tools, a host that calls the
+// callbacks, and the debug log as the only output.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -26,9 +25,8 @@ int count_of(const std::string &text, const std::string &needle) {
     return n;
 }
 
-// One step of a session: the tool's words, its result, texts the log (or,
-// for a get, the printed answer) must hold and must not hold, and how many
-// matches the step logs (-1: not counted).
+// One step of a session: the tool's words, its result, texts the log (or, for a get, the printed answer) must hold
+// and must not hold, and how many matches the step logs (-1: not counted).
 struct Step {
     std::vector<std::string> words;
     int rc;
@@ -122,9 +120,8 @@ int collect_and_compile() {
     return pm_callback_test_compile_cb("selftest");
 }
 
-// Each allocation of a session failing in turn: the callback that met it
-// says -1, and a reset leaves both accounts where they were. A caller's
-// buffer is run as it is, without escapes.
+// Each allocation of a session failing in turn: the callback that met it says -1, and a reset leaves both accounts
+// where they were.
 TEST(SelftestSession, FailmemWalk) {
     LogCapture log;
     ScopedTopic notes("K_PM", VAEL_DBG_NOTICE);

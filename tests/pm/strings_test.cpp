@@ -1,6 +1,5 @@
-// The leaf functions of the pattern matcher: the error record, byte strings
-// and ASCII classes held against the C library, the character translation
-// tables of a caseless or digitless first tier, and the PM uuid.
+// The leaf functions of the pattern matcher: the error record, byte strings and ASCII classes held against the C
+// library, the character translation tables of a caseless or digitless first tier, and the PM uuid.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -22,18 +21,8 @@ using namespace std::string_literals;
 TEST(StringsError, FirstMessageWinsAndTheIdIsAlwaysWritten) {
     static const char kA[] = "first", kB[] = "second";
     enum Kind { kDetails, kDetails2, kDetails3, kSetId };
-    struct Step {
-        Kind kind;
-        uint32_t type;
-        const char *text;
-        int32_t id;
-        uint32_t index;
-    };
-    const struct {
-        const char *name;
-        std::vector<Step> steps;
-        vael_pm_error want;
-    } cases[] = {
+    struct Step { Kind kind; uint32_t type; const char *text; int32_t id; uint32_t index; };
+    const struct { const char *name; std::vector<Step> steps; vael_pm_error want; } cases[] = {
         {"Nothing", {}, {-1, 1, nullptr, 0}},
         {"DetailsThenDetails2", {{kDetails, 0, kA, 0, 0}, {kDetails2, 2, kB, 5, 0}}, {-1, 0, kA, 0}},
         {"Details2Twice", {{kDetails2, 0, kA, 5, 0}, {kDetails2, 2, kB, 6, 0}}, {5, 0, kA, 0}},
@@ -75,8 +64,7 @@ TEST(StringsBytes, SearchesAndComparesAgreeWithAReference) {
         const std::string h = random_text(8), n = random_text(3);
         SCOPED_TRACE(testing::PrintToString(h) + " / " + testing::PrintToString(n));
         const auto hl = (uint32_t)(rng() % (h.size() + 1)), nl = (uint32_t)n.size();
-        // strnstr: an empty needle gives the hay; a match starts before the
-        // first NUL of the hay.
+        // strnstr: an empty needle gives the hay; a match starts before the first NUL of the hay.
         const size_t at = std::string_view(h.data(), hl).find(n);
         const bool empty = nl == 0 || n[0] == '\0';
         ASSERT_EQ(pm_strnstr(h.data(), n.data(), hl, nl),
@@ -147,51 +135,6 @@ TEST(StringsXlation, TablesAndRings) {
                 ASSERT_EQ(table[m], table[b]) << b << " ring member " << m;
         }
     }
-}
-
-struct UuidWords {
-    uint32_t time, count, serial, node;
-};
-
-UuidWords build_ex(uint32_t serial, uint32_t time, int32_t pid = 0x12345) {
-    unsigned char u[16];
-    vael_pmglob_uuid_build_ex(u, serial, time, pid);
-    UuidWords w;
-    std::memcpy(&w, u, 16);
-    return w;
-}
-
-TEST(StringsUuid, SequenceAndClockSequenceFollowTheClock) {
-    build_ex(1, 999);
-    const uint32_t base = build_ex(1, 1000).count >> 16;
-    const struct {
-        uint32_t time, clock_seq, seq;  // clock_seq over base
-    } steps[] = {
-        {1000, 0, 1}, {1000, 0, 2}, {1001, 0, 0}, {1001, 0, 1}, {999, 1, 0}, {999, 1, 1},
-        {0x80000000u, 2, 0},  // times compare as signed numbers: this one lies before 999
-        {1000, 2, 0},
-    };
-    uint32_t serial = 10;
-    for (const auto &s : steps) {
-        SCOPED_TRACE(s.time);
-        const UuidWords w = build_ex(serial, s.time);
-        EXPECT_EQ(w.time, s.time);
-        EXPECT_EQ(w.count, ((base + s.clock_seq) & 0xffff) << 16 | s.seq);
-        EXPECT_EQ(w.serial, serial++);
-        EXPECT_EQ(w.node, 0x2345fffeu) << "the low 16 bits of the pid";
-    }
-    // The sequence wraps at 65535 and steps the clock sequence.
-    UuidWords w{};
-    for (int i = 1; i <= 65535; i++)
-        w = build_ex(1, 1000);
-    EXPECT_EQ(w.count, ((base + 3) & 0xffff) << 16 | 0);
-    unsigned char a[16], b[16];
-    vael_pmglob_uuid_build(a);
-    vael_pmglob_uuid_cpy(b, a);
-    EXPECT_EQ(vael_pmglob_uuid_cmp(a, b), 0);
-    b[15] ^= 1;
-    EXPECT_EQ(vael_pmglob_uuid_cmp(a, b), 1);
-    EXPECT_EQ(vael_pmglob_uuid_cmp(nullptr, b), -1);
 }
 
 }  // namespace

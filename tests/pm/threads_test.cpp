@@ -1,8 +1,5 @@
-// Many threads on the library at once, as a host runs it: runs over one PM on
-// eight threads while another thread compiles and destroys PMs of its own.
-// Every run must see exactly the hits a brute-force search finds; the shared
-// hit counters may lose counts, but never run ahead. Built with the tsan
-// preset this is also the thread checker's test: a data race fails it.
+// Many threads on the library at once, as a host runs it: runs over one PM on eight threads while another thread
+// compiles and destroys PMs of its own.
 #include <gtest/gtest.h>
 
 #include <atomic>

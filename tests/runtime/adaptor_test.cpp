@@ -1,6 +1,5 @@
-// The runtime adaptor: the debug facility (topics with levels per module, the
-// line prefix, the sink, the guard of VAEL_LOG) and its flags from the
-// environment, the byte accounts, both fail-injection methods, tunables, the
+// The runtime adaptor: the debug facility (topics with levels per module, the line prefix, the sink, the guard of
+// VAEL_LOG) and its flags from the environment, the byte accounts, both fail-injection methods, tunables, the
 // allocation helpers, and the texts an operator reads.
 #include <gtest/gtest.h>
 
@@ -48,11 +47,7 @@ int level_of(const char *topic) {
 }
 
 TEST(DebugFlags, EnvironmentTurnsTopicsOnAtTheLevelNamed) {
-    const struct {
-        const char *debug, *level_word, *flow;
-        std::vector<const char *> topics;
-        int level;
-    } cases[] = {
+    const struct { const char *debug, *level_word, *flow; std::vector<const char *> topics; int level; } cases[] = {
         {"pm dfa", "INFO", nullptr, {"K_PM", "K_DFA"}, 4},  {"pm dfa", "LOUD", nullptr, {"K_PM", "K_DFA"}, 3},
         {"Pm,dfa\tREM\r\nhtab", "err", nullptr, {"K_PM", "K_DFA", "K_REM", "K_HTAB"}, 1},
         {",, kw ,", "Wrn", nullptr, {"K_KW"}, 2},           {"pcre", "none", nullptr, {"K_PCRE"}, 0},
@@ -75,23 +70,6 @@ TEST(DebugFlags, EnvironmentTurnsTopicsOnAtTheLevelNamed) {
     EXPECT_EQ(level_of("K_MEMORY") + level_of("K_MISC"), 8);
     tdResetTopics();
     vael_us_adaptor_debug_init();
-}
-
-TEST(Accounts, EachAllocationIsCountedInItsAccountsAndFreedBySize) {
-    for (size_t size : {size_t{0}, size_t{1}, size_t{4096}}) {
-        SCOPED_TRACE(size);
-        const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
-        void *a = qx_kmalloc_ex_(size, "accounts", 0, "accounts.c", 1);
-        void *b = vael_pmglob_memory_kmalloc_ex_(size, "accounts", 16, "accounts.c", 2);
-        ASSERT_TRUE(a && b);
-        EXPECT_EQ(qx_kmem_get_alloc_total(), kmem + 2 * (intptr_t)size);
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm + (intptr_t)size);
-        vael_pmglob_memory_kfree_ex_(b, size, "accounts", "accounts.c", 3);
-        qx_kfree_(a, size);
-        qx_kfree_(nullptr, 64);
-        EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm);
-    }
 }
 
 // One allocation at a fixed site; true when it succeeded.
@@ -148,8 +126,7 @@ TEST(FailInjection, SecondMethodFailsEachSiteAtItsCallNumberThresholdPlusOne) {
         }
         EXPECT_EQ(vael_us_adaptor_num_failures(), failures);
     }
-    // Sites of one slot are kept apart by probing; with the table full a site
-    // with no slot fails every time.
+    // Sites of one slot are kept apart by probing; with the table full a site with no slot fails every time.
     vael_us_adaptor_failmem_set(2, 0);
     for (int line = 0; line < 2000; line++)
         ASSERT_FALSE(allocate_at(kB, line * 2000 % 7919)) << line;
@@ -193,34 +170,6 @@ TEST(Tunables, ReadInBaseTenFromTheEnvironment) {
     EXPECT_EQ(log.text(), expected_log);
 }
 
-struct Rec {
-    uint32_t a;
-    char name[13];
-};
-
-Rec *build_pair(Rec **second) {
-    auto a = VAEL_PM_MAKE_OWNED(Rec);
-    if (!a)
-        return nullptr;
-    auto b = VAEL_MAKE_OWNED_ARRAY(Rec, 2);
-    if (!b)
-        return nullptr;
-    *second = b.release();
-    return a.release();
-}
-
-// An early exit frees what was made; every macro is a site of its own.
-TEST(AllocHelpers, EarlyExitsFreeAndEachMacroIsASite) {
-    const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
-    Rec *first = nullptr, *second = nullptr;
-    auto walk = vael_test::failmem_walk([&] { return (first = build_pair(&second)) != nullptr; },
-                                        [&] { return first == nullptr; });
-    EXPECT_EQ(walk.rounds, 3);
-    VAEL_PM_KFREE(first, sizeof(Rec));
-    VAEL_KFREE(second, 2 * sizeof(Rec));
-    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem);
-    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm);
-}
 
 // The texts an operator reads: fail injection, leaks, assertions.
 std::string lines(std::initializer_list<std::string> ls) {
@@ -286,7 +235,6 @@ TEST(OperatorTexts, Table) {
     vael_us_adaptor_failmem_set(0, 0);
 }
 
-// ---------------------------------------------------------------- the debug facility
 
 constexpr int kModule = VAEL_DBG_MODULE;
 
@@ -307,12 +255,7 @@ TEST_F(DebugFacility, TopicsAreWantedUpToTheirLevelInTheirModule) {
     ASSERT_EQ(tdAddTopic("K_REM", 4, 6), 0);
     const std::string longest(31, 'T');
     ASSERT_EQ(tdAddTopic(longest.c_str(), 3, kModule), 0);
-    const struct {
-        int level;
-        const char *topics;
-        int module;
-        bool printable;
-    } queries[] = {
+    const struct { int level; const char *topics; int module; bool printable; } queries[] = {
         {3, "K_PM", kModule, true},         {4, "K_PM", kModule, false},  {1, "K_DFA", kModule, true},
         {2, "K_DFA", kModule, false},       {3, "K_DFA | K_PM", kModule, true},  // any topic will do
         {3, "  K_KW |  | K_PM  ", kModule, true}, {1, "K_PMX", kModule, false},  // whole names only
@@ -353,8 +296,7 @@ TEST_F(DebugFacility, LinesGuardsAndSinks) {
     vael_us_adaptor_kdprintf("%s: %u\n", "f", 12u);
     EXPECT_EQ(log.text(), "vael[5]: log_from_here: value 1\nvael[5]: two: piece\nvael[7]: seven\nvael[5]: f: 12\n");
 
-    // A sink gets lines cut at the facility's line size; the standard error
-    // stream gets them whole.
+    // A sink gets lines cut at the facility's line size; the standard error stream gets them whole.
     const std::string body(3000, 'z');
     log.clear();
     tdFunc(kModule, 65535, 0, "%s\n", body.c_str());

@@ -1,6 +1,5 @@
-// Every allocating operation of the list, the hash and the virtual buffer
-// fails cleanly at each of its allocation sites: the container is left as it
-// was and both byte accounts are back where they started.
+// Every allocating operation of the list, the hash and the virtual buffer fails cleanly at each of its allocation
+// sites: the container is left as it was and both byte accounts are back where they started.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -19,8 +18,7 @@ using vael_test::list_values;
 
 int cmp_words(uintptr_t a, uintptr_t b) { return a == b ? 1 : (a > b ? 0 : -1); }
 
-// The buffer's bytes, read without allocating (the check runs while
-// allocations are being failed).
+// The buffer's bytes, read without allocating (the check runs while allocations are being failed).
 std::string flat(vael_vbuf *v) {
     char out[64];
     const uint32_t n = vael_vbuf_size(v) ? vael_vbuf_defrag(v, 0, vael_vbuf_size(v), out, sizeof out) : 0;
@@ -87,9 +85,7 @@ TEST(ContainerFailmem, EveryOperationFailsCleanly) {
     lst_pool_drain(&pool);
 }
 
-// Evicting reuses the victim's record, so only the list cell can fail. The
-// eviction has happened by then: the failed add leaves an empty buffer (the
-// record is released), and the next add succeeds.
+// Evicting reuses the victim's record, so only the list cell can fail.
 TEST(ContainerFailmem, FailedAddAfterEvictionLeavesAnEmptyBuffer) {
     std::string a = "abcd", c = "ij";
     vael_vbuf *v = vael_vbuf_create(4, 0);

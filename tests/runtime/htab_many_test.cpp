@@ -1,6 +1,5 @@
-// Lookups of many keys at once against one lookup per key, over tables whose
-// chains mix key widths and value counts, at batch sizes around the depth of
-// the overlapped fetches.
+// Lookups of many keys at once against one lookup per key, over tables whose chains mix key widths and value counts,
+// at batch sizes around the depth of the overlapped fetches.
 #include <gtest/gtest.h>
 
 #include <random>

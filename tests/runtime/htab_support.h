@@ -29,8 +29,7 @@ struct Freed {
     bool operator<(const Freed &o) const { return key < o.key; }
 };
 
-// A table and its lock, destroyed together. The lock is taken by hand where a
-// test runs beside vael_htab_expire or vael_htab_get_table.
+// A table and its lock, destroyed together.
 class Table {
   public:
     Table(const std::string &name, int size, uint32_t flags, vael_htab_exp_fn exp_func = nullptr,
@@ -69,12 +68,7 @@ class Table {
     int del(const Key &k, const char *why = "test") { return vael_htab_del(id_, k.data(), (int)k.size(), why); }
     int set_tmo(const Key &k, uint32_t timeout) { return vael_htab_set_tmo(id_, k.data(), (int)k.size(), timeout); }
 
-    struct Row {
-        Key key;
-        std::vector<uint32_t> vals;
-        int timeout;
-        int remaining;
-    };
+    struct Row { Key key; std::vector<uint32_t> vals; int timeout; int remaining; };
     // Every entry in traversal order.
     std::vector<Row> rows() {
         std::vector<Row> out;
@@ -123,8 +117,7 @@ inline vael_htab *Table::htab_db_table(int id) {
     return out;
 }
 
-// A clock stepped by the test; it starts at the real second so that the
-// expiry counters see no clock change.
+// A clock stepped by the test; it starts at the real second so that the expiry counters see no clock change.
 class FakeClock {
   public:
     FakeClock() {

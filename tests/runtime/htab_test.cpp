@@ -1,6 +1,5 @@
-// Handle tables: the registry, entries, timers and expiry, held against the
-// rules of their interface, a reference model, and the user-side reading
-// through a host that answers from a table of this process.
+// Handle tables: the registry, entries, timers and expiry, held against the rules of their interface, a reference
+// model, and the user-side reading through a host that answers from a table of this process.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -34,7 +33,6 @@ std::vector<Key> keys_of(const std::vector<Table::Row> &rows) {
     return out;
 }
 
-// ---------------------------------------------------------------- creation and the registry
 
 TEST(HtabCreate, BinCountIsAPowerOfTwoUpToTheLimit) {
     const std::pair<int, uint32_t> rows[] = {{INT_MIN, 1}, {0, 1},     {1, 1},           {2, 2},
@@ -108,25 +106,6 @@ TEST(HtabCreate, TheRegistryHoldsTwoHundredAndReusesTheLowestId) {
     tqlock_lock_term(&lock);
 }
 
-// ---------------------------------------------------------------- hashing and entries
-
-// Results and values of set are the model's; here where an update leaves
-// the entry, and the table that refuses updates.
-TEST(HtabEntries, UpdatesStayInPlace) {
-    Table t("set", 1, 0); // one bin: the chain order is the insertion order
-    for (uint32_t k = 1; k <= 3; k++)
-        ASSERT_EQ(t.set({k}, {k * 10}), 0);
-    ASSERT_EQ(t.set({2}, {22, 23, 24}), 0);
-    EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}, {2}, {3}})) << "a resized entry keeps its place";
-    EXPECT_TRUE(t.freed.empty()) << "updates tell the free function nothing";
-
-    Table fixed("noupd", 4, VAEL_HTAB_NO_UPDATE);
-    int result = 0;
-    ASSERT_EQ(fixed.set({7}, {1}), 0);
-    EXPECT_EQ(fixed.set({7}, {2}, KEEP, &result), -1);
-    EXPECT_EQ(result, VAEL_HTAB_SET_EXISTS);
-    EXPECT_EQ(fixed.get({7}), std::vector<uint32_t>{1});
-}
 
 TEST(HtabEntries, GetCopiesOnlyWhatFits) {
     Table t("get", 4, 0);
@@ -236,40 +215,10 @@ TEST(HtabEntries, UserFunctionsReadButDoNotChange) {
     EXPECT_EQ(t.del({1}), 0);
 }
 
-TEST(HtabEntries, PrintsTellEveryWord) {
-    FakeClock clock;
-    Table t("printed", 1, VAEL_HTAB_EXPIRE);
-    ASSERT_EQ(t.set({0x1a, 0x2b}, {0x3c, 0x4d}), 0);
-    ASSERT_EQ(t.set({0xff}, {1}, 10), 0);
-    clock.step(1);
-    vael_htab_expire();
-    const struct {
-        const char *what;
-        std::function<int()> call;
-        std::string text;
-    } rows[] = {
-        {"entries", [&] { return vael_htab_print(t.id()); }, "vael[5]: <1a,2b; 3c,4d>\nvael[5]: <ff; 1; 9/10>\n"},
-        {"summary", [&] { return vael_htab_print_table("printed", 1); }, "vael[5]: Table 'printed' has 2 entries\n"},
-        {"by name", [&] { return vael_htab_print_table("printed", 0); },
-         "vael[5]: <1a,2b; 3c,4d>\nvael[5]: <ff; 1; 9/10>\n"},
-        {"unknown", [&] { return vael_htab_print_table("nosuch", 1) + 1; },
-         "vael_htab_print_table: Table 'nosuch' not found\n"},
-        {"statistics", [&] { return vael_htab_print_stats(), 0; },
-         "table: " + std::to_string(t.id()) + " printed [2] 1\t\n"},
-    };
-    for (const auto &row : rows) {
-        LogCapture log;
-        EXPECT_EQ(row.call(), 0) << row.what;
-        EXPECT_TRUE(log.contains(row.text)) << row.what << ": " << log.text();
-    }
-}
-
-// ---------------------------------------------------------------- timers
 // The timeout words, their limits, clock jumps and the ring's slots are held
 // to the reference model below; here what it does not reach.
 
-// A refused timeout costs the entry and the rest of its chain; the count is
-// left as it was, and nothing leaks.
+// A refused timeout costs the entry and the rest of its chain; the count is left as it was, and nothing leaks.
 TEST(HtabTimers, ARefusedTimeoutCutsTheChain) {
     const intptr_t kmem = qx_kmem_get_alloc_total();
     {
@@ -281,8 +230,7 @@ TEST(HtabTimers, ARefusedTimeoutCutsTheChain) {
         EXPECT_EQ(result, VAEL_HTAB_SET_BAD_TMO);
         EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}}));
         EXPECT_EQ(vael_htab_nents(t.id()), 4);
-        // A new key goes at the end of the chain and only it is lost; the
-        // count keeps its rise.
+        // A new key goes at the end of the chain and only it is lost; the count keeps its rise.
         EXPECT_EQ(t.set({5}, {5}, 4000, &result), -1);
         EXPECT_EQ(result, VAEL_HTAB_SET_BAD_TMO);
         EXPECT_EQ(keys_of(t.rows()), (std::vector<Key>{{1}}));
@@ -306,10 +254,7 @@ TEST(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
         for (int i = 0; i < n; i++)
             vael_htab_expire();
     };
-    const struct {
-        int calls_per_second, due;
-        size_t gone_in_the_second;
-    } rows[] = {
+    const struct { int calls_per_second, due; size_t gone_in_the_second; } rows[] = {
         {1000, 300, 250},  // q 3, p 4
         {1000, 1000, 999}, // q 1: every call but the one that changed the second
         {1000, 600, 600},  // q 1: the slot is empty before the second ends
@@ -327,11 +272,9 @@ TEST(HtabExpiry, GradualRateSpreadsASlotOverTheSecond) {
     }
 }
 
-// ---------------------------------------------------------------- a reference model
 
-// The table as the rules describe it: entries with their values and timers,
-// the ring as one list per slot (back = head), the table's and the counters'
-// last seconds.
+// The table as the rules describe it: entries with their values and timers, the ring as one list per slot (back =
+// head), the table's and the counters' last seconds.
 struct Model {
     struct Entry {
         std::vector<uint32_t> vals;
@@ -527,7 +470,6 @@ TEST(HtabModel, RandomOperationsAgreeWithTheModel) {
     }
 }
 
-// ---------------------------------------------------------------- destroy while inside
 
 TEST(HtabRegistry, DestroyWhileAReaderWaitsLeavesItToTheReader) {
     static int destroyed_calls = 0;
@@ -540,10 +482,7 @@ TEST(HtabRegistry, DestroyWhileAReaderWaitsLeavesItToTheReader) {
     ASSERT_EQ(vael_htab_set(id, k, 1, v, 1, KEEP, nullptr), 0);
 
     MtMutexLock(lock);
-    struct Seen {
-        int nents = -1;
-        std::string name;
-    } seen;
+    struct Seen { int nents = -1; std::string name; } seen;
     int found = 0;
     std::thread reader([&] {
         found = vael_htab_get_table(
@@ -570,19 +509,13 @@ TEST(HtabRegistry, DestroyWhileAReaderWaitsLeavesItToTheReader) {
     tqlock_lock_term(&lock);
 }
 
-// ---------------------------------------------------------------- allocation failures
 
 TEST(HtabFailmem, CreateFailsCleanlyOrShrinks) {
     vael_mutex *lock = nullptr;
     ASSERT_EQ(tqlock_lock_init(&lock), 0);
     // The bins' site fails once; a table that can shrink retries it at half
     // size in the same call, which then succeeds.
-    const struct {
-        int size;
-        uint32_t flags;
-        int rounds;
-        uint32_t bins;
-    } rows[] = {
+    const struct { int size; uint32_t flags; int rounds; uint32_t bins; } rows[] = {
         {16, 0, 3, 16},
         {1024, VAEL_HTAB_EXPIRE, 2, 512},
         {1024, VAEL_HTAB_EXPIRE_GRADUAL, 2, 512},
@@ -610,13 +543,7 @@ TEST(HtabFailmem, InsertAndResizeLeaveTheTableAsItWas) {
     Table t("walk", 4, VAEL_HTAB_EXPIRE);
     ASSERT_EQ(t.set({1}, {1}, 5), 0);
     ASSERT_EQ(t.set({2}, {2}), 0);
-    const struct {
-        const char *what;
-        Key key;
-        std::vector<uint32_t> vals;
-        uint32_t timeout;
-        int rounds;
-    } rows[] = {
+    const struct { const char *what; Key key; std::vector<uint32_t> vals; uint32_t timeout; int rounds; } rows[] = {
         {"new entry with a timer", {3}, {3}, 7, 3},
         {"new entry without a timer", {4}, {4}, 0, 2},
         {"resized entry keeping a timer", {1}, {1, 1}, 9, 3},
@@ -642,7 +569,6 @@ TEST(HtabFailmem, InsertAndResizeLeaveTheTableAsItWas) {
     }
 }
 
-// ---------------------------------------------------------------- the user side over the control channel
 
 // The host side of the request: answers from a table of this process, found
 // by name, the way the kernel module answers from its own.

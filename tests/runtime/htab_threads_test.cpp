@@ -1,7 +1,6 @@
-// Handle tables on many threads: eight workers each own a table and change it
-// under its lock while calling vael_htab_expire and reading other tables
-// through the registry; one more thread creates and destroys tables, some
-// while a reader is inside them. Run under the sanitizers with the rest.
+// Handle tables on many threads: eight workers each own a table and change it under its lock while calling
+// vael_htab_expire and reading other tables through the registry; one more thread creates and destroys tables, some
+// while a reader is inside them.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -84,28 +84,6 @@ TEST(List, RandomOperationsAgreeWithAModel) {
     }
 }
 
-TEST(List, QueueStackAndNullHandles) {
-    lst_list *q = vael_queue_create();
-    lst_list *s = vael_stack_create(nullptr);
-    for (uintptr_t v : {1, 0, 2}) {
-        EXPECT_EQ(vael_enqueue(q, v), 0);
-        EXPECT_EQ(vael_stack_push(s, v), 0);
-    }
-    for (uintptr_t v : {1, 0, 2})
-        EXPECT_EQ(vael_dequeue(q), v);
-    for (uintptr_t v : {2, 0, 1}) {
-        EXPECT_EQ(vael_stack_top(s), v);
-        EXPECT_EQ(vael_stack_pop(s), v);
-    }
-    EXPECT_EQ(vael_queue_size(q) + vael_stack_size(s), 0);
-    EXPECT_EQ(vael_stack_pop(s), 0u);
-    vael_queue_cleanup(q);
-    vael_stack_cleanup(s);
-    EXPECT_LT(lst_nelements(nullptr), 1);
-    EXPECT_EQ(lst_insert(nullptr, 1), 0);
-    lst_destroy(nullptr);
-}
-
 TEST(List, PoolIsReusedAcrossThreadsAndDrains) {
     uintptr_t pool = 0;
     const intptr_t start = qx_kmem_get_alloc_total();

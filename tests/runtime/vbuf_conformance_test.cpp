@@ -1,6 +1,5 @@
-// Virtual buffers given illegal arguments: the assertion, then the operation
-// goes on where it stays defined without the argument, and fails where it
-// would have to follow a null pointer.
+// Virtual buffers given illegal arguments: the assertion, then the operation goes on where it stays defined without
+// the argument, and fails where it would have to follow a null pointer.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,10 +12,7 @@ namespace {
 using vael_test::LogCapture;
 using vael_test::ScopedGlobal;
 
-struct Freed {
-    int calls = 0;
-    uint32_t bytes = 0;
-};
+struct Freed { int calls = 0; uint32_t bytes = 0; };
 
 void count_free(void *, uint32_t len, void *ctx) {
     auto *f = static_cast<Freed *>(ctx);

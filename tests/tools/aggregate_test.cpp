@@ -12,40 +12,8 @@ namespace {
 
 using vael_test::CtlHost;
 
-TEST(StatAggregate, SixtyFourBitCountersCarry) {
-    struct Row {
-        std::vector<uint32_t> total, item;
-        uint32_t size;
-        std::vector<uint32_t> sum;
-    };
-    const std::vector<Row> rows = {
-        {{1, 0}, {2, 0}, 8, {3, 0}},
-        {{0xffffffffu, 0}, {1, 0}, 8, {0, 1}},
-        {{0xffffffffu, 7}, {0xffffffffu, 1}, 8, {0xfffffffeu, 9}},
-        {{0, 0xffffffffu}, {0, 1}, 8, {0, 0}},
-        // Only whole counters are added.
-        {{5, 0, 5, 0}, {0xfffffffbu, 0, 1, 0}, 12, {0, 1, 5, 0}},
-        {{9, 9}, {1, 1}, 0, {9, 9}},
-    };
-    for (const Row &r : rows) {
-        std::vector<uint32_t> t = r.total, i = r.item;
-        vael_stat_aggregate_add_all_ints64(t.data(), i.data(), r.size);
-        EXPECT_EQ(t, r.sum) << r.total[0] << "+" << r.item[0] << " size " << r.size;
-        // The add slot's form gives the same.
-        t = r.total;
-        uint32_t size = r.size;
-        vael_stat_aggregate_add_all_ints64_wrapper(t.data(), i.data(), &size);
-        EXPECT_EQ(t, r.sum);
-    }
-}
-
-// Per-instance counter blocks the get function reads; a negative result from
-// the instance named in `failing`.
-struct Blocks {
-    std::vector<std::vector<uint32_t>> of;
-    int failing = -1;
-    std::vector<int> asked;
-};
+// Per-instance counter blocks the get function reads; a negative result from the instance named in `failing`.
+struct Blocks { std::vector<std::vector<uint32_t>> of; int failing = -1; std::vector<int> asked; };
 
 int get_block(int instance, void *block, void *arg) {
     auto *b = static_cast<Blocks *>(arg);
@@ -102,8 +70,7 @@ TEST(StatAggregate, SumsOverInstancesAndStopsAtAFailure) {
     EXPECT_TRUE(blocks.asked.empty());
 }
 
-// One table of the report: the counters the test host keeps give one pool
-// per table and instance, all preallocated.
+// One table of the report: the counters the test host keeps give one pool per table and instance, all preallocated.
 std::string table(const char *name, int allocated, int freed, int pools) {
     char text[512];
     std::snprintf(text, sizeof text,

@@ -1,13 +1,5 @@
-// A host for the control tools' tests: the other side of the control channel,
-// with several instances, installed through the library's own init.
-//
-// Parameters are the library's real ones, its tunables and the self-test
-// parameters, which this process holds once: a set reaches the global and
-// its callback, a get reads the global. An instance can be made to answer
-// one integer differently (as a module instance that was set on its own
-// would) or to fail every request. Handle tables are real tables, a few per
-// instance, whose handle counters the host keeps through the tables' own
-// free function.
+// A host for the control tools' tests: the other side of the control channel, with several instances, installed
+// through the library's own init.
 #ifndef VAEL_TESTS_TOOLS_CTL_HOST_H
 #define VAEL_TESTS_TOOLS_CTL_HOST_H
 
@@ -249,11 +241,7 @@ class CtlHost {
 
 // The get or set tool run as an operator runs it: words[0] is "get" or
 // "set", the rest is the tool's argv; its result and what it printed.
-struct ToolRun {
-    int rc;
-    std::string out;
-    std::string err;
-};
+struct ToolRun { int rc; std::string out; std::string err; };
 
 inline ToolRun ctl_tool(const std::vector<std::string> &words) {
     std::vector<char *> argv;

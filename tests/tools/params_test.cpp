@@ -134,8 +134,7 @@ TEST(ParamsTool, SetThenGetOverOneAndFourInstances) {
             const ToolRun get = tool({"get", r.type, r.name});
             EXPECT_EQ(get.rc, 0) << get.err;
             EXPECT_EQ(get.out, r.printed) << instances;
-            // A set goes to all instances; a get asks the default one, then
-            // each of several.
+            // A set goes to all instances; a get asks the default one, then each of several.
             std::vector<int> asked(host.requests().begin() + (long)before, host.requests().end());
             const std::vector<int> expected = instances == 1 ? std::vector<int>{-1, -1}
                                                              : std::vector<int>{-2, -1, 0, 1, 2, 3};
@@ -186,8 +185,7 @@ TEST(ParamsTool, InstancesThatDisagreeGetTheNote) {
     }
 }
 
-// The request block is the tool's one allocation: its failure is the
-// request's failure, with nothing left behind.
+// The request block is the tool's one allocation: its failure is the request's failure, with nothing left behind.
 TEST(ParamsTool, FailmemWalk) {
     CtlHost host(4);
     int value = -1;
