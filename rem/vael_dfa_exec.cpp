@@ -160,27 +160,61 @@ extern "C" int vael_dfa_insert_match_data(lst_list **queue, const vael_dfa_state
 
 namespace {
 
-// The loop of one piece, made once for each block layout so that the step
-// from state to state is a single table load with no test of the layout.
+// How a run steps from state to state. Over the records, one block layout
+// each, so that the step is a single table load with no test of the layout.
 template <bool OneBlock>
-int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index, uint32_t start_index,
-              uint32_t base, lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask, uint32_t dfa_flags,
-              uint32_t *hint) {
-    vael_dfa_state *state = *running;
-    const vael_dfa *dfa = state->dfa;
+struct RecordSteps {
+    vael_dfa_state *const *blocks;
+    vael_dfa_state *initial;
+    vael_dfa_state *s;
+    explicit RecordSteps(vael_dfa_state *from)
+        : blocks(from->dfa->blocks), initial(from->dfa->initial_state), s(from) {}
+    bool step(unsigned char c) {
+        const uint32_t e = s->trans[c];
+        s = OneBlock ? blocks[0] + e : blocks[e >> VAEL_DFA_PACKED_SHIFT] + (e & VAEL_DFA_PACKED_INDEX_MASK);
+        return s->properties & VAEL_DFA_STATE_FINAL;
+    }
+    vael_dfa_state *state() const { return s; }
+    void restart() { s = initial; }
+};
+
+// Over the run table: one 16-bit load at (run id << 8 | byte), and a run id
+// at or above the first final one is the only test, so the state records
+// are read on hits alone.
+struct TableSteps {
+    const uint16_t *next;
+    vael_dfa_state *const *records;
+    uint32_t first_final;
+    uint32_t initial;
+    uint32_t r;
+    explicit TableSteps(vael_dfa_state *from)
+        : next(from->dfa->run_next), records(from->dfa->run_state), first_final(from->dfa->run_first_final),
+          initial(from->dfa->run_id[from->dfa->initial_state->id]), r(from->dfa->run_id[from->id]) {}
+    bool step(unsigned char c) {
+        r = next[(r << 8) | c];
+        return r >= first_final;
+    }
+    vael_dfa_state *state() const { return records[r]; }
+    void restart() { r = initial; }
+};
+
+// The loop of one piece, made once for each way of stepping.
+template <class Steps>
+int run_piece(vael_dfa_state **running, const unsigned char *__restrict buf, uint32_t end_index,
+              uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags, const vael_pm_mask *mask,
+              uint32_t dfa_flags, uint32_t *hint) {
+    const vael_dfa *dfa = (*running)->dfa;
+    Steps steps(*running);
     const bool restart = (exec_flags & kRestartMask) == VAEL_PM_EXEC_ALL_MATCHES;
     const bool first_only = exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY;
     // The one-block machine judges the end of the data by offsets, the
     // others by the index in this piece: the two agree when base is 0.
-    const uint32_t end = OneBlock ? base + end_index : end_index;
-    vael_dfa_state *const block0 = dfa->blocks[0];
-    vael_dfa_state *const *blocks = dfa->blocks;
+    const uint32_t end = dfa->num_of_blocks == 1 ? base + end_index : end_index;
 
     for (uint32_t i = start_index; i < end_index; i++) {
-        const uint32_t e = state->trans[buf[i]];
-        state = OneBlock ? block0 + e : blocks[e >> VAEL_DFA_PACKED_SHIFT] + (e & VAEL_DFA_PACKED_INDEX_MASK);
-        if (!(state->properties & VAEL_DFA_STATE_FINAL))
+        if (!steps.step(buf[i]))
             continue;
+        vael_dfa_state *state = steps.state();
         if (state->properties & VAEL_DFA_STATE_ANCHORED_FINAL) {
             if (i != end_index - 1)
                 continue;
@@ -197,7 +231,7 @@ int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_i
             return VAEL_OK;
         }
         if (restart && matched) {
-            state = dfa->initial_state;
+            steps.restart();
             *hint = offset + 1;
         } else if (matched && !(exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !mask && settles(dfa, state)) {
             // Every later byte would ask again and be dropped as a duplicate.
@@ -205,56 +239,7 @@ int run_piece(vael_dfa_state **running, const unsigned char *buf, uint32_t end_i
             return VAEL_DFA_EXEC_SETTLED;
         }
     }
-    *running = state;
-    return VAEL_OK;
-}
-
-// The loop of one piece over the run table: the step is one 16-bit load at
-// (run id << 8 | byte), and a run id at or above the first final one is the
-// only test, so the state records are read on hits alone. What follows a
-// hit is the same as in run_piece.
-int run_table_piece(vael_dfa_state **running, const unsigned char *__restrict buf, uint32_t end_index,
-                    uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
-                    const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
-    vael_dfa_state *state = *running;
-    const vael_dfa *dfa = state->dfa;
-    const uint16_t *__restrict next = dfa->run_next;
-    vael_dfa_state *const *run_state = dfa->run_state;
-    const uint32_t first_final = dfa->run_first_final;
-    const bool restart = (exec_flags & kRestartMask) == VAEL_PM_EXEC_ALL_MATCHES;
-    const bool first_only = exec_flags & VAEL_PM_EXEC_FIRST_MATCH_ONLY;
-    const uint32_t end = dfa->num_of_blocks == 1 ? base + end_index : end_index;
-    uint32_t r = dfa->run_id[state->id];
-
-    for (uint32_t i = start_index; i < end_index; i++) {
-        r = next[(r << 8) | buf[i]];
-        if (r < first_final)
-            continue;
-        state = run_state[r];
-        if (state->properties & VAEL_DFA_STATE_ANCHORED_FINAL) {
-            if (i != end_index - 1)
-                continue;
-            if (!(exec_flags & VAEL_PM_EXEC_LAST_BUFFER))
-                break;
-        }
-        const uint32_t offset = i + base;
-        int matched = 0;
-        if (vael_dfa_insert_match_data(queue, state, offset, i, exec_flags, mask, end, buf, i + 1, end_index,
-                                       dfa_flags, *hint, &matched) != 0)
-            return VAEL_ERROR;
-        if (first_only) {
-            *running = state;
-            return VAEL_OK;
-        }
-        if (restart && matched) {
-            r = dfa->run_id[dfa->initial_state->id];
-            *hint = offset + 1;
-        } else if (matched && !(exec_flags & VAEL_PM_EXEC_ALL_MATCHES) && !mask && settles(dfa, state)) {
-            *running = state;
-            return VAEL_DFA_EXEC_SETTLED;
-        }
-    }
-    *running = run_state[r];
+    *running = steps.state();
     return VAEL_OK;
 }
 
@@ -322,11 +307,11 @@ extern "C" void vael_dfa_run_table_free(vael_dfa *dfa) {
 extern "C" int vael_dfa_exec_one_buf(vael_dfa_state **running, const unsigned char *buf, uint32_t end_index,
                                      uint32_t start_index, uint32_t base, lst_list **queue, uint32_t exec_flags,
                                      const vael_pm_mask *mask, uint32_t dfa_flags, uint32_t *hint) {
-    if ((*running)->dfa->run_next)
-        return run_table_piece(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
-    if ((*running)->dfa->num_of_blocks == 1)
-        return run_piece<true>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
-    return run_piece<false>(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
+    const vael_dfa *dfa = (*running)->dfa;
+    auto run = dfa->run_next            ? run_piece<TableSteps>
+               : dfa->num_of_blocks == 1 ? run_piece<RecordSteps<true>>
+                                         : run_piece<RecordSteps<false>>;
+    return run(running, buf, end_index, start_index, base, queue, exec_flags, mask, dfa_flags, hint);
 }
 
 // ---------------------------------------------------------------- a run
