@@ -18,16 +18,6 @@
 
 namespace {
 
-std::vector<unsigned char> image_of(void *mgr) {
-    const uint32_t size = vael_kw_mgr_serialize_get_size(mgr);
-    FUZZ_CHECK(size > 0, "a compiled rule without an image size");
-    std::vector<unsigned char> image(size);
-    unsigned char *p = image.data();
-    uint32_t space = size;
-    FUZZ_CHECK(vael_kw_mgr_serialize(mgr, &p, &space) == 0 && space == 0, "the image does not fill its size");
-    return image;
-}
-
 struct Verdict {
     int rc, is_match;
     uint32_t match_end;
@@ -91,14 +81,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         FUZZ_CHECK(err.error_string != nullptr, "a refused rule without a text");
     } else {
         const Verdict first = run(mgr, text);
-        const std::vector<unsigned char> image = image_of(mgr);
-        const unsigned char *p = image.data();
-        uint32_t space = (uint32_t)image.size();
-        void *back = vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr);
-        FUZZ_CHECK(back != nullptr && space == 0, "the image of a compiled rule does not load");
-        FUZZ_CHECK(image_of(back) == image, "a round trip changed the image");
-        FUZZ_CHECK(run(back, text) == first, "the loaded rule decides otherwise");
-        vael_kw_mgr_destroy(back);
+        const std::vector<unsigned char> image = vael_fuzz::check_round_trip(
+            mgr, vael_kw_mgr_serialize_get_size, vael_kw_mgr_serialize, vael_kw_mgr_deserialize,
+            vael_kw_mgr_destroy,
+            [&](void *back) { FUZZ_CHECK(run(back, text) == first, "the loaded rule decides otherwise"); });
         check_cuts(image);
         vael_kw_mgr_destroy(mgr);
     }

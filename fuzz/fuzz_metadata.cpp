@@ -83,7 +83,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     } else {
         FUZZ_CHECK(err.error_type <= VAEL_PM_ERROR_COMPLEX, "error type %u", err.error_type);
     }
-    // Queue cells a run leaves in the shared pool are kept for the next run.
     accounts.check();
     return 0;
 }

@@ -145,24 +145,33 @@ Handle *load_engine_image(uint8_t mode, unsigned char *image, uint32_t n,
     return h;
 }
 
-// Writes a loaded handle's image and loads it again: the second image must
-// be the first, byte for byte.
-template <class Handle, class Size, class Write, class Load, class Destroy>
-void check_round_trip(Handle *h, Size size_of, Write write, Load load, Destroy destroy) {
+// Writes a handle's image and loads it again: the loaded handle's image must
+// be the first, byte for byte, and on_loaded may check the loaded handle
+// further. Gives the image.
+template <class Handle, class Size, class Write, class Load, class Destroy, class OnLoaded>
+std::vector<unsigned char> check_round_trip(Handle *h, Size size_of, Write write, Load load, Destroy destroy,
+                                            OnLoaded on_loaded) {
     auto image_of = [&](Handle *x) {
         std::vector<unsigned char> image(size_of(x));
         unsigned char *p = image.data();
         uint32_t space = (uint32_t)image.size();
-        FUZZ_CHECK(!image.empty() && write(x, &p, &space) == 0 && space == 0, "image of a loaded handle");
+        FUZZ_CHECK(!image.empty() && write(x, &p, &space) == 0 && space == 0, "the image does not fill its size");
         return image;
     };
-    const std::vector<unsigned char> again = image_of(h);
-    const unsigned char *p = again.data();
-    uint32_t left = (uint32_t)again.size();
+    std::vector<unsigned char> image = image_of(h);
+    const unsigned char *p = image.data();
+    uint32_t left = (uint32_t)image.size();
     Handle *back = load(&p, &left, nullptr, nullptr);
-    FUZZ_CHECK(back != nullptr && left == 0, "the image of a loaded handle does not load");
-    FUZZ_CHECK(image_of(back) == again, "a second round trip changed the image");
+    FUZZ_CHECK(back != nullptr && left == 0, "the image does not load");
+    FUZZ_CHECK(image_of(back) == image, "a round trip changed the image");
+    on_loaded(back);
     destroy(back);
+    return image;
+}
+
+template <class Handle, class Size, class Write, class Load, class Destroy>
+void check_round_trip(Handle *h, Size size_of, Write write, Load load, Destroy destroy) {
+    check_round_trip(h, size_of, write, load, destroy, [](Handle *) {});
 }
 
 }  // namespace vael_fuzz
