@@ -259,27 +259,22 @@ extern "C" int vael_dfa_run_table_build(vael_dfa *dfa) {
         vael_dfa_run_table_free(dfa);
         return VAEL_ERROR;
     }
-    // Non-final states first, then the final ones, each group in id order.
-    uint32_t finals = 0;
+    // Non-final states take run ids from the bottom, final ones from the top,
+    // so that the final states are exactly the run ids from run_first_final up.
+    uint32_t plain = 0, top = n;
     for (uint32_t id = 0; id < n; id++) {
         // A loaded machine's records carry their ids: the table is indexed by
         // them, so each must be its own place.
-        const vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
+        vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
         if (!s || s->id != id) {
             vael_dfa_run_table_free(dfa);
             return VAEL_ERROR;
         }
-        finals += (s->properties & VAEL_DFA_STATE_FINAL) ? 1 : 0;
-    }
-    dfa->run_first_final = n - finals;
-    dfa->run_count = n;
-    uint32_t plain = 0, next_final = n - finals;
-    for (uint32_t id = 0; id < n; id++) {
-        vael_dfa_state *s = vael_dfa_state_get_by_id(dfa, id);
-        const uint32_t r = (s->properties & VAEL_DFA_STATE_FINAL) ? next_final++ : plain++;
+        const uint32_t r = (s->properties & VAEL_DFA_STATE_FINAL) ? --top : plain++;
         dfa->run_id[id] = (uint16_t)r;
         dfa->run_state[r] = s;
     }
+    dfa->run_first_final = plain;
     for (uint32_t r = 0; r < n; r++) {
         const vael_dfa_state *s = dfa->run_state[r];
         uint16_t *row = dfa->run_next + ((size_t)r << 8);
