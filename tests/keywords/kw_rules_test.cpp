@@ -159,11 +159,7 @@ TEST(KwRules, ImageCutsAndCorruptions) {
         EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << c.log;
     }
     for (size_t block : {1, 5}) {  // every keyword kind read across blocks
-        vael_vbuf *vbuf = vael_vbuf_create(1u << 20, 0);
-        for (size_t at = 0; at < image.size(); at += block)
-            ASSERT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<unsigned char *>(image.data()) + at,
-                                              (uint32_t)std::min(block, image.size() - at), nullptr, nullptr),
-                      0);
+        vael_vbuf *vbuf = vael_test::vbuf_of(image.data(), image.size(), block);
         vael_vbuf_iter iter{};
         space = (uint32_t)image.size();
         auto *whole = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(nullptr, &space, vbuf, &iter));

@@ -76,13 +76,7 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
     for (const auto &p : c.patterns)
         want.insert(p.id);
     vael_test::LogCapture quiet;
-    vael_pmglob_patterns *strings = vael_pmglob_patterns_create();
-    for (const auto &p : c.patterns) {
-        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(p.text.data()),
-                                                          (uint32_t)p.text.size(), p.id, p.flags);
-        vael_pmglob_patterns_add(strings, s);
-        vael_pmglob_string_destroy(s);
-    }
+    vael_pmglob_patterns *strings = vael_test::string_list(c.patterns);
     // Out of memory, the only texts are the engines' own (a second tier's is PCRE's), never the frame's.
     vael_pm_error err;
     auto engine_text = [&] {

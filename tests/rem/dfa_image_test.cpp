@@ -32,9 +32,7 @@ vael_dfa *load(const Image &image, size_t size, size_t block = 0) {
         EXPECT_TRUE(!dfa || p == cut.data() + size);
         return dfa;
     }
-    vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
-    for (size_t at = 0; at < size; at += block)
-        vael_vbuf_add_buffer_ex(vbuf, cut.data() + at, (uint32_t)std::min(block, size - at), nullptr, nullptr);
+    vael_vbuf *vbuf = vael_test::vbuf_of(cut.data(), size, block);
     vael_vbuf_iter iter{};
     vael_dfa *dfa = vael_dfa_deserialize(nullptr, &space, vbuf, &iter);
     vael_vbuf_destroy(vbuf);

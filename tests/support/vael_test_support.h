@@ -79,11 +79,7 @@ class ScopedValue {
 
 using ScopedGlobal = ScopedValue<int>;
 
-struct Pattern {
-    std::string text;
-    int32_t id;
-    uint32_t flags = 0;
-};
+struct Pattern { std::string text; int32_t id; uint32_t flags = 0; };
 
 // One queued hit as the engine left it.
 struct Hit {
@@ -109,6 +105,15 @@ inline std::vector<Hit> drain_queue(lst_list *queue) {
     }
     lst_destroy(queue);
     return hits;
+}
+
+// The bytes in blocks of `block` in a new vbuf, pointing into the caller's bytes. Under fail injection an add may
+// fail: the vbuf is then short, which whatever reads it must take as cut.
+inline vael_vbuf *vbuf_of(const void *data, size_t size, size_t block) {
+    vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
+    for (size_t at = 0; at < size; at += block)
+        vael_vbuf_add_buffer_ex(vbuf, (char *)data + at, (uint32_t)std::min(block, size - at), nullptr, nullptr);
+    return vbuf;
 }
 
 // A text as a scan sees it: the bytes before the last cut, cut at the given
@@ -146,17 +151,23 @@ class SplitText {
     uint32_t len_ = 0;
 };
 
+// The engines' input: a list of strings as the frame hands it over.
+inline vael_pmglob_patterns *string_list(const std::vector<Pattern> &patterns) {
+    vael_pmglob_patterns *list = vael_pmglob_patterns_create();
+    for (const auto &p : patterns) {
+        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(p.text.data()),
+                                                          (uint32_t)p.text.size(), p.id, p.flags);
+        EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
+        vael_pmglob_string_destroy(s);
+    }
+    return list;
+}
+
 // A compiled Thin NFA that destroys itself.
 class ThinNfa {
   public:
     ThinNfa(const std::vector<Pattern> &patterns, uint32_t compile_flags = 0) {
-        vael_pmglob_patterns *list = vael_pmglob_patterns_create();
-        for (const auto &p : patterns) {
-            vael_pmglob_string *s = vael_pmglob_string_create(
-                reinterpret_cast<const unsigned char *>(p.text.data()), (uint32_t)p.text.size(), p.id, p.flags);
-            EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
-            vael_pmglob_string_destroy(s);
-        }
+        vael_pmglob_patterns *list = string_list(patterns);
         vael_pm_error_init(&err_);
         nfa_ = vael_thin_nfa_compile(list, compile_flags, &err_);
         vael_pmglob_patterns_destroy(list);

@@ -1,8 +1,11 @@
 // The string matcher against the Thin NFA and brute force (flat and over cut
 // vbufs, every folding), the shape and errors of what it builds, its image
-// beside the Thin NFA's, and its failure roads. Seeds are fixed.
+// beside the Thin NFA's, its failure roads, and its run table against the
+// state records it is derived from, rebuilt by a copy and a load and never
+// part of the image. Seeds are fixed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <set>
@@ -24,13 +27,7 @@ constexpr uint32_t kBoth = VAEL_PM_CASELESS | VAEL_PM_DIGITLESS;
 
 // A compiled SM and the list it was compiled from.
 struct Sm {
-    Sm(const std::vector<Pattern> &patterns, uint32_t flags) : list(vael_pmglob_patterns_create()) {
-        for (const auto &p : patterns) {
-            vael_pmglob_string *s = vael_pmglob_string_create(
-                reinterpret_cast<const unsigned char *>(p.text.data()), (uint32_t)p.text.size(), p.id, p.flags);
-            EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
-            vael_pmglob_string_destroy(s);
-        }
+    Sm(const std::vector<Pattern> &patterns, uint32_t flags) : list(vael_test::string_list(patterns)) {
         vael_pm_error_init(&err);
         dfa = vael_sm_compile(list, flags, &err);
     }
@@ -52,6 +49,36 @@ std::vector<Hit> run(vael_dfa *dfa, const std::string &text, uint32_t flags = kA
     return run(dfa, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr, flags);
 }
 
+Image sm_image(vael_dfa *dfa) {
+    Image image(vael_dfa_calculate_size(dfa));
+    unsigned char *at = image.data();
+    uint32_t space = (uint32_t)image.size();
+    EXPECT_EQ(vael_dfa_serialize(dfa, &at, &space), 0);
+    return image;
+}
+
+// Through the row's loader, as the PM image reaches it.
+vael_dfa *sm_load(const Image &image) {
+    vael_pm_tier1_funcs row;
+    vael_sm_init(&row);
+    const unsigned char *at = image.data();
+    uint32_t space = (uint32_t)image.size();
+    return static_cast<vael_dfa *>(row.deserialize(&at, &space, nullptr, nullptr));
+}
+
+using Hits = std::vector<std::tuple<int32_t, uint32_t, uint32_t, uint32_t>>;
+
+Hits run_split(vael_dfa *dfa, const vael_test::SplitText &split, uint32_t flags, const vael_pm_mask *mask) {
+    lst_list *queue = nullptr;
+    EXPECT_EQ(vael_dfa_tier1_exec(dfa, split.present(), split.present_len(), split.vbuf(), 0, &queue, flags, mask,
+                                  nullptr),
+              0);
+    Hits hits;  // queue order, every field: the order and the hints tell restarts apart
+    for (const auto &h : vael_test::drain_queue(queue))
+        hits.emplace_back(h.id, h.offset, h.match_flags, h.hint);
+    return hits;
+}
+
 // Every entry of every state names a state, and a byte leads where its
 // folded form leads.
 void expect_complete(const vael_dfa *dfa, uint32_t flags) {
@@ -68,14 +95,11 @@ void expect_complete(const vael_dfa *dfa, uint32_t flags) {
 
 TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
     struct Row {
-        std::string alphabet;
-        uint32_t flags;
-        int rounds, min_patterns, max_patterns, max_len;
-        uint16_t blocks;
+        std::string alphabet; uint32_t flags; int rounds, min_patterns, max_patterns, max_len; uint16_t blocks;
     };
     const Row rows[] = {
         {"ab", 0, 15, 1, 12, 5, 1},         {"abc", 0, 15, 1, 25, 6, 1},
-        {"aAbB", VAEL_PM_CASELESS, 15, 1, 20, 5, 1}, {"a0179", VAEL_PM_DIGITLESS, 15, 1, 20, 5, 1},
+        {"aAbBzZ", VAEL_PM_CASELESS, 15, 1, 20, 5, 1}, {"a0179", VAEL_PM_DIGITLESS, 15, 1, 20, 5, 1},
         {"xX05", kBoth, 15, 1, 20, 4, 1},   {std::string("\0\x01\xfe\xff", 4), 0, 15, 1, 20, 5, 1},
         {"abcdefghijklmnopqrstuvwxyz", 0, 1, 900, 900, 12, 2},  // packed ids
     };
@@ -170,12 +194,7 @@ TEST(SmErrors, RefusedListsNameThePatternAndTheReason) {
         if (1 + prefixes.size() > VAEL_DFA_MAX_STATES)
             first_over = many[i].id;
     }
-    struct Row {
-        std::vector<Pattern> patterns;
-        uint32_t type;
-        std::string text;
-        int32_t pattern_id;
-    };
+    struct Row { std::vector<Pattern> patterns; uint32_t type; std::string text; int32_t pattern_id; };
     const Row rows[] = {
         {{{"ab", 1}, {"", 5}}, VAEL_PM_ERROR_ILLEGAL, "Empty pattern", 5},
         {many, VAEL_PM_ERROR_COMPLEX, "The strings need more states than the string matcher can hold", first_over},
@@ -254,23 +273,6 @@ TEST(SmImage, APmImageLoadsOnlyUnderTheEngineThatWroteIt) {
     restart(saved);
 }
 
-Image sm_image(vael_dfa *dfa) {
-    Image image(vael_dfa_calculate_size(dfa));
-    unsigned char *at = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_dfa_serialize(dfa, &at, &space), 0);
-    return image;
-}
-
-// Through the row's loader, as the PM image reaches it.
-vael_dfa *sm_load(const Image &image) {
-    vael_pm_tier1_funcs row;
-    vael_sm_init(&row);
-    const unsigned char *at = image.data();
-    uint32_t space = (uint32_t)image.size();
-    return static_cast<vael_dfa *>(row.deserialize(&at, &space, nullptr, nullptr));
-}
-
 TEST(SmImage, RoundTripAndCutOrFlippedImagesAreRefusedOrRunSafely) {
     const Sm sm({{"ab", 1}, {"b", 2}}, VAEL_PM_CASELESS);
     const Image image = sm_image(sm.dfa);
@@ -318,6 +320,79 @@ TEST(SmFailmem, CompileAndImageLoadFailCleanlyAtEveryAllocation) {
     EXPECT_GT(load_walk.injected, 1);
     EXPECT_EQ(run(loaded, "xhers7UP"), run(sm.dfa, "xhers7UP"));
     vael_dfa_destroy(loaded);
+}
+
+TEST(SmRun, TableRunEqualsTheRecordRunUnderEveryExecFlag) {
+    constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_FROM_PM;
+    const struct {
+        size_t literals, length;  // the second set needs more than one block
+        uint32_t compile_flags;
+    } sets[] = {{40, 5, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS}, {1200, 24, 0}};
+    const uint32_t exec_rows[] = {kAll, VAEL_PM_EXEC_ALL_MATCHES, VAEL_PM_EXEC_FROM_PM, VAEL_PM_EXEC_FIRST_MATCH_ONLY,
+                                  kAll | VAEL_PM_EXEC_CIRCUMFLEX, VAEL_PM_EXEC_CIRCUMFLEX_ONLY};
+    const uint32_t pattern_flags[] = {0, 0, VAEL_PM_LSS_START_ANCHOR, VAEL_PM_LSS_END_ANCHOR, VAEL_PM_BOUND};
+    std::mt19937 rng(28);
+    for (const auto &set : sets) {
+        std::vector<vael_test::Pattern> patterns;
+        for (size_t k = 0; k < set.literals; k++) {
+            std::string text;
+            for (size_t n = 1 + rng() % set.length; n; n--)
+                text += "abc1 "[rng() % 5];
+            patterns.push_back({text, (int32_t)k, pattern_flags[rng() % 5]});
+        }
+        Sm sm(patterns, set.compile_flags);
+        vael_dfa *table = sm.dfa;
+        ASSERT_NE(table, nullptr);
+        ASSERT_NE(table->run_next, nullptr);
+        EXPECT_EQ(table->num_of_blocks > 1, set.literals > 100);
+        vael_dfa *records = vael_dfa_duplicate(table);
+        ASSERT_NE(records, nullptr);
+        vael_dfa_run_table_free(records);
+        vael_test::RawMask mask((uint32_t)set.literals);
+        for (uint32_t id = 0; id < set.literals; id += 3)
+            mask.set(id);
+        for (int round = 0; round < 30; round++) {
+            std::string text;
+            for (size_t n = rng() % 300; n; n--)
+                text += "abcABC1 9x"[rng() % 10];
+            std::vector<size_t> cuts;
+            for (size_t n = rng() % 4; n && !text.empty(); n--)
+                cuts.push_back(rng() % text.size());
+            std::sort(cuts.begin(), cuts.end());
+            const vael_test::SplitText split(text, cuts);
+            if (!split.present() && !split.vbuf())
+                continue;
+            for (uint32_t flags : exec_rows)
+                for (const vael_pm_mask *m : {(const vael_pm_mask *)nullptr, (const vael_pm_mask *)mask.mask()})
+                    EXPECT_EQ(run_split(table, split, flags, m), run_split(records, split, flags, m))
+                        << text << " flags " << std::hex << flags << " mask " << (m != nullptr);
+        }
+        vael_dfa_destroy(records);
+    }
+}
+
+TEST(SmRun, CopiesAndLoadsRebuildTheTableOutsideTheImage) {
+    vael_test::LogCapture quiet;
+    const Sm sm({{"he", 1}, {"she", 2}, {"his", 3}, {"hers", 4}}, VAEL_PM_CASELESS);
+    vael_dfa *dfa = sm.dfa;
+    ASSERT_NE(dfa, nullptr);
+    const Image image = sm_image(dfa);
+    vael_dfa *copy = nullptr;
+    const auto walk = vael_test::failmem_walk_each_allocation([&] { return (copy = vael_dfa_duplicate(dfa)) != nullptr; },
+                                                              [&] { return copy == nullptr; });
+    EXPECT_GT(walk.injected, 2);
+    ASSERT_NE(copy, nullptr);
+    ASSERT_NE(copy->run_next, nullptr);
+    vael_dfa *loaded = sm_load(image);
+    ASSERT_NE(loaded, nullptr);
+    ASSERT_NE(loaded->run_next, nullptr);
+    const std::string data = "ushers HIS shE";  // the split reads it in place
+    const vael_test::SplitText text(data, {});
+    for (vael_dfa *other : {copy, loaded}) {
+        EXPECT_EQ(sm_image(other), image);
+        EXPECT_EQ(run_split(other, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr), run_split(dfa, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr));
+        vael_dfa_destroy(other);
+    }
 }
 
 }  // namespace

@@ -42,18 +42,8 @@ vael_thin_nfa *load_flat(const Image &image, uint32_t size) {
     return vael_thin_nfa_deserialize(&p, &space, nullptr, nullptr);
 }
 
-// The bytes in blocks of `block` in a new vbuf.
-vael_vbuf *vbuf_of(const void *data, size_t size, size_t block) {
-    vael_vbuf *vbuf = vael_vbuf_create(UINT32_MAX, 0);
-    for (size_t at = 0; at < size; at += block)
-        EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, (char *)data + at, (uint32_t)std::min(block, size - at), nullptr,
-                                          nullptr),
-                  0);
-    return vbuf;
-}
-
 vael_thin_nfa *load_vbuf(const Image &image, uint32_t block) {
-    vael_vbuf *vbuf = vbuf_of(image.data(), image.size(), block);
+    vael_vbuf *vbuf = vael_test::vbuf_of(image.data(), image.size(), block);
     vael_vbuf_iter iter{};
     uint32_t space = (uint32_t)image.size();
     vael_thin_nfa *nfa = vael_thin_nfa_deserialize(nullptr, &space, vbuf, &iter);
@@ -65,7 +55,7 @@ vael_thin_nfa *load_vbuf(const Image &image, uint32_t block) {
 // Every hit of a handle over a text, in queue order, flat or split into a
 // vbuf of blocks.
 std::vector<Hit> scan(vael_thin_nfa *nfa, const std::string &text, size_t block = 0) {
-    vael_vbuf *vbuf = block ? vbuf_of(text.data(), text.size(), block) : nullptr;
+    vael_vbuf *vbuf = block ? vael_test::vbuf_of(text.data(), text.size(), block) : nullptr;
     lst_list *queue = nullptr;
     EXPECT_EQ(vael_thin_nfa_exec(nfa, block ? nullptr : reinterpret_cast<const unsigned char *>(text.data()),
                                  block ? 0 : (uint32_t)text.size(), vbuf, 0, &queue, VAEL_PM_EXEC_ALL_MATCHES, nullptr),
@@ -106,11 +96,7 @@ std::vector<Pattern> random_set(uint32_t seed, int count, size_t max_len) {
 
 const std::vector<Pattern> kHeShe = {{"he", 1}, {"she", 2}};
 
-struct SetRow {
-    const char *name;
-    std::vector<Pattern> patterns;
-    uint32_t compile_flags;
-};
+struct SetRow { const char *name; std::vector<Pattern> patterns; uint32_t compile_flags; };
 
 std::vector<SetRow> set_rows() {
     return {
@@ -164,10 +150,7 @@ TEST(ThinNfaImage, RefusalTexts) {
         return bad;
     };
     const size_t mark_at = image.size() - 20;
-    const struct {
-        Image image;
-        const char *text;
-    } rows[] = {
+    const struct { Image image; const char *text; } rows[] = {
         {with_word(0, 0x53525A44),
          "vael_thin_nfa_deserialize: Trying to deserialize a DFA, not a Thin NFA (53525a44 != 53525A4E)\n"},
         {with_word(0, 0x12345678),

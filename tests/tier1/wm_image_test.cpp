@@ -151,7 +151,7 @@ void warm_temp_buffer() { ASSERT_EQ(vael_wm_validate_phrase_temp_buffer(4096), 0
 
 TEST(WordMatcherFailmem, CompileDuplicateAndLoad) {
     warm_temp_buffer();
-    vael_pmglob_patterns *list = word_list(sample_words());
+    vael_pmglob_patterns *list = vael_test::string_list(sample_words());
     auto h = compile(sample_words());
     ASSERT_TRUE(h);
     const auto image = image_of(h.get());
@@ -182,7 +182,7 @@ TEST(WordMatcherFailmem, CompileDuplicateAndLoad) {
 // Without a temporary buffer a compile makes one; when that fails the
 // compile is refused with the engine's text.
 TEST(WordMatcherFailmem, TemporaryBuffer) {
-    vael_pmglob_patterns *list = word_list({{"foo bar", 1}});
+    vael_pmglob_patterns *list = vael_test::string_list({{"foo bar", 1}});
     vael_wm_update_phrase_temp_buffer(0);
     vael_wm_handle *h = nullptr;
     vael_pm_error err;

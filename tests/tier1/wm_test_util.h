@@ -12,15 +12,12 @@
 #include <tuple>
 #include <vector>
 
+#include "tests/support/vael_test_support.h"
 #include "tier1/vael_wm.h"
 
 namespace vael_wm_test {
 
-struct Word {
-    std::string text;
-    int32_t id;
-    uint32_t flags = 0;
-};
+using Word = vael_test::Pattern;
 
 struct WordHit {
     int32_t id;
@@ -39,21 +36,10 @@ struct HandleFree {
 };
 using Handle = std::unique_ptr<vael_wm_handle, HandleFree>;
 
-inline vael_pmglob_patterns *word_list(const std::vector<Word> &words) {
-    vael_pmglob_patterns *list = vael_pmglob_patterns_create();
-    for (const Word &w : words) {
-        vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(w.text.data()),
-                                                          (uint32_t)w.text.size(), w.id, w.flags);
-        EXPECT_EQ(vael_pmglob_patterns_add(list, s), 0);
-        vael_pmglob_string_destroy(s);
-    }
-    return list;
-}
-
 inline Handle compile(const std::vector<Word> &words, vael_pm_error *err = nullptr) {
     vael_pm_error local;
     vael_pm_error_init(err ? err : &local);
-    vael_pmglob_patterns *list = word_list(words);
+    vael_pmglob_patterns *list = vael_test::string_list(words);
     auto *h = static_cast<vael_wm_handle *>(vael_wm_compile(list, 0, err ? err : &local));
     vael_pmglob_patterns_destroy(list);
     return Handle(h);
