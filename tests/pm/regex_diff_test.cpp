@@ -30,13 +30,13 @@ void PrintTo(const Match &m, std::ostream *os) { *os << "{id " << m.id << ", " <
 struct Rx { std::string text; bool caseless; };
 
 constexpr int32_t kIdBase = 100;
-const char kAlphabet[] = "abcdAB01";
+const char kAlphabet[] = "abcdzABZ01";
 
 std::string random_literal(std::mt19937 &rng, int min_len, int max_len) {
     std::string s;
     int n = std::uniform_int_distribution<int>(min_len, max_len)(rng);
     for (int i = 0; i < n; i++)
-        s += "abcd01"[rng() % 6];
+        s += "abcdz01"[rng() % 7];
     return s;
 }
 

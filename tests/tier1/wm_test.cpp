@@ -103,13 +103,7 @@ TEST(WordMatcher, RunRefusals) {
     vael_pm_exec_cb_ctx ctx{record_hit, &r, nullptr, 1, -1, nullptr, 0, nullptr, 0};
     const auto *text = reinterpret_cast<const unsigned char *>("foo");
     vael_vbuf *vbuf = vael_vbuf_create(100, 0);
-    const struct {
-        void *h;
-        const unsigned char *buf;
-        uint32_t len;
-        vael_vbuf *vbuf;
-        uint32_t flags;
-    } cases[] = {
+    const struct { void *h; const unsigned char *buf; uint32_t len; vael_vbuf *vbuf; uint32_t flags; } cases[] = {
         {nullptr, text, 3, nullptr, 0},          {h.get(), nullptr, 3, nullptr, 0},
         {h.get(), text, 0, nullptr, 0},          {h.get(), text, 3, vbuf, 0},
         {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX}, {h.get(), text, 3, nullptr, VAEL_PM_EXEC_CIRCUMFLEX_ONLY},
@@ -174,25 +168,17 @@ TEST(WordMatcher, CrowdedBucketRehashes) {
 
 // Letters and delimiters of the random texts, with their code points: ASCII
 // and multi-byte, caseless pairs among them, and folds that change length.
-struct Sym {
-    const char *utf8;
-    int32_t cp;
-    int32_t folded;
-    bool delim;
-};
+struct Sym { const char *utf8; int32_t cp; int32_t folded; bool delim; };
 const Sym kAlphabet[] = {
     {"a", 'a', 'a', false},        {"A", 'A', 'a', false},          {"b", 'b', 'b', false},
     {E_ACUTE, 0xE9, 0xE9, false},  {E_ACUTE_CAP, 0xC9, 0xE9, false}, {SHARP_S, 0xDF, 0xDF, false},
     {SHARP_S_CAP, 0x1E9E, 0xDF, false}, {"k", 'k', 'k', false},     {KELVIN, 0x212A, 'k', false},
+    {"z", 'z', 'z', false},        {"Z", 'Z', 'z', false},
     {" ", ' ', ' ', true},         {",", ',', ',', true},           {NBSP, 0xA0, 0xA0, true},
 };
-constexpr size_t kLetters = 9;
+constexpr size_t kLetters = 11;
 
-struct RefWord {
-    std::vector<size_t> syms;
-    uint32_t flags;
-    int32_t id;
-};
+struct RefWord { std::vector<size_t> syms; uint32_t flags; int32_t id; };
 
 std::string spell(const std::vector<size_t> &syms) {
     std::string s;
@@ -281,10 +267,7 @@ struct PmHit {
     uint32_t offset;
     bool operator==(const PmHit &o) const { return id == o.id && offset == o.offset; }
 };
-struct PmRun {
-    std::vector<PmHit> hits;
-    size_t stop_after = 0;
-};
+struct PmRun { std::vector<PmHit> hits; size_t stop_after = 0; };
 int pm_cb(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
           int *keep_going) {
     auto *r = static_cast<PmRun *>(arg);
