@@ -99,9 +99,7 @@ TEST(LssFinder, ExpressionsAndWhatTheyMustContain) {
 TEST(LssFinder, RepeatsAndJoinsAreBounded) {
     const std::string literal(5000, 'x');
     const struct {
-        std::string pattern;
-        uint32_t len;
-        const char *head;
+        std::string pattern; uint32_t len; const char *head;
     } rows[] = {{"x(ab){4000000000}", VAEL_PM_LSS_MAX_REPEAT_BYTES + 1, "xabab"},
                 {literal, VAEL_PM_LSS_MAX_JOIN_BYTES, "xxxxx"}};
     vael_test::LogCapture quiet;

@@ -283,11 +283,7 @@ TEST_F(VaelScan, Messages) {
     const std::string usage = "\nTry 'vael-scan --help' for more information.\n", blocks = "' (accepted: 1 to "
                                                                                          "1073741824, or 1K to 1024M)";
     const struct {
-        std::string patterns;
-        Args args;
-        std::vector<std::string> env;
-        std::string err;
-        int status;
+        std::string patterns; Args args; std::vector<std::string> env; std::string err; int status;
     } rows[] = {
         {"1\tcat\n# c\n\n2\tdo\\q\n", {}, {}, "P:4: bad escape '\\q'\n", 2},
         {"# only a comment\n\n", {}, {}, "P: no patterns\n", 2},

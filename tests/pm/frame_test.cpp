@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pm/vael_pm_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/vael_test_support.h"
 #include "tier1/vael_wm.h"
 
@@ -132,19 +133,10 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         ScopedGlobal min_lss(vael_pm_min_lss_size, c.min_lss);
-        vael_pm_patterns *list = vael_pm_patterns_create();
-        int32_t id = 1;
-        for (const auto &[kind, text] : c.records) {
-            const auto len = (uint32_t)text.size();
-            const int rc = kind == 's'   ? vael_pm_patterns_add_simple_pattern(list, text.data(), len, id, 0)
-                           : kind == 'S' ? vael_pm_patterns_add_simple_pattern(list, text.data(), len, id,
-                                                                                VAEL_PM_CASELESS)
-                           : kind == 'p' ? vael_pm_patterns_add_pattern(list, text.data(), len, id, 0)
-                           : kind == 'w' ? vael_pm_patterns_add_word(list, text.data(), len, id, 0)
-                                         : vael_pm_patterns_add_pattern_kw(list, "abc", 3, text.c_str(), id);
-            ASSERT_EQ(rc, 0);
-            id++;
-        }
+        std::vector<vael_pm_test::Rec> recs;
+        for (const auto &[kind, text] : c.records)
+            recs.push_back({kind == 'S' ? 's' : kind, text, kind == 'S' ? VAEL_PM_CASELESS : 0u, "abc"});
+        vael_pm_patterns *list = vael_pm_test::make_list(recs);
         const intptr_t pm_mem = vael_pmglob_memory_get_alloc_total(), all_mem = qx_kmem_get_alloc_total();
         vael_pm_error err = {123, 0, "stale", 9};
         LogCapture quiet;
@@ -165,11 +157,7 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
 TEST(FrameExec, DeliversUserIdsAndHonoursAnchors) {
     const auto kStart = VAEL_PM_LSS_START_ANCHOR, kEnd = VAEL_PM_LSS_END_ANCHOR;
     const struct {
-        const char *name;
-        std::vector<Pattern> patterns;
-        std::string text;
-        uint32_t flags;
-        std::vector<Hit> expected;
+        const char *name; std::vector<Pattern> patterns; std::string text; uint32_t flags; std::vector<Hit> expected;
     } cases[] = {
         {"same user id twice", {{"abc", 9}, {"xyz", 9}}, "abc xyz", 0, {{9, 2}, {9, 6}}},
         {"caseless on every pattern", {{"abc", 1, VAEL_PM_CASELESS}, {"XyZ", 2, VAEL_PM_CASELESS}}, "ABC xyz", 0,
@@ -193,11 +181,7 @@ TEST(FrameExec, RefusedRunsDeliverNothing) {
     vael_pm_mask_set(theirs, 1);
     const unsigned char data[] = "ab";
     const struct {
-        const char *name;
-        vael_pm_handle *pm;
-        const unsigned char *buf;
-        uint32_t len;
-        vael_pm_mask *mask;
+        const char *name; vael_pm_handle *pm; const unsigned char *buf; uint32_t len; vael_pm_mask *mask;
     } cases[] = {
         {"null pm", nullptr, data, 2, nullptr},   {"null buffer", pm.get(), nullptr, 2, nullptr},
         {"no bytes", pm.get(), data, 0, nullptr}, {"mask of another PM", pm.get(), data, 2, theirs},

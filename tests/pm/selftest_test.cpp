@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,69 +26,54 @@ int count_of(const std::string &text, const std::string &needle) {
     return n;
 }
 
-// One step of a session: the tool's words, its result, texts the log (or, for a get, the printed answer) must hold
-// and must not hold, and how many matches the step logs (-1: not counted).
-struct Step {
-    std::vector<std::string> words;
-    int rc;
-    std::vector<std::string> has;
-    std::vector<std::string> lacks;
-    int matches;
-};
+// One step of a session: the tool's words ("set TYPE NAME VALUE" or "get TYPE NAME", NAME without its
+// pm_callback_test_ prefix, the value the rest of the line), its result, texts the log (or, for a get, the printed
+// answer) must hold and must not hold, and how many matches the step logs (-1: not counted).
+struct Step { std::string line; int rc; std::vector<std::string> has, lacks; int matches; };
+
+std::vector<std::string> words_of(const std::string &line) {
+    std::istringstream in(line);
+    std::string verb, type, name, value;
+    in >> verb >> type >> name;
+    std::vector<std::string> words = {verb, type, "pm_callback_test_" + name};
+    if (verb == "set" && std::getline(in >> std::ws, value))
+        words.push_back(value);
+    return words;
+}
 
 TEST(SelftestSession, CollectCompileRunResetThroughParameters) {
+    const std::string kCallLss = "You should call 'qx ctl set string pm_callback_test_compile_lss_cb <lss_pattern>' before!!!";
     const std::vector<Step> steps = {
-        {{"set", "string", "pm_callback_test_buffer", "abc1"}, -1, {"PM was not compiled. Please use"}, {}, 0},
-        {{"set", "str", "pm_callback_test_compile_re", "abc"},
-         -1,
-         {"You should call 'qx ctl set string pm_callback_test_compile_lss_cb <lss_pattern>' before!!!"},
-         {},
-         0},
-        {{"set", "int", "pm_callback_test_compile", "1"}, -1, {"Error - PM compilation failed"}, {"succeeded"}, 0},
-        {{"set", "string", "pm_callback_test_compile_lss", "abc"},
-         0,
-         {"pm_patterns created successfully at", "== Got new pattern LSS: ===", "String dump- [abc]"},
-         {},
-         0},
-        {{"set", "string", "pm_callback_test_compile_re", "abc[0-9]+"},
-         0,
-         {"== Got new pattern RE: ===", "String dump- [abc[0-9]+]"},
-         {"Error"},
-         0},
+        {"set string buffer abc1", -1, {"PM was not compiled. Please use"}, {}, 0},
+        {"set str compile_re abc", -1, {kCallLss}, {}, 0},
+        {"set int compile 1", -1, {"Error - PM compilation failed"}, {"succeeded"}, 0},
+        {"set string compile_lss abc", 0,
+         {"pm_patterns created successfully at", "== Got new pattern LSS: ===", "String dump- [abc]"}, {}, 0},
+        {"set string compile_re abc[0-9]+", 0, {"== Got new pattern RE: ===", "String dump- [abc[0-9]+]"}, {"Error"}, 0},
         // A successful add empties both texts for the next pattern.
-        {{"get", "string", "pm_callback_test_compile_lss"}, 0, {"pm_callback_test_compile_lss = ''"}, {}, -1},
-        {{"set", "string", "pm_callback_test_compile_lss", "AB"}, 0, {"== Got new pattern LSS: ==="}, {"created"}, 0},
-        {{"set", "string", "pm_callback_test_compile_re", "AB[C-D]"}, 0, {"== Got new pattern RE: ==="}, {}, 0},
-        {{"set", "int", "pm_callback_test_compile", "1"}, 0, {"PM compilation succeeded"}, {}, 0},
+        {"get string compile_lss", 0, {"pm_callback_test_compile_lss = ''"}, {}, -1},
+        {"set string compile_lss AB", 0, {"== Got new pattern LSS: ==="}, {"created"}, 0},
+        {"set string compile_re AB[C-D]", 0, {"== Got new pattern RE: ==="}, {}, 0},
+        {"set int compile 1", 0, {"PM compilation succeeded"}, {}, 0},
         // "\x41" is 'A': "xABDy" matches pattern 1 with its last byte at 3.
-        {{"set", "string", "pm_callback_test_buffer", "x\\x41BDy"},
-         0,
-         {"PM_match_func:: Orig buffer [xABDy]", "PM_match_func:: match_offset [3]"},
-         {"did not found"},
-         1},
-        {{"set", "string", "pm_callback_test_buffer", "\\x61\\x62\\X637"},
-         0,
-         {"Orig buffer [abc7]", "match_offset [3]"},
-         {},
-         1},
+        {"set string buffer x\\x41BDy", 0, {"PM_match_func:: Orig buffer [xABDy]", "PM_match_func:: match_offset [3]"},
+         {"did not found"}, 1},
+        {"set string buffer \\x61\\x62\\X637", 0, {"Orig buffer [abc7]", "match_offset [3]"}, {}, 1},
         // Both patterns occur; the callback ends the run at the first.
-        {{"set", "string", "pm_callback_test_buffer", "abc1 ABD"}, 0, {"Found match"}, {}, 1},
-        {{"set", "string", "pm_callback_test_buffer", "nothing here"}, 0, {"PM did not found a match::"}, {}, 0},
+        {"set string buffer abc1 ABD", 0, {"Found match"}, {}, 1},
+        {"set string buffer nothing here", 0, {"PM did not found a match::"}, {}, 0},
         // A bad digit leaves the text as it is from there on.
-        {{"set", "string", "pm_callback_test_buffer", "\\xZ1 abc5"},
-         0,
-         {"character not within range Z", "hex digit is invalid", "Orig buffer [\\xZ1 abc5]"},
-         {},
-         1},
-        {{"set", "string", "pm_callback_test_buffer", "abc5\\x4"}, -1, {"escape cut at the end"}, {"Found match"}, 0},
-        {{"set", "string", "pm_callback_test_buffer", "abc5\\x"}, -1, {"escape cut at the end"}, {"Found match"}, 0},
-        {{"get", "string", "pm_callback_test_buffer"}, 0, {"pm_callback_test_buffer = ''"}, {}, -1},
+        {"set string buffer \\xZ1 abc5", 0,
+         {"character not within range Z", "hex digit is invalid", "Orig buffer [\\xZ1 abc5]"}, {}, 1},
+        {"set string buffer abc5\\x4", -1, {"escape cut at the end"}, {"Found match"}, 0},
+        {"set string buffer abc5\\x", -1, {"escape cut at the end"}, {"Found match"}, 0},
+        {"get string buffer", 0, {"pm_callback_test_buffer = ''"}, {}, -1},
         // A second compile replaces the PM.
-        {{"set", "int", "pm_callback_test_compile", "1"}, 0, {"PM compilation succeeded"}, {}, 0},
-        {{"set", "string", "pm_callback_test_buffer", "ABC"}, 0, {"match_offset [2]"}, {}, 1},
-        {{"set", "int", "pm_callback_test_reset_test", "1"}, 0, {}, {"Error"}, 0},
-        {{"set", "string", "pm_callback_test_buffer", "ABC"}, -1, {"PM was not compiled"}, {}, 0},
-        {{"set", "string", "pm_callback_test_compile_re", "abc"}, -1, {"You should call"}, {}, 0},
+        {"set int compile 1", 0, {"PM compilation succeeded"}, {}, 0},
+        {"set string buffer ABC", 0, {"match_offset [2]"}, {}, 1},
+        {"set int reset_test 1", 0, {}, {"Error"}, 0},
+        {"set string buffer ABC", -1, {"PM was not compiled"}, {}, 0},
+        {"set string compile_re abc", -1, {"You should call"}, {}, 0},
     };
     CtlHost host(4);
     ScopedTopic notes("K_PM", VAEL_DBG_NOTICE);
@@ -95,9 +81,9 @@ TEST(SelftestSession, CollectCompileRunResetThroughParameters) {
     for (size_t i = 0; i < steps.size(); i++) {
         const Step &s = steps[i];
         LogCapture log;
-        const vael_test::ToolRun run = vael_test::ctl_tool(s.words);
+        const vael_test::ToolRun run = vael_test::ctl_tool(words_of(s.line));
         EXPECT_EQ(run.rc, s.rc) << "step " << i;
-        const std::string &seen = s.words[0] == "get" ? run.out : log.text();
+        const std::string &seen = s.line[0] == 'g' ? run.out : log.text();
         for (const std::string &h : s.has) {
             EXPECT_NE(seen.find(h), std::string::npos) << "step " << i << " lacks " << h << " in:\n" << seen;
         }

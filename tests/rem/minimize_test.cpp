@@ -132,11 +132,7 @@ TEST(DfaMinimize, AcceptsWhatTheInputAcceptsWithTheFewestStates) {
 // state limit). The counts are known, so no reference minimizer runs.
 TEST(DfaMinimize, ThousandsOfStates) {
     const std::string chain(1500, 'a');
-    const struct {
-        const char *pattern;
-        std::vector<std::string> strings;
-        uint32_t states;
-    } rows[] = {
+    const struct { const char *pattern; std::vector<std::string> strings; uint32_t states; } rows[] = {
         {"(a|b)*a(a|b){10}$", all_strings("ab", 12), 2048},
         {"^a{1500}b", {chain + "b", chain.substr(1) + "b", chain + "ab", chain}, 1503},
     };

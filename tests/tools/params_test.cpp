@@ -60,27 +60,20 @@ TEST(ParamsTool, RefusedRequestsPrintTheirText) {
 }
 
 TEST(ParamsTool, RequestCodesAtTheLimits) {
-    struct Row {
-        int op;
-        std::string name;
-        int type;
-        const char *module;
-        std::string value;
+    constexpr int kGet = VAEL_PARAMS_OP_GET, kSet = VAEL_PARAMS_OP_SET;
+    constexpr int kInt = VAEL_PARAMS_TYPE_INT, kStr = VAEL_PARAMS_TYPE_STRING;
+    const std::string lss = "pm_callback_test_compile_lss", min = "vael_pm_min_lss_size";
+    const struct Row {
+        int op; std::string name; int type; const char *module; std::string value;
         uint32_t size;  // 0: the value's length + 1
         int rc;
-    };
-    const std::vector<Row> rows = {
-        {VAEL_PARAMS_OP_SET, "pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, kValue79, 0, 0},
-        {VAEL_PARAMS_OP_GET, "pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, "", 80, 0},
-        {VAEL_PARAMS_OP_SET, "pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, kValue80, 0, -3},
-        // The answer of 80 bytes does not fit a caller's 79.
-        {VAEL_PARAMS_OP_GET, "pm_callback_test_compile_lss", VAEL_PARAMS_TYPE_STRING, nullptr, "", 79, -3},
-        {VAEL_PARAMS_OP_GET, kName80, VAEL_PARAMS_TYPE_INT, nullptr, "", 80, -2},
-        {VAEL_PARAMS_OP_GET, kName79, VAEL_PARAMS_TYPE_INT, nullptr, "", 80, -4},
-        {VAEL_PARAMS_OP_GET, "vael_pm_min_lss_size", VAEL_PARAMS_TYPE_INT, "vael_apps", "", 80, 0},
-        {VAEL_PARAMS_OP_GET, "vael_pm_min_lss_size", VAEL_PARAMS_TYPE_INT, "vael_apps_and_more_than_32_bytes__",
-         "", 80, -7},
-        {VAEL_PARAMS_OP_GET, "vael_pm_min_lss_size", VAEL_PARAMS_TYPE_INT, nullptr, "", 3, -3},
+    } rows[] = {
+        {kSet, lss, kStr, nullptr, kValue79, 0, 0}, {kGet, lss, kStr, nullptr, "", 80, 0},
+        {kSet, lss, kStr, nullptr, kValue80, 0, -3},
+        {kGet, lss, kStr, nullptr, "", 79, -3},  // the answer of 80 bytes does not fit a caller's 79
+        {kGet, kName80, kInt, nullptr, "", 80, -2}, {kGet, kName79, kInt, nullptr, "", 80, -4},
+        {kGet, min, kInt, "vael_apps", "", 80, 0}, {kGet, min, kInt, "vael_apps_and_more_than_32_bytes__", "", 80, -7},
+        {kGet, min, kInt, nullptr, "", 3, -3},
     };
     CtlHost host(4);
     for (const Row &r : rows) {
@@ -101,12 +94,7 @@ TEST(ParamsTool, RequestCodesAtTheLimits) {
 // get prints what was set, in every form of the type word.
 TEST(ParamsTool, SetThenGetOverOneAndFourInstances) {
     struct Row {
-        const char *type;
-        const char *name;
-        const char *value;
-        int *global;
-        int expected_global;
-        const char *printed;
+        const char *type; const char *name; const char *value; int *global; int expected_global; const char *printed;
     };
     const Row rows[] = {
         {"int", "vael_pm_min_lss_size", "3", &vael_pm_min_lss_size, 3, "vael_pm_min_lss_size = 3\n"},
