@@ -66,8 +66,8 @@ TEST(KwRules, OverBuffers) {
         {R"(data: "GET "; length: 2, exact, relative;)", "GET /a", 3},
         {R"(data: "GET "; length: 2, max, relative;)", "GET /abc", -1},
         // Numbers: binary in either order, text in a base.
-        {"data: \"|00|\"; test: 2, >, 1000, 0, relative, little;", "\x00\xe9\x03"s, 0},
-        {"data: \"|00|\"; test: 2, >, 1000, 0, relative;", "\x00\x03\xe9"s, 0},
+        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, little;", "\x00\xe9\x03"s, 0},
+        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, big;", "\x00\x03\xe9"s, 0},
         {R"(data: "len="; test: 3, >, 99, 0, relative, string, dec;)", "len=250;", 3},
         {"data: \"|ff|\"; test: 1, <, 0, -1, relative, signed;", "\xff"s, 0},
         // Attributes and text forms of data.

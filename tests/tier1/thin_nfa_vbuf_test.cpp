@@ -87,6 +87,7 @@ TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
         {end_ab, 0, {"ab", "ab"}, "", 0, {{0, 3}}, 0},
         {end_ab, 0, {"ab", "ab"}, "xab", 0, {{0, 6}}, 0},
         {end_ab, 0, {"ab", "ab"}, "abx", 0, {}, 0},
+        {end_ab, 0, {"xa", "b"}, "", 0, {{0, 2}}, 0},  // a last block of one byte is still the last
         {start_ab, 0, {"a", "bab"}, "", 0, {{0, 1}, {1, 1}, {1, 3}}, 0},
         {start_ab, 0, {"a", "bab"}, "", 1, {{1, 1}, {1, 3}}, 0},
         {start_ab, 0, {"a", "bab"}, "b", 3, {{1, 3}, {1, 4}}, 0},
