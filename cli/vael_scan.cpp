@@ -164,6 +164,19 @@ struct OptionRow {
     ApplyFn apply;
 };
 
+// The rows that only switch a field on or keep the value as given.
+template <auto kField>
+std::optional<std::string> set_true(Options &o, std::string_view) {
+    o.*kField = true;
+    return std::nullopt;
+}
+
+template <auto kField>
+std::optional<std::string> set_text(Options &o, std::string_view v) {
+    o.*kField = std::string(v);
+    return std::nullopt;
+}
+
 constexpr OptionRow kOptions[] = {
     {'p', "patterns", "FILE", "read the patterns from FILE (required)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
@@ -173,30 +186,15 @@ constexpr OptionRow kOptions[] = {
          return std::nullopt;
      }},
     {'\0', "all", "", "report every occurrence, not only the first of each pattern",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.all_matches = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::all_matches>},
     {'\0', "start", "", "print each match's start offset too, as START-END",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.match_start = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::match_start>},
     {'c', "count", "", "print the number of matches of each file instead of the matches",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.count_only = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::count_only>},
     {'l', "files-with-matches", "", "print only the name of each file with a match",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.list_files = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::list_files>},
     {'q', "quiet", "", "print nothing; stop at the first match (exit status only)",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.quiet = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::quiet>},
     {'H', "with-filename", "", "print the file name with each match, even for one input",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.file_names = FileNames::always;
@@ -208,10 +206,7 @@ constexpr OptionRow kOptions[] = {
          return std::nullopt;
      }},
     {'r', "recursive", "", "search each directory and all below it (with no FILE, the current one)",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.recursive = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::recursive>},
     {'i', "caseless", "", "match without regard to ASCII case",
      [](Options &o, std::string_view) -> std::optional<std::string> {
          o.compile_flags |= VAEL_PM_CASELESS;
@@ -230,10 +225,7 @@ constexpr OptionRow kOptions[] = {
          return std::nullopt;
      }},
     {'\0', "progress", "", "show bytes, MB/s and matches on standard error during long scans (terminal only)",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.progress = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::progress>},
     {'\0', "debug", "TOPICS", "turn on the library's debug topics (as VAEL_DEBUG: e.g. 'pm,thinnfa')",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          if (auto error = check_debug_topics(v)) return error;
@@ -251,40 +243,19 @@ constexpr OptionRow kOptions[] = {
          return "bad debug level '" + vael::cli::printable(v) + "' (accepted: " + joined(kDebugLevels) + ")";
      }},
     {'\0', "memory", "", "print the memory the compiled patterns hold (to standard error)",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.memory = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::memory>},
     {'\0', "explain", "", "print how each pattern was read (see below); with no FILE, only that",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.explain = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::explain>},
     {'\0', "rem", "", "compile re lines with the library's own regex machine (REM) instead of PCRE",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.rem = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::rem>},
     {'\0', "tokens", "PATTERN", "print the REM tokens of PATTERN, one per line, and exit (no FILE needed)",
-     [](Options &o, std::string_view v) -> std::optional<std::string> {
-         o.tokens = std::string(v);
-         return std::nullopt;
-     }},
+     set_text<&Options::tokens>},
     {'\0', "lss", "PATTERN", "print the LSS the library finds for PATTERN and exit (no FILE needed)",
-     [](Options &o, std::string_view v) -> std::optional<std::string> {
-         o.lss = std::string(v);
-         return std::nullopt;
-     }},
+     set_text<&Options::lss>},
     {'\0', "verify", "PATTERN", "tell whether PATTERN compiles here and in the older regexp engine, and means the same",
-     [](Options &o, std::string_view v) -> std::optional<std::string> {
-         o.verify = std::string(v);
-         return std::nullopt;
-     }},
+     set_text<&Options::verify>},
     {'\0', "verify-word", "PHRASE", "tell whether the word matcher takes PHRASE",
-     [](Options &o, std::string_view v) -> std::optional<std::string> {
-         o.verify_word = std::string(v);
-         return std::nullopt;
-     }},
+     set_text<&Options::verify_word>},
     {'\0', "gen-buf", "RULE", "print a buffer that keyword RULE is meant to match, and whether it does (no FILE needed)",
      [](Options &o, std::string_view v) -> std::optional<std::string> {
          o.gen_buf = std::string(v);
@@ -341,10 +312,7 @@ constexpr OptionRow kOptions[] = {
          return std::nullopt;
      }},
     {'h', "help", "", "show this help and exit",
-     [](Options &o, std::string_view) -> std::optional<std::string> {
-         o.help = true;
-         return std::nullopt;
-     }},
+     set_true<&Options::help>},
 };
 
 const OptionRow *find_short(char name) {
