@@ -104,7 +104,7 @@ void vael_thin_nfa_stats_print(vael_thin_nfa *nfa, int level);
  * faulty, -1 not checked for want of memory (which is_valid counts as
  * sound, and a load refuses). */
 int vael_thin_nfa_validate(const vael_thin_nfa *nfa);
-/* Its two halves: the quick proof, in layout order, for a BNFA laid out as
+/* Its two halves: the quick proof, by ascending state ID, for a BNFA laid out as
  * the compile lays it out (1 proven sound, 0 not proven, -1 no memory; it
  * tells nothing), and the breadth-first walk that decides any BNFA and logs
  * every fault. The validation walks whenever the proof does not stand. */
