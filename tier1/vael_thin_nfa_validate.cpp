@@ -366,12 +366,15 @@ inline bool reach(uint32_t *w, uint32_t down, bool forward) {
 // to a state of level 1 at most, and from a state of level 1 or more such a
 // link can neither lower a level nor come from one level up, so it is passed
 // over. Below the root most entries of a full table are such folded failures.
-// A run of equal entries counts once.
+// A run of equal entries counts once; the first entry is always followed,
+// whatever its value.
 bool follow_table(const QuickProof &q, const uint32_t *s, const uint32_t *root, uint32_t down) {
-    uint32_t last = UINT32_MAX;
+    uint32_t last = 0;
+    bool followed = false;
     auto follow = [&](uint32_t t) {
-        if (t == last)
+        if (followed && t == last)
             return true;
+        followed = true;
         last = t;
         return reach(q.target(t), down, false);
     };
