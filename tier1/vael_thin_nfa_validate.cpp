@@ -305,7 +305,7 @@ int thin_nfa_validation_check_finite_states(const vael_thin_nfa *nfa, const vael
 // a smaller level. That is a pass of its own: fail states lie anywhere, and
 // a loop this small keeps many of their cache misses in flight at once.
 
-// The word of a state, by ID. Levels from kLevelMask on are not proven.
+// The word of a state, by ID. Levels from kLevelMask - 1 on are not proven.
 constexpr uint32_t kLevelMask = 0xffffu;  // level; kLevelMask until reached
 constexpr uint32_t kDone = 1u << 16;      // its turn has passed
 constexpr uint32_t kForward = 1u << 17;   // a forward transition leads here
