@@ -248,8 +248,10 @@ int run_piece(vael_dfa_state **running, const unsigned char *__restrict buf, uin
 extern "C" int vael_dfa_run_table_build(vael_dfa *dfa) {
     vael_dfa_run_table_free(dfa);
     const uint32_t n = dfa->current_state_id;
-    if (n == 0 || n > VAEL_DFA_NO_STATE)
-        return n == 0 ? 0 : VAEL_ERROR;
+    if (n == 0)
+        return VAEL_OK;
+    if (n > VAEL_DFA_NO_STATE)
+        return VAEL_ERROR;
     dfa->run_count = n;
     dfa->run_next = static_cast<uint16_t *>(VAEL_PM_KMALLOC((size_t)n * 256 * sizeof(uint16_t)));
     dfa->run_state = static_cast<vael_dfa_state **>(VAEL_PM_KMALLOC((size_t)n * sizeof(vael_dfa_state *)));

@@ -42,14 +42,16 @@ std::vector<std::string> words_of(const std::string &line) {
 }
 
 TEST(SelftestSession, CollectCompileRunResetThroughParameters) {
-    const std::string kCallLss = "You should call 'qx ctl set string pm_callback_test_compile_lss_cb <lss_pattern>' before!!!";
+    const std::string kCallLss =
+        "You should call 'qx ctl set string pm_callback_test_compile_lss_cb <lss_pattern>' before!!!";
     const std::vector<Step> steps = {
         {"set string buffer abc1", -1, {"PM was not compiled. Please use"}, {}, 0},
         {"set str compile_re abc", -1, {kCallLss}, {}, 0},
         {"set int compile 1", -1, {"Error - PM compilation failed"}, {"succeeded"}, 0},
         {"set string compile_lss abc", 0,
          {"pm_patterns created successfully at", "== Got new pattern LSS: ===", "String dump- [abc]"}, {}, 0},
-        {"set string compile_re abc[0-9]+", 0, {"== Got new pattern RE: ===", "String dump- [abc[0-9]+]"}, {"Error"}, 0},
+        {"set string compile_re abc[0-9]+", 0,
+         {"== Got new pattern RE: ===", "String dump- [abc[0-9]+]"}, {"Error"}, 0},
         // A successful add empties both texts for the next pattern.
         {"get string compile_lss", 0, {"pm_callback_test_compile_lss = ''"}, {}, -1},
         {"set string compile_lss AB", 0, {"== Got new pattern LSS: ==="}, {"created"}, 0},

@@ -329,8 +329,8 @@ TEST(SmRun, CopiesAndLoadsRebuildTheTableOutsideTheImage) {
     ASSERT_NE(dfa, nullptr);
     const Image image = sm_image(dfa);
     vael_dfa *copy = nullptr;
-    const auto walk = vael_test::failmem_walk_each_allocation([&] { return (copy = vael_dfa_duplicate(dfa)) != nullptr; },
-                                                              [&] { return copy == nullptr; });
+    const auto walk = vael_test::failmem_walk_each_allocation(
+        [&] { return (copy = vael_dfa_duplicate(dfa)) != nullptr; }, [&] { return copy == nullptr; });
     EXPECT_GT(walk.injected, 2);
     ASSERT_NE(copy, nullptr);
     ASSERT_NE(copy->run_next, nullptr);
@@ -341,7 +341,8 @@ TEST(SmRun, CopiesAndLoadsRebuildTheTableOutsideTheImage) {
     const vael_test::SplitText text(data, {});
     for (vael_dfa *other : {copy, loaded}) {
         EXPECT_EQ(sm_image(other), image);
-        EXPECT_EQ(run_split(other, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr), run_split(dfa, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr));
+        EXPECT_EQ(run_split(other, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr),
+                  run_split(dfa, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr));
         vael_dfa_destroy(other);
     }
 }
