@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "cli/gen_buf.h"
@@ -19,14 +20,17 @@ const std::string kMiss = VAEL_KW_GEN_MISS_TEXT;
 
 struct Generated { int rc = -2; std::string buf; };
 
-// Generated into a heap block of exactly `size` bytes, so that a write past
-// the caller's size is ASan's to see; the accounts return to where they were,
-// so the keywords made for either road are given back.
-Generated generate(const std::string &rule, int match, uint32_t size = 4096) {
+// Generated into a heap block of its own, so that a write past the caller's
+// size is ASan's to see; the accounts return to where they were, so the
+// keywords made for either road are given back. The failure lines are kept off
+// the output unless the caller reads them.
+Generated generate(const std::string &rule, int match, bool quiet = true) {
+    std::unique_ptr<vael_test::LogCapture> capture(quiet ? new vael_test::LogCapture : nullptr);
     const intptr_t kmem = qx_kmem_get_alloc_total(), pm = vael_pmglob_memory_get_alloc_total();
     vael_pmglob_string *s =
         vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
-    auto *block = static_cast<unsigned char *>(std::malloc(size ? size : 1));
+    const uint32_t size = 4096;
+    auto *block = static_cast<unsigned char *>(std::malloc(size));
     uint32_t len = size;
     Generated g;
     g.rc = vael_kw_mgr_gen_test_buf(s, block, &len, match, 0, &kCtx);
@@ -38,12 +42,6 @@ Generated generate(const std::string &rule, int match, uint32_t size = 4096) {
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem) << rule;
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm) << rule;
     return g;
-}
-
-// The same with the failure lines kept off the output.
-Generated quietly(const std::string &rule, int match, uint32_t size = 4096) {
-    vael_test::LogCapture quiet;
-    return generate(rule, match, size);
 }
 
 std::string hex(const std::string &bytes) { return vael::cli::escape_bytes(bytes); }
@@ -90,20 +88,18 @@ TEST(KwGenTestBuf, RulesJudgeTheirOwnBuffers) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.rule);
-        const Generated hit = quietly(row.rule, 1);
+        const Generated hit = generate(row.rule, 1);
         ASSERT_EQ(hit.rc, 0);
         EXPECT_EQ(hex(hit.buf), hex(row.buf));
-        const Generated miss = quietly(row.rule, 0);
+        const Generated miss = generate(row.rule, 0);
         EXPECT_EQ(miss.rc, 0);
         EXPECT_EQ(miss.buf, kMiss);
-        vael_pm_error err;
-        vael_kw_mgr *mgr = kw_run::compile(row.rule, &err);
+        const kw_run::Mgr mgr = kw_run::compiled(row.rule);
         ASSERT_NE(mgr, nullptr);
         if (hit.buf != kFail) {
-            EXPECT_NE(kw_run::verdict(mgr, hit.buf), -1) << "the rule does not match its buffer";
+            EXPECT_NE(kw_run::verdict(mgr.get(), hit.buf), -1) << "the rule does not match its buffer";
         }
-        EXPECT_EQ(kw_run::verdict(mgr, miss.buf), -1) << "the rule matches the mismatch buffer";
-        vael_kw_mgr_destroy(mgr);
+        EXPECT_EQ(kw_run::verdict(mgr.get(), miss.buf), -1) << "the rule matches the mismatch buffer";
     }
 }
 
@@ -116,10 +112,10 @@ TEST(KwGenTestBuf, Refusals) {
     vael_test::ScopedTopic topic("K_KW", VAEL_DBG_ERR);
     EXPECT_EQ(vael_kw_mgr_gen_test_buf(nullptr, buf, &len, 1, 0, &kCtx), -1);
     EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: No keywords rule.\n")) << log.text();
-    EXPECT_EQ(generate("data: \"abc\"", 1).rc, -1);
-    EXPECT_EQ(generate("lenght: 3, exact;", 0).rc, -1);
+    EXPECT_EQ(generate("data: \"abc\"", 1, false).rc, -1);
+    EXPECT_EQ(generate("lenght: 3, exact;", 0, false).rc, -1);
     EXPECT_TRUE(log.contains("failed to add keywords. error is Rule contains illegal keyword name\n"));
-    EXPECT_EQ(generate("data: \"x\"; test: 1, =, 1, 0;", 1).buf, kFail);
+    EXPECT_EQ(generate("data: \"x\"; test: 1, =, 1, 0;", 1, false).buf, kFail);
     EXPECT_TRUE(log.contains("vael_kw_mgr_gen_test_buf: --==ERROR==-- Fail to gen buffer\n"));
 }
 
@@ -132,7 +128,7 @@ TEST(KwGenTestBuf, AllocationFailuresLeaveNothingHeld) {
         Generated g;
         const auto walk = vael_test::failmem_walk(
             [&] {
-                g = quietly(rule, match);
+                g = generate(rule, match);
                 return g.rc == 0 && g.buf != kFail;
             },
             [&] { return g.rc == -1 || g.buf == kFail; });

@@ -1,11 +1,16 @@
-// The keywords `data`, `length` and `test` one by one: texts and refusals, runs, scan memory, images.
+// The keywords `data`, `length` and `test` one by one: texts and refusals, runs, scan memory, images; the Boyer-Moore
+// search of `data` against a naive one (the tables are what the search reads: a wrong entry misses or misplaces a
+// find).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "keywords/vael_bm.h"
 #include "keywords/vael_kw_keywords.h"
 #include "keywords/vael_kw_mgr.h"
 #include "tests/support/vael_test_support.h"
@@ -51,12 +56,8 @@ std::vector<unsigned char> image_of(vael_kw_abs *kw) {
 TEST(KwKeyword, Create) {
     constexpr uint32_t X = VAEL_KW_FLAG_NUM_EXTRACT, Bin = X | VAEL_KW_FLAG_BIG | VAEL_KW_FLAG_UNSIGNED,
                        Str = X | VAEL_KW_FLAG_STRING | VAEL_KW_FLAG_SIGNED;
-    struct Case {
-        const char *text;
-        const char *error;  // null: accepted
-        uint32_t props = 0, flags = 0, depth = 0;
-        std::string pattern = {};
-    };
+    // error null: accepted.
+    struct Case { const char *text, *error; uint32_t props = 0, flags = 0, depth = 0; std::string pattern = {}; };
     const Case cases[] = {
         {"data: \"ab|43 44|\\;\";", nullptr, 0x1D, 0, 0, "abCD;"},
         {"data: \"| 00  ff |x\";", nullptr, 0x1D, 0, 0, std::string("\0\xff" "x", 3)},
@@ -119,16 +120,12 @@ TEST(KwKeyword, Create) {
 // engine gives; the verdict with the engine's negation applied.
 TEST(KwKeyword, Execute) {
     const std::string word5 = std::string("\0\0\0\5", 4);
-    struct Case {
-        const char *text;
-        std::string data;
-        uint32_t offset;
-        int match;
-        uint32_t next_offset;  // data: where a find ends; the others move nothing
-    } cases[] = {
-        {"data: \"abc\";", "xxabcxx", 0, 1, 5}, {"data: \"abc\";", "xxabxcx", 0, 0, 0}, {"data: \"abc\";", "xxabc", 4, 1, 5},
-        {"data: \"abc\", relative;", "abcxx", 1, 0, 0}, {"data: \"ab\", caret;", "xabx", 0, 0, 0},
-        {"data: \"ab\", caret, relative;", "xabx", 1, 1, 3}, {"data: !\"a\";", "bcd", 0, 1, 0}, {"data: \"c\", depth 2;", "abc", 0, 0, 0},
+    // next_offset: for data where a find ends; the others move nothing.
+    struct Case { const char *text; std::string data; uint32_t offset; int match; uint32_t next_offset; } cases[] = {
+        {"data: \"abc\";", "xxabcxx", 0, 1, 5}, {"data: \"abc\";", "xxabxcx", 0, 0, 0},
+        {"data: \"abc\";", "xxabc", 4, 1, 5}, {"data: \"abc\", relative;", "abcxx", 1, 0, 0},
+        {"data: \"ab\", caret;", "xabx", 0, 0, 0}, {"data: \"ab\", caret, relative;", "xabx", 1, 1, 3},
+        {"data: !\"a\";", "bcd", 0, 1, 0}, {"data: \"c\", depth 2;", "abc", 0, 0, 0},
         {"data: \"a\", offset -2, relative;", "abca", 3, 1, 4}, {"data: \"|C9|\", nocase;", "\xe9\xc9", 0, 1, 2},
         {"length: 10, exact;", std::string(10, 'x'), 7, 1, 0},  // absolute: true at any point of the rule
         {"length: 3, min, relative;", "abcde", 2, 1, 2}, {"length: 3, min, relative;", "abcde", 3, 0, 0},
@@ -140,9 +137,10 @@ TEST(KwKeyword, Execute) {
         {"test: 4, =, 5, 97;", std::string(97, '\0') + word5, 0, 1, 97},
         {"test: 4, !=, 5, 98;", std::string(97, '\0') + word5, 0, 0, 0},  // out of range, '!' or not
         {"test: 4, !=, 5, 0;", word5, 0, 0, 0},    {"test: 4, !=, 6, 0;", word5, 0, 1, 0},
-        {"test: 1, !^, 7, 0;", "\x07", 0, 1, 0}, {"test: 1, ^, 7, 0;", "\x07", 0, 0, 0}, {"test: 1, &, 6, 0;", "\x02", 0, 1, 0},
-        {"test: 1, &, 6, 0;", "\x01", 0, 0, 0}, {"test: 1, |, 0, 0;", std::string("\0", 1), 0, 0, 0},
-        {"test: 1, |, 0, 0;", "\x01", 0, 1, 0}, {"test: 1, >, 0x61, 0;", "b", 0, 1, 0}, {"test: 1, <, 0x61, 0;", "b", 0, 0, 0},
+        {"test: 1, !^, 7, 0;", "\x07", 0, 1, 0}, {"test: 1, ^, 7, 0;", "\x07", 0, 0, 0},
+        {"test: 1, &, 6, 0;", "\x02", 0, 1, 0}, {"test: 1, &, 6, 0;", "\x01", 0, 0, 0},
+        {"test: 1, |, 0, 0;", std::string("\0", 1), 0, 0, 0}, {"test: 1, |, 0, 0;", "\x01", 0, 1, 0},
+        {"test: 1, >, 0x61, 0;", "b", 0, 1, 0}, {"test: 1, <, 0x61, 0;", "b", 0, 0, 0},
         {"test: 3, =, 255, 0, string;", "0ff", 0, 1, 0}, {"test: 3, =, 8, 0, string, oct;", "10", 0, 1, 0},
         {"test: 2, =, 0x0102, -1, relative;", "xx\x01\x02", 3, 1, 2},
         {"test: 1, !>, 0, 0, relative;", "abc", 3, 0, 3},  // nothing behind the offset
@@ -253,6 +251,83 @@ TEST(KwKeyword, Images) {
             v.destroy(back);
         }
     }
+}
+
+unsigned char lower(unsigned char c) { return c >= 'A' && c <= 'Z' ? (unsigned char)(c + 32) : c; }
+
+struct Tables {
+    uint16_t *skip, *shift;
+    uint32_t max_len_skip = 0, m;
+    Tables(const std::string &p, bool caseless) : m((uint32_t)p.size()) {
+        skip = vael_bm_create_skiptable(u(p), m, caseless);
+        shift = vael_bm_create_shifttable(u(p), m, &max_len_skip);
+    }
+    ~Tables() { vael_bm_destroy(skip, shift, m); }
+    uint32_t search(const std::string &hay, uint32_t start, bool caseless, const std::string &p, int *found) const {
+        return (caseless ? vael_bm_ci_search : vael_bm_search)(u(hay), (uint32_t)hay.size(), u(p), m, skip, shift,
+                                                              start, found);
+    }
+};
+
+std::vector<uint32_t> naive_all(const std::string &hay, const std::string &p, bool caseless) {
+    std::vector<uint32_t> out;
+    for (size_t pos = 0; pos + p.size() <= hay.size(); pos++) {
+        bool eq = true;
+        for (size_t j = 0; j < p.size() && eq; j++)
+            eq = (caseless ? lower(hay[pos + j]) : (unsigned char)hay[pos + j]) == (unsigned char)p[j];
+        if (eq)
+            out.push_back((uint32_t)pos);
+    }
+    return out;
+}
+
+// Every find, restarting one byte behind the last.
+std::vector<uint32_t> bm_all(const std::string &hay, const std::string &p, bool caseless) {
+    Tables t(p, caseless);
+    std::vector<uint32_t> out;
+    for (uint32_t start = 0;;) {
+        int found = 0;
+        const uint32_t at = t.search(hay, start, caseless, p, &found);
+        if (!found)
+            return out;
+        out.push_back(at);
+        start = at + 1;
+    }
+}
+
+int proper_borders(const std::string &p) {
+    int n = 0;
+    for (size_t len = 1; len < p.size(); len++)
+        n += p.compare(0, len, p, p.size() - len, len) == 0;
+    return n;
+}
+
+TEST(KwBm, AgainstNaiveSearch) {
+    std::mt19937 rng(11);
+    const std::string alphabets[] = {"ab", "abzABZ", "abcABC", std::string("a\x80\xff", 3)};
+    int complete_checked = 0;
+    for (int round = 0; round < 4000; round++) {
+        const std::string &alpha = alphabets[round % 4];
+        const bool caseless = (round / 4) % 2;
+        std::string p, hay;
+        for (int i = 0, m = 1 + (int)(rng() % 8); i < m; i++)
+            p += caseless ? (char)lower(alpha[rng() % alpha.size()]) : alpha[rng() % alpha.size()];
+        for (int i = 0, n = (int)(rng() % 64); i < n; i++)
+            hay += alpha[rng() % alpha.size()];
+        SCOPED_TRACE(testing::Message() << "pattern " << p << " hay " << hay << " caseless " << caseless);
+        const std::vector<uint32_t> want = naive_all(hay, p, caseless), got = bm_all(hay, p, caseless);
+        // Every find is a true place, in rising order; with at most one
+        // border the tables are safe and nothing is missed.
+        for (size_t i = 0; i < got.size(); i++) {
+            ASSERT_TRUE(std::find(want.begin(), want.end(), got[i]) != want.end()) << got[i];
+            ASSERT_TRUE(i == 0 || got[i - 1] < got[i]);
+        }
+        if (proper_borders(p) <= 1) {
+            ASSERT_EQ(got, want);
+            complete_checked++;
+        }
+    }
+    EXPECT_GT(complete_checked, 1000);
 }
 
 }  // namespace

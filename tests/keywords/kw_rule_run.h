@@ -1,5 +1,5 @@
-// A keyword rule as the tests of single keywords use it: compiled from its
-// text, written to an image, loaded back and run over a buffer.
+// A keyword rule as the tests use it: compiled from its text, alone or in a
+// PM, written to an image, loaded back and run over a buffer.
 #ifndef VAEL_TESTS_KW_RULE_RUN_H
 #define VAEL_TESTS_KW_RULE_RUN_H
 
@@ -24,6 +24,44 @@ inline vael_kw_mgr *compile(const std::string &rule, vael_pm_error *err) {
     auto *mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(s, 0, 0, err));
     vael_pmglob_string_destroy(s);
     return mgr;
+}
+
+inline std::string repeat(const std::string &text, int times) {
+    std::string out;
+    for (int i = 0; i < times; i++)
+        out += text;
+    return out;
+}
+
+using Mgr = std::unique_ptr<vael_kw_mgr, void (*)(void *)>;
+
+// The rule compiled, destroyed with the scope.
+inline Mgr compiled(const std::string &rule) {
+    vael_pm_error err;
+    Mgr mgr(compile(rule, &err), vael_kw_mgr_destroy);
+    EXPECT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
+    return mgr;
+}
+
+struct PmRule { std::string lss, rule; int32_t id; bool no_history; };
+
+inline int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset,
+                    vael_vbuf *, int *) {
+    static_cast<std::vector<vael_test::Hit> *>(arg)->push_back(vael_test::Hit{id, offset});
+    return 0;
+}
+
+// A PM of keyword rules; its matches go to the std::vector<Hit> given to the run.
+inline vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_error *err) {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    for (const auto &r : rules)
+        EXPECT_EQ((r.no_history ? vael_pm_patterns_add_pattern_kw_nohistory : vael_pm_patterns_add_pattern_kw)(
+                      list, r.lss.data(), (uint32_t)r.lss.size(), r.rule.c_str(), r.id),
+                  0);
+    vael_test::LogCapture quiet;
+    vael_pm_handle *pm = vael_pm_compile(list, on_match, 0, err, "kw test");
+    vael_pm_patterns_destroy(list);
+    return pm;
 }
 
 inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
@@ -74,16 +112,23 @@ inline void expect_verdicts(const std::string &rule, const std::vector<std::pair
     }
 }
 
-// Each rule is refused with its text, as illegal, with nothing held.
-inline void expect_refusals(const std::vector<std::pair<const char *, const char *>> &cases) {
-    for (const auto &[rule, text] : cases) {
+struct Refusal { std::string rule; const char *text; uint32_t type = 0; };
+
+// Each rule is refused with its text and error type, alone and through the PM
+// with the user's id, with nothing held.
+inline void expect_refusals(const std::vector<Refusal> &cases) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.rule);
         const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
         vael_pm_error err;
-        EXPECT_EQ(compile(rule, &err), nullptr) << rule;
-        EXPECT_STREQ(err.error_string ? err.error_string : "", text) << rule;
-        EXPECT_EQ(err.error_type, 0u) << rule;
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << rule;
-        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore) << rule;
+        EXPECT_EQ(compile(c.rule, &err), nullptr);
+        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
+        EXPECT_EQ(err.error_type, c.type);
+        EXPECT_EQ(pm_compile({{"zz", R"(data: "zz";)", 1, false}, {"ab", c.rule, 42, false}}, &err), nullptr);
+        EXPECT_EQ(err.pattern_id, 42);
+        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore);
     }
 }
 

@@ -1,11 +1,13 @@
-// Rules of the real keywords: compiled, loaded and duplicated runs agree; refusals; image cuts; failures.
+// Rules of the real keywords: compiled, loaded and duplicated runs agree; refusals; image cuts; failures; the jump,
+// pcre and re keywords in rules, pcre against re.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "pcre_tier/vael_pcre.h"
 #include "tests/keywords/kw_rule_run.h"
 #include "tests/support/failmem_walk.h"
 
@@ -16,36 +18,15 @@ using vael_test::LogCapture;
 using kw_run::compile;
 using kw_run::image_of;
 using kw_run::load;
+using kw_run::pm_compile;
 using kw_run::verdict;
+using namespace std::string_literals;
 
-struct PmRule { std::string lss, rule; int32_t id; bool no_history; };
-
-int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
-             int *) {
-    static_cast<std::vector<vael_test::Hit> *>(arg)->push_back(vael_test::Hit{id, offset});
-    return 0;
-}
-
-vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_error *err) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    for (const auto &r : rules)
-        EXPECT_EQ((r.no_history ? vael_pm_patterns_add_pattern_kw_nohistory : vael_pm_patterns_add_pattern_kw)(
-                      list, r.lss.data(), (uint32_t)r.lss.size(), r.rule.c_str(), r.id),
-                  0);
-    LogCapture quiet;
-    vael_pm_handle *pm = vael_pm_compile(list, on_match, 0, err, "kw test");
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
+// A rule over a buffer: the end of its match, -1 for none.
+struct Verdict { std::string rule, buf; int64_t end; };
 
 TEST(KwRules, OverBuffers) {
-    struct Case {
-        std::string rule;
-        std::string buf;
-        int64_t end;  // -1: no match
-    };
-    using namespace std::string_literals;
-    const Case cases[] = {
+    const Verdict cases[] = {
         // The first "a" has no "b" right behind it; going back finds the second.
         {R"(data: "a", relative; data: "b", relative, depth 1;)", "axab", 3},
         {R"(data: "a"; data: "b", relative, depth 1;)", "axab", 3},
@@ -53,61 +34,27 @@ TEST(KwRules, OverBuffers) {
         // Back to a number: the first "k=" is followed by the wrong digit.
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=9", 5},
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=8", -1},
-        // Nothing moved the offset: the pass is no match.
-        {"test: 1, =, 97, 0;", "a", -1},
-        // A find at the very end leaves no byte to test.
-        {R"(data: "c", relative; test: 1, =, 0, 0, relative;)", "abc", -1},
-        // Negation: passes where the string is absent, moves nothing.
-        {R"(data: "x"; data: !"q", relative;)", "xab", 0}, {R"(data: "x"; data: !"a", relative;)", "xab", -1},
-        // A negative offset may reach back to the start, not before it.
-        {R"(data: "a", relative; data: "b", relative, offset -3;)", "xxab", 3}, {R"(data: "b", offset 1;)", "bab", 2},
-        // Lengths behind a string.
-        {R"(data: "GET "; length: 5, min, relative;)", "GET /abcd", 3},
-        {R"(data: "GET "; length: 2, exact, relative;)", "GET /a", 3},
-        {R"(data: "GET "; length: 2, max, relative;)", "GET /abc", -1},
-        // Numbers: binary in either order, text in a base.
+        // Numbers in either byte order.
         {"data: \"|00|\"; test: 2, =, 1001, 0, relative, little;", "\x00\xe9\x03"s, 0},
         {"data: \"|00|\"; test: 2, =, 1001, 0, relative, big;", "\x00\x03\xe9"s, 0},
-        {R"(data: "len="; test: 3, >, 99, 0, relative, string, dec;)", "len=250;", 3},
-        {"data: \"|ff|\"; test: 1, <, 0, -1, relative, signed;", "\xff"s, 0},
-        // Attributes and text forms of data.
-        {R"(data: "abc", nocase;)", "xABC", 3}, {R"(data: "ab", caret;)", "abx", 1},
-        {R"(data: "b", depth 2;)", "aab", -1}, {R"(delim=';data: 'a;b';)", "xa;b", 3},
-        {R"(data: "a|3b|b";)", "xa;b", 3},
     };
     for (const auto &c : cases)
         kw_run::expect_verdicts(c.rule, {{c.buf, c.end}});
 }
 
-// Refused rules: the text the author reads, the keyword's own first; through
-// the PM with the user's id; nothing held.
+// Refused rules: the text the author reads, the keyword's own first.
 TEST(KwRules, Refusals) {
     const char *illegal = "Keyword rule given by the user is illegal";
-    std::string too_many;
-    for (int i = 0; i < 101; i++)
-        too_many += "length: 1, min; ";
-    struct Case { std::string rule; const char *text; uint32_t type; } cases[] = {
-        {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported", 0},
-        {R"(data: "|4|";)", "incomplete hex data in data keyword", 0},
+    kw_run::expect_refusals({
+        {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported"},
+        {R"(data: "|4|";)", "incomplete hex data in data keyword"},
         {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
         {"delim=';", illegal, 1}, {"delim=' x;data: 'a';", illegal, 1}, {"delim=", illegal, 1},
-        {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name", 0},
-        {"data: \"a\"; jump: 1, 0, signed;", "Keyword's attribute is not supported", 0},
-        {R"(data: "a"; pcre: "/(?=a)b/";)", "Recursive operations are not supported in PM for pcre_dfa_exec", 0},
-        {too_many, "Rule contains too many keywords", 2},
-    };
-    for (const auto &c : cases) {
-        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
-        vael_pm_error err;
-        EXPECT_EQ(compile(c.rule, &err), nullptr) << c.rule;
-        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text) << c.rule;
-        EXPECT_EQ(err.error_type, c.type) << c.rule;
-        EXPECT_EQ(pm_compile({{"zz", R"(data: "zz";)", 1, false}, {"ab", c.rule, 42, false}}, &err), nullptr);
-        EXPECT_EQ(err.pattern_id, 42) << c.rule;
-        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text) << c.rule;
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << c.rule;
-        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore) << c.rule;
-    }
+        {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name"},
+        {"data: \"a\"; jump: 1, 0, signed;", "Keyword's attribute is not supported"},
+        {R"(data: "a"; pcre: "/(?=a)b/";)", "Recursive operations are not supported in PM for pcre_dfa_exec"},
+        {kw_run::repeat("length: 1, min; ", 101), "Rule contains too many keywords", 2},
+    });
     vael_pm_error err;
     LogCapture quiet;
     EXPECT_EQ(vael_pm_compile_keywords(nullptr, 0, 0, &err), nullptr);
@@ -118,22 +65,18 @@ const char kRule[] = R"(data: "ab|43|", nocase; test: 2, >, 5, 0, relative, stri
 // Every cut of an image and the corruptions the checks name are refused
 // with nothing held; whole, it loads from memory and from small blocks.
 TEST(KwRules, ImageCutsAndCorruptions) {
-    vael_pm_error err;
-    vael_kw_mgr *mgr = compile(kRule, &err);
+    const kw_run::Mgr mgr = kw_run::compiled(kRule);
     ASSERT_NE(mgr, nullptr);
-    const auto image = image_of(mgr);
+    const auto image = image_of(mgr.get());
     std::vector<unsigned char> small(image.size() - 1, 0xee);
     unsigned char *p = small.data();
     uint32_t space = (uint32_t)small.size();
     LogCapture log;
-    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), -1);
+    EXPECT_EQ(vael_kw_mgr_serialize(mgr.get(), &p, &space), -1);
     EXPECT_TRUE(p == small.data() && small[0] == 0xee);
-    vael_kw_mgr_destroy(mgr);
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
     for (uint32_t cut = 0; cut < image.size(); cut++) {
-        vael_kw_mgr *m = load(image, cut, false);
-        EXPECT_EQ(m, nullptr) << "cut at " << cut;
-        vael_kw_mgr_destroy(m);
+        EXPECT_EQ(load(image, cut, false), nullptr) << "cut at " << cut;
         ASSERT_EQ(vael_pmglob_memory_get_alloc_total(), before) << "cut at " << cut;
     }
     auto with_word = [&](size_t at, uint32_t value) {
@@ -152,9 +95,7 @@ TEST(KwRules, ImageCutsAndCorruptions) {
     vael_test::ScopedTopic all("K_KW", VAEL_DBG_INFO), errors("K_ERROR", VAEL_DBG_INFO);
     for (const auto &c : cases) {
         log.clear();
-        vael_kw_mgr *m = load(c.bytes, (uint32_t)c.bytes.size(), false);
-        EXPECT_EQ(m, nullptr) << c.log;
-        vael_kw_mgr_destroy(m);
+        EXPECT_EQ(load(c.bytes, (uint32_t)c.bytes.size(), false), nullptr) << c.log;
         EXPECT_TRUE(log.contains(c.log)) << c.log << ": " << log.text();
         EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before) << c.log;
     }
@@ -185,30 +126,23 @@ TEST(KwRules, AllocationFailures) {
                         : vael_test::failmem_walk(attempt, clean);
         };
         vael_pmglob_string *rule =
-            vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), -1, 0);
+            vael_pmglob_string_create((const unsigned char *)text.data(), (uint32_t)text.size(), -1, 0);
         vael_pm_error err;
         vael_kw_mgr *mgr = nullptr, *dup = nullptr, *loaded = nullptr;
         LogCapture quiet;
+        auto compile_rule = [&] {
+            vael_pm_error_init(&err);
+            return (mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err))) != nullptr;
+        };
         // A keyword names its own allocation failures, some as illegal.
-        EXPECT_GE(walk(
-                      [&] {
-                          vael_pm_error_init(&err);
-                          return (mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(rule, 0, 0, &err))) !=
-                                 nullptr;
-                      },
-                      [&] { return err.error_string != nullptr; })
-                      .rounds,
-                  8);
+        EXPECT_GE(walk(compile_rule, [&] { return err.error_string != nullptr; }).rounds, 8);
         vael_pmglob_string_destroy(rule);
         ASSERT_NE(mgr, nullptr);
-        EXPECT_GE(walk([&] { return (dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))) != nullptr; },
-                       [] { return true; })
-                      .rounds,
-                  each ? 8 : 3);
+        auto duplicate = [&] { return (dup = static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))) != nullptr; };
+        EXPECT_GE(walk(duplicate, [] { return true; }).rounds, each ? 8 : 3);
         const auto image = image_of(mgr);
-        EXPECT_GE(walk([&] { return (loaded = load(image, (uint32_t)image.size())) != nullptr; }, [] { return true; })
-                      .rounds,
-                  each ? 7 : 3);
+        auto load_image = [&] { return (loaded = load(image, (uint32_t)image.size())) != nullptr; };
+        EXPECT_GE(walk(load_image, [] { return true; }).rounds, each ? 7 : 3);
         for (const char *buf : {"xABC12zaab\x01" "c.ccd", "xABC12z", "ab"})
             for (vael_kw_mgr *m : {dup, loaded})
                 EXPECT_EQ(verdict(m, buf), verdict(mgr, buf)) << buf;
@@ -227,27 +161,176 @@ TEST(KwRules, ThroughThePm) {
                                      {"zz", R"(data: "x";)", 9, false}},
                                     &err);
     ASSERT_NE(pm, nullptr) << (err.error_string ? err.error_string : "");
-    struct Case { std::string history, present; std::vector<vael_test::Hit> hits; } cases[] = {
-        {"", "abxxabcd", {{7, 7}, {8, 7}}}, {"", "abxxab", {}}, {"", "xx", {}},
-        {"xxab", "cd", {{7, 5}}}, {"xxab", "abcd", {{7, 7}, {8, 3}}},
+    // Bytes before the cut are history.
+    struct Case { std::string text; std::vector<size_t> cuts; std::vector<vael_test::Hit> hits; } cases[] = {
+        {"abxxabcd", {}, {{7, 7}, {8, 7}}}, {"abxxab", {}, {}}, {"xx", {}, {}},
+        {"xxabcd", {4}, {{7, 5}}}, {"xxababcd", {4}, {{7, 7}, {8, 3}}},
     };
     for (const auto &c : cases) {
+        const vael_test::SplitText split(c.text, c.cuts);
         std::vector<vael_test::Hit> hits;
-        vael_vbuf *vbuf = nullptr;
-        if (!c.history.empty()) {
-            vbuf = vael_vbuf_create(1u << 20, 0);
-            EXPECT_EQ(vael_vbuf_add_buffer_ex(vbuf, const_cast<char *>(c.history.data()),
-                                              (uint32_t)c.history.size(), nullptr, nullptr),
-                      0);
-        }
         LogCapture quiet;
-        EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(c.present.data()),
-                                  (uint32_t)c.present.size(), vbuf, nullptr, &hits, 0),
-                  0);
-        vael_vbuf_destroy(vbuf);
-        EXPECT_EQ(hits, c.hits) << c.history << "|" << c.present;
+        EXPECT_EQ(vael_pm_exec_ex(pm, split.present(), split.present_len(), split.vbuf(), nullptr, &hits, 0), 0);
+        EXPECT_EQ(hits, c.hits) << c.text;
     }
     vael_pm_destroy(pm);
+}
+
+TEST(KwJump, Moves) {
+    const std::string pad(40, '.');
+    const Verdict cases[] = {
+        // 5 * 4 = 20, aligned 20, plus 2: 22 from the field at 2.
+        {"data: \"L\"; jump: 1, 0, relative, multiplier 4, align, post_offset 2;", "xL\x05" + pad, 23},
+        // Rounding comes before post_offset: 5 -> 8 -> 9.
+        {"jump: 1, 0, align, post_offset 1;", "\x05" + pad, 8}, {"jump: 1, 0, align;", "\x05" + pad, 7},
+        // The move counts from the field's start, here at 1 by the offset.
+        {"jump: 1, 1;", "x\x02yz", 2},
+        {"jump: 1, 010;", "0123456789\x02yz", 11},  // base 10, not octal
+        {"jump: 2, 0, little;", "\x03\x00z"s + "z", 2}, {"jump: 2, 0;", "\x00\x03zz"s, 2},
+        // Text fields: base 16 unless told, read up to the first non-digit.
+        {"data: \"ab\"; jump: 4, 0, relative, string;", "ab-1,xyz", 0},
+        {"data: \"ab\"; jump: 4, 0, relative, string;", "ab10" + pad, 17},
+        {"data: \"ab\"; jump: 4, 0, relative, string, dec, multiplier 2;", "ab3,xxxxx", 7},
+        {"jump: 4, 0, string;", "-1,x", -1},  // before the start
+        {"data: \"ab\"; jump: 1, 0, relative, from_beginning;", "ab\x03xyz", 2},
+        {"data: \"ab\"; jump: 1, 0, relative, from_beginning, post_offset -4;", "ab\x03xyz", -1},
+        // Back to the buffer's start, not before it.
+        {"data: \"ab\"; jump: 1, 0, relative, post_offset -4; data: \"x\", relative, depth 1;", "xab\x01", 0},
+        {"data: \"ab\"; jump: 1, 0, relative, post_offset -5; data: \"x\", relative, depth 1;", "xab\x01", -1},
+        // To exactly the end matches; one past it does not.
+        {"jump: 1, 0;", "\x04xyz", 3}, {"jump: 1, 0;", "\x05xyz", -1},
+        // A field that runs past the end: no match, nothing read past it.
+        {"data: \"ab\"; jump: 2, 0, relative;", "ab\x01", -1},
+        {"data: \"ab\"; jump: 4, 0, relative, multiplier 2147483647;", "ab\xff\xff\xff\xff" + pad, -1},
+        // Over a record to the field behind it.
+        {"jump: 1, 0, post_offset 1; test: 1, =, 65, 0, relative;", "\x02xyAz", 2},
+        {"data: \"R\"; jump: 1, 0, relative, post_offset 1; data: \"ok\", relative, depth 2;", "R\x03" "abcok", 6},
+    };
+    for (const auto &c : cases)
+        kw_run::expect_verdicts(c.rule, {{c.buf, c.end}});
+}
+
+TEST(KwJump, Refusals) {
+    const char *bad_len = "The length of the numeric value that should be extracted is illegal";
+    const char *unsupported = "Keyword's attribute is not supported";
+    kw_run::expect_refusals({
+        {"jump: 5, 0;", bad_len}, {"jump: 12, 0, string;", bad_len}, {"jump: 2, 0, signed;", unsupported},
+        {"jump: 2, 0, unsigned, relative;", unsupported},
+        {"jump: 1, 0, multiplier -2;", "Illegal negative multiplier in jump keyword"},
+        {"jump: 1, 0, multiplier 0;", "Illegal negative multiplier in jump keyword"},
+        {"jump: 1, 0, multiplier;", "Failed to retrieve the multiplier in jump keyword"},
+        {"jump: 1, 0, post_offset x;", "Failed to retrieve the post offset in jump keyword"},
+        {"jump: 0x2, 0;", "Failed to retrieve the length in jump keyword"},
+        {"jump: 1;", "Failed to retrieve the offset in jump keyword"},
+        {"jump: 1, -1;", "Illegal negative offset for absolute keyword"},
+        {"jump: 1, 0, hex;",
+         "The number types attributes (hex, oct and dec) can only be used with string attribute in keyword"},
+        {"jump: 1, 0, align, align;", "Keyword's attribute cannot be set twice for the same keyword"},
+    });
+}
+
+TEST(KwPcre, Matches) {
+    const std::pair<std::string, std::vector<std::pair<std::string, int64_t>>> cases[] = {
+        {R"(pcre: "/a/i";)", {{"xA", 1}, {"xb", -1}}}, {R"(pcre: "/a/", nocase;)", {{"xA", 1}}},
+        {R"(data: "x"; pcre: "/b+/R";)", {{"bxbb", 2}, {"bx", -1}}},  // shortest match
+        {R"(pcre: "m|a/b|"; pcre: "m#^c#iR", nmon;)", {{"xa/bC", 4}, {"xa/bxc", -1}}},
+        {R"(pcre: "/^a/";)", {{"ab", 0}, {"ba", -1}}},
+        {R"(data: "k"; pcre: "/^v/", relative;)", {{"kv", 1}, {"kxv", -1}}},  // '^' is the range's start
+        {R"(data: "x"; pcre: !"/a/", relative;)", {{"xbc", 0}, {"xba", -1}}},
+        {R"(pcre: "/b/", depth 2;)", {{"xb", 1}, {"xxb", -1}}},
+        {R"(pcre: "/b/", offset 2;)", {{"bxb", 2}, {"bbx", -1}}},
+        {R"(pcre: "/a/qz";)", {{"a", 0}}},  // unknown flags are ignored
+        // The first match has no 'z' behind it: the search resumes behind it.
+        {R"(pcre: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
+        {R"(re: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
+        {R"(pcre: "/aa/"; data: "b", relative, depth 1;)", {{"aaab", -1}, {"aaaab", 4}}},  // no overlap
+        {R"(re: "/a+b/";)", {{"xaab", 3}}},
+        {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
+    };
+    for (const auto &[rule, runs] : cases)
+        kw_run::expect_verdicts(rule, runs);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kBuffers = 100;
+#else
+constexpr int kBuffers = 300;
+#endif
+
+// Expressions of the grammar both engines share give the same verdicts and
+// offsets, from the buffer's start and from a range behind a string.
+TEST(KwPcre, AgainstRe) {
+    const char *expressions[] = {"ab", "a+b", "[0-9]+x", "ab?c", "a(b|c)a", "x[a-c]+", "^ab", "a.c", "(ab)+c", "AB"};
+    std::mt19937 rng(7);
+    for (const char *e : expressions)
+        for (const char *form : {"%s: \"/%s/i\";", "data: \"x\"; %s: \"/%s/\", relative;"}) {
+            char pcre[100], re[100];
+            std::snprintf(pcre, sizeof pcre, form, "pcre", e);
+            std::snprintf(re, sizeof re, form, "re", e);
+            const kw_run::Mgr a = kw_run::compiled(pcre), b = kw_run::compiled(re);
+            ASSERT_TRUE(a && b);
+            for (int n = 0; n < kBuffers; n++) {
+                std::string buf(rng() % 12, ' ');
+                for (char &c : buf)
+                    c = "abcxX01"[rng() % 7];
+                EXPECT_EQ(kw_run::verdict(a.get(), buf), kw_run::verdict(b.get(), buf)) << e << " over " << buf;
+            }
+        }
+}
+
+TEST(KwPcre, Refusals) {
+    const char *empty = "Empty regexp or missing delimiter in pcre keyword";
+    const char *quotes = "Regexp needs to be enclosed in quotation marks (\") in pcre keyword";
+    const char *slash = "Regexp needs to be enclosed in delimiter / in pcre keyword";
+    const char *delim = "Space/letter/digit cannot be used as ending delimiter in pcre keyword";
+    const char *recursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
+    kw_run::expect_refusals({
+        {R"(pcre: "//";)", empty}, {R"(pcre: "/";)", empty}, {R"(re: "m|a";)", empty}, {"relative;", empty},
+        {"pcre: /a/, nocase;", quotes}, {R"(pcre: "x/a/";)", slash}, {R"(pcre: "a";)", slash},
+        {R"(pcre: "";)", slash}, {R"(pcre: "m a ";)", delim}, {R"(re: "mxax";)", delim},
+        {R"(pcre: "m1a1";)", delim}, {R"(pcre: "m";)", "No delimiter in pcre keyword"},
+        {"pcre:, nocase;", "Failed to retrieve the first attribute in pcre keyword"},
+        {R"(pcre: "/(?=a)b/";)", recursive}, {R"(pcre: "/a(?R)?b/";)", recursive}, {R"(pcre: "/(?>a)/";)", recursive},
+        {R"(pcre: "/a/", caret;)", "Keyword's attribute is not supported"},
+        {R"(pcre: "/a/", offset -1;)", "Illegal negative offset for absolute keyword"},
+        {R"(pcre: "/a(/";)", "missing )"},
+    });
+}
+
+// The expression compiles with the rule: a run allocates the engine's stack
+// and, under pcre_dfa_exec, PCRE's workspace, and gives both back.
+TEST(KwPcre, NothingCompiledPerRun) {
+    const kw_run::Mgr mgr = kw_run::compiled(R"(data: "k"; pcre: "/v+w/", relative;)");
+    ASSERT_NE(mgr, nullptr);
+    for (int dfa : {1, 0}) {
+        vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, dfa);
+        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
+        const int allocations = alloc_number;
+        EXPECT_EQ(kw_run::verdict(mgr.get(), "xxkvvw"), 5);
+        EXPECT_EQ(alloc_number - allocations, 1 + dfa);
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore);
+    }
+}
+
+// Cuts and a wrong engine row are refused with nothing held (the walks of
+// compile, duplicate and load over rules with these keywords are the rules'
+// test's).
+TEST(KwPcre, ImageCutsAndAWrongRow) {
+    const kw_run::Mgr mgr = kw_run::compiled(R"(pcre: "/a+b/i"; data: "k", relative; re: "/c+d/", relative;)");
+    ASSERT_NE(mgr, nullptr);
+    auto image = kw_run::image_of(mgr.get());
+    const kw_run::Mgr copy(kw_run::load(image, (uint32_t)image.size()), vael_kw_mgr_destroy);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(kw_run::verdict(copy.get(), "xAABkcd"), 6);
+    const intptr_t before = vael_pmglob_memory_get_alloc_total();
+    for (uint32_t cut = 0; cut < image.size(); cut++)
+        EXPECT_EQ(kw_run::load(image, cut), nullptr) << cut;
+    for (uint32_t row : {2u, 3u, 0xffffffffu}) {
+        std::memcpy(image.data() + 8 + 4 + 28, &row, 4);  // the pcre keyword's row
+        EXPECT_EQ(kw_run::load(image, (uint32_t)image.size()), nullptr) << row;
+    }
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
 }
 
 }  // namespace
