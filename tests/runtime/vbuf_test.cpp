@@ -1,5 +1,6 @@
-// Virtual buffers held against a model (a deque of blocks under a maximum
-// size): random adds, then every read the buffer offers at every offset.
+// Virtual buffers held against a model (a deque of blocks under a maximum size): random adds, then every read the
+// buffer offers at every offset. Given illegal arguments: the assertion, then the operation goes on where it stays
+// defined without the argument, and fails where it would have to follow a null pointer.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -142,6 +143,54 @@ TEST(Vbuf, CopyinChunkBounds) {
         EXPECT_EQ(vael_vbuf_copyin_chunk_size, after) << set;
     }
     vael_vbuf_copyin_chunk_size = saved;
+}
+
+TEST(VbufConformance, IllegalArgumentsAssertAndGoOnWhereDefined) {
+    vael_test::ScopedGlobal assert_on(qx_assert_on, 1);
+    char a[] = "abc", b[] = "de", dest[8] = {};
+    std::vector<std::string> released;
+    vael_vbuf *vbuf = vael_vbuf_create(100, 0);
+    ASSERT_NE(vbuf, nullptr);
+    auto add = [&](char *data, uint32_t n) { return vael_vbuf_add_buffer_ex(vbuf, data, n, note_release, &released); };
+    ASSERT_EQ(add(a, 3), 0);
+
+    struct Row { const char *call; int want_rc; bool want_assert; };  // assert: "Illegal arguments" was raised
+    auto run = [&](const Row &row, auto &&call) {
+        SCOPED_TRACE(row.call);
+        vael_test::LogCapture log;
+        EXPECT_EQ(call(), row.want_rc);
+        EXPECT_EQ(log.contains("Illegal arguments"), row.want_assert) << log.text();
+    };
+    // An empty block is added (with or without data) and handed back at the
+    // end like any other; bytes that cannot be read are refused.
+    run({"add empty block", 0, true}, [&] { return add(b, 0); });
+    run({"add empty null block", 0, true}, [&] { return add(nullptr, 0); });
+    run({"add unreadable block", -1, true}, [&] { return add(nullptr, 2); });
+    run({"add to no buffer", -1, true}, [&] { return vael_vbuf_add_buffer_ex(nullptr, b, 2, nullptr, nullptr); });
+    run({"add after empty blocks", 0, false}, [&] { return add(b, 2); });
+    EXPECT_EQ(vael_vbuf_size(vbuf), 5u);
+
+    // A copy of nothing goes on and copies nothing; a copy into nowhere fails.
+    run({"defrag of nothing into nowhere", 0, true}, [&] { return (int)vael_vbuf_defrag(vbuf, 0, 0, nullptr, 0); });
+    run({"defrag into nowhere", 0, true}, [&] { return (int)vael_vbuf_defrag(vbuf, 0, 5, nullptr, 5); });
+    run({"defrag across empty blocks", 5, false}, [&] { return (int)vael_vbuf_defrag(vbuf, 0, 5, dest, 8); });
+    EXPECT_EQ(std::string(dest, 5), "abcde");
+
+    // A sequential read of nothing moves to the first block and reads on
+    // from there; a read into nowhere fails with error 1.
+    vael_vbuf_iter iter = {nullptr, 0};
+    int err = -1;
+    run({"read nothing", 1, true}, [&] { return vael_vbuf_get_next_data2(vbuf, &iter, dest, 0, &err) == &iter; });
+    EXPECT_EQ(err, 0);
+    run({"read into nowhere", 1, true},
+        [&] { return vael_vbuf_get_next_data2(vbuf, &iter, nullptr, 2, &err) == nullptr && err == 1; });
+    run({"read on over empty blocks", 1, false}, [&] {
+        return vael_vbuf_get_next_data2(vbuf, &iter, dest, 5, &err) == nullptr && err == 0;
+    });
+    EXPECT_EQ(std::string(dest, 5), "abcde");
+
+    vael_vbuf_destroy(vbuf);
+    EXPECT_EQ(released, (std::vector<std::string>{"abc", "", "", "de"}));
 }
 
 }  // namespace
