@@ -54,15 +54,14 @@ class CtlHost {
     // The instances named by the requests so far, in order.
     const std::vector<int> &requests() const { return requests_; }
 
-    // A real table of `instance`; its index among the instance's tables.
-    int add_table(int instance, const char *name) {
+    // A real table of `instance`, behind those it has.
+    void add_table(int instance, const char *name) {
         auto t = std::make_unique<Table>();
         t->instance = instance;
         t->name = name;
         EXPECT_EQ(tqlock_lock_init(&t->lock), 0);
         EXPECT_EQ(vael_htab_create(name, 64, 0, &CtlHost::on_free, nullptr, nullptr, &t->lock, &t->id, t.get()), 0);
         tables_.push_back(std::move(t));
-        return (int)of_instance(instance).size() - 1;
     }
     // Adds `n` entries with fresh keys, then deletes `del` of them.
     void churn(int instance, int index, int n, int del) {
@@ -78,13 +77,6 @@ class CtlHost {
             vael_htab_del(t->id, &key, 1, "test");
         }
     }
-    // Entries now in all real tables of all instances.
-    int live_entries() const {
-        int n = 0;
-        for (const auto &t : tables_)
-            n += vael_htab_nents(t->id);
-        return n;
-    }
 
   private:
     struct Table {
@@ -92,38 +84,25 @@ class CtlHost {
         std::string name;
         vael_mutex *lock = nullptr;
         int id = -1;
-        uint32_t next_key = 1;
-        uint32_t allocated = 0;
-        uint32_t freed = 0;
+        uint32_t next_key = 1, allocated = 0, freed = 0;
     };
 
-    // A parameter of the library as the host offers it.
-    struct Param {
-        const char *name;
-        uint32_t type;
-        int *number;     // integer parameters
-        char *text;      // string parameters, `size` bytes
-        size_t size;
-        int (*callback)(void);
-    };
+    // A parameter of the library as the host offers it: an integer, or a text of PM_CALLBACK_TEST_TEXT_SIZE bytes.
+    struct Param { const char *name; int *number; char *text; int (*callback)(void); };
 
     static int compile_cb() { return pm_callback_test_compile_cb("pm_callback_test"); }
 
     static const std::vector<Param> &params() {
-        using P = Param;
         static const std::vector<Param> kParams = {
-            P{"vael_dfa_state_limit", 0, &vael_dfa_state_limit, nullptr, 0, nullptr},
-            P{"vael_pm_min_lss_size", 0, &vael_pm_min_lss_size, nullptr, 0, nullptr},
-            P{"vael_thin_nfa_max_partial_trans", 0, &vael_thin_nfa_max_partial_trans, nullptr, 0, nullptr},
-            P{"vael_pm_pcre_use_dfa_exec", 0, &vael_pm_pcre_use_dfa_exec, nullptr, 0, nullptr},
-            P{"pm_callback_test_compile_lss", 1, nullptr, pm_callback_test_compile_lss, 300,
-              pm_callback_test_compile_lss_cb},
-            P{"pm_callback_test_compile_re", 1, nullptr, pm_callback_test_compile_re, 300,
-              pm_callback_test_compile_re_cb},
-            P{"pm_callback_test_buffer", 1, nullptr, pm_callback_test_buffer, 300, pm_callback_test_buffer_cb},
-            P{"pm_callback_test_compile", 0, &pm_callback_test_compile, nullptr, 0, compile_cb},
-            P{"pm_callback_test_reset_test", 0, &pm_callback_test_reset_test, nullptr, 0,
-              pm_callback_test_reset_test_cb},
+            {"vael_dfa_state_limit", &vael_dfa_state_limit, nullptr, nullptr},
+            {"vael_pm_min_lss_size", &vael_pm_min_lss_size, nullptr, nullptr},
+            {"vael_thin_nfa_max_partial_trans", &vael_thin_nfa_max_partial_trans, nullptr, nullptr},
+            {"vael_pm_pcre_use_dfa_exec", &vael_pm_pcre_use_dfa_exec, nullptr, nullptr},
+            {"pm_callback_test_compile_lss", nullptr, pm_callback_test_compile_lss, pm_callback_test_compile_lss_cb},
+            {"pm_callback_test_compile_re", nullptr, pm_callback_test_compile_re, pm_callback_test_compile_re_cb},
+            {"pm_callback_test_buffer", nullptr, pm_callback_test_buffer, pm_callback_test_buffer_cb},
+            {"pm_callback_test_compile", &pm_callback_test_compile, nullptr, compile_cb},
+            {"pm_callback_test_reset_test", &pm_callback_test_reset_test, nullptr, pm_callback_test_reset_test_cb},
         };
         return kParams;
     }
@@ -165,7 +144,8 @@ class CtlHost {
     }
 
     int answer_param(vael_params_ctl_request *q, int instance) {
-        if (strnlen(q->name, sizeof q->name) == sizeof q->name || strnlen(q->module, sizeof q->module) == sizeof q->module)
+        if (strnlen(q->name, sizeof q->name) == sizeof q->name ||
+            strnlen(q->module, sizeof q->module) == sizeof q->module)
             return fail(EINVAL);
         if (q->module[0] && std::strcmp(q->module, kModule) != 0)
             return fail(ENOENT);
@@ -173,7 +153,7 @@ class CtlHost {
         for (const Param &c : params())
             if (std::strcmp(c.name, q->name) == 0)
                 p = &c;
-        if (!p || p->type != q->type)
+        if (!p || (p->number ? VAEL_PARAMS_TYPE_INT : VAEL_PARAMS_TYPE_STRING) != q->type)
             return fail(ENOENT);
         if (q->operation == VAEL_PARAMS_OP_GET)
             return instance == -2 ? fail(EINVAL) : get(*p, q, instance);
@@ -186,7 +166,7 @@ class CtlHost {
         } else {
             if (q->value_len == 0 || q->value_len > sizeof q->value || q->value[q->value_len - 1] != '\0')
                 return fail(EINVAL);
-            std::memset(p->text, 0, p->size);
+            std::memset(p->text, 0, PM_CALLBACK_TEST_TEXT_SIZE);
             std::memcpy(p->text, q->value, q->value_len);
         }
         for (int i = 0; i < instances_; i++)
@@ -205,7 +185,7 @@ class CtlHost {
             return 0;
         }
         // The full length goes back even when only the first bytes fit.
-        const size_t len = strnlen(p.text, p.size);
+        const size_t len = strnlen(p.text, PM_CALLBACK_TEST_TEXT_SIZE);
         std::memcpy(q->value, p.text, std::min(len, sizeof q->value));
         q->value_len = (uint32_t)len + 1;
         return 0;
