@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <random>
 #include <string>
@@ -34,10 +33,7 @@ struct Keyword {
                : text.rfind("length", 0) == 0 ? VAEL_KW_TYPE_LENGTH : VAEL_KW_TYPE_TEST;
         kw = vt(type).create(text.c_str(), type, &err);
     }
-    ~Keyword() {
-        if (kw)
-            vt(type).destroy(kw);
-    }
+    ~Keyword() { vt(type).destroy(kw); }
     std::string error() const { return err.error_string ? err.error_string : ""; }
     vael_kw_data *data() const { return reinterpret_cast<vael_kw_data *>(kw); }
 };

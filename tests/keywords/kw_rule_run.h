@@ -94,17 +94,19 @@ inline int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
     return is_match ? (int64_t)end : -1;
 }
 
+// Buffers and the end of the rule's match over each, -1 for none.
+using Runs = std::vector<std::pair<std::string, int64_t>>;
+
 // The verdicts of the rule as compiled, as loaded from its image and as
 // duplicated, which must agree.
-inline void expect_verdicts(const std::string &rule, const std::vector<std::pair<std::string, int64_t>> &runs) {
+inline void expect_verdicts(const std::string &rule, const Runs &runs) {
     vael_pm_error err;
     vael_kw_mgr *mgr = compile(rule, &err);
     ASSERT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
-    std::vector<vael_kw_mgr *> all{mgr};
     vael_test::LogCapture quiet;
-    all.push_back(load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr)));
-    all.push_back(static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr)));
-    for (size_t i = 0; i < all.size(); i++) {
+    vael_kw_mgr *const all[] = {mgr, load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr)),
+                               static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))};
+    for (size_t i = 0; i < 3; i++) {
         EXPECT_NE(all[i], nullptr) << rule << " copy " << i;
         for (const auto &[buf, end] : runs)
             EXPECT_EQ(all[i] ? verdict(all[i], buf) : -2, end) << rule << " over '" << buf << "', copy " << i;

@@ -15,45 +15,110 @@ namespace {
 
 using vael_test::LogCapture;
 
-using kw_run::compile;
 using kw_run::image_of;
 using kw_run::load;
 using kw_run::pm_compile;
 using kw_run::verdict;
 using namespace std::string_literals;
 
-// A rule over a buffer: the end of its match, -1 for none.
-struct Verdict { std::string rule, buf; int64_t end; };
-
-TEST(KwRules, OverBuffers) {
-    const Verdict cases[] = {
+// Each rule, as compiled, loaded from its image and duplicated, over buffers: the end of its match, -1 for none.
+TEST(KwRules, Verdicts) {
+    const std::string pad(40, '.');
+    const std::pair<std::string, kw_run::Runs> cases[] = {
         // The first "a" has no "b" right behind it; going back finds the second.
-        {R"(data: "a", relative; data: "b", relative, depth 1;)", "axab", 3},
-        {R"(data: "a"; data: "b", relative, depth 1;)", "axab", 3},
-        {R"(data: "ab", relative; data: "cd", relative, depth 2;)", "abxxabcd", 7},
+        {R"(data: "a", relative; data: "b", relative, depth 1;)", {{"axab", 3}}},
+        {R"(data: "a"; data: "b", relative, depth 1;)", {{"axab", 3}}},
+        {R"(data: "ab", relative; data: "cd", relative, depth 2;)", {{"abxxabcd", 7}}},
         // Back to a number: the first "k=" is followed by the wrong digit.
-        {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=9", 5},
-        {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", "k=1 k=8", -1},
+        {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", {{"k=1 k=9", 5}, {"k=1 k=8", -1}}},
         // Numbers in either byte order.
-        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, little;", "\x00\xe9\x03"s, 0},
-        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, big;", "\x00\x03\xe9"s, 0},
+        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, little;", {{"\x00\xe9\x03"s, 0}}},
+        {"data: \"|00|\"; test: 2, =, 1001, 0, relative, big;", {{"\x00\x03\xe9"s, 0}}},
+        // jump: 5 * 4 = 20, aligned 20, plus 2: 22 from the field at 2.
+        {"data: \"L\"; jump: 1, 0, relative, multiplier 4, align, post_offset 2;", {{"xL\x05" + pad, 23}}},
+        // Rounding comes before post_offset: 5 -> 8 -> 9.
+        {"jump: 1, 0, align, post_offset 1;", {{"\x05" + pad, 8}}}, {"jump: 1, 0, align;", {{"\x05" + pad, 7}}},
+        // The move counts from the field's start, here at 1 by the offset.
+        {"jump: 1, 1;", {{"x\x02yz", 2}}},
+        {"jump: 1, 010;", {{"0123456789\x02yz", 11}}},  // base 10, not octal
+        {"jump: 2, 0, little;", {{"\x03\x00z"s + "z", 2}}}, {"jump: 2, 0;", {{"\x00\x03zz"s, 2}}},
+        // Text fields: base 16 unless told, read up to the first non-digit.
+        {"data: \"ab\"; jump: 4, 0, relative, string;", {{"ab-1,xyz", 0}, {"ab10" + pad, 17}}},
+        {"data: \"ab\"; jump: 4, 0, relative, string, dec, multiplier 2;", {{"ab3,xxxxx", 7}}},
+        {"jump: 4, 0, string;", {{"-1,x", -1}}},  // before the start
+        {"data: \"ab\"; jump: 1, 0, relative, from_beginning;", {{"ab\x03xyz", 2}}},
+        {"data: \"ab\"; jump: 1, 0, relative, from_beginning, post_offset -4;", {{"ab\x03xyz", -1}}},
+        // Back to the buffer's start, not before it.
+        {"data: \"ab\"; jump: 1, 0, relative, post_offset -4; data: \"x\", relative, depth 1;", {{"xab\x01", 0}}},
+        {"data: \"ab\"; jump: 1, 0, relative, post_offset -5; data: \"x\", relative, depth 1;", {{"xab\x01", -1}}},
+        // To exactly the end matches; one past it does not.
+        {"jump: 1, 0;", {{"\x04xyz", 3}, {"\x05xyz", -1}}},
+        // A field that runs past the end: no match, nothing read past it.
+        {"data: \"ab\"; jump: 2, 0, relative;", {{"ab\x01", -1}}},
+        {"data: \"ab\"; jump: 4, 0, relative, multiplier 2147483647;", {{"ab\xff\xff\xff\xff" + pad, -1}}},
+        // Over a record to the field behind it.
+        {"jump: 1, 0, post_offset 1; test: 1, =, 65, 0, relative;", {{"\x02xyAz", 2}}},
+        {"data: \"R\"; jump: 1, 0, relative, post_offset 1; data: \"ok\", relative, depth 2;", {{"R\x03" "abcok", 6}}},
+        // pcre and re.
+        {R"(pcre: "/a/i";)", {{"xA", 1}, {"xb", -1}}}, {R"(pcre: "/a/", nocase;)", {{"xA", 1}}},
+        {R"(data: "x"; pcre: "/b+/R";)", {{"bxbb", 2}, {"bx", -1}}},  // shortest match
+        {R"(pcre: "m|a/b|"; pcre: "m#^c#iR", nmon;)", {{"xa/bC", 4}, {"xa/bxc", -1}}},
+        {R"(pcre: "/^a/";)", {{"ab", 0}, {"ba", -1}}},
+        {R"(data: "k"; pcre: "/^v/", relative;)", {{"kv", 1}, {"kxv", -1}}},  // '^' is the range's start
+        {R"(data: "x"; pcre: !"/a/", relative;)", {{"xbc", 0}, {"xba", -1}}},
+        {R"(pcre: "/b/", depth 2;)", {{"xb", 1}, {"xxb", -1}}},
+        {R"(pcre: "/b/", offset 2;)", {{"bxb", 2}, {"bbx", -1}}},
+        {R"(pcre: "/a/qz";)", {{"a", 0}}},  // unknown flags are ignored
+        // The first match has no 'z' behind it: the search resumes behind it.
+        {R"(pcre: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
+        {R"(re: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
+        {R"(pcre: "/aa/"; data: "b", relative, depth 1;)", {{"aaab", -1}, {"aaaab", 4}}},  // no overlap
+        {R"(re: "/a+b/";)", {{"xaab", 3}}},
+        {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
     };
-    for (const auto &c : cases)
-        kw_run::expect_verdicts(c.rule, {{c.buf, c.end}});
+    for (const auto &[rule, runs] : cases)
+        kw_run::expect_verdicts(rule, runs);
 }
 
 // Refused rules: the text the author reads, the keyword's own first.
 TEST(KwRules, Refusals) {
     const char *illegal = "Keyword rule given by the user is illegal";
+    const char *unsupported = "Keyword's attribute is not supported";
+    const char *bad_len = "The length of the numeric value that should be extracted is illegal";
+    const char *empty = "Empty regexp or missing delimiter in pcre keyword";
+    const char *slash = "Regexp needs to be enclosed in delimiter / in pcre keyword";
+    const char *delim = "Space/letter/digit cannot be used as ending delimiter in pcre keyword";
+    const char *recursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
     kw_run::expect_refusals({
-        {R"(data: "a"; dataX: "b";)", "Keyword's attribute is not supported"},
-        {R"(data: "|4|";)", "incomplete hex data in data keyword"},
+        {R"(data: "a"; dataX: "b";)", unsupported}, {R"(data: "|4|";)", "incomplete hex data in data keyword"},
         {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
         {"delim=';", illegal, 1}, {"delim=' x;data: 'a';", illegal, 1}, {"delim=", illegal, 1},
         {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name"},
-        {"data: \"a\"; jump: 1, 0, signed;", "Keyword's attribute is not supported"},
-        {R"(data: "a"; pcre: "/(?=a)b/";)", "Recursive operations are not supported in PM for pcre_dfa_exec"},
+        {"data: \"a\"; jump: 1, 0, signed;", unsupported}, {R"(data: "a"; pcre: "/(?=a)b/";)", recursive},
         {kw_run::repeat("length: 1, min; ", 101), "Rule contains too many keywords", 2},
+        // jump
+        {"jump: 5, 0;", bad_len}, {"jump: 12, 0, string;", bad_len}, {"jump: 2, 0, signed;", unsupported},
+        {"jump: 2, 0, unsigned, relative;", unsupported},
+        {"jump: 1, 0, multiplier -2;", "Illegal negative multiplier in jump keyword"},
+        {"jump: 1, 0, multiplier 0;", "Illegal negative multiplier in jump keyword"},
+        {"jump: 1, 0, multiplier;", "Failed to retrieve the multiplier in jump keyword"},
+        {"jump: 1, 0, post_offset x;", "Failed to retrieve the post offset in jump keyword"},
+        {"jump: 0x2, 0;", "Failed to retrieve the length in jump keyword"},
+        {"jump: 1;", "Failed to retrieve the offset in jump keyword"},
+        {"jump: 1, -1;", "Illegal negative offset for absolute keyword"},
+        {"jump: 1, 0, hex;",
+         "The number types attributes (hex, oct and dec) can only be used with string attribute in keyword"},
+        {"jump: 1, 0, align, align;", "Keyword's attribute cannot be set twice for the same keyword"},
+        // pcre and re
+        {R"(pcre: "//";)", empty}, {R"(pcre: "/";)", empty}, {R"(re: "m|a";)", empty}, {"relative;", empty},
+        {"pcre: /a/, nocase;", "Regexp needs to be enclosed in quotation marks (\") in pcre keyword"},
+        {R"(pcre: "x/a/";)", slash}, {R"(pcre: "a";)", slash}, {R"(pcre: "";)", slash},
+        {R"(pcre: "m a ";)", delim}, {R"(re: "mxax";)", delim}, {R"(pcre: "m1a1";)", delim},
+        {R"(pcre: "m";)", "No delimiter in pcre keyword"},
+        {"pcre:, nocase;", "Failed to retrieve the first attribute in pcre keyword"},
+        {R"(pcre: "/(?=a)b/";)", recursive}, {R"(pcre: "/a(?R)?b/";)", recursive}, {R"(pcre: "/(?>a)/";)", recursive},
+        {R"(pcre: "/a/", offset -1;)", "Illegal negative offset for absolute keyword"},
+        {R"(pcre: "/a/", caret;)", unsupported}, {R"(pcre: "/a(/";)", "missing )"},
     });
     vael_pm_error err;
     LogCapture quiet;
@@ -176,81 +241,6 @@ TEST(KwRules, ThroughThePm) {
     vael_pm_destroy(pm);
 }
 
-TEST(KwJump, Moves) {
-    const std::string pad(40, '.');
-    const Verdict cases[] = {
-        // 5 * 4 = 20, aligned 20, plus 2: 22 from the field at 2.
-        {"data: \"L\"; jump: 1, 0, relative, multiplier 4, align, post_offset 2;", "xL\x05" + pad, 23},
-        // Rounding comes before post_offset: 5 -> 8 -> 9.
-        {"jump: 1, 0, align, post_offset 1;", "\x05" + pad, 8}, {"jump: 1, 0, align;", "\x05" + pad, 7},
-        // The move counts from the field's start, here at 1 by the offset.
-        {"jump: 1, 1;", "x\x02yz", 2},
-        {"jump: 1, 010;", "0123456789\x02yz", 11},  // base 10, not octal
-        {"jump: 2, 0, little;", "\x03\x00z"s + "z", 2}, {"jump: 2, 0;", "\x00\x03zz"s, 2},
-        // Text fields: base 16 unless told, read up to the first non-digit.
-        {"data: \"ab\"; jump: 4, 0, relative, string;", "ab-1,xyz", 0},
-        {"data: \"ab\"; jump: 4, 0, relative, string;", "ab10" + pad, 17},
-        {"data: \"ab\"; jump: 4, 0, relative, string, dec, multiplier 2;", "ab3,xxxxx", 7},
-        {"jump: 4, 0, string;", "-1,x", -1},  // before the start
-        {"data: \"ab\"; jump: 1, 0, relative, from_beginning;", "ab\x03xyz", 2},
-        {"data: \"ab\"; jump: 1, 0, relative, from_beginning, post_offset -4;", "ab\x03xyz", -1},
-        // Back to the buffer's start, not before it.
-        {"data: \"ab\"; jump: 1, 0, relative, post_offset -4; data: \"x\", relative, depth 1;", "xab\x01", 0},
-        {"data: \"ab\"; jump: 1, 0, relative, post_offset -5; data: \"x\", relative, depth 1;", "xab\x01", -1},
-        // To exactly the end matches; one past it does not.
-        {"jump: 1, 0;", "\x04xyz", 3}, {"jump: 1, 0;", "\x05xyz", -1},
-        // A field that runs past the end: no match, nothing read past it.
-        {"data: \"ab\"; jump: 2, 0, relative;", "ab\x01", -1},
-        {"data: \"ab\"; jump: 4, 0, relative, multiplier 2147483647;", "ab\xff\xff\xff\xff" + pad, -1},
-        // Over a record to the field behind it.
-        {"jump: 1, 0, post_offset 1; test: 1, =, 65, 0, relative;", "\x02xyAz", 2},
-        {"data: \"R\"; jump: 1, 0, relative, post_offset 1; data: \"ok\", relative, depth 2;", "R\x03" "abcok", 6},
-    };
-    for (const auto &c : cases)
-        kw_run::expect_verdicts(c.rule, {{c.buf, c.end}});
-}
-
-TEST(KwJump, Refusals) {
-    const char *bad_len = "The length of the numeric value that should be extracted is illegal";
-    const char *unsupported = "Keyword's attribute is not supported";
-    kw_run::expect_refusals({
-        {"jump: 5, 0;", bad_len}, {"jump: 12, 0, string;", bad_len}, {"jump: 2, 0, signed;", unsupported},
-        {"jump: 2, 0, unsigned, relative;", unsupported},
-        {"jump: 1, 0, multiplier -2;", "Illegal negative multiplier in jump keyword"},
-        {"jump: 1, 0, multiplier 0;", "Illegal negative multiplier in jump keyword"},
-        {"jump: 1, 0, multiplier;", "Failed to retrieve the multiplier in jump keyword"},
-        {"jump: 1, 0, post_offset x;", "Failed to retrieve the post offset in jump keyword"},
-        {"jump: 0x2, 0;", "Failed to retrieve the length in jump keyword"},
-        {"jump: 1;", "Failed to retrieve the offset in jump keyword"},
-        {"jump: 1, -1;", "Illegal negative offset for absolute keyword"},
-        {"jump: 1, 0, hex;",
-         "The number types attributes (hex, oct and dec) can only be used with string attribute in keyword"},
-        {"jump: 1, 0, align, align;", "Keyword's attribute cannot be set twice for the same keyword"},
-    });
-}
-
-TEST(KwPcre, Matches) {
-    const std::pair<std::string, std::vector<std::pair<std::string, int64_t>>> cases[] = {
-        {R"(pcre: "/a/i";)", {{"xA", 1}, {"xb", -1}}}, {R"(pcre: "/a/", nocase;)", {{"xA", 1}}},
-        {R"(data: "x"; pcre: "/b+/R";)", {{"bxbb", 2}, {"bx", -1}}},  // shortest match
-        {R"(pcre: "m|a/b|"; pcre: "m#^c#iR", nmon;)", {{"xa/bC", 4}, {"xa/bxc", -1}}},
-        {R"(pcre: "/^a/";)", {{"ab", 0}, {"ba", -1}}},
-        {R"(data: "k"; pcre: "/^v/", relative;)", {{"kv", 1}, {"kxv", -1}}},  // '^' is the range's start
-        {R"(data: "x"; pcre: !"/a/", relative;)", {{"xbc", 0}, {"xba", -1}}},
-        {R"(pcre: "/b/", depth 2;)", {{"xb", 1}, {"xxb", -1}}},
-        {R"(pcre: "/b/", offset 2;)", {{"bxb", 2}, {"bbx", -1}}},
-        {R"(pcre: "/a/qz";)", {{"a", 0}}},  // unknown flags are ignored
-        // The first match has no 'z' behind it: the search resumes behind it.
-        {R"(pcre: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
-        {R"(re: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
-        {R"(pcre: "/aa/"; data: "b", relative, depth 1;)", {{"aaab", -1}, {"aaaab", 4}}},  // no overlap
-        {R"(re: "/a+b/";)", {{"xaab", 3}}},
-        {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
-    };
-    for (const auto &[rule, runs] : cases)
-        kw_run::expect_verdicts(rule, runs);
-}
-
 #if defined(__SANITIZE_ADDRESS__)
 constexpr int kBuffers = 100;
 #else
@@ -276,25 +266,6 @@ TEST(KwPcre, AgainstRe) {
                 EXPECT_EQ(kw_run::verdict(a.get(), buf), kw_run::verdict(b.get(), buf)) << e << " over " << buf;
             }
         }
-}
-
-TEST(KwPcre, Refusals) {
-    const char *empty = "Empty regexp or missing delimiter in pcre keyword";
-    const char *quotes = "Regexp needs to be enclosed in quotation marks (\") in pcre keyword";
-    const char *slash = "Regexp needs to be enclosed in delimiter / in pcre keyword";
-    const char *delim = "Space/letter/digit cannot be used as ending delimiter in pcre keyword";
-    const char *recursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
-    kw_run::expect_refusals({
-        {R"(pcre: "//";)", empty}, {R"(pcre: "/";)", empty}, {R"(re: "m|a";)", empty}, {"relative;", empty},
-        {"pcre: /a/, nocase;", quotes}, {R"(pcre: "x/a/";)", slash}, {R"(pcre: "a";)", slash},
-        {R"(pcre: "";)", slash}, {R"(pcre: "m a ";)", delim}, {R"(re: "mxax";)", delim},
-        {R"(pcre: "m1a1";)", delim}, {R"(pcre: "m";)", "No delimiter in pcre keyword"},
-        {"pcre:, nocase;", "Failed to retrieve the first attribute in pcre keyword"},
-        {R"(pcre: "/(?=a)b/";)", recursive}, {R"(pcre: "/a(?R)?b/";)", recursive}, {R"(pcre: "/(?>a)/";)", recursive},
-        {R"(pcre: "/a/", caret;)", "Keyword's attribute is not supported"},
-        {R"(pcre: "/a/", offset -1;)", "Illegal negative offset for absolute keyword"},
-        {R"(pcre: "/a(/";)", "missing )"},
-    });
 }
 
 // The expression compiles with the rule: a run allocates the engine's stack
