@@ -3,19 +3,16 @@
 // allocation helpers, and the texts an operator reads.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "runtime/vael_alloc.h"
 #include "runtime/vael_runtime.h"
-#include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
 namespace {

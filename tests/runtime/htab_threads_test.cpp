@@ -74,41 +74,30 @@ void work(Worker &w, int n, const std::atomic<bool> &churn_running) {
     }
 }
 
+void release_lock(void *lock) {
+    tqlock_lock_term(static_cast<vael_mutex **>(lock));
+    delete static_cast<vael_mutex **>(lock);
+}
+
 // Creates and destroys tables; the pending callback of a destroy that found
 // a reader inside releases that table's lock.
 void churn(std::atomic<bool> &running) {
     std::mt19937 rng(99);
     for (int round = 0; round < 400; round++) {
         auto *lock = new vael_mutex *(nullptr);
-        if (tqlock_lock_init(lock) != 0) {
-            delete lock;
-            continue;
-        }
         int id = -1;
         const uint32_t flags = (round % 3 == 0) ? VAEL_HTAB_EXPIRE_GRADUAL : (round % 3 == 1 ? VAEL_HTAB_EXPIRE : 0);
-        if (vael_htab_create("churn", 16, flags, nullptr, nullptr, nullptr, lock, &id, nullptr) != 0) {
-            tqlock_lock_term(lock);
-            delete lock;
-            continue;
-        }
+        EXPECT_EQ(tqlock_lock_init(lock), 0);
+        EXPECT_EQ(vael_htab_create("churn", 16, flags, nullptr, nullptr, nullptr, lock, &id, nullptr), 0);
         MtMutexLock(*lock);
         for (uint32_t i = 0; i < 8; i++) {
             const uint32_t k[] = {i, (uint32_t)round};
             vael_htab_set(id, k, 2, k, 2, flags ? 1 + rng() % 3 : 0, nullptr);
         }
-        int rc = vael_htab_destroy_ex(
-            id,
-            [](void *arg) {
-                auto *l = static_cast<vael_mutex **>(arg);
-                tqlock_lock_term(l);
-                delete l;
-            },
-            lock);
+        const int rc = vael_htab_destroy_ex(id, release_lock, lock);
         MtMutexUnLock(*lock);
-        if (rc == 1) {
-            tqlock_lock_term(lock);
-            delete lock;
-        }
+        if (rc == 1)
+            release_lock(lock);
         if (round % 16 == 0)
             std::this_thread::yield();
     }
