@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,11 +36,6 @@ class CtlHost {
         }
     }
     ~CtlHost() {
-        for (auto &t : tables_) {
-            EXPECT_EQ(vael_htab_destroy(t->id), 1);
-            tqlock_lock_term(&t->lock);
-        }
-        tables_.clear();
         vael_apps_fini();
         EXPECT_EQ(vael_apps_init(nullptr), 0);
         current_ = nullptr;
@@ -54,38 +48,16 @@ class CtlHost {
     // The instances named by the requests so far, in order.
     const std::vector<int> &requests() const { return requests_; }
 
-    // A real table of `instance`, behind those it has.
-    void add_table(int instance, const char *name) {
-        auto t = std::make_unique<Table>();
-        t->instance = instance;
-        t->name = name;
-        EXPECT_EQ(tqlock_lock_init(&t->lock), 0);
-        EXPECT_EQ(vael_htab_create(name, 64, 0, &CtlHost::on_free, nullptr, nullptr, &t->lock, &t->id, t.get()), 0);
-        tables_.push_back(std::move(t));
-    }
-    // Adds `n` entries with fresh keys, then deletes `del` of them.
-    void churn(int instance, int index, int n, int del) {
+    // A handle table of `instance`, behind those it has, and handles allocated and freed in one.
+    void add_table(int instance, const char *name) { tables_.push_back(Table{instance, name}); }
+    void churn(int instance, int index, uint32_t allocated, uint32_t freed) {
         Table *t = of_instance(instance).at(index);
-        for (int i = 0; i < n; i++) {
-            uint32_t key = t->next_key++, val = key * 3;
-            int result = 0;
-            if (vael_htab_set(t->id, &key, 1, &val, 1, 0, &result) == 0 && result == VAEL_HTAB_SET_NEW)
-                t->allocated++;
-        }
-        for (int i = 0; i < del; i++) {
-            uint32_t key = t->next_key - 1 - i;
-            vael_htab_del(t->id, &key, 1, "test");
-        }
+        t->allocated += allocated;
+        t->freed += freed;
     }
 
   private:
-    struct Table {
-        int instance = 0;
-        std::string name;
-        vael_mutex *lock = nullptr;
-        int id = -1;
-        uint32_t next_key = 1, allocated = 0, freed = 0;
-    };
+    struct Table { int instance; std::string name; uint32_t allocated = 0, freed = 0; };
 
     // A parameter of the library as the host offers it: an integer, or a text of PM_CALLBACK_TEST_TEXT_SIZE bytes.
     struct Param { const char *name; int *number; char *text; int (*callback)(void); };
@@ -107,11 +79,11 @@ class CtlHost {
         return kParams;
     }
 
-    std::vector<Table *> of_instance(int instance) const {
+    std::vector<Table *> of_instance(int instance) {
         std::vector<Table *> out;
-        for (const auto &t : tables_)
-            if (t->instance == instance)
-                out.push_back(t.get());
+        for (auto &t : tables_)
+            if (t.instance == instance)
+                out.push_back(&t);
         return out;
     }
 
@@ -202,20 +174,16 @@ class CtlHost {
         std::memcpy(q->name, t.name.data(), std::min(t.name.size(), sizeof q->name - 1));
         q->handles_allocated = t.allocated;
         q->handles_freed = t.freed;
-        // Each table is one block of bins, made at its creation.
+        // One pool per table, made with it.
         q->pools_allocated = q->pools_preallocated = q->max_pools = 1;
         return 0;
-    }
-
-    static void on_free(const uint32_t *, int, const uint32_t *, int, int, const char *, void *opaque) {
-        static_cast<Table *>(opaque)->freed++;
     }
 
     static inline CtlHost *current_ = nullptr;
     int instances_;
     int failing_ = -1;
     std::vector<std::map<std::string, int>> overrides_;
-    std::vector<std::unique_ptr<Table>> tables_;
+    std::vector<Table> tables_;
     std::vector<int> requests_;
 };
 
