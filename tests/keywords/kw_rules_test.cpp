@@ -25,11 +25,8 @@ using namespace std::string_literals;
 TEST(KwRules, Verdicts) {
     const std::string pad(40, '.');
     const std::pair<std::string, kw_run::Runs> cases[] = {
-        // The first "a" has no "b" right behind it; going back finds the second.
-        {R"(data: "a", relative; data: "b", relative, depth 1;)", {{"axab", 3}}},
-        {R"(data: "a"; data: "b", relative, depth 1;)", {{"axab", 3}}},
-        {R"(data: "ab", relative; data: "cd", relative, depth 2;)", {{"abxxabcd", 7}}},
-        // Back to a number: the first "k=" is followed by the wrong digit.
+        // Back to a number: the first "k=" is followed by the wrong digit (the engine's backtracking over strings is
+        // held to its traces in the engine test, over real keywords through the PM below).
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", {{"k=1 k=9", 5}, {"k=1 k=8", -1}}},
         // Numbers in either byte order.
         {"data: \"|00|\"; test: 2, =, 1001, 0, relative, little;", {{"\x00\xe9\x03"s, 0}}},
