@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "runtime/vael_runtime.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
@@ -102,9 +102,7 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
     vael_thin_nfa_destroy(nfa);
     vael_pmglob_patterns_destroy(strings);
 
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    for (const auto &p : c.patterns)
-        vael_pm_patterns_add_simple_pattern(list, p.text.data(), (uint32_t)p.text.size(), p.id, p.flags);
+    vael_pm_patterns *list = vael_pm_test::pattern_list(c.patterns);
     vael_pm_handle *pm = nullptr;
     auto attempt = [&] { return (pm = vael_pm_compile(list, collect_id, c.compile_flags, &err, "walk")) != nullptr; };
     auto clean = [&] {

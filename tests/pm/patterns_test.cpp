@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 

@@ -2,16 +2,12 @@
 // failure of the compile, one at a time, with the byte accounts back where they started.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
