@@ -3,18 +3,14 @@
 // allocation failures.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <map>
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
@@ -61,32 +57,21 @@ std::string value_after(const std::string &text, const std::string &label, int n
     return "<missing " + label + ">";
 }
 
-// A CSV reader: ';' divides fields, a field may be quoted with '"'.
+// A CSV reader: ';' ends every field, a field may be quoted with '"'; no field here holds a ';'.
 std::vector<std::map<std::string, std::string>> read_csv(const std::string &text) {
     std::vector<std::vector<std::string>> rows;
     for (const std::string &line : lines_of(text)) {
-        std::vector<std::string> fields;
-        std::string field;
-        bool quoted = false;
-        for (char c : line) {
-            if (c == '"')
-                quoted = !quoted;
-            else if (c == ';' && !quoted)
-                fields.push_back(std::exchange(field, {}));
-            else
-                field += c;
-        }
-        EXPECT_FALSE(quoted) << line;
-        EXPECT_TRUE(field.empty()) << "every field ends with ';': " << line;
-        rows.push_back(fields);
+        EXPECT_TRUE(line.ends_with(';')) << line;
+        std::istringstream in(line);
+        rows.emplace_back();
+        for (std::string f; std::getline(in, f, ';');)
+            rows.back().push_back(f.size() > 1 && f[0] == '"' && f.back() == '"' ? f.substr(1, f.size() - 2) : f);
     }
-    std::vector<std::map<std::string, std::string>> records;
+    std::vector<std::map<std::string, std::string>> records(rows.empty() ? 0 : rows.size() - 1);
     for (size_t r = 1; r < rows.size(); r++) {
         EXPECT_LE(rows[r].size(), rows[0].size()) << "row " << r;
-        std::map<std::string, std::string> rec;
         for (size_t f = 0; f < rows[r].size() && f < rows[0].size(); f++)
-            rec[rows[0][f]] = rows[r][f];
-        records.push_back(rec);
+            records[r - 1][rows[0][f]] = rows[r][f];
     }
     return records;
 }
