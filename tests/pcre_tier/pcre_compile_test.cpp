@@ -2,7 +2,6 @@
 // indexes, and the test for constructs that pcre_dfa_exec would run by recursing.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -19,10 +18,9 @@ using vael_pcre_test::run;
 TEST(PcreCompile, OptionsFromFlags) {
     struct Row {
         const char *pattern;
-        uint32_t pattern_flags;
-        uint32_t compile_flags;
+        uint32_t pattern_flags, compile_flags;
         std::string text;
-        std::vector<Match> want; // all matches, with starts
+        std::vector<Match> want;  // all matches, with starts
     };
     const uint32_t ml = VAEL_PCRE_MULTILINE;
     const std::vector<Row> rows = {
@@ -54,12 +52,7 @@ TEST(PcreCompile, OptionsFromFlags) {
 TEST(PcreCompile, Refusals) {
     const char *kRecursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
     const uint32_t v = VAEL_PM_VERIFY_SYNTAX;
-    struct Row {
-        const char *pattern;
-        uint32_t flags;
-        const char *message; // null: compiles
-        uint32_t index;
-    };
+    struct Row { const char *pattern; uint32_t flags; const char *message; uint32_t index; };  // message null: compiles
     const Row rows[] = {
         // recursive constructs under pcre_dfa_exec (the scan's own table is below)
         {"(?=a)b", 0, kRecursive, 0}, {"(?<=a)b", 0, kRecursive, 0}, {"(?:ab)++c", 0, kRecursive, 0},

@@ -21,11 +21,8 @@ const uint32_t kStart = VAEL_PM_EXEC_MATCH_START;
 struct RunRow {
     const char *pattern;
     std::string text;
-    uint32_t exec_flags;
-    uint32_t start;
-    int stop_after;
-    int fail_at;
-    int result;
+    uint32_t exec_flags, start;
+    int stop_after, fail_at, result;
     std::vector<Match> want;
 };
 
