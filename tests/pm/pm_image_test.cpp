@@ -41,21 +41,23 @@ vael_pm_handle *load(const Image &image) {
     return vael_pm_deserialize(image.data(), (uint32_t)image.size(), collect, "image test load");
 }
 
-std::vector<std::string> texts(const std::vector<std::string> &pieces, int n) {
+// Texts made of pieces that each kind of PM below finds, or nearly finds.
+std::vector<std::string> texts() {
+    const std::vector<std::string> pieces = {"GET /", "HOST:", "host:", "password", "abc123de", "abcde", "user=ab;",
+                                             "cmd.exe", "axab", "k=1 ", "k=9 ", " free ", "money", "Free Money",
+                                             " ", "\n", "a", "1", "\xff", std::string("\0", 1)};
+#if defined(__SANITIZE_ADDRESS__)
+    const int n = 25;
+#else
+    const int n = 60;
+#endif
     std::mt19937 rng(11);
-    std::vector<std::string> out;
-    for (int i = 0; i < n; i++) {
-        std::string t;
+    std::vector<std::string> out(n);
+    for (std::string &t : out)
         for (int k = rng() % 24; k > 0; k--)
             t += pieces[rng() % pieces.size()];
-        out.push_back(t);
-    }
     return out;
 }
-
-const std::vector<std::string> kPieces = {"GET /", "HOST:", "host:", "password", "abc123de", "abcde", "user=ab;",
-                                          "cmd.exe", "axab", "k=1 ", "k=9 ", " free ", "money", "Free Money",
-                                          " ", "\n", "a", "1", "\xff", std::string("\0", 1)};
 
 struct RoundTrip { const char *name; std::vector<Rec> recs; };
 
@@ -76,11 +78,7 @@ const std::vector<RoundTrip> kRoundTrips = {
 };
 
 TEST(PmImage, LoadedAndDuplicatedPmsScanLikeTheOriginal) {
-#if defined(__SANITIZE_ADDRESS__)
-    const auto all = texts(kPieces, 25);
-#else
-    const auto all = texts(kPieces, 60);
-#endif
+    const auto all = texts();
     vael_test::ScopedGlobal sanity(vael_pm_serialize_during_sanity_check, 0);
     for (const RoundTrip &row : kRoundTrips) {
         SCOPED_TRACE(row.name);

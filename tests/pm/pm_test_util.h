@@ -64,10 +64,10 @@ inline int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char 
 }
 
 inline vael_pm_handle *compile(const std::vector<Rec> &recs, int32_t first_id, const char *name,
-                               uint32_t compile_flags = 0) {
+                               uint32_t compile_flags = 0, vael_pm_match_cb cb = collect) {
     vael_pm_patterns *list = make_list(recs, first_id);
     vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(list, collect, compile_flags, &err, name);
+    vael_pm_handle *pm = vael_pm_compile(list, cb, compile_flags, &err, name);
     vael_pm_patterns_destroy(list);
     return pm;
 }

@@ -74,9 +74,7 @@ TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
     } sets[] = {{{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
     LogCapture quiet;
     for (const auto &set : sets) {
-        vael_pm_patterns *list = make_list(set.recs);
-        vael_pm_error err;
-        vael_pm_handle *pm = vael_pm_compile(list, answer, 0, &err, "regex run test");
+        vael_pm_handle *pm = vael_pm_test::compile(set.recs, 1, "regex run test", 0, answer);
         ASSERT_NE(pm, nullptr);
         for (const auto &r : rows) {
             Answer a{r.result, r.keep_going};
@@ -87,7 +85,6 @@ TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
             EXPECT_EQ(a.calls, r.all ? 3 : 1) << set.text;
         }
         vael_pm_destroy(pm);
-        vael_pm_patterns_destroy(list);
     }
 }
 
