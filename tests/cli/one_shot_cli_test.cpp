@@ -93,11 +93,8 @@ TEST(OneShotCli, StatsReportAfterTheScan) {
     const Scratch dir("stats_cli");
     dir.write("p.txt", "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n");
     dir.write("in.txt", "abc foo bar\nxyz foo12bar\n");
-    const struct {
-        const char *option;
-        int status;
-        std::vector<std::string> err;  // pieces of standard error, in this order
-    } rows[] = {
+    // The option, the exit status and pieces of standard error, in this order.
+    const struct { const char *option; int status; std::vector<std::string> err; } rows[] = {
         {"--stats", 0,
          {"Printing PM 0 stats ( vael-scan )\n", "Number of patterns in PM: 3\n", "Number of matches in first tier: 3\n",
           "LSS (matched: 1, matches that resulted in pm match: 1, match ratio: 1/1 ):foo\n"}},

@@ -62,14 +62,8 @@ std::vector<std::pair<std::size_t, std::int32_t>> brute_force(const std::map<std
 }
 
 TEST_F(VaelScan, Matches) {
-    struct Row {
-        const char *name;
-        std::string patterns, data;
-        Args options;
-        std::string expected;  // OFFSET:ID lines
-    };
     // Order, overlaps and binary strings are the brute force's to check, below.
-    const Row rows[] = {
+    const struct { const char *name; std::string patterns, data; Args options; std::string expected; } rows[] = {
         {"case matters", "1\tAbC\n", "x abc ABC", {}, ""},
         {"-i", "1\tAbC\n", "x abc ABC", {"-i", "--all"}, "4:1\n8:1\n"},
         // The first tier folds digits; the string's own digits are checked.
@@ -140,12 +134,8 @@ TEST_F(VaelScan, RegexAndWordLinesInEveryChunkSize) {
     const std::string word = "1\tword\tfoo bar\n2\tword-continuous\tab\n3\tword\t\xC3\xA9t\xC3\xA9\n4\tword\t{x}\n"
                              "5\tneedle\n";
     const std::string words = "foo bar xaby \xC3\x89T\xC3\x89 \xC3\xA9t\xC3\xA9 needle foo barn {x} foo bar";
-    const struct {
-        std::string patterns, data;
-        Args options;
-        std::string expected;  // in order when read in one block
-        bool chunked = true;   // also read in small blocks
-    } rows[] = {
+    // The expected lines are in order when read in one block; a row not chunked is not read in small blocks.
+    const struct { std::string patterns, data; Args options; std::string expected; bool chunked = true; } rows[] = {
         {re, "ab12c xAyz bqqq plain ab3c", {"--start"}, "0-4:1\n6-9:2\n11-13:3\n16-20:4\n"},
         {re, "ab12c xAyz bqqq plain ab3c", {"--all"}, "4:1\n25:1\n9:2\n13:3\n20:4\n"},
         {rem, "qab12c xAyz bqqq plain ab3c", {"--start"}, "0-0:3\n1-5:1\n7-10:2\n17-21:4\n"},
@@ -222,11 +212,7 @@ TEST_F(VaelScan, GrepHabits) {
     const auto a = write("t/a", "a dog dog"), b = write("t/sub/b", "nothing"), c = write("t/sub/c", "cat dog cat");
     const auto missing = dir_.path("missing"), t = dir_.path("t");
     const std::string e = "vael-scan: ", gone = ": No such file or directory\n";
-    const struct {
-        Args args;  // after -p p.txt
-        std::string stdin_bytes, out, err;
-        int status;
-    } rows[] = {
+    const struct { Args args; std::string stdin_bytes, out, err; int status; } rows[] = {  // args after -p p.txt
         {{a, b, c}, "", a + ":4:2\n" + c + ":2:1\n" + c + ":6:2\n", "", 0}, {{"-H", a}, "", a + ":4:2\n", "", 0},
         {{"--no-filename", a, c}, "", "4:2\n2:1\n6:2\n", "", 0},
         {{"-c", a, b, c}, "", a + ":1\n" + b + ":0\n" + c + ":2\n", "", 0}, {{"-c", "--all", a}, "", "2\n", "", 0},
@@ -402,11 +388,7 @@ TEST_F(VaelScan, Explain) {
 // pointed at where it lies; the spellings of options; --help.
 TEST_F(VaelScan, OptionsAndOneShotRuns) {
     const auto p = write("p.txt", "1\tCat\n"), f = write("f", "cat cat"), dash = write("-dash", "cat");
-    const struct {
-        Args args;
-        int status;
-        std::string out;  // the output's start for --help
-    } rows[] = {
+    const struct { Args args; int status; std::string out; } rows[] = {  // out: the output's start for --help
         // A span in a negated bracket excludes nothing; single characters do.
         {{"--tokens", "(a|b)*[^0-9]{2,5}[^xy]"}, 0,
          "OPEN_PAREN\nRANGE OPERAND a\nALTERNATE\nRANGE OPERAND b\nCLOSE_PAREN\nKLEENE (*)\n"

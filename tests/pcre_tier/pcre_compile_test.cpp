@@ -17,9 +17,7 @@ using vael_pcre_test::run;
 // Each flag bit shown by what the pattern then matches.
 TEST(PcreCompile, OptionsFromFlags) {
     struct Row {
-        const char *pattern;
-        uint32_t pattern_flags, compile_flags;
-        std::string text;
+        const char *pattern; uint32_t pattern_flags, compile_flags; std::string text;
         std::vector<Match> want;  // all matches, with starts
     };
     const uint32_t ml = VAEL_PCRE_MULTILINE;

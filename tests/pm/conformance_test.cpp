@@ -19,12 +19,8 @@ int never_valid(void *) { return 0; }
 // record as init left it; the log names the failure.
 TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     const vael_pm_tier1_funcs saved = pm_tier1_funcs[VAEL_PM_TIER1_STRING];
-    const struct {
-        const char *name;
-        std::function<void()> fault;
-        bool null_record;  // the list holds a null record behind "abc"
-        const char *log;
-    } rows[] = {
+    // null_record: the list holds a null record behind "abc".
+    const struct { const char *name; std::function<void()> fault; bool null_record; const char *log; } rows[] = {
         {"the string engine's handle fails validation",
          [] { pm_tier1_funcs[VAEL_PM_TIER1_STRING].is_valid = never_valid; }, false,
          "vael_pm_validate: Thin NFA handle is NOT valid\n"},

@@ -14,6 +14,7 @@
 
 namespace {
 
+using vael_pm_test::collect;
 using vael_test::Pattern;
 
 // Deterministic strings with few shared prefixes, so the trie is large.
@@ -95,7 +96,7 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
 
     vael_pm_patterns *list = vael_pm_test::pattern_list(c.patterns);
     vael_pm_handle *pm = nullptr;
-    auto attempt = [&] { return (pm = vael_pm_compile(list, vael_pm_test::collect, c.compile_flags, &err, "walk")) != nullptr; };
+    auto attempt = [&] { return (pm = vael_pm_compile(list, collect, c.compile_flags, &err, "walk")) != nullptr; };
     auto clean = [&] {
         return !pm && err.error_type == VAEL_PM_ERROR_INTERNAL && engine_text() &&
                (err.pattern_id == -1 || want.count(err.pattern_id));

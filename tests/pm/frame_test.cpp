@@ -78,12 +78,9 @@ TEST(FrameCompile, RefusalsGiveTheExactErrorAndHoldNoMemory) {
     const char *kWord = "Invalid arguments (not valid utf8 or only delimiters phrase)";
     const char *kShort = "The pattern's LSS is too short";
     const uint32_t S = VAEL_PM_CASELESS;
+    // The records get ids 1, 2, ...; the id blamed is 0 when the list compiles, -1 when it is refused with no message.
     const struct {
-        const char *name;
-        std::vector<vael_pm_test::Rec> records;  // ids 1, 2, ...
-        uint32_t compile_flags;
-        int min_lss;
-        int32_t id;  // 0: compiles; -1: refused with no message
+        const char *name; std::vector<vael_pm_test::Rec> records; uint32_t compile_flags; int min_lss; int32_t id;
         const char *error;
     } cases[] = {
         {"EmptyList", {}, 0, 1, -1, nullptr},
@@ -252,12 +249,7 @@ TEST(FrameMask, BitsFollowUserIds) {
     vael_pm_mask_set(other, 20), vael_pm_mask_set(other, 30);
     LogCapture quiet;
     // Steps on the mask in order, and the hits it lets through after each.
-    const struct {
-        const char *name;
-        std::function<int()> step;
-        int rc;
-        std::vector<Hit> hits;
-    } steps[] = {
+    const struct { const char *name; std::function<int()> step; int rc; std::vector<Hit> hits; } steps[] = {
         {"fresh mask silences everything", [] { return 0; }, 0, {}},
         {"set", [&] { return vael_pm_mask_set(mask, 20) + vael_pm_mask_set(mask, 30); }, 0, {{20, 4}, {30, 7}}},
         {"unset", [&] { return vael_pm_mask_unset(mask, 30); }, 0, {{20, 4}}},

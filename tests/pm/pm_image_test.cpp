@@ -261,10 +261,7 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
                 if (p->pattern_id == 0)
                     p->pattern_id = (int32_t)id;
     };
-    const struct {
-        int thin;
-        void (*rewrite)(void *, uint32_t);
-    } engines[] = {{1, rewrite_thin}, {0, rewrite_sm}};
+    const struct { int thin; void (*rewrite)(void *, uint32_t); } engines[] = {{1, rewrite_thin}, {0, rewrite_sm}};
     const int saved = vael_pm_tier1_use_thin_nfa;
     for (const auto &engine : engines) {
         vael_apps_fini();

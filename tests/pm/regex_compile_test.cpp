@@ -63,15 +63,12 @@ int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t
 // A match ends the run alike from the first tier (strings) and from the second (a regex): the callback's value comes
 // back unchanged, and keep_going 0 ends the run with 0.
 TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
-    const struct {
-        int result, keep_going;
-        int want_rc;
-        bool all;  // every match is told
-    } rows[] = {{0, 1, 0, true}, {7, 1, 7, false}, {-5, 1, -5, false}, {0, 0, 0, false}};
-    const struct {
-        std::vector<Rec> recs;
-        const char *text;  // three matches
-    } sets[] = {{{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
+    // What the callback answers, what the run returns, and whether every match is told.
+    const struct { int result, keep_going, want_rc; bool all; } rows[] = {
+        {0, 1, 0, true}, {7, 1, 7, false}, {-5, 1, -5, false}, {0, 0, 0, false}};
+    // Each text holds three matches.
+    const struct { std::vector<Rec> recs; const char *text; } sets[] = {
+        {{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
     LogCapture quiet;
     for (const auto &set : sets) {
         vael_pm_handle *pm = vael_pm_test::compile(set.recs, 1, "regex run test", 0, answer);
