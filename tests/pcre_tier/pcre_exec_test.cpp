@@ -18,17 +18,13 @@ using vael_pcre_test::run;
 const uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
 const uint32_t kStart = VAEL_PM_EXEC_MATCH_START;
 
-struct RunRow {
-    const char *pattern;
-    std::string text;
-    uint32_t exec_flags, start;
-    int stop_after, fail_at, result;
-    std::vector<Match> want;
-};
-
 // One table, run under both matchers: they agree on every row. What anchors and repeats match is for the
 // differential tests; these rows are the run's own arguments and answers.
 TEST(PcreExec, Delivery) {
+    struct RunRow {
+        const char *pattern; std::string text; uint32_t exec_flags, start; int stop_after, fail_at, result;
+        std::vector<Match> want;
+    };
     const std::vector<RunRow> rows = {
         {"a", "aaa", kAll | kStart, 0, 0, 0, 0, {{0, 0}, {1, 1}, {2, 2}}},
         {"a", "aaa", kStart, 0, 0, 0, 0, {{0, 0}}},                  // first match only

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/pm/pm_test_util.h"
@@ -147,19 +148,17 @@ TEST(StatsReport, FlagLanguage) {
         {"S=ID", {}, "Failed to parse flags: Illegal flag\n"},
     };
     for (const auto &row : kRows) {
+        SCOPED_TRACE(row.flags);
         vael_pm_stats_attrs attrs;
         vael_pm_stats_attrs_set_defaults(&attrs);
         LogCapture log;
         const int rc = vael_pm_stats_pars_flags(row.flags, &attrs);
         // The report's line ends what is printed; the log's notes may come before it.
-        EXPECT_TRUE(*row.message ? log.text().ends_with(row.message) : log.text().empty())
-            << row.flags << ": " << log.text();
-        EXPECT_EQ(rc, *row.message ? -1 : 0) << row.flags;
+        EXPECT_TRUE(*row.message ? log.text().ends_with(row.message) : log.text().empty()) << log.text();
+        EXPECT_EQ(rc, *row.message ? -1 : 0);
         if (rc == 0) {
-            EXPECT_EQ(std::vector<uint32_t>({attrs.sort, attrs.ascending, attrs.format, attrs.level}),
-                      std::vector<uint32_t>({row.expect.sort, row.expect.ascending, row.expect.format,
-                                             row.expect.level}))
-                << row.flags;
+            EXPECT_EQ(std::tie(attrs.sort, attrs.ascending, attrs.format, attrs.level),
+                      std::tie(row.expect.sort, row.expect.ascending, row.expect.format, row.expect.level));
         }
     }
 }
