@@ -32,10 +32,8 @@ TEST_F(ImageCli, SameOutputCompiledOrLoadedUnderEitherEngine) {
     const std::string images[2] = {dir_.path("thin.img"), dir_.path("sm.img")}, engines[2] = {"thin", "sm"};
     for (int e = 0; e < 2; e++)
         ASSERT_EQ(dir_.run({"--engine", engines[e], "-p", patterns, "--save", images[e]}).status, 0);
-    const struct {
-        Args options;
-        bool loadable;  // compile flags have no meaning for a loaded image
-    } rows[] = {
+    // Compile flags have no meaning for a loaded image: those rows are not loadable.
+    const struct { Args options; bool loadable; } rows[] = {
         {{}, true}, {{"--start", "--all", "--block-size", "7"}, true},
         {{"-c", "-i", "--all"}, false}, {{"--start", "--all", "--digitless"}, false}, {{"--rem", "-l"}, false},
     };

@@ -2,7 +2,6 @@
 // buf-miss, --dump-dfa and --stats; the answer, the exit status, and the usage errors.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -72,23 +71,20 @@ TEST(OneShotCli, DumpDfa) {
     auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
     const Scratch dir("dump_dfa");
     dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
-    const std::vector<std::string> p = {"-p", "p.txt"};
-    auto args = [&](const std::string &words) {
-        std::vector<std::string> out = p;
-        std::istringstream in(words);
-        for (std::string word; in >> word;) out.push_back(word);
-        return out;
-    };
-    check_rows(dir, {
-        {args("--rem --dump-dfa 1 csv"), 0,
+    std::vector<vael_cli_test::Row> rows = {
+        {{"--rem", "--dump-dfa", "1", "csv"}, 0,
          "The dfa has 3 states.\nstate_id,level,is_final,a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z\n1,0,0,2" +
              times(25, ",1") + "\n2,1,0,2,0" + times(24, ",1") + "\n0,2,1" + times(26, ",0") + "\n", ""},
-        {args("--dump-dfa=1 jflap"), 0, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
-        {args("--dump-dfa 2 csv"), 2, "", "--dump-dfa: no re line with id 2"},
-        {args("--dump-dfa 4 csv"), 2, "", "p.txt:4: the REM machine refuses pattern 4: Illegal sequence beginning with '{'"},
-        {args("--dump-dfa 1"), 2, "", "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
-        {args("--dump-dfa 1x csv"), 2, "", "bad pattern id '1x' for --dump-dfa"},
-    }, false);
+        {{"--dump-dfa=1", "jflap"}, 0, "?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
+        {{"--dump-dfa", "2", "csv"}, 2, "", "--dump-dfa: no re line with id 2"},
+        {{"--dump-dfa", "4", "csv"}, 2, "",
+         "p.txt:4: the REM machine refuses pattern 4: Illegal sequence beginning with '{'"},
+        {{"--dump-dfa", "1"}, 2, "", "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
+        {{"--dump-dfa", "1x", "csv"}, 2, "", "bad pattern id '1x' for --dump-dfa"},
+    };
+    for (auto &row : rows)
+        row.args.insert(row.args.begin(), {"-p", "p.txt"});
+    check_rows(dir, rows, false);
 }
 
 // The report after the scan on standard error, its pieces in order; the
@@ -97,11 +93,8 @@ TEST(OneShotCli, StatsReportAfterTheScan) {
     const Scratch dir("stats_cli");
     dir.write("p.txt", "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n");
     dir.write("in.txt", "abc foo bar\nxyz foo12bar\n");
-    const struct {
-        const char *option;
-        int status;
-        std::vector<std::string> err;  // pieces of standard error, in this order
-    } rows[] = {
+    // The option, the exit status and pieces of standard error, in this order.
+    const struct { const char *option; int status; std::vector<std::string> err; } rows[] = {
         {"--stats", 0,
          {"Printing PM 0 stats ( vael-scan )\n", "Number of patterns in PM: 3\n", "Number of matches in first tier: 3\n",
           "LSS (matched: 1, matches that resulted in pm match: 1, match ratio: 1/1 ):foo\n"}},

@@ -124,12 +124,11 @@ TEST(PatternFile, PrintableBytes) {
 // files read byte for byte within their limit.
 TEST(PatternFile, ReadsFromDisk) {
     const vael_cli_test::Scratch dir("pattern_file");
-    auto write = [&](const char *name, const std::string &bytes) { return dir.write(name, bytes); };
-    const auto good = vael::cli::read_pattern_file(write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
+    const auto good = vael::cli::read_pattern_file(dir.write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
     ASSERT_TRUE(good.ok());
     EXPECT_EQ(good.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));
     const std::pair<std::string, PatternFileError> bad[] = {
-        {write("b.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"), {3, "NUL byte in keyword rule 'c\\x00'"}},
+        {dir.write("b.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"), {3, "NUL byte in keyword rule 'c\\x00'"}},
         {dir.path("missing.txt"), {0, "No such file or directory"}}, {dir.path(""), {0, "Is a directory"}},
     };
     for (const auto &[path, error] : bad) {
@@ -139,7 +138,7 @@ TEST(PatternFile, ReadsFromDisk) {
     }
     std::string bytes(200 * 1024, '\0');  // more than one read's worth
     for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + (i >> 9));
-    const auto path = write("data.bin", bytes);
+    const auto path = dir.write("data.bin", bytes);
 
     std::string out = "stale";
     EXPECT_EQ(vael::cli::read_whole_file(path, out, bytes.size()), std::nullopt);
@@ -149,7 +148,7 @@ TEST(PatternFile, ReadsFromDisk) {
     EXPECT_TRUE(out.empty());
 
     out = "stale";
-    EXPECT_EQ(vael::cli::read_whole_file(write("empty.bin", ""), out), std::nullopt);
+    EXPECT_EQ(vael::cli::read_whole_file(dir.write("empty.bin", ""), out), std::nullopt);
     EXPECT_TRUE(out.empty());
 }
 

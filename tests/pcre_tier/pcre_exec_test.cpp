@@ -18,30 +18,21 @@ using vael_pcre_test::run;
 const uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
 const uint32_t kStart = VAEL_PM_EXEC_MATCH_START;
 
-struct RunRow {
-    const char *pattern;
-    std::string text;
-    uint32_t exec_flags;
-    uint32_t start;
-    int stop_after;
-    int fail_at;
-    int result;
-    std::vector<Match> want;
-};
-
-// One table, run under both matchers: they agree on every row.
+// One table, run under both matchers: they agree on every row. What anchors and repeats match is for the
+// differential tests; these rows are the run's own arguments and answers.
 TEST(PcreExec, Delivery) {
+    struct RunRow {
+        const char *pattern; std::string text; uint32_t exec_flags, start; int stop_after, fail_at, result;
+        std::vector<Match> want;
+    };
     const std::vector<RunRow> rows = {
         {"a", "aaa", kAll | kStart, 0, 0, 0, 0, {{0, 0}, {1, 1}, {2, 2}}},
         {"a", "aaa", kStart, 0, 0, 0, 0, {{0, 0}}},                  // first match only
         {"a", "aaa", kAll, 0, 0, 0, 0, {{0, 0}, {1, 0}, {2, 0}}},    // no start asked: 0
-        {"abc", "abcxabc", kAll | kStart, 0, 0, 0, 0, {{2, 0}, {6, 4}}},
         {"a", "aaa", kAll | kStart, 2, 0, 0, 0, {{2, 2}}},           // from the start offset
         {"a", "aaa", kAll, 3, 0, 0, 0, {}},                          // start at the end
         {"a", "aaa", kAll, 7, 0, 0, 0, {}},
         {"x*", "abc", kAll, 0, 0, 0, 0, {}},                         // an empty match is not told
-        {"a*b", "aab", kStart, 0, 0, 0, 0, {{2, 0}}}, {"^a", "aaa", kAll | kStart, 0, 0, 0, 0, {{0, 0}}},
-        {"a$", "aba", kAll | kStart, 0, 0, 0, 0, {{2, 2}}},
         {"b+", "abbcb", kAll | kStart, 0, 0, 0, 0, {{1, 1}, {2, 2}, {4, 4}}},
         {"a", "aaa", kAll, 0, 2, 0, 0, {{0, 0}, {1, 0}}},            // keep_going 0 ends the run
         {"a", "aaa", kAll, 0, 0, 2, -1, {{0, 0}, {1, 0}}},           // a failing function: -1

@@ -7,33 +7,20 @@
 #include <string>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
-#include "tests/support/vael_test_support.h"
+#include "tests/pm/pm_test_util.h"
 
 namespace {
 
 using vael_test::LogCapture;
 
-// A user's list of one string, "abc".
-vael_pm_patterns *abc_list(int32_t id) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, "abc", 3, id, 0), 0);
-    return list;
-}
-
 int never_valid(void *) { return 0; }
-
 
 // A failure of the frame's own (no pattern at fault) leaves the caller's
 // record as init left it; the log names the failure.
 TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     const vael_pm_tier1_funcs saved = pm_tier1_funcs[VAEL_PM_TIER1_STRING];
-    const struct {
-        const char *name;
-        std::function<void()> fault;
-        bool null_record;  // the list holds a null record behind "abc"
-        const char *log;
-    } rows[] = {
+    // null_record: the list holds a null record behind "abc".
+    const struct { const char *name; std::function<void()> fault; bool null_record; const char *log; } rows[] = {
         {"the string engine's handle fails validation",
          [] { pm_tier1_funcs[VAEL_PM_TIER1_STRING].is_valid = never_valid; }, false,
          "vael_pm_validate: Thin NFA handle is NOT valid\n"},
@@ -43,7 +30,7 @@ TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        vael_pm_patterns *list = abc_list(7);
+        vael_pm_patterns *list = vael_pm_test::pattern_list({{"abc", 7}});
         if (row.null_record) {
             ASSERT_NE(lst_insert(list, 0), 0);
         }
@@ -60,8 +47,6 @@ TEST(ConformanceError, FrameFailuresLeaveTheRecordAsInitLeftIt) {
         vael_pm_patterns_destroy(list);
     }
 }
-
-
 
 // The Thin NFA's run functions and the control side leave the shared library under their C names.
 TEST(ConformanceExports, RunAndControlFunctionsLeaveTheSharedLibrary) {

@@ -9,11 +9,12 @@
 #include <vector>
 
 #include "runtime/vael_runtime.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
+using vael_pm_test::collect;
 using vael_test::Pattern;
 
 // Deterministic strings with few shared prefixes, so the trie is large.
@@ -31,18 +32,6 @@ std::vector<Pattern> many_patterns(int count, int len) {
     return out;
 }
 
-std::string concat(const std::vector<Pattern> &patterns) {
-    std::string text;
-    for (const auto &p : patterns)
-        text += p.text + " ";
-    return text;
-}
-
-int collect_id(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t, vael_vbuf *, int *) {
-    static_cast<std::set<int32_t> *>(arg)->insert(id);
-    return 0;
-}
-
 struct WalkCase {
     const char *name;
     std::vector<Pattern> patterns;
@@ -52,13 +41,16 @@ struct WalkCase {
 
 std::vector<WalkCase> walk_cases() {
     const std::vector<Pattern> large = many_patterns(200, 12);
+    std::string all;
+    for (const auto &p : large)
+        all += p.text + " ";
     return {
         {"Plain", {{"he", 1}, {"she", 2}, {"his", 3}, {"hers", 4}}, 0, "ushers his"},
         {"Caseless", {{"Foo", 1, VAEL_PM_CASELESS}, {"bAr", 2, VAEL_PM_CASELESS}}, VAEL_PM_CASELESS, "FOO bar"},
         {"CaselessDigitless", {{"Ab1", 1, VAEL_PM_CASELESS}, {"ab2c", 2, VAEL_PM_CASELESS}},
          VAEL_PM_CASELESS | VAEL_PM_DIGITLESS, "aB9C"},
         // More states than one block holds: the block site is called twice.
-        {"TwoStateBlocks", large, 0, concat(large)},
+        {"TwoStateBlocks", large, 0, all},
     };
 }
 
@@ -102,11 +94,9 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
     vael_thin_nfa_destroy(nfa);
     vael_pmglob_patterns_destroy(strings);
 
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    for (const auto &p : c.patterns)
-        vael_pm_patterns_add_simple_pattern(list, p.text.data(), (uint32_t)p.text.size(), p.id, p.flags);
+    vael_pm_patterns *list = vael_pm_test::pattern_list(c.patterns);
     vael_pm_handle *pm = nullptr;
-    auto attempt = [&] { return (pm = vael_pm_compile(list, collect_id, c.compile_flags, &err, "walk")) != nullptr; };
+    auto attempt = [&] { return (pm = vael_pm_compile(list, collect, c.compile_flags, &err, "walk")) != nullptr; };
     auto clean = [&] {
         return !pm && err.error_type == VAEL_PM_ERROR_INTERNAL && engine_text() &&
                (err.pattern_id == -1 || want.count(err.pattern_id));
@@ -117,9 +107,8 @@ TEST_P(CompileWalk, ThinNfaAndPmFailCleanlyAtEveryAllocation) {
                                : vael_test::failmem_walk_each_allocation(attempt, clean);
     EXPECT_GT(w.rounds, 5);
     got.clear();
-    EXPECT_EQ(vael_pm_exec_ex(pm, reinterpret_cast<const unsigned char *>(c.text.data()), (uint32_t)c.text.size(),
-                              nullptr, nullptr, &got, 0),
-              0);
+    for (const auto &hit : vael_pm_test::run(pm, c.text, 0))
+        got.insert(hit.first);
     // Under digitless only the Thin NFA folds: the PM checks a string's own digits.
     if (!(c.compile_flags & VAEL_PM_DIGITLESS)) {
         EXPECT_EQ(got, want);

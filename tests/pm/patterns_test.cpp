@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
@@ -209,13 +208,8 @@ TEST(PatternAdd, NulBytes) {
     const std::string illegal =
         "vael[5]: vael_pmglob_string_create_replace_nulls: Found illegal '\\0' in the string\n"
         "vael[5]: vael_pm_patterns_add_pattern_with_LSS_ex: Error creating one_pattern\n";
-    const struct {
-        Op op;
-        std::string text;
-        int allow_null, rc;
-        std::string stored;  // lss of a simple pattern, re of a regex
-        std::string log;
-    } cases[] = {
+    // stored: the lss of a simple pattern, the re of a regex.
+    const struct { Op op; std::string text; int allow_null, rc; std::string stored, log; } cases[] = {
         {Op::kSimple, "a\0b"s, 0, 0, "a\0b"s, lss_note + "a\\x00b\n"}, {Op::kSimple, "a\0b"s, 1, 0, "a\0b"s, ""},
         {Op::kPattern, "a\0b"s, 0, 0, "a\\x00b", re_note + "a\\x00b\n"},
         {Op::kPattern, "a\\\0"s, 0, -1, "", re_note + "a\\\\x00\n" + illegal},

@@ -8,14 +8,11 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "rem/vael_dfa_internal.h"
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 #include "tier1/vael_thin_nfa_internal.h"
 #include "tier1/vael_wm.h"
 
@@ -44,21 +41,23 @@ vael_pm_handle *load(const Image &image) {
     return vael_pm_deserialize(image.data(), (uint32_t)image.size(), collect, "image test load");
 }
 
-std::vector<std::string> texts(const std::vector<std::string> &pieces, int n) {
+// Texts made of pieces that each kind of PM below finds, or nearly finds.
+std::vector<std::string> texts() {
+    const std::vector<std::string> pieces = {"GET /", "HOST:", "host:", "password", "abc123de", "abcde", "user=ab;",
+                                             "cmd.exe", "axab", "k=1 ", "k=9 ", " free ", "money", "Free Money",
+                                             " ", "\n", "a", "1", "\xff", std::string("\0", 1)};
+#if defined(__SANITIZE_ADDRESS__)
+    const int n = 25;
+#else
+    const int n = 60;
+#endif
     std::mt19937 rng(11);
-    std::vector<std::string> out;
-    for (int i = 0; i < n; i++) {
-        std::string t;
+    std::vector<std::string> out(n);
+    for (std::string &t : out)
         for (int k = rng() % 24; k > 0; k--)
             t += pieces[rng() % pieces.size()];
-        out.push_back(t);
-    }
     return out;
 }
-
-const std::vector<std::string> kPieces = {"GET /", "HOST:", "host:", "password", "abc123de", "abcde", "user=ab;",
-                                          "cmd.exe", "axab", "k=1 ", "k=9 ", " free ", "money", "Free Money",
-                                          " ", "\n", "a", "1", "\xff", std::string("\0", 1)};
 
 struct RoundTrip { const char *name; std::vector<Rec> recs; };
 
@@ -79,11 +78,7 @@ const std::vector<RoundTrip> kRoundTrips = {
 };
 
 TEST(PmImage, LoadedAndDuplicatedPmsScanLikeTheOriginal) {
-#if defined(__SANITIZE_ADDRESS__)
-    const auto all = texts(kPieces, 25);
-#else
-    const auto all = texts(kPieces, 60);
-#endif
+    const auto all = texts();
     vael_test::ScopedGlobal sanity(vael_pm_serialize_during_sanity_check, 0);
     for (const RoundTrip &row : kRoundTrips) {
         SCOPED_TRACE(row.name);
@@ -108,10 +103,7 @@ TEST(PmImage, LoadedAndDuplicatedPmsScanLikeTheOriginal) {
         vael_pm_handle *loaded = load(image);
         ASSERT_NE(loaded, nullptr);
         EXPECT_EQ(std::memcmp(loaded->uuid, before.uuid, 16), 0);
-        EXPECT_EQ(loaded->num_tier2, before.num_tier2);
-        EXPECT_EQ(loaded->stats.compile_time, before.stats.compile_time);
-        for (int s = 0; s < VAEL_PM_MAX_TIER1; s++)
-            EXPECT_EQ(loaded->tier1[s].tier1_type, before.tier1[s].tier1_type);
+        EXPECT_EQ(loaded->stats.compile_time, before.stats.compile_time);  // the sane image leaves times out
         size_t k = 0;
         for (const std::string &t : all)
             for (uint32_t flags : {0u, VAEL_PM_EXEC_ALL_MATCHES}) {
@@ -219,13 +211,8 @@ TEST(PmImage, BrokenFieldsAreRefusedWithTheirText) {
     vael_pm_destroy(pm);
     const uint32_t rec0 = 32;  // the first record follows the header
     const uint32_t end = (uint32_t)good.size();
-    struct Case {
-        const char *name;
-        uint32_t at;     // where to write `value`; UINT32_MAX appends it instead
-        uint32_t value;
-        const char *text;
-    };
-    const Case cases[] = {
+    // A row writes `value` at `at`; UINT32_MAX appends it instead.
+    const struct { const char *name; uint32_t at, value; const char *text; } cases[] = {
         {"image magic", 0, 0x12345678u, "Wrong serialization magic (12345678)"},
         {"PM magic", 20, 0x706d6665u, "Wrong PM magic (706d6665) at the buffer"},
         {"count absurd", 28, 0x7fffffffu, "No space left in the buffer after vael_ex_tier2_deserialize"},
@@ -236,7 +223,7 @@ TEST(PmImage, BrokenFieldsAreRefusedWithTheirText) {
         {"statistics magic", end - 32, 0x53525A4Eu, "Wrong serialization magic (53525a4e) at the buffer (2)"},
         {"extra bytes", UINT32_MAX, 0, "wrong serialization buffer size, left 4 bytes"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         Image bad = good;
         if (c.at == UINT32_MAX)
@@ -253,12 +240,8 @@ TEST(PmImage, BrokenFieldsAreRefusedWithTheirText) {
 // The run indexes patterns by what the first tier reports unchecked: an image whose first tier names an id past the
 // pattern count is refused at load, the last id is not, under either string engine.
 TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
-    struct Case {
-        const char *name;
-        uint32_t id;       // written over the id that "abc" reports
-        const char *text;  // the refusal; null: the image loads
-    };
-    const Case cases[] = {
+    // The id written over the one "abc" reports, and the refusal (null: the image loads).
+    const struct { const char *name; uint32_t id; const char *text; } cases[] = {
         {"the last pattern", 1, nullptr},
         {"one past the count", 2, "First tier reports pattern id 2, but the PM has 2 patterns\n"},
         {"the largest id", UINT32_MAX, "First tier reports pattern id 4294967294, but the PM has 2 patterns\n"},
@@ -278,16 +261,13 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
                 if (p->pattern_id == 0)
                     p->pattern_id = (int32_t)id;
     };
-    const struct {
-        int thin;
-        void (*rewrite)(void *, uint32_t);
-    } engines[] = {{1, rewrite_thin}, {0, rewrite_sm}};
+    const struct { int thin; void (*rewrite)(void *, uint32_t); } engines[] = {{1, rewrite_thin}, {0, rewrite_sm}};
     const int saved = vael_pm_tier1_use_thin_nfa;
     for (const auto &engine : engines) {
         vael_apps_fini();
         vael_pm_tier1_use_thin_nfa = engine.thin;
         ASSERT_EQ(vael_apps_init(nullptr), 0);
-        for (const Case &c : cases) {
+        for (const auto &c : cases) {
             SCOPED_TRACE(std::string(c.name) + (engine.thin ? ", Thin NFA" : ", SM"));
             vael_pm_handle *pm = compile({{'s', "abc"}, {'s', "de"}});
             ASSERT_NE(pm, nullptr);
@@ -304,13 +284,10 @@ TEST(PmImage, FirstTierIdsAreCheckedOnceAtLoad) {
             if (c.text) {
                 EXPECT_TRUE(log.contains(std::string("vael_tier1_deserialize: ") + c.text)) << log.text();
             }
+            const size_t proof = log.text().find("validation succeeded");
             if (engine.thin) {
-                const std::string proven = "validation succeeded";
-                size_t proofs = 0;
-                for (size_t at = log.text().find(proven); at != std::string::npos;
-                     at = log.text().find(proven, at + 1))
-                    proofs++;
-                EXPECT_EQ(proofs, 1u) << log.text();
+                EXPECT_NE(proof, std::string::npos) << log.text();
+                EXPECT_EQ(log.text().find("validation succeeded", proof + 1), std::string::npos) << "proven once";
             }
             if (loaded) {
                 // "abc" now reports the second pattern, whose user id is 101.

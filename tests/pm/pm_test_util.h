@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pm/vael_pm_internal.h"
+#include "tests/support/vael_test_support.h"
 
 namespace vael_pm_test {
 
@@ -40,6 +41,22 @@ inline vael_pm_patterns *make_list(const std::vector<Rec> &recs, int32_t first_i
     return list;
 }
 
+// Plain strings with the ids and flags the rows give.
+inline vael_pm_patterns *pattern_list(const std::vector<vael_test::Pattern> &patterns) {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    for (const auto &p : patterns)
+        EXPECT_EQ(vael_pm_patterns_add_simple_pattern(list, p.text.data(), (uint32_t)p.text.size(), p.id, p.flags), 0);
+    return list;
+}
+
+inline vael_pm_handle *compile_strings(const std::vector<vael_test::Pattern> &patterns, vael_pm_match_cb cb,
+                                       uint32_t flags = 0, vael_pm_error *err = nullptr, const char *name = "test") {
+    vael_pm_patterns *list = pattern_list(patterns);
+    vael_pm_handle *pm = vael_pm_compile(list, cb, flags, err, name);
+    vael_pm_patterns_destroy(list);
+    return pm;
+}
+
 inline int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset,
                    vael_vbuf *, int *) {
     static_cast<Hits *>(arg)->push_back({id, offset});
@@ -47,10 +64,10 @@ inline int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char 
 }
 
 inline vael_pm_handle *compile(const std::vector<Rec> &recs, int32_t first_id, const char *name,
-                               uint32_t compile_flags = 0) {
+                               uint32_t compile_flags = 0, vael_pm_match_cb cb = collect) {
     vael_pm_patterns *list = make_list(recs, first_id);
     vael_pm_error err;
-    vael_pm_handle *pm = vael_pm_compile(list, collect, compile_flags, &err, name);
+    vael_pm_handle *pm = vael_pm_compile(list, cb, compile_flags, &err, name);
     vael_pm_patterns_destroy(list);
     return pm;
 }

@@ -2,16 +2,12 @@
 // failure of the compile, one at a time, with the byte accounts back where they started.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <set>
 #include <string>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
@@ -67,20 +63,15 @@ int answer(vael_pm_handle *, int32_t, void *arg, const unsigned char *, uint32_t
 // A match ends the run alike from the first tier (strings) and from the second (a regex): the callback's value comes
 // back unchanged, and keep_going 0 ends the run with 0.
 TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
-    const struct {
-        int result, keep_going;
-        int want_rc;
-        bool all;  // every match is told
-    } rows[] = {{0, 1, 0, true}, {7, 1, 7, false}, {-5, 1, -5, false}, {0, 0, 0, false}};
-    const struct {
-        std::vector<Rec> recs;
-        const char *text;  // three matches
-    } sets[] = {{{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
+    // What the callback answers, what the run returns, and whether every match is told.
+    const struct { int result, keep_going, want_rc; bool all; } rows[] = {
+        {0, 1, 0, true}, {7, 1, 7, false}, {-5, 1, -5, false}, {0, 0, 0, false}};
+    // Each text holds three matches.
+    const struct { std::vector<Rec> recs; const char *text; } sets[] = {
+        {{{'s', "ab"}, {'s', "cd"}}, "ab cd ab"}, {{{'p', "a[0-9]+b"}}, "a1b a22b a333b"}};
     LogCapture quiet;
     for (const auto &set : sets) {
-        vael_pm_patterns *list = make_list(set.recs);
-        vael_pm_error err;
-        vael_pm_handle *pm = vael_pm_compile(list, answer, 0, &err, "regex run test");
+        vael_pm_handle *pm = vael_pm_test::compile(set.recs, 1, "regex run test", 0, answer);
         ASSERT_NE(pm, nullptr);
         for (const auto &r : rows) {
             Answer a{r.result, r.keep_going};
@@ -91,7 +82,6 @@ TEST(RegexRun, CallbackEndsTheRunFromEitherTier) {
             EXPECT_EQ(a.calls, r.all ? 3 : 1) << set.text;
         }
         vael_pm_destroy(pm);
-        vael_pm_patterns_destroy(list);
     }
 }
 

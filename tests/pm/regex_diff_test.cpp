@@ -10,8 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
-#include "tests/support/vael_test_support.h"
+#include "tests/pm/pm_test_util.h"
 
 namespace {
 

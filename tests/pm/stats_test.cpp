@@ -3,18 +3,15 @@
 // allocation failures.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <map>
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
@@ -61,32 +58,21 @@ std::string value_after(const std::string &text, const std::string &label, int n
     return "<missing " + label + ">";
 }
 
-// A CSV reader: ';' divides fields, a field may be quoted with '"'.
+// A CSV reader: ';' ends every field, a field may be quoted with '"'; no field here holds a ';'.
 std::vector<std::map<std::string, std::string>> read_csv(const std::string &text) {
     std::vector<std::vector<std::string>> rows;
     for (const std::string &line : lines_of(text)) {
-        std::vector<std::string> fields;
-        std::string field;
-        bool quoted = false;
-        for (char c : line) {
-            if (c == '"')
-                quoted = !quoted;
-            else if (c == ';' && !quoted)
-                fields.push_back(std::exchange(field, {}));
-            else
-                field += c;
-        }
-        EXPECT_FALSE(quoted) << line;
-        EXPECT_TRUE(field.empty()) << "every field ends with ';': " << line;
-        rows.push_back(fields);
+        EXPECT_TRUE(line.ends_with(';')) << line;
+        std::istringstream in(line);
+        rows.emplace_back();
+        for (std::string f; std::getline(in, f, ';');)
+            rows.back().push_back(f.size() > 1 && f[0] == '"' && f.back() == '"' ? f.substr(1, f.size() - 2) : f);
     }
-    std::vector<std::map<std::string, std::string>> records;
+    std::vector<std::map<std::string, std::string>> records(rows.empty() ? 0 : rows.size() - 1);
     for (size_t r = 1; r < rows.size(); r++) {
         EXPECT_LE(rows[r].size(), rows[0].size()) << "row " << r;
-        std::map<std::string, std::string> rec;
         for (size_t f = 0; f < rows[r].size() && f < rows[0].size(); f++)
-            rec[rows[0][f]] = rows[r][f];
-        records.push_back(rec);
+            records[r - 1][rows[0][f]] = rows[r][f];
     }
     return records;
 }
@@ -114,17 +100,9 @@ TEST(StatsReport, TextAndCsvOfAKnownScanAgree) {
     };
     for (const auto &[label, value] : kLines)
         EXPECT_EQ(value_after(text, label), value) << label;
-    for (size_t i = 0; i < std::size(kPatterns); i++) {
-        const PatternRow &p = kPatterns[i];
-        EXPECT_EQ(value_after(text, "Pattern id: ", (int)i).substr(0, 13),
-                  std::to_string(p.id) + " (internal " + std::to_string(i));
-        EXPECT_EQ(value_after(text, "LSS (matched: ", (int)i),
-                  std::string(p.tier1) + ", matches that resulted in pm match: " + p.matches +
-                      ", match ratio: " + p.ratio + " ):" + p.lss);
-    }
     EXPECT_TRUE(text.find("TIER2 type: PCRE\n") != std::string::npos && text.find("TIER2 type: REM\n") != std::string::npos);
 
-    // The same numbers as CSV, one table at a time.
+    // The same numbers as CSV, one table at a time; the pattern table both ways.
     auto pm_csv = read_csv(report(owner.pm, "/FORMAT=CSV,LEVEL=PM"));
     ASSERT_EQ(pm_csv.size(), 1u);
     EXPECT_EQ(pm_csv[0]["Patterns #"], value_after(text, "Number of patterns in PM: "));
@@ -139,6 +117,11 @@ TEST(StatsReport, TextAndCsvOfAKnownScanAgree) {
     ASSERT_EQ(t2_csv.size(), std::size(kPatterns));
     for (size_t i = 0; i < std::size(kPatterns); i++) {
         const PatternRow &p = kPatterns[i];
+        EXPECT_EQ(value_after(text, "Pattern id: ", (int)i).substr(0, 13),
+                  std::to_string(p.id) + " (internal " + std::to_string(i));
+        EXPECT_EQ(value_after(text, "LSS (matched: ", (int)i),
+                  std::string(p.tier1) + ", matches that resulted in pm match: " + p.matches +
+                      ", match ratio: " + p.ratio + " ):" + p.lss);
         EXPECT_EQ(t2_csv[i]["Pattern id"], std::to_string(p.id));
         EXPECT_EQ(t2_csv[i]["LSS matches #"], p.tier1);
         EXPECT_EQ(t2_csv[i]["LSS matches # that resulted in pm match"], p.matches);
@@ -165,19 +148,17 @@ TEST(StatsReport, FlagLanguage) {
         {"S=ID", {}, "Failed to parse flags: Illegal flag\n"},
     };
     for (const auto &row : kRows) {
+        SCOPED_TRACE(row.flags);
         vael_pm_stats_attrs attrs;
         vael_pm_stats_attrs_set_defaults(&attrs);
         LogCapture log;
         const int rc = vael_pm_stats_pars_flags(row.flags, &attrs);
         // The report's line ends what is printed; the log's notes may come before it.
-        EXPECT_TRUE(*row.message ? log.text().ends_with(row.message) : log.text().empty())
-            << row.flags << ": " << log.text();
-        EXPECT_EQ(rc, *row.message ? -1 : 0) << row.flags;
+        EXPECT_TRUE(*row.message ? log.text().ends_with(row.message) : log.text().empty()) << log.text();
+        EXPECT_EQ(rc, *row.message ? -1 : 0);
         if (rc == 0) {
-            EXPECT_EQ(std::vector<uint32_t>({attrs.sort, attrs.ascending, attrs.format, attrs.level}),
-                      std::vector<uint32_t>({row.expect.sort, row.expect.ascending, row.expect.format,
-                                             row.expect.level}))
-                << row.flags;
+            EXPECT_EQ(std::tie(attrs.sort, attrs.ascending, attrs.format, attrs.level),
+                      std::tie(row.expect.sort, row.expect.ascending, row.expect.format, row.expect.level));
         }
     }
 }

@@ -9,10 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
 #include "pm/vael_pm_strings.h"
+#include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 

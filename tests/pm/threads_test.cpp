@@ -2,36 +2,19 @@
 // compiles and destroys PMs of its own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "pm/vael_pm_internal.h"
-#include "tests/support/vael_test_support.h"
+#include "tests/pm/pm_test_util.h"
 
 namespace {
 
+using vael_pm_test::collect;
+using vael_pm_test::Hits;
 using vael_test::Pattern;
-
-using HitSet = std::set<std::pair<int32_t, uint32_t>>;
-
-int collect(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset, vael_vbuf *,
-            int *) {
-    static_cast<HitSet *>(arg)->insert({id, offset});
-    return 0;
-}
-
-vael_pm_handle *compile(const std::vector<Pattern> &patterns, const char *caller) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    for (const auto &p : patterns)
-        vael_pm_patterns_add_simple_pattern(list, p.text.data(), (uint32_t)p.text.size(), p.id, p.flags);
-    vael_pm_handle *pm = vael_pm_compile(list, collect, 0, nullptr, caller);
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
 
 TEST(Threads, EightScannersOnOnePmWhileAnotherThreadCompilesAndDestroys) {
     constexpr int kScanners = 8;
@@ -40,25 +23,20 @@ TEST(Threads, EightScannersOnOnePmWhileAnotherThreadCompilesAndDestroys) {
     std::string text;
     for (int i = 0; i < 400; i++)
         text += "ushers his shell, she sells; ";
-    HitSet want;
+    Hits want;
     for (const auto &h : vael_test::brute_force_all(patterns, text, 0))
-        want.insert({h.id, h.offset});
+        want.push_back({h.id, h.offset});
+    std::sort(want.begin(), want.end());
 
-    vael_pm_handle *pm = compile(patterns, "threads");
+    vael_pm_handle *pm = vael_pm_test::compile_strings(patterns, collect, 0, nullptr, "threads");
     ASSERT_NE(pm, nullptr);
-    const auto *data = reinterpret_cast<const unsigned char *>(text.data());
     std::atomic<int> scanners_left{kScanners};
     std::vector<int> wrong(kScanners, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < kScanners; t++) {
         threads.emplace_back([&, t] {
-            for (int round = 0; round < kRounds; round++) {
-                HitSet got;
-                if (vael_pm_exec_ex(pm, data, (uint32_t)text.size(), nullptr, nullptr, &got,
-                                    VAEL_PM_EXEC_ALL_MATCHES) != 0 ||
-                    got != want)
-                    wrong[t]++;
-            }
+            for (int round = 0; round < kRounds; round++)
+                wrong[t] += vael_pm_test::run(pm, text, VAEL_PM_EXEC_ALL_MATCHES) != want;
             scanners_left--;
         });
     }
@@ -66,15 +44,13 @@ TEST(Threads, EightScannersOnOnePmWhileAnotherThreadCompilesAndDestroys) {
     threads.emplace_back([&] {
         // At least a few PMs, then as many as the scanners leave time for.
         for (int i = 0; i < 4 || scanners_left > 0; i++) {
-            vael_pm_handle *other = compile({{"other" + std::to_string(i), i}, {"sh", 100}}, "threads-other");
+            const std::vector<Pattern> others = {{"other" + std::to_string(i), i}, {"sh", 100}};
+            vael_pm_handle *other = vael_pm_test::compile_strings(others, collect);
             if (!other) {
                 compile_failures++;
                 continue;
             }
-            HitSet got;
-            const unsigned char two[] = "sh";
-            vael_pm_exec_ex(other, two, 2, nullptr, nullptr, &got, 0);
-            compile_failures += got != HitSet{{100, 1}};
+            compile_failures += vael_pm_test::run(other, "sh", 0) != Hits{{100, 1}};
             vael_pm_destroy(other);
             compiled++;
         }
