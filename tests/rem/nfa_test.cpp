@@ -10,12 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "rem/vael_dfa_internal.h"
+#include "tests/rem/rem_support.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
+using vael_test::all_strings;
 
 constexpr uint32_t kExact = VAEL_DFA_NO_FINAL_SINK;  // judge at the end: the DFA accepts exactly L
 
@@ -88,15 +88,6 @@ bool dfa_accepts(vael_dfa *dfa, const std::string &s) {
     for (unsigned char c : s)
         st = vael_dfa_state_get_next_state(st, c);
     return vael_dfa_state_is_final(st);
-}
-
-std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
-    std::vector<std::string> out{""};
-    for (size_t i = 0; i < out.size(); i++)
-        if (out[i].size() < max_len)
-            for (char c : alphabet)
-                out.push_back(out[i] + c);
-    return out;
 }
 
 struct Language {

@@ -79,13 +79,7 @@ std::vector<uint32_t> reference(const WholeMatch &m, const std::string &text, bo
     return out;
 }
 
-std::string random_text(std::mt19937 &rng) {
-    std::string t;
-    const size_t n = 1 + rng() % 14;
-    for (size_t i = 0; i < n; i++)
-        t += "abcd"[rng() % 4];
-    return t;
-}
+std::string random_text(std::mt19937 &rng) { return vael_test::random_word(rng, "abcd", 1, 14); }
 
 TEST(RemPcreDiff, SameMatchesAndEndsAsPcre) {
     std::mt19937 rng(20261123);
