@@ -127,6 +127,32 @@ std::vector<unsigned char> write_image(uint32_t size, Write write) {
     return image;
 }
 
+// Every cut of an image and every change of one of its bytes by 0x01, 0x80 or
+// 0xff, each in a copy of its own size so that a read past it is ASan's:
+// `load(bytes)` gives null or a handle, which `use` runs and frees. A cut
+// short of `loads_from` bytes must be refused. The changed images that load.
+template <class Load, class Use>
+int damage_walk(const std::vector<unsigned char> &image, Load load, Use use, size_t loads_from = SIZE_MAX) {
+    for (size_t cut = 1; cut < image.size(); cut++) {
+        auto *handle = load(std::vector<unsigned char>(image.begin(), image.begin() + (long)cut));
+        EXPECT_TRUE(!handle || cut >= loads_from) << "cut at " << cut;
+        if (handle)
+            use(handle);
+    }
+    int loaded = 0;
+    for (size_t at = 0; at < image.size(); at++) {
+        for (unsigned char change : {0x01, 0x80, 0xff}) {
+            std::vector<unsigned char> bad = image;
+            bad[at] ^= change;
+            if (auto *handle = load(bad)) {
+                loaded++;
+                use(handle);
+            }
+        }
+    }
+    return loaded;
+}
+
 // The bytes in blocks of `block` in a new vbuf, pointing into the caller's bytes. Under fail injection an add may
 // fail: the vbuf is then short, which whatever reads it must take as cut.
 inline vael_vbuf *vbuf_of(const void *data, size_t size, size_t block) {

@@ -181,41 +181,26 @@ TEST(ThinNfaImage, CutsAndByteChanges) {
     ScopedTopic thin("K_THINNFA", VAEL_DBG_ERR);
     ScopedTopic error("K_ERROR", VAEL_DBG_ERR);
     // A refusal names its reason in one of the engine's texts.
-    auto refused_with_text = [](const LogCapture &log) {
+    auto read = [](const Image &bytes) {
+        LogCapture log;
+        vael_thin_nfa *back = load_flat(bytes, (uint32_t)bytes.size());
+        bool named = false;
         for (const char *text : {" at the buffer start\n", " at the buffer end\n", "Trying to deserialize a DFA",
                                  " validation failed\n"})
-            if (log.contains(text))
-                return true;
-        return false;
+            named = named || log.contains(text);
+        EXPECT_TRUE(back || named) << bytes.size() << " bytes: " << log.text();
+        return back;
     };
-    for (uint32_t cut = 1; cut < image.size(); cut++) {
-        LogCapture log;
-        Loaded back{load_flat(image, cut)};
-        // Only the statistics' tail may be missing.
-        if (back.nfa) {
-            EXPECT_GE(cut, image.size() - 16) << "cut at " << cut;
-        } else {
-            EXPECT_TRUE(refused_with_text(log)) << "cut at " << cut << ": " << log.text();
-        }
-    }
-    int accepted = 0;
-    for (size_t at = 0; at < image.size(); at++) {
-        for (unsigned change : {0x01u, 0x80u, 0xffu}) {
-            Image bad = image;
-            bad[at] ^= (unsigned char)change;
-            LogCapture log;
-            Loaded back{load_flat(bad, (uint32_t)bad.size())};
-            if (!back.nfa) {
-                EXPECT_TRUE(refused_with_text(log)) << "byte " << at << ": " << log.text();
-                continue;
-            }
-            accepted++;
-            EXPECT_EQ(vael_thin_nfa_is_valid(back.nfa), 1);
-            for (const std::string &t : texts)
-                scan(back.nfa, t, (at % 3) + 1);
-        }
-    }
-    EXPECT_GT(accepted, 0); // the translation table, ids, flags and statistics take any value
+    size_t block = 0;
+    auto use = [&](vael_thin_nfa *back) {
+        EXPECT_EQ(vael_thin_nfa_is_valid(back), 1);
+        for (const std::string &t : texts)
+            scan(back, t, block++ % 3 + 1);
+        vael_thin_nfa_destroy(back);
+    };
+    // Only the statistics' tail may be missing; the translation table, ids,
+    // flags and statistics take any value.
+    EXPECT_GT(vael_test::damage_walk(image, read, use, image.size() - 16), 0);
     lst_pool_drain(&vael_pmglob_match_data_lst_elems_pool);
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
     EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
