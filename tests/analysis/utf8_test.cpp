@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <pcre.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
-#include <random>
 #include <string>
 #include <vector>
 

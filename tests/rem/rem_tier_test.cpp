@@ -1,7 +1,6 @@
 // The REM tier: compile refusals, runs over flat and virtual buffers, the PM row, allocation failures.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
