@@ -1,6 +1,5 @@
 // UTF-8 patterns rewritten to byte-level expressions, held against PCRE's UTF-8 mode.
 #include <gtest/gtest.h>
-#include <pcre.h>
 
 #include <string>
 #include <vector>
@@ -8,6 +7,7 @@
 #include "analysis/vael_pm_utf8.h"
 #include "pm/vael_pm_internal.h"
 #include "tests/support/failmem_walk.h"
+#include "tests/support/pcre_whole.h"
 #include "tests/support/random_regex.h"
 #include "tests/support/vael_test_support.h"
 
@@ -79,20 +79,6 @@ std::string hex(const std::string &s) {
     return out;
 }
 
-struct Pcre {
-    pcre *re = nullptr;
-    explicit Pcre(const std::string &body, int options) {
-        const char *error = nullptr;
-        int offset = 0;
-        re = pcre_compile(("^(?:" + body + ")\\z").c_str(), options, &error, &offset, nullptr);
-    }
-    ~Pcre() { pcre_free(re); }
-    bool full_match(const std::string &s) const {
-        int ovector[30];
-        return pcre_exec(re, nullptr, s.data(), (int)s.size(), 0, 0, ovector, 30) >= 0;
-    }
-};
-
 TEST(Utf8Rewrite, ByteLevelTextAcceptsWhatPcreAcceptsInUtf8Mode) {
     vael_test::RegexGrammar grammar;
     // Code points on both sides of the one-, two-, three- and four-byte bounds.
@@ -107,18 +93,17 @@ TEST(Utf8Rewrite, ByteLevelTextAcceptsWhatPcreAcceptsInUtf8Mode) {
         const Rewrite r = rewrite(pattern.text);
         ASSERT_TRUE(r.ok) << pattern.text << ": " << r.text;
         ASSERT_EQ(r.text.find('\0'), std::string::npos);
-        const Pcre utf8(pattern.text, PCRE_UTF8);
-        const Pcre bytes(r.text, 0);
-        ASSERT_NE(utf8.re, nullptr) << pattern.text;
-        ASSERT_NE(bytes.re, nullptr) << r.text;
+        const vael_test::WholeMatch utf8(pattern.text, PCRE_UTF8), bytes(r.text, 0);
+        ASSERT_TRUE(utf8.ok()) << pattern.text;
+        ASSERT_TRUE(bytes.ok()) << r.text;
         for (int t = 0; t < 8; t++) {
             std::vector<uint32_t> chars;
             g.member(pattern, chars);
             if (t % 2)
                 g.mutate(chars);
             const std::string text = vael_test::encode_utf8(chars);
-            const bool want = utf8.full_match(text);
-            EXPECT_EQ(bytes.full_match(text), want) << "pattern " << hex(pattern.text) << "\nrewrite "
+            const bool want = utf8.whole(text);
+            EXPECT_EQ(bytes.whole(text), want) << "pattern " << hex(pattern.text) << "\nrewrite "
                                                     << hex(r.text) << "\ntext " << hex(text);
             cases++;
             matches += want;

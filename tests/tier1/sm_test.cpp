@@ -251,8 +251,8 @@ TEST(SmFailmem, CompileAndImageLoadFailCleanlyAtEveryAllocation) {
     const auto done = [&] { return made == nullptr; };
     for (const auto &make : {std::function<vael_dfa *()>([&] { return sm_load(image); }),
                              std::function<vael_dfa *()>([&] { return vael_dfa_duplicate(sm.dfa); })}) {
-        const auto walk = vael_test::failmem_walk_each_allocation([&] { return (made = make()) != nullptr; }, done);
-        EXPECT_GT(walk.injected, 1);
+        const auto copied = vael_test::failmem_walk_each_allocation([&] { return (made = make()) != nullptr; }, done);
+        EXPECT_GT(copied.injected, 1);
         ASSERT_NE(made, nullptr);
         ASSERT_NE(made->run_next, nullptr);
         EXPECT_EQ(sm_image(made), image);
