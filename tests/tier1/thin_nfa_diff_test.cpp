@@ -39,12 +39,7 @@ class Generator {
     bool chance(int percent) { return uniform(0, 99) < percent; }
     char symbol() { return alphabet_[uniform(0, (int)alphabet_.size() - 1)]; }
 
-    std::string word(int min_len, int max_len) {
-        std::string w;
-        for (int n = uniform(min_len, max_len); n > 0; n--)
-            w += symbol();
-        return w;
-    }
+    std::string word(int min_len, int max_len) { return vael_test::random_word(rng_, alphabet_, min_len, max_len); }
 
     // Another spelling of `s` that folds to the same bytes under `flags`.
     std::string respell(std::string s, uint32_t flags) {
