@@ -119,6 +119,8 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
             expect_complete(sm.dfa, row.flags);
             const auto want = vael_test::brute_force_all(patterns, text, row.flags);
             EXPECT_EQ(run(sm.dfa, text), want);
+            for (const Hit &h : run(sm.dfa, text))
+                EXPECT_EQ(h.hint, patterns[h.id].text.size()) << "the length of a hit of " << h.id;
             EXPECT_EQ(vael_test::sorted(thin.hits(text, kAll)), want);
             EXPECT_EQ(run(sm.dfa, text, VAEL_PM_EXEC_FROM_PM), vael_test::first_per_id(want));
             std::vector<size_t> cuts;
@@ -134,28 +136,15 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
     }
 }
 
-TEST(SmCases, SuffixesLengthsAndTheFoldedList) {
-    struct Row {
-        std::vector<Pattern> patterns;
-        uint32_t flags;
-        std::string text;
-        std::vector<Hit> hits;   // hint: the string's own length
-        std::string list_reads;  // the caller's first string after the compile
-    };
-    const Row rows[] = {
-        {{{"abcd", 1}, {"bcd", 2}, {"cd", 3}}, 0, "xabcd", {{1, 4, 0, 4}, {2, 4, 0, 3}, {3, 4, 0, 2}}, "abcd"},
-        {{{"bcx", 1}, {"abcd", 2}, {"c", 3}}, 0, "abcx", {{3, 2, 0, 1}, {1, 3, 0, 3}}, "bcx"},
-        {{{"HeLLo", 1}}, VAEL_PM_CASELESS, "hello HELLO", {{1, 4, 0, 5}, {1, 10, 0, 5}}, "hello"},
-        {{{"a7", 1}}, VAEL_PM_DIGITLESS, "a0 a9 b1 A7", {{1, 1, 0, 2}, {1, 4, 0, 2}}, "a0"},
-        {{{"X1y", 1}}, kBoth, "x9Y X0y", {{1, 2, 0, 3}, {1, 6, 0, 3}}, "x0y"},
+// Hits and their lengths are the differential test's; the compile also folds
+// the caller's list in place.
+TEST(SmCases, TheCompileFoldsTheCallersList) {
+    const struct { std::vector<Pattern> patterns; uint32_t flags; std::string list_reads; } rows[] = {
+        {{{"bcX", 1}, {"abcd", 2}}, 0, "bcX"}, {{{"HeLLo", 1}}, VAEL_PM_CASELESS, "hello"},
+        {{{"a7", 1}}, VAEL_PM_DIGITLESS, "a0"}, {{{"X1y", 1}}, kBoth, "x0y"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
         const Sm sm(row.patterns, row.flags);
-        const auto got = run(sm.dfa, row.text);
-        ASSERT_EQ(got, row.hits);
-        for (size_t i = 0; i < got.size(); i++)
-            EXPECT_EQ(got[i].hint, row.hits[i].hint) << "length of hit " << i;
         uintptr_t v = 0;
         lst_iterate(sm.list, nullptr, &v);
         EXPECT_EQ(reinterpret_cast<const char *>(reinterpret_cast<vael_pmglob_string *>(v)->pattern), row.list_reads);
