@@ -80,26 +80,15 @@ const MeaningRow kMeaning[] = {
     {"a\\sb\\d", CL, 0, -10, 2, "Found whitespace special character '\\s'", 2},
 };
 
-class Verify : public testing::Test {
-  protected:
-    static void SetUpTestSuite() { handle_ = vael_pm_regexp_verify_init(); }
-    static void TearDownTestSuite() {
-        vael_pm_regexp_verify_fini(handle_);
-        handle_ = nullptr;
-    }
-    static vael_pm_regexp_verify_handle *handle_;
-};
-vael_pm_regexp_verify_handle *Verify::handle_ = nullptr;
-
-TEST_F(Verify, IdenticalMeaningAnswers) {
-    ASSERT_NE(handle_, nullptr);
+TEST(Verify, IdenticalMeaningAnswers) {
+    vael_pm_regexp_verify_handle *handle = vael_pm_regexp_verify_init();
+    ASSERT_NE(handle, nullptr);
     vael_test::LogCapture quiet;
     for (const auto &row : kMeaning) {
         SCOPED_TRACE("pattern '" + row.pattern + "'");
         vael_pm_regexp_result r;
-        const int rc = vael_pm_regexp_verify_identical_meaning(handle_, row.pattern.data(),
-                                                               (uint32_t)row.pattern.size(), row.compile_flags,
-                                                               row.pattern_flags, &r);
+        const int rc = vael_pm_regexp_verify_identical_meaning(handle, row.pattern.data(), (uint32_t)row.pattern.size(),
+                                                               row.compile_flags, row.pattern_flags, &r);
         EXPECT_EQ(rc, row.code == 0 ? 0 : -1);
         EXPECT_EQ(r.code, row.code);
         EXPECT_EQ(r.type, row.type);
@@ -109,6 +98,7 @@ TEST_F(Verify, IdenticalMeaningAnswers) {
             EXPECT_STREQ(r.error.error_string, row.pm_error);
         }
     }
+    vael_pm_regexp_verify_fini(handle);
 }
 
 TEST(VerifySyntax, OlderEngineAndWords) {

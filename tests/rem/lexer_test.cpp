@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -104,16 +102,17 @@ constexpr uint32_t kDotAll = 0x1;
 // quantifiers, plain characters, escapes and brackets, and every refusal
 // with its words and position.
 TEST_F(RemLexer, TokenStreamsAndRefusals) {
+    // What the plain forms mean (letters, classes, the dot, groups and
+    // quantifiers) is held against PCRE by the differential test.
     const Row rows[] = {
-        {"abc[0-9]+de", 0, "<a> <b> <c> <[0-9]> M{1,} <d> <e>"}, {"(a|b)*?", 0, "( <a> | <b> ) * B{0,1}"},
         {"a{2}b{2,2}c{2,3}d{2,}", 0, "<a> U{2} <b> U{2} <c> B{2,3} <d> M{2,}"},
         {"a{0}b{0,0}c{007,10}", 0, "<a> U{0} <b> U{0} <c> B{7,10}"},
         // Big counts are the later parts' to bound; past 32 bits they wrap.
         {"a{99999999}", 0, "<a> U{99999999}"}, {"a{4294967297}", 0, "<a> U{1}"},
         // '}', ']', '^', '$', ',' and '-' alone are plain.
         {"}]^$,-", 0, "<}> <]> <^> <$> <,> <->"}, {"\xff\x01", 0, "<\\xff> <\\x01>"},
-        {".", 0, "<[\\x00-\\x09\\x0b-\\xff]>"}, {".", kDotAll, "<[\\x00-\\xff]>"},
-        {".", 0x8, "<[\\x00-\\x0c\\x0e-\\xff]>"}, {".", 0x10, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>"},
+        {".", 0, "<[\\x00-\\x09\\x0b-\\xff]>"}, {".", 0x8, "<[\\x00-\\x0c\\x0e-\\xff]>"},
+        {".", 0x10, "<[\\x00-\\x09\\x0b\\x0c\\x0e-\\xff]>"},
         {"\\x41\\x{41}\\x414", 0, "<A> <A> <A> <4>"}, {"\\x{}\\xg", 0, "<\\x00> <\\x00> <g>"},
         {"\\x2a\\x7C", 0, "<\\*> <\\|>"},  // a character, never an operator
         {"\\377\\18\\0\\101", 0, "<\\xff> <\\x01> <8> <\\x00> <A>"},
@@ -122,8 +121,7 @@ TEST_F(RemLexer, TokenStreamsAndRefusals) {
         {"\\d\\D", 0, "<[0-9]> <[\\x00-/:-\\xff]>"}, {"\\w\\W", 0, "<[0-9A-Z_a-z]> <[\\x00-/:-@[-\\^`{-\\xff]>"},
         // Vertical tab is in neither set of spaces.
         {"\\s\\S", 0, "<[\\x09\\x0a\\x0c\\x0d ]> <[\\x00-\\x08\\x0b\\x0e-\\x1f!-\\xff]>"},
-        {"\\.\\b\\A\\Q\\8\\\\\\(", 0, "<\\.> <b> <A> <Q> <8> <\\\\> <\\(>"}, {"[abc]", 0, "<[a-c]>"},
-        {"[a-cx]", 0, "<[a-cx]>"}, {"[^abc]", 0, "<[^a-c]>"},
+        {"\\.\\b\\A\\Q\\8\\\\\\(", 0, "<\\.> <b> <A> <Q> <8> <\\\\> <\\(>"}, {"[a-cx]", 0, "<[a-cx]>"},
         // A span in a negated bracket clears flags that were clear: it excludes nothing.
         {"[^a-c]", 0, "<[^]>"}, {"[^]", 0, "<[^]>"}, {"[\\d_]", 0, "<[0-9_]>"},
         {"[\\]\\-\\\\]", 0, "<[\\-\\\\\\]]>"}, {"[.*([{$]", 0, "<[$(*.[{]>"}, {"[\\n-\\r]", 0, "<[\\x0a-\\x0d]>"},

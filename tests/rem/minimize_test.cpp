@@ -11,6 +11,7 @@
 
 namespace {
 
+using vael_test::all_strings;
 using vael_test::LogCapture;
 
 // The unminimized DFA of a pattern, as vael_rem_compile makes it before
@@ -63,18 +64,6 @@ uint32_t moore_count(const vael_dfa *dfa) {
         count = (uint32_t)sig.size();
         cls = next;
     }
-}
-
-std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
-    std::vector<std::string> out{""};
-    for (size_t from = 0, len = 0; len < max_len; len++) {
-        const size_t to = out.size();
-        for (size_t i = from; i < to; i++)
-            for (char c : alphabet)
-                out.push_back(out[i] + c);
-        from = to;
-    }
-    return out;
 }
 
 void check_minimization(const std::string &pattern, uint32_t flags, const std::vector<std::string> &strings) {

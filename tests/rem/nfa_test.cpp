@@ -10,12 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "rem/vael_dfa_internal.h"
+#include "tests/rem/rem_support.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 
 namespace {
 
+using vael_test::all_strings;
 
 constexpr uint32_t kExact = VAEL_DFA_NO_FINAL_SINK;  // judge at the end: the DFA accepts exactly L
 
@@ -26,7 +26,8 @@ class Nfa : public ::testing::Test {
     static void SetUpTestSuite() { ASSERT_EQ(vael_nfa_init(), 0); }
 };
 
-using Builder = std::function<vael_nfa *(vael_nfa_env *)>;
+using Env = vael_nfa_env *;
+using Builder = std::function<vael_nfa *(Env)>;
 
 vael_nfa *chars(vael_nfa_env *env, const char *s) {
     return vael_nfa_build_chars(env, reinterpret_cast<const unsigned char *>(s), (uint32_t)strlen(s));
@@ -90,15 +91,6 @@ bool dfa_accepts(vael_dfa *dfa, const std::string &s) {
     return vael_dfa_state_is_final(st);
 }
 
-std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
-    std::vector<std::string> out{""};
-    for (size_t i = 0; i < out.size(); i++)
-        if (out[i].size() < max_len)
-            for (char c : alphabet)
-                out.push_back(out[i] + c);
-    return out;
-}
-
 struct Language {
     const char *name;
     uint32_t flags;
@@ -114,30 +106,28 @@ vael_nfa *Q(vael_nfa *a, uint32_t n) { return vael_nfa_build_quantify(a, n); }
 
 std::vector<Language> languages() {
     const uint32_t ci = VAEL_DFA_CASELESS;
-    auto a_b = [](vael_nfa_env *e) { return vael_nfa_build_concat(chars(e, "a"), vael_nfa_build_kleene(chars(e, "b"))); };
+    auto a_b = [](Env e) { return vael_nfa_build_concat(chars(e, "a"), vael_nfa_build_kleene(chars(e, "b"))); };
     return {
-        {"chars", 0, [](vael_nfa_env *e) { return chars(e, "ab"); }, "ab"},
-        {"no chars", 0, [](vael_nfa_env *e) { return chars(e, ""); }, ""},
-        {"empty", 0, [](vael_nfa_env *e) { return vael_nfa_build_empty_nfa(e); }, ""},
-        {"class", 0, [](vael_nfa_env *e) { return range(e, "ab"); }, "[ab]"},
-        {"negated class", 0, [](vael_nfa_env *e) { return range(e, "a", true); }, "[^a]"},
-        {"empty class", 0, [](vael_nfa_env *e) { return range(e, ""); }, "(?!)"}, {"concat kleene", 0, a_b, "ab*"},
-        {"alternate", 0, [](vael_nfa_env *e) { return vael_nfa_build_alternate(chars(e, "ab"), chars(e, "c")); }, "ab|c"},
-        {"kleene of alternate", 0, [](vael_nfa_env *e) { return K(A(chars(e, "a"), chars(e, "bc"))); }, "(a|bc)*"},
-        {"quantify 0", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(chars(e, "ab"), 0); }, ""},
-        {"quantify 1", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(chars(e, "ab"), 1); }, "ab"},
-        {"quantify class 3", 0, [](vael_nfa_env *e) { return vael_nfa_build_quantify(range(e, "ab"), 3); }, "[ab]{3}"},
-        {"quantify loop 2", 0, [](vael_nfa_env *e) { return Q(C(K(chars(e, "a")), chars(e, "b")), 2); }, "(a*b){2}"},
-        {"quantify optional 4", 0, [](vael_nfa_env *e) { return Q(A(chars(e, "a"), vael_nfa_build_empty_nfa(e)), 4); },
-         "a{0,4}"},
-        {"nested quantify", 0, [](vael_nfa_env *e) { return Q(C(chars(e, "c"), Q(chars(e, "ab"), 2)), 2); },
-         "(c(ab){2}){2}"},
-        {"unanchored search", 0, [](vael_nfa_env *e) { return C(C(any_star(e), chars(e, "ab")), any_star(e)); },
+        {"chars", 0, [](Env e) { return chars(e, "ab"); }, "ab"},
+        {"no chars", 0, [](Env e) { return chars(e, ""); }, ""},
+        {"empty", 0, [](Env e) { return vael_nfa_build_empty_nfa(e); }, ""},
+        {"class", 0, [](Env e) { return range(e, "ab"); }, "[ab]"},
+        {"negated class", 0, [](Env e) { return range(e, "a", true); }, "[^a]"},
+        {"empty class", 0, [](Env e) { return range(e, ""); }, "(?!)"}, {"concat kleene", 0, a_b, "ab*"},
+        {"alternate", 0, [](Env e) { return vael_nfa_build_alternate(chars(e, "ab"), chars(e, "c")); }, "ab|c"},
+        {"kleene of alternate", 0, [](Env e) { return K(A(chars(e, "a"), chars(e, "bc"))); }, "(a|bc)*"},
+        {"quantify 0", 0, [](Env e) { return vael_nfa_build_quantify(chars(e, "ab"), 0); }, ""},
+        {"quantify 1", 0, [](Env e) { return vael_nfa_build_quantify(chars(e, "ab"), 1); }, "ab"},
+        {"quantify class 3", 0, [](Env e) { return vael_nfa_build_quantify(range(e, "ab"), 3); }, "[ab]{3}"},
+        {"quantify loop 2", 0, [](Env e) { return Q(C(K(chars(e, "a")), chars(e, "b")), 2); }, "(a*b){2}"},
+        {"quantify optional 4", 0, [](Env e) { return Q(A(chars(e, "a"), vael_nfa_build_empty_nfa(e)), 4); }, "a{0,4}"},
+        {"nested quantify", 0, [](Env e) { return Q(C(chars(e, "c"), Q(chars(e, "ab"), 2)), 2); }, "(c(ab){2}){2}"},
+        {"unanchored search", 0, [](Env e) { return C(C(any_star(e), chars(e, "ab")), any_star(e)); },
          "[\\s\\S]*ab[\\s\\S]*"},
-        {"caseless chars", ci, [](vael_nfa_env *e) { return chars(e, "Ab"); }, "ab"},
-        {"caseless negated class", ci, [](vael_nfa_env *e) { return range(e, "a", true); }, "[^a]"},
-        {"caseless class", ci, [](vael_nfa_env *e) { return vael_nfa_build_kleene(range(e, "A")); }, "a*"},
-        {"caseless negated last letter", ci, [](vael_nfa_env *e) { return range(e, "z", true); }, "[^z]"},
+        {"caseless chars", ci, [](Env e) { return chars(e, "Ab"); }, "ab"},
+        {"caseless negated class", ci, [](Env e) { return range(e, "a", true); }, "[^a]"},
+        {"caseless class", ci, [](Env e) { return vael_nfa_build_kleene(range(e, "A")); }, "a*"},
+        {"caseless negated last letter", ci, [](Env e) { return range(e, "z", true); }, "[^z]"},
     };
 }
 

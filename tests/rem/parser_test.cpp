@@ -132,12 +132,10 @@ TEST_F(RemParser, GroupingPrecedenceAndRefusals) {
         const char *error = nullptr;  // the refusal's words, null for none
         uint32_t index = 0;           // of a refusal
     } rows[] = {
-        {"a", "a"}, {"ab", "cat(a,b)"},
-        {"abc", "cat(cat(a,b),c)"},  // left associative
-        {"a|b|c", "alt(alt(a,b),c)"}, {"ab|cd", "alt(cat(a,b),cat(c,d))"}, {"ab*", "cat(a,star(b))"},
-        {"(ab)*", "star(cat(a,b))"}, {"(a)(b)", "cat(a,b)"}, {"a**", "star(star(a))"}, {"a*?", "rep{0,1}(star(a))"},
-        {"a{2}{3}", "rep{3}(rep{2}(a))"}, {"a+b{2,}c{1}d{2,5}", "cat(cat(cat(rep{1,}(a),rep{2,}(b)),c),rep{2,5}(d))"},
-        {"[ab]c|.", "alt(cat([ab],c),[\\x00-\\x09\\x0b-\\xff])"}, {"a|bc*d", "alt(a,cat(cat(b,star(c)),d))"},
+        // Precedence shows in what a pattern matches, which the differential
+        // test holds against PCRE; here the grouping it cannot see.
+        {"abc", "cat(cat(a,b),c)"}, {"a|b|c", "alt(alt(a,b),c)"}, {"a*?", "rep{0,1}(star(a))"},
+        {"a{2}{3}", "rep{3}(rep{2}(a))"}, {"a+b{2,}c{1}", "cat(cat(rep{1,}(a),rep{2,}(b)),c)"},
         // An omitted operand beside '(', ')' or '|' is the empty string.
         {"()", "E"}, {"(|a)", "alt(E,a)"}, {"(a|)", "alt(a,E)"}, {"(*a)", "cat(star(E),a)"},
         {"(?:a)", "cat(cat(rep{0,1}(E),:),a)"}, {"((a))", "a"},

@@ -1,17 +1,18 @@
 // The REM against PCRE on random expressions and texts: match ends, and starts by brute force.
 #include <gtest/gtest.h>
-#include <pcre.h>
 
 #include <random>
 #include <string>
 #include <vector>
 
 #include "tests/rem/rem_support.h"
+#include "tests/support/pcre_whole.h"
 
 namespace {
 
 using vael_test::Rem;
 using vael_test::RemHit;
+using vael_test::WholeMatch;
 
 constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
 // Rounds of random expressions: fewer under ASan, where each costs ten times.
@@ -20,30 +21,6 @@ constexpr int kRounds = 100;
 #else
 constexpr int kRounds = 600;
 #endif
-
-class WholeMatch {
-  public:
-    explicit WholeMatch(const std::string &pattern) {
-        const char *msg;
-        int at;
-        const std::string text = "(?:" + pattern + ")\\z";
-        re_ = pcre_compile(text.c_str(), PCRE_ANCHORED | PCRE_DOTALL, &msg, &at, nullptr);
-        EXPECT_NE(re_, nullptr) << pattern;
-    }
-    ~WholeMatch() { pcre_free(re_); }
-    WholeMatch(const WholeMatch &) = delete;
-    WholeMatch &operator=(const WholeMatch &) = delete;
-    bool ok() const { return re_ != nullptr; }
-
-    // text[s..e] (e = s - 1: the empty string) is a match.
-    bool at(const std::string &text, int s, int e) const {
-        int ov[30];
-        return pcre_exec(re_, nullptr, text.data() + s, e - s + 1, 0, 0, ov, 30) >= 0;
-    }
-
-  private:
-    pcre *re_ = nullptr;
-};
 
 struct Anchors { bool caret, dollar; };
 
@@ -79,13 +56,7 @@ std::vector<uint32_t> reference(const WholeMatch &m, const std::string &text, bo
     return out;
 }
 
-std::string random_text(std::mt19937 &rng) {
-    std::string t;
-    const size_t n = 1 + rng() % 14;
-    for (size_t i = 0; i < n; i++)
-        t += "abcd"[rng() % 4];
-    return t;
-}
+std::string random_text(std::mt19937 &rng) { return vael_test::random_word(rng, "abcd", 1, 14); }
 
 TEST(RemPcreDiff, SameMatchesAndEndsAsPcre) {
     std::mt19937 rng(20261123);
@@ -101,7 +72,7 @@ TEST(RemPcreDiff, SameMatchesAndEndsAsPcre) {
             skipped++;
             continue;
         }
-        WholeMatch m(body);
+        WholeMatch m(body, PCRE_DOTALL);
         ASSERT_TRUE(m.ok()) << body;
         for (int t = 0; t < 8; t++) {
             const std::string text = random_text(rng);
@@ -134,7 +105,7 @@ TEST(RemPcreDiff, MatchStartIsTheHighestStartWithThatEnd) {
     int checked = 0;
     for (int round = 0; round < kRounds / 3; round++) {
         const std::string pattern = vael_test::random_expression(rng, "abc");
-        WholeMatch m(pattern);
+        WholeMatch m(pattern, PCRE_DOTALL);
         ASSERT_TRUE(m.ok());
         if (m.at("", 0, -1))
             continue;  // the empty match has no first byte to search for

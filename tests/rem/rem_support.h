@@ -10,6 +10,7 @@
 
 #include "rem/vael_dfa_internal.h"
 #include "rem/vael_rem_tier.h"
+#include "tests/support/random_regex.h"
 #include "tests/support/vael_test_support.h"
 
 namespace vael_test {
@@ -96,45 +97,27 @@ inline vael_dfa *chain(uint32_t n, uint32_t flags = 0) {
     return vael_dfa_finalize(dfa);
 }
 
-// A random expression of the grammar REM and PCRE share: letters of
-// `letters`, classes of single letters (a span in a negated REM bracket
-// excludes nothing, so spans stay out), the dot, groups, alternation, and
-// one quantifier at most per atom (a second one means something else in
-// PCRE).
-template <class Rng>
-std::string random_expression(Rng &rng, const char *letters, int depth = 1) {
-    const size_t nl = std::char_traits<char>::length(letters);
-    auto letter = [&] { return std::string(1, letters[rng() % nl]); };
-    std::string out;
-    const int items = 1 + (int)(rng() % 3);
-    for (int i = 0; i < items; i++) {
-        switch (rng() % (depth > 0 ? 6 : 4)) {
-        case 0:
-        case 1:
-            out += letter();
-            break;
-        case 2: {
-            std::string cls = rng() % 3 == 0 ? "[^" : "[";
-            cls += letter();
-            cls += letter();
-            out += cls + "]";
-            break;
-        }
-        case 3:
-            out += ".";
-            break;
-        default: {
-            std::string group = "(" + random_expression(rng, letters, depth - 1);
-            if (rng() % 2)
-                group += "|" + random_expression(rng, letters, depth - 1);
-            out += group + ")";
-            break;
-        }
-        }
-        static const char *kQuant[] = {"", "", "", "*", "+", "?", "{2}", "{0,2}", "{1,}", "{1,3}"};
-        out += kQuant[rng() % 10];
-    }
+// Every string over the alphabet up to max_len bytes, shortest first.
+inline std::vector<std::string> all_strings(const std::string &alphabet, size_t max_len) {
+    std::vector<std::string> out{""};
+    for (size_t i = 0; i < out.size(); i++)
+        if (out[i].size() < max_len)
+            for (char c : alphabet)
+                out.push_back(out[i] + c);
     return out;
+}
+
+// A random expression of letters of `letters`, in a group when it is an
+// alternation, so that anchors put around it hold for all of it.
+template <class Rng>
+std::string random_expression(Rng &rng, const char *letters) {
+    RegexGrammar grammar;
+    grammar.letters.assign(letters, letters + std::char_traits<char>::length(letters));
+    grammar.depth = 1;
+    grammar.repeat_percent = 70;
+    RegexGenerator g(grammar, (uint32_t)rng());
+    const RegexNode e = g.expression();
+    return e.kids.size() > 1 ? "(" + e.text + ")" : e.text;
 }
 
 }  // namespace vael_test

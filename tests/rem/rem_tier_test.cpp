@@ -1,7 +1,6 @@
 // The REM tier: compile refusals, runs over flat and virtual buffers, the PM row, allocation failures.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -69,10 +68,8 @@ TEST(RemExec, VirtualBufferSplitsGiveWhatTheFlatRunGives) {
         Rem rem(p);
         ASSERT_NE(rem.get(), nullptr) << p;
         for (int t = 0; t < 40; t++) {
-            std::string text;
-            const size_t n = 1 + rng() % 24;
-            for (size_t i = 0; i < n; i++)
-                text += "abcd"[rng() % 4];
+            const std::string text = vael_test::random_word(rng, "abcd", 1, 24);
+            const size_t n = text.size();
             std::vector<size_t> cuts;
             for (size_t at = 0; at < n;) {
                 at += 1 + rng() % 5;

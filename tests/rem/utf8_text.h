@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/random_regex.h"
+
 namespace vael_test {
 
 struct ByteSpan { unsigned lo, hi; };
@@ -44,26 +46,6 @@ inline bool parse_hexa_text(const std::string &text, std::vector<Alternative> *a
     if (alts->size() == 1 && alts->back().empty())
         alts->clear();
     return true;
-}
-
-inline std::string encode_utf8(uint32_t cp) {
-    std::string s;
-    if (cp < 0x80) {
-        s += (char)cp;
-    } else if (cp < 0x800) {
-        s += (char)(0xC0 | (cp >> 6));
-        s += (char)(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        s += (char)(0xE0 | (cp >> 12));
-        s += (char)(0x80 | ((cp >> 6) & 0x3F));
-        s += (char)(0x80 | (cp & 0x3F));
-    } else {
-        s += (char)(0xF0 | (cp >> 18));
-        s += (char)(0x80 | ((cp >> 12) & 0x3F));
-        s += (char)(0x80 | ((cp >> 6) & 0x3F));
-        s += (char)(0x80 | (cp & 0x3F));
-    }
-    return s;
 }
 
 inline bool matches(const std::vector<Alternative> &alts, const std::string &bytes) {

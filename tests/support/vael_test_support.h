@@ -107,6 +107,52 @@ inline std::vector<Hit> drain_queue(lst_list *queue) {
     return hits;
 }
 
+// min_len to max_len bytes of `alphabet`: the length drawn first, then each byte.
+template <class Rng>
+std::string random_word(Rng &rng, const std::string &alphabet, size_t min_len, size_t max_len) {
+    std::string word(min_len + rng() % (max_len - min_len + 1), '\0');
+    for (char &c : word)
+        c = alphabet[rng() % alphabet.size()];
+    return word;
+}
+
+// An engine's image in a buffer of the size it asked for, which `write(&at, &space)` must fill exactly.
+template <class Write>
+std::vector<unsigned char> write_image(uint32_t size, Write write) {
+    std::vector<unsigned char> image(size);
+    unsigned char *at = image.data();
+    uint32_t space = size;
+    EXPECT_EQ(write(&at, &space), 0);
+    EXPECT_EQ(space, 0u);
+    return image;
+}
+
+// Every cut of an image and every change of one of its bytes by 0x01, 0x80 or
+// 0xff, each in a copy of its own size so that a read past it is ASan's:
+// `load(bytes)` gives null or a handle, which `use` runs and frees. A cut
+// short of `loads_from` bytes must be refused. The changed images that load.
+template <class Load, class Use>
+int damage_walk(const std::vector<unsigned char> &image, Load load, Use use, size_t loads_from = SIZE_MAX) {
+    for (size_t cut = 1; cut < image.size(); cut++) {
+        auto *handle = load(std::vector<unsigned char>(image.begin(), image.begin() + (long)cut));
+        EXPECT_TRUE(!handle || cut >= loads_from) << "cut at " << cut;
+        if (handle)
+            use(handle);
+    }
+    int loaded = 0;
+    for (size_t at = 0; at < image.size(); at++) {
+        for (unsigned char change : {0x01, 0x80, 0xff}) {
+            std::vector<unsigned char> bad = image;
+            bad[at] ^= change;
+            if (auto *handle = load(bad)) {
+                loaded++;
+                use(handle);
+            }
+        }
+    }
+    return loaded;
+}
+
 // The bytes in blocks of `block` in a new vbuf, pointing into the caller's bytes. Under fail injection an add may
 // fail: the vbuf is then short, which whatever reads it must take as cut.
 inline vael_vbuf *vbuf_of(const void *data, size_t size, size_t block) {
@@ -228,21 +274,6 @@ class RawMask {
   private:
     std::vector<uint64_t> storage_;
 };
-
-// Word offset of every state of a BNFA, by state ID, read by walking the
-// states one after the other from offset 0.
-inline std::map<uint32_t, uint32_t> bnfa_state_offsets(const vael_thin_nfa *nfa) {
-    std::map<uint32_t, uint32_t> offsets;
-    const uint32_t words = nfa->bnfa_size / 4;
-    for (uint32_t off = 0; off < words;) {
-        const uint32_t header = nfa->bnfa[off];
-        offsets[header >> BNFA_STATE_ID_SHIFT] = off;
-        if ((header & BNFA_STATE_PARTIAL) && off + 1 >= words)
-            break;
-        off += (header & BNFA_STATE_PARTIAL) ? 2 + (nfa->bnfa[off + 1] & 0xffu) : BNFA_FULL_STATE_WORDS;
-    }
-    return offsets;
-}
 
 // The word offset of the trie state spelled by `path` (canonical bytes),
 // following explicit transitions only; ~0u when the path leaves the trie.

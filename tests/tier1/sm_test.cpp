@@ -1,12 +1,11 @@
 // The string matcher against the Thin NFA and brute force (flat and over cut
 // vbufs, every folding), the shape and errors of what it builds, its image
 // beside the Thin NFA's, its failure roads, and its run table against the
-// state records it is derived from, rebuilt by a copy and a load and never
-// part of the image. Seeds are fixed.
+// state records it is derived from, rebuilt by a copy and a load. Seeds are fixed.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+#include <functional>
 #include <random>
 #include <set>
 #include <tuple>
@@ -50,11 +49,9 @@ std::vector<Hit> run(vael_dfa *dfa, const std::string &text, uint32_t flags = kA
 }
 
 Image sm_image(vael_dfa *dfa) {
-    Image image(vael_dfa_calculate_size(dfa));
-    unsigned char *at = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_dfa_serialize(dfa, &at, &space), 0);
-    return image;
+    return vael_test::write_image(vael_dfa_calculate_size(dfa), [&](auto at, auto space) {
+        return vael_dfa_serialize(dfa, at, space);
+    });
 }
 
 // Through the row's loader, as the PM image reaches it.
@@ -106,12 +103,7 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
     std::mt19937 rng(1);
     auto uniform = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     for (const auto &row : rows) {
-        auto word = [&](int lo, int hi) {
-            std::string w;
-            for (int n = uniform(lo, hi); n > 0; n--)
-                w += row.alphabet[uniform(0, (int)row.alphabet.size() - 1)];
-            return w;
-        };
+        auto word = [&](int lo, int hi) { return vael_test::random_word(rng, row.alphabet, lo, hi); };
         for (int round = 0; round < row.rounds; round++) {
             SCOPED_TRACE("alphabet " + row.alphabet + " round " + std::to_string(round));
             std::vector<Pattern> patterns;
@@ -127,6 +119,8 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
             expect_complete(sm.dfa, row.flags);
             const auto want = vael_test::brute_force_all(patterns, text, row.flags);
             EXPECT_EQ(run(sm.dfa, text), want);
+            for (const Hit &h : run(sm.dfa, text))
+                EXPECT_EQ(h.hint, patterns[h.id].text.size()) << "the length of a hit of " << h.id;
             EXPECT_EQ(vael_test::sorted(thin.hits(text, kAll)), want);
             EXPECT_EQ(run(sm.dfa, text, VAEL_PM_EXEC_FROM_PM), vael_test::first_per_id(want));
             std::vector<size_t> cuts;
@@ -142,28 +136,15 @@ TEST(SmDiff, SameHitsAsTheThinNfaAndBruteForceFlatAndOverCutVbufs) {
     }
 }
 
-TEST(SmCases, SuffixesLengthsAndTheFoldedList) {
-    struct Row {
-        std::vector<Pattern> patterns;
-        uint32_t flags;
-        std::string text;
-        std::vector<Hit> hits;   // hint: the string's own length
-        std::string list_reads;  // the caller's first string after the compile
-    };
-    const Row rows[] = {
-        {{{"abcd", 1}, {"bcd", 2}, {"cd", 3}}, 0, "xabcd", {{1, 4, 0, 4}, {2, 4, 0, 3}, {3, 4, 0, 2}}, "abcd"},
-        {{{"bcx", 1}, {"abcd", 2}, {"c", 3}}, 0, "abcx", {{3, 2, 0, 1}, {1, 3, 0, 3}}, "bcx"},
-        {{{"HeLLo", 1}}, VAEL_PM_CASELESS, "hello HELLO", {{1, 4, 0, 5}, {1, 10, 0, 5}}, "hello"},
-        {{{"a7", 1}}, VAEL_PM_DIGITLESS, "a0 a9 b1 A7", {{1, 1, 0, 2}, {1, 4, 0, 2}}, "a0"},
-        {{{"X1y", 1}}, kBoth, "x9Y X0y", {{1, 2, 0, 3}, {1, 6, 0, 3}}, "x0y"},
+// Hits and their lengths are the differential test's; the compile also folds
+// the caller's list in place.
+TEST(SmCases, TheCompileFoldsTheCallersList) {
+    const struct { std::vector<Pattern> patterns; uint32_t flags; std::string list_reads; } rows[] = {
+        {{{"bcX", 1}, {"abcd", 2}}, 0, "bcX"}, {{{"HeLLo", 1}}, VAEL_PM_CASELESS, "hello"},
+        {{{"a7", 1}}, VAEL_PM_DIGITLESS, "a0"}, {{{"X1y", 1}}, kBoth, "x0y"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.text);
         const Sm sm(row.patterns, row.flags);
-        const auto got = run(sm.dfa, row.text);
-        ASSERT_EQ(got, row.hits);
-        for (size_t i = 0; i < got.size(); i++)
-            EXPECT_EQ(got[i].hint, row.hits[i].hint) << "length of hit " << i;
         uintptr_t v = 0;
         lst_iterate(sm.list, nullptr, &v);
         EXPECT_EQ(reinterpret_cast<const char *>(reinterpret_cast<vael_pmglob_string *>(v)->pattern), row.list_reads);
@@ -224,29 +205,18 @@ TEST(SmImage, RoundTripAndCutOrFlippedImagesAreRefusedOrRunSafely) {
     vael_dfa_destroy(whole);
     vael_test::LogCapture quiet;
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
-    for (size_t cut = 0; cut < image.size(); cut++)
-        EXPECT_EQ(sm_load(Image(image.begin(), image.begin() + (long)cut)), nullptr) << "cut at " << cut;
-    int loaded = 0;
-    for (size_t at = 0; at < image.size(); at++) {
-        for (unsigned char bit : {0x01, 0x80}) {
-            Image flipped = image;
-            flipped[at] ^= bit;
-            if (vael_dfa *dfa = sm_load(flipped)) {
-                loaded++;
-                EXPECT_EQ(vael_dfa_is_valid(dfa), 1) << "flip at " << at;
-                run(dfa, text);
-                vael_dfa_destroy(dfa);
-            }
-        }
-    }
+    const int loaded = vael_test::damage_walk(image, sm_load, [&](vael_dfa *dfa) {
+        EXPECT_EQ(vael_dfa_is_valid(dfa), 1);
+        run(dfa, text);
+        vael_dfa_destroy(dfa);
+    });
     EXPECT_GT(loaded, 0);
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
     // A Thin NFA's image, as a PM image written under the other engine holds it, is refused by name.
     const vael_test::ThinNfa thin({{"ab", 1}});
-    Image thin_image(vael_thin_get_serialize_size(thin.get()));
-    unsigned char *at = thin_image.data();
-    uint32_t space = (uint32_t)thin_image.size();
-    ASSERT_EQ(vael_thin_nfa_serialize(thin.get(), &at, &space), 0);
+    const auto thin_image = vael_test::write_image(vael_thin_get_serialize_size(thin.get()), [&](auto at, auto space) {
+        return vael_thin_nfa_serialize(thin.get(), at, space);
+    });
     const vael_test::ScopedTopic errors("K_SM", VAEL_DBG_ERR);
     vael_test::LogCapture log;
     EXPECT_EQ(sm_load(thin_image), nullptr);
@@ -264,13 +234,20 @@ TEST(SmFailmem, CompileAndImageLoadFailCleanlyAtEveryAllocation) {
         },
         [&] { return sm.dfa == nullptr && sm.err.error_string != nullptr; });
     EXPECT_GT(walk.injected, 10);
+    // A copy and a load rebuild the run table, which the image leaves out.
     const Image image = sm_image(sm.dfa);
-    vael_dfa *loaded = nullptr;
-    const auto load_walk = vael_test::failmem_walk_each_allocation(
-        [&] { return (loaded = sm_load(image)) != nullptr; }, [&] { return loaded == nullptr; });
-    EXPECT_GT(load_walk.injected, 1);
-    EXPECT_EQ(run(loaded, "xhers7UP"), run(sm.dfa, "xhers7UP"));
-    vael_dfa_destroy(loaded);
+    vael_dfa *made = nullptr;
+    const auto done = [&] { return made == nullptr; };
+    for (const auto &make : {std::function<vael_dfa *()>([&] { return sm_load(image); }),
+                             std::function<vael_dfa *()>([&] { return vael_dfa_duplicate(sm.dfa); })}) {
+        const auto copied = vael_test::failmem_walk_each_allocation([&] { return (made = make()) != nullptr; }, done);
+        EXPECT_GT(copied.injected, 1);
+        ASSERT_NE(made, nullptr);
+        ASSERT_NE(made->run_next, nullptr);
+        EXPECT_EQ(sm_image(made), image);
+        EXPECT_EQ(run(made, "xhers7UP SHE"), run(sm.dfa, "xhers7UP SHE"));
+        vael_dfa_destroy(made);
+    }
 }
 
 TEST(SmRun, TableRunEqualsTheRecordRunUnderEveryExecFlag) {
@@ -285,12 +262,9 @@ TEST(SmRun, TableRunEqualsTheRecordRunUnderEveryExecFlag) {
     std::mt19937 rng(28);
     for (const auto &set : sets) {
         std::vector<vael_test::Pattern> patterns;
-        for (size_t k = 0; k < set.literals; k++) {
-            std::string text;
-            for (size_t n = 1 + rng() % set.length; n; n--)
-                text += "abc1 "[rng() % 5];
-            patterns.push_back({text, (int32_t)k, pattern_flags[rng() % 5]});
-        }
+        for (size_t k = 0; k < set.literals; k++)
+            patterns.push_back(
+                {vael_test::random_word(rng, "abc1 ", 1, set.length), (int32_t)k, pattern_flags[rng() % 5]});
         Sm sm(patterns, set.compile_flags);
         vael_dfa *table = sm.dfa;
         ASSERT_NE(table, nullptr);
@@ -303,9 +277,7 @@ TEST(SmRun, TableRunEqualsTheRecordRunUnderEveryExecFlag) {
         for (uint32_t id = 0; id < set.literals; id += 3)
             mask.set(id);
         for (int round = 0; round < 30; round++) {
-            std::string text;
-            for (size_t n = rng() % 300; n; n--)
-                text += "abcABC1 9x"[rng() % 10];
+            const std::string text = vael_test::random_word(rng, "abcABC1 9x", 0, 299);
             std::vector<size_t> cuts;
             for (size_t n = rng() % 4; n && !text.empty(); n--)
                 cuts.push_back(rng() % text.size());
@@ -319,31 +291,6 @@ TEST(SmRun, TableRunEqualsTheRecordRunUnderEveryExecFlag) {
                         << text << " flags " << std::hex << flags << " mask " << (m != nullptr);
         }
         vael_dfa_destroy(records);
-    }
-}
-
-TEST(SmRun, CopiesAndLoadsRebuildTheTableOutsideTheImage) {
-    vael_test::LogCapture quiet;
-    const Sm sm({{"he", 1}, {"she", 2}, {"his", 3}, {"hers", 4}}, VAEL_PM_CASELESS);
-    vael_dfa *dfa = sm.dfa;
-    ASSERT_NE(dfa, nullptr);
-    const Image image = sm_image(dfa);
-    vael_dfa *copy = nullptr;
-    const auto walk = vael_test::failmem_walk_each_allocation(
-        [&] { return (copy = vael_dfa_duplicate(dfa)) != nullptr; }, [&] { return copy == nullptr; });
-    EXPECT_GT(walk.injected, 2);
-    ASSERT_NE(copy, nullptr);
-    ASSERT_NE(copy->run_next, nullptr);
-    vael_dfa *loaded = sm_load(image);
-    ASSERT_NE(loaded, nullptr);
-    ASSERT_NE(loaded->run_next, nullptr);
-    const std::string data = "ushers HIS shE";  // the split reads it in place
-    const vael_test::SplitText text(data, {});
-    for (vael_dfa *other : {copy, loaded}) {
-        EXPECT_EQ(sm_image(other), image);
-        EXPECT_EQ(run_split(other, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr),
-                  run_split(dfa, text, VAEL_PM_EXEC_ALL_MATCHES, nullptr));
-        vael_dfa_destroy(other);
     }
 }
 

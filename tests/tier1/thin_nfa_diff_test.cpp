@@ -21,25 +21,14 @@ using vael_test::ScopedGlobal;
 
 struct Config { uint32_t compile_flags; int full_tiers; int max_partial; int contig; };
 
-std::string quoted(const std::string &s) {
-    std::ostringstream os;
-    os << " \"";
-    for (unsigned char ch : s) {
-        if (ch >= 0x20 && ch < 0x7f && ch != '"' && ch != '\\')
-            os << ch;
-        else
-            os << "\\x" << std::hex << (int)ch << std::dec;
-    }
-    return os.str() + "\"";
-}
-
+// The case in C escapes, for a failure's message.
 std::string describe(const Config &c, const std::vector<Pattern> &patterns, const std::string &text) {
     std::ostringstream os;
     os << "compile_flags 0x" << std::hex << c.compile_flags << std::dec << ", full_tiers " << c.full_tiers
        << ", max_partial " << c.max_partial << ", contig " << c.contig << "\npatterns:";
     for (const auto &p : patterns)
-        os << quoted(p.text) << "=" << p.id;
-    return os.str() + "\ntext:" + quoted(text);
+        os << " " << testing::PrintToString(p.text) << "=" << p.id;
+    return os.str() + "\ntext: " + testing::PrintToString(text);
 }
 
 class Generator {
@@ -50,12 +39,7 @@ class Generator {
     bool chance(int percent) { return uniform(0, 99) < percent; }
     char symbol() { return alphabet_[uniform(0, (int)alphabet_.size() - 1)]; }
 
-    std::string word(int min_len, int max_len) {
-        std::string w;
-        for (int n = uniform(min_len, max_len); n > 0; n--)
-            w += symbol();
-        return w;
-    }
+    std::string word(int min_len, int max_len) { return vael_test::random_word(rng_, alphabet_, min_len, max_len); }
 
     // Another spelling of `s` that folds to the same bytes under `flags`.
     std::string respell(std::string s, uint32_t flags) {

@@ -4,18 +4,13 @@
 #include <string>
 #include <vector>
 
-using namespace std::string_literals;
-
 #include "tests/support/vael_test_support.h"
 #include "tier1/vael_thin_nfa_internal.h"
 
 namespace {
 
-using vael_test::brute_force_all;
 using vael_test::Hit;
 using vael_test::Pattern;
-using vael_test::ScopedGlobal;
-using vael_test::sorted;
 using vael_test::ThinNfa;
 
 constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;

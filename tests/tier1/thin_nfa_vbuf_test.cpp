@@ -39,15 +39,11 @@ struct Stream {
 // give the flat run's hits without the prefilter.
 void expect_stream_like_flat(const ThinNfa &e, const std::string &text, const std::vector<size_t> &cuts,
                              size_t present_from) {
-    std::vector<std::string> blocks;
-    for (size_t i = 0, at = 0; at < present_from; i++) {
-        const size_t to = i < cuts.size() ? std::min(cuts[i], present_from) : present_from;
-        if (to > at)
-            blocks.push_back(text.substr(at, to - at));
-        at = std::max(at, to);
-    }
-    const Stream s(blocks);
-    const std::string present = text.substr(present_from);
+    std::vector<size_t> history;
+    for (size_t cut : cuts)
+        history.push_back(std::min(cut, present_from));
+    history.push_back(present_from);
+    const vael_test::SplitText split(text, history);
     for (uint32_t flags : {0u, (uint32_t)VAEL_PM_EXEC_ALL_MATCHES}) {
         std::vector<Hit> want, got;
         {
@@ -56,7 +52,7 @@ void expect_stream_like_flat(const ThinNfa &e, const std::string &text, const st
         }
         for (int mode : vael_test::all_prefilter_modes()) {
             ScopedGlobal prefilter(vael_thin_nfa_prefilter, mode);
-            ASSERT_EQ(e.exec(present, &got, flags, 0, nullptr, s.vbuf), 0);
+            ASSERT_EQ(e.exec_raw(split.present(), split.present_len(), &got, flags, 0, nullptr, split.vbuf()), 0);
             ASSERT_EQ(got, want) << "prefilter " << mode << ", present buffer from " << present_from << ", text "
                                  << text;
             ASSERT_EQ(e.exec(text, &got, flags), 0);
@@ -110,18 +106,12 @@ TEST(ThinNfaStream, BlocksPresentBufferAnchorsAndOffsets) {
 TEST(ThinNfaStream, RandomSplitsMatchTheFlatScan) {
     std::mt19937 rng(20261122);
     const std::string alphabet = "abczA1Z";
-    auto random_text = [&](size_t len) {
-        std::string t;
-        for (size_t i = 0; i < len; i++)
-            t += alphabet[rng() % alphabet.size()];
-        return t;
-    };
     for (int round = 0; round < 300; round++) {
         std::vector<std::string> patterns;
         for (int n = 1 + (int)(rng() % 12); n > 0; n--)
-            patterns.push_back(random_text(1 + rng() % 6));
+            patterns.push_back(vael_test::random_word(rng, alphabet, 1, 6));
         ThinNfa e(numbered(patterns), (round % 3 == 0) ? VAEL_PM_CASELESS : 0);
-        const std::string text = random_text(1 + rng() % 200);
+        const std::string text = vael_test::random_word(rng, alphabet, 1, 200);
         // Cuts of 1 to 20 bytes, and a random part of the text as history.
         std::vector<size_t> cuts;
         for (size_t at = 0; at < text.size(); cuts.push_back(at))

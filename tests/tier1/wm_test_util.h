@@ -80,12 +80,9 @@ inline std::vector<WordHit> sorted(std::vector<WordHit> v) {
 }
 
 inline std::vector<unsigned char> image_of(vael_wm_handle *h) {
-    std::vector<unsigned char> image(vael_wm_get_serialize_size(h));
-    unsigned char *at = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_wm_serialize(h, &at, &space), 0);
-    EXPECT_EQ(space, 0u);
-    return image;
+    return vael_test::write_image(vael_wm_get_serialize_size(h), [&](auto at, auto space) {
+        return vael_wm_serialize(h, at, space);
+    });
 }
 
 inline Handle load(const std::vector<unsigned char> &image, uint32_t size) {
