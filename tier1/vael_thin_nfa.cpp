@@ -204,7 +204,7 @@ int vael_thin_nfa_exec_one_buf_ex(vael_thin_nfa_run_state *run, const unsigned c
     // and one unsigned compare tests both bounds.
     const uint32_t *past_root = bnfa + BNFA_FULL_STATE_WORDS;
     const size_t past_root_span = full_end > past_root ? (size_t)(full_end - past_root) : 0;
-    // Positions from here on are left to the automaton: their windows would
+    // Positions from here on are left to the automaton: their tests would
     // reach past the piece, and the state carries into the next piece.
     const unsigned char *search_end = length >= THIN_NFA_PREFILTER_LOAD ? end - (THIN_NFA_PREFILTER_LOAD - 1) : data;
     const unsigned char *next_search = data;

@@ -116,9 +116,9 @@ void vael_thin_nfa_stats_free(vael_thin_nfa *nfa);
 /* The run, exported for the frame and for other engines: one scan state per
  * vael_thin_nfa_exec call, the scan of one piece (plain, translated, or by
  * choice), and the reporting of a finite state's patterns. 0 or -1. */
-/* The candidate search: a position q in [p, end - 3] such that no pattern starts in [p, q): end - 3
- * when none is found, else one whose own window and confirmation pass; p
- * itself when fewer than 4 bytes are left. */
+/* The candidate search: a position q in [p, end - 8] such that no pattern
+ * starts in [p, q): end - 8 when none is found, else one whose own test and
+ * confirmation pass; p itself when fewer than 9 bytes are left. */
 typedef const unsigned char *(*vael_thin_nfa_prefilter_find_fn)(const struct vael_thin_nfa_prefilter_tables *pf,
                                                                  const unsigned char *p, const unsigned char *end);
 typedef struct vael_thin_nfa_run_state {

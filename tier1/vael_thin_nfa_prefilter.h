@@ -4,14 +4,20 @@
  *
  * While the automaton stands at its root, a byte that starts no pattern
  * leaves it there, and nothing before the next position where a pattern
- * could start can take part in a match. The filter finds that position: it
- * tests a window of `window` bytes (1 to 4) at every `stride`-th position
- * against a bitmap of the hashed windows at offsets 0 .. stride - 1 of every
- * pattern's beginning; a hit then vouches for the stride positions ending
- * there, each tested again by its own window and confirmed by a second
- * bitmap keyed on its first 16 bytes (or all of a shorter pattern's). A passed position is only a candidate,
- * never a match: the automaton runs from it exactly as it would have, so a
- * false candidate costs time and never changes a result.
+ * could start can take part in a match. The filter finds that position.
+ *
+ * Its first stage is a shift-or over the first 8 bytes of every pattern.
+ * The patterns' beginnings are dealt into 8 buckets, shorter ones apart
+ * from longer ones, and a table keyed by the 2 bytes at a position (their
+ * "domain": all of the first and some low bits of the second) holds, per
+ * offset 0..7 from a pattern's start, the buckets whose beginnings show no
+ * such 2 bytes there. A position is a candidate when some bucket is refused
+ * at none of the 8 offsets. Each lookup serves the 8 starts it can belong
+ * to at once, shifted into place in a 128-bit register. A candidate is then
+ * confirmed by a bitmap keyed on its first 16 bytes (or all of a shorter
+ * pattern's). A passed position is only a candidate, never a match: the
+ * automaton runs from it exactly as it would have, so a false candidate
+ * costs time and never changes a result.
  *
  * The tables are derived from the BNFA alone (its root, the states one to
  * sixteen transitions below it, their finite flags and the translation table),
@@ -19,10 +25,9 @@
  * from an image; the BNFA itself is untouched. The filter is owned by the
  * handle and counted in the PM memory account.
  *
- * Two implementations of the search share the tables: a plain one (SSE2 era,
- * scalar, eight positions per branch) and an AVX2 one (sixteen positions per
- * branch, hashed and gathered eight at a time), chosen by the CPU at the first run and forced by the
- * tunable vael_thin_nfa_prefilter.
+ * Two builds of the search share the tables: a plain one (SSE2) and one for
+ * CPUs with AVX2 and BMI2, chosen by the CPU at the first run and forced by
+ * the tunable vael_thin_nfa_prefilter.
  */
 #ifndef VAEL_THIN_NFA_PREFILTER_H
 #define VAEL_THIN_NFA_PREFILTER_H
@@ -42,22 +47,26 @@ extern "C" {
 #define THIN_NFA_PREFILTER_AUTO 1  /* the best search the CPU supports; the default */
 #define THIN_NFA_PREFILTER_PLAIN 2 /* the plain search even where AVX2 exists */
 
-/* A search needs this many bytes from a position to test it: a window is
- * read as one 32-bit load. The last positions of a piece are left to the
- * automaton. */
-#define THIN_NFA_PREFILTER_LOAD 4u
+/* A search needs this many bytes from a position to test it: the domain
+ * at its offset 7 reaches the 9th byte. The last positions of a piece are
+ * left to the automaton. */
+#define THIN_NFA_PREFILTER_LOAD 9u
+/* Pattern beginnings, offsets and buckets of the first stage. */
+#define THIN_NFA_PREFILTER_DEPTH 8u
+#define THIN_NFA_PREFILTER_BUCKETS 8u
 /* Bytes of a pattern's beginning that the confirmation of a candidate sees. */
 #define THIN_NFA_PREFILTER_CONFIRM_DEPTH 16u
 
 typedef struct vael_thin_nfa_prefilter_tables {
-    uint32_t window;      /* bytes of a pattern's beginning tested per position, 1..4 */
-    uint32_t stride;      /* positions tested: every stride-th, 1..4 (see below) */
-    uint32_t window_mask; /* keeps those bytes of a little-endian 32-bit load */
-    uint32_t fold;        /* ORed into the window before hashing: 0x20 per byte when case folds, else 0 */
-    uint32_t hash_shift;  /* 32 - log2 of the bitmap's bits */
-    uint32_t table_words; /* 32-bit words of the bitmap, a power of two */
-    uint32_t *table;      /* bit h set: some pattern beginning hashes to h */
-    /* The confirmation of a window's hit, over the first 16 bytes in their
+    uint32_t domain_bits; /* 8..16: the table has 1 << domain_bits entries */
+    uint32_t domain_mask; /* keeps the domain's bits of a little-endian 16-bit load */
+    uint32_t fold;        /* ORed into the 16-bit load first: 0x2020 when case folds, else 0 */
+    /* Entry d, byte 7 - k, bit b: no beginning in bucket b shows domain d
+     * at offset k. Stored reversed so that a lookup at position q, shifted
+     * left by q's place in its block, lands each byte on the start it
+     * speaks for. */
+    uint64_t *table;
+    /* The confirmation of a candidate, over the first 16 bytes in their
      * canonical form: a key per path of 16 bytes from the root, and per
      * shorter path that ends in a finite state, the key of its bytes and
      * its length (the lengths held in confirm_lengths, bit d for d bytes). */
@@ -86,16 +95,20 @@ vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_select(void);
 vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_plain_fn(void);
 vael_thin_nfa_prefilter_find_fn vael_thin_nfa_prefilter_find_avx2_fn(void);
 
-/* The hash of a window, shared by the build and both searches. */
-static inline uint32_t vael_thin_nfa_prefilter_hash(const vael_thin_nfa_prefilter_tables *pf, uint32_t load) {
-    return (((load & pf->window_mask) | pf->fold) * 0x9e3779b1u) >> pf->hash_shift;
+/* The table's key for the 2 bytes at q. */
+static inline uint32_t vael_thin_nfa_prefilter_domain(const vael_thin_nfa_prefilter_tables *pf,
+                                                      const unsigned char *q) {
+    uint32_t load = (uint32_t)q[0] | (uint32_t)q[1] << 8;
+    return (load | pf->fold) & pf->domain_mask;
 }
 
-/* Whether a pattern may start at p; p + 4 must lie within the data. */
+/* Whether the first stage lets a pattern start at p, all 8 offsets looked
+ * up; p + 9 must lie within the data. */
 static inline int vael_thin_nfa_prefilter_test(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p) {
-    uint32_t load = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
-    uint32_t h = vael_thin_nfa_prefilter_hash(pf, load);
-    return (int)((pf->table[h >> 5] >> (h & 31)) & 1u);
+    uint64_t refused = 0;
+    for (unsigned k = 0; k < THIN_NFA_PREFILTER_DEPTH; k++)
+        refused |= pf->table[vael_thin_nfa_prefilter_domain(pf, p + k)] >> (8 * (7 - k));
+    return (refused & 0xffu) != 0xffu;
 }
 
 /* Tags of the confirmation's keys beside the lengths 1..16: the first 8
@@ -117,7 +130,7 @@ static inline int vael_thin_nfa_prefilter_confirm_bit(const vael_thin_nfa_prefil
     return (int)((pf->confirm[h >> 5] >> (h & 31)) & 1u);
 }
 
-/* Whether a window hit at p stands: some pattern's first 16 bytes, or a
+/* Whether a candidate at p stands: some pattern's first 16 bytes, or a
  * shorter pattern, may start there. A hit within 16 bytes of end stands:
  * the pattern may go on past the piece. */
 static inline int vael_thin_nfa_prefilter_confirm(const vael_thin_nfa_prefilter_tables *pf, const unsigned char *p,
