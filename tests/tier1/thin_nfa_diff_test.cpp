@@ -56,8 +56,8 @@ class Generator {
     std::vector<Pattern> patterns(uint32_t flags) {
         std::vector<Pattern> out;
         const int n = uniform(1, 40);
-        // Sets without short patterns get a prefilter window of 2 to 4 bytes,
-        // and from 5 bytes on a stride of 2 to 4.
+        // Sets without short patterns give the prefilter's buckets longer
+        // beginnings, whose offsets past them are no longer free.
         const int min_len = chance(40) ? uniform(2, 8) : 1;
         int32_t next_id = uniform(0, 5) * 100;
         auto add = [&](std::string text) { out.push_back({std::move(text), next_id++ * 3 + 1}); };
