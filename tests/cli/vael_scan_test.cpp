@@ -1,5 +1,7 @@
 // End-to-end tests of the vael-scan program: each test writes a pattern file and inputs into its own directory, runs
-// the built binary and checks its exact output, messages and exit status.
+// the built binary and checks its exact output, messages and exit status. Scans; the runs that answer one question
+// (--verify, --gen-buf, --dump-dfa, --stats); --engine, --save, --load and --dump-bnfa, where an image loads only
+// under the engine that saved it and prints what the pattern file would.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,6 +24,9 @@ using vael_cli_test::Args;
 using vael_cli_test::Launch;
 using vael_cli_test::Result;
 using Set = std::multiset<std::string>;
+using vael_cli_test::check_rows;
+using vael_cli_test::Scratch;
+using vael_cli_test::slurp;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kSanitized = true;  // the sanitizer's shadow memory makes RSS and address limits meaningless
@@ -448,6 +453,188 @@ TEST_F(VaelScan, BundledSamples) {
     EXPECT_LT(hits.size() * 2, patterns.records.size()) << "most sample patterns should not occur";
     EXPECT_EQ(hit_ids("/rules.txt"),
               (std::set<std::string>{"20001", "20002", "20003", "20004", "20005", "20006", "20007", "20008"}));
+}
+
+const std::string kTry = "\nTry 'vael-scan --help' for more information.\n";
+
+// Exact standard output and error.
+TEST(OneShotCli, VerifyAnswers) {
+    const std::string ok = "Success - pattern has identical meaning in new and old regular expression engines";
+    const std::string both = "--verify and --verify-word take no pattern file or input";
+    check_rows(Scratch("verify_cli"), {
+        {{"-i", "--verify", "ab[0-9]+c"}, 0, "pm: ok\nregexp: ok\nmeaning: code 0, type 0, offset -1: " + ok + "\n", ""},
+        {{"--verify", "ab"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -2, type 3, offset -1: Old regular expression engine (Regexp) is "
+         "caseless, but new regular expression engine (PM) is case-sensitive\n", ""},
+        {{"--verify=a\\d", "--caseless"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -8, type 2, offset 2: Found decimal special character '\\d'\n", ""},
+        {{"-i", "--verify", "a(b"}, 1,
+         "pm: refused (type 0, index 3): Missing a closing ')'\nregexp: refused\nmeaning: code -6, type 1, offset "
+         "-1: Syntax verification failed for new regular expression engine (PM)\n", ""},
+        {{"-i", "--rem", "--verify", "x^y"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -22, type 1, offset 1: Found anchor '^' in the middle of the "
+         "pattern\n", ""},
+        {{"--verify-word", "foo bar"}, 0, "word: ok\n", ""},
+        {{"--verify-word", "ab\xC3"}, 1, "word: refused: not valid utf8 char in the phrase\n", ""},
+        {{"--verify", "a", "--verify-word", "b"}, 2, "",
+         "vael-scan: --verify and --verify-word cannot be given together" + kTry},
+        {{"--verify", "a", "file.txt"}, 2, "", "vael-scan: " + both + kTry},
+        {{"-p", "p.txt", "--verify-word", "b"}, 2, "", "vael-scan: " + both + kTry},
+        {{"--verify"}, 2, "", "vael-scan: option '--verify' needs a value" + kTry},
+    }, true);
+}
+
+// The buffer printed, the rule's verdict over it, exactly.
+TEST(OneShotCli, GenBufAnswers) {
+    check_rows(Scratch("gen_buf_cli"), {
+        {{"--gen-buf", "data: \"abc\";"}, 0,
+         "buffer: 11 bytes: \"abc........\"\nverdict: match, ends at 2 (expected: match): agrees\n", ""},
+        {{"--gen-buf-miss", "data: \"abc\";"}, 0,
+         "buffer: 23 bytes: \"---Miss-Match Buffer---\"\nverdict: no match (expected: no match): agrees\n", ""},
+        {{"--gen-buf", "data: \"k\"; test: 2, >, 1000, 0, relative, little; pcre: \"/\\d{2}z/\", relative, offset 2;"},
+         0, "buffer: 14 bytes: \"k\\xe9\\x0300z........\"\nverdict: match, ends at 5 (expected: match): agrees\n",
+         ""},
+        {{"--gen-buf", "data: \"x\"; length: 6, exact, relative;"}, 0,
+         "buffer: 7 bytes: \"x......\"\nverdict: match, ends at 0 (expected: match): agrees\n", ""},
+        // The mismatch text itself holds what this rule looks for.
+        {{"--gen-buf-miss", "data: \"Miss\";"}, 1,
+         "buffer: 23 bytes: \"---Miss-Match Buffer---\"\nverdict: match, ends at 6 (expected: no match): "
+         "disagrees\n", ""},
+        // An absolute test as second keyword cannot be placed.
+        {{"--gen-buf", "data: \"x\"; test: 1, =, 1, 0;"}, 1,
+         "buffer: 21 bytes: \"---Invalide Buffer---\"\nverdict: none: no buffer can be made for this rule\n", ""},
+        {{"--gen-buf", "data: \"abc\""}, 2, "", "rule refused: Keyword rule given by the user is illegal\n"},
+        {{"--gen-buf", "data: \"a\"", "input.txt"}, 2, "",
+         "vael-scan: --gen-buf and --gen-buf-miss take no pattern file or input" + kTry},
+    }, true);
+}
+
+// The machine's dump of one re line, or a message and status 2.
+TEST(OneShotCli, DumpDfa) {
+    auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
+    const Scratch dir("dump_dfa");
+    dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
+    std::vector<vael_cli_test::Row> rows = {
+        {{"--rem", "--dump-dfa", "1", "csv"}, 0,
+         "The dfa has 3 states.\nstate_id,level,is_final,a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z\n1,0,0,2" +
+             times(25, ",1") + "\n2,1,0,2,0" + times(24, ",1") + "\n0,2,1" + times(26, ",0") + "\n", ""},
+        {{"--dump-dfa=1", "jflap"}, 0, "?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
+        {{"--dump-dfa", "2", "csv"}, 2, "", "--dump-dfa: no re line with id 2"},
+        {{"--dump-dfa", "4", "csv"}, 2, "",
+         "p.txt:4: the REM machine refuses pattern 4: Illegal sequence beginning with '{'"},
+        {{"--dump-dfa", "1"}, 2, "", "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
+        {{"--dump-dfa", "1x", "csv"}, 2, "", "bad pattern id '1x' for --dump-dfa"},
+    };
+    for (auto &row : rows)
+        row.args.insert(row.args.begin(), {"-p", "p.txt"});
+    check_rows(dir, rows, false);
+}
+
+// The report after the scan on standard error, its pieces in order; the
+// matches on standard output as without it; bad flags refused.
+TEST(OneShotCli, StatsReportAfterTheScan) {
+    const Scratch dir("stats_cli");
+    dir.write("p.txt", "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n");
+    dir.write("in.txt", "abc foo bar\nxyz foo12bar\n");
+    // The option, the exit status and pieces of standard error, in this order.
+    const struct { const char *option; int status; std::vector<std::string> err; } rows[] = {
+        {"--stats", 0,
+         {"Printing PM 0 stats ( vael-scan )\n", "Number of patterns in PM: 3\n", "Number of matches in first tier: 3\n",
+          "LSS (matched: 1, matches that resulted in pm match: 1, match ratio: 1/1 ):foo\n"}},
+        {"--stats=S=ID,D,LEVEL=TIER2,FORMAT=CSV", 0,
+         {"PM id;PM name;Pattern id;Inetrnal pattern id;flags;LSS matches #;", "\n0;vael-scan;3;2;0x00000000;1;1;1/1;"
+                                                                              "\"foo\";FALSE;\"foo[0-9]+bar\";TRUE;PCRE;",
+          "\n0;vael-scan;2;1;", "\n0;vael-scan;1;0;"}},
+        {"--stats=/LEVEL=PM", 0, {"Number of second tiers which ran is: 1\n"}},
+        {"--stats=X", 2, {"vael-scan: --stats: Failed to parse flags: Unknown flag\nTry 'vael-scan --help'"}},
+        {"--stats=FORMAT=CSV", 2,
+         {"vael-scan: --stats: Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}},
+    };
+    const vael_cli_test::Result plain = dir.run({"-p", "p.txt", "in.txt"});
+    ASSERT_EQ(plain.err, "");
+    for (const auto &row : rows) {
+        const auto [status, out, err, rss, written] = dir.run({"-p", "p.txt", row.option, "in.txt"});
+        EXPECT_EQ(status, row.status) << row.option;
+        EXPECT_EQ(out, row.status == 0 ? plain.out : "") << row.option;
+        size_t at = 0;
+        for (const std::string &piece : row.err) {
+            const size_t found = err.find(piece, at);
+            EXPECT_NE(found, std::string::npos) << row.option << ": " << piece << "\n" << err;
+            at = found == std::string::npos ? at : found + piece.size();
+        }
+    }
+}
+
+class ImageCli : public testing::Test {
+protected:
+    vael_cli_test::Scratch dir_{"image_cli"};
+};
+
+// Every kind of pattern line, and an input that hits each, split over the
+// program's reads by a small block size in one row.
+TEST_F(ImageCli, SameOutputCompiledOrLoadedUnderEitherEngine) {
+    const std::string patterns = dir_.write(
+        "p.txt", "1\tGET /\n2\tstr\t{caseless}:host:\n3\tre\tabc[0-9]+de\n4\tword\tfree money\n"
+                 "5\tkw\t{LSS(k=)}:data: \"k=\"; test: 1, =, 0x39, 0, relative;\n6\tabcd\n7\tcd\n8\tX7\n"
+                 "9\tre\t{LSS(user)}:user=[a-z]{2,5};\n");
+    std::string input;
+    for (int i = 0; i < 3; i++)
+        input += "GET / HOST: x abc12de k=9 free money user=abc; k=1 abcd x7 X3 ";
+    const std::string in = dir_.write("in.txt", input);
+    const std::string images[2] = {dir_.path("thin.img"), dir_.path("sm.img")}, engines[2] = {"thin", "sm"};
+    for (int e = 0; e < 2; e++)
+        ASSERT_EQ(dir_.run({"--engine", engines[e], "-p", patterns, "--save", images[e]}).status, 0);
+    // Compile flags have no meaning for a loaded image: those rows are not loadable.
+    const struct { Args options; bool loadable; } rows[] = {
+        {{}, true}, {{"--start", "--all", "--block-size", "7"}, true},
+        {{"-c", "-i", "--all"}, false}, {{"--start", "--all", "--digitless"}, false}, {{"--rem", "-l"}, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.options));
+        std::string want;
+        for (int e = 0; e < 2; e++)
+            for (int load = 0; load < (row.loadable ? 2 : 1); load++) {
+                Args args{"--engine", engines[e]};
+                args.insert(args.end(), {load ? "--load" : "-p", load ? images[e] : patterns});
+                args.insert(args.end(), row.options.begin(), row.options.end());
+                args.push_back(in);
+                const auto r = dir_.run(args);
+                EXPECT_EQ(r.status, 0) << r.err;
+                if (want.empty())
+                    want = r.out;
+                EXPECT_EQ(r.out, want) << engines[e] << (load ? " loaded" : " compiled");
+            }
+        EXPECT_FALSE(want.empty());
+    }
+}
+
+TEST_F(ImageCli, ErrorsAndDumps) {
+    const std::string patterns = dir_.write("p.txt", "1\the\n2\tshe\n3\this\n4\thers\n");
+    const std::string image = dir_.path("p.img"), sm_image = dir_.path("sm.img");
+    ASSERT_EQ(dir_.run({"-p", patterns, "--save", image}).status, 0);
+    ASSERT_EQ(dir_.run({"--engine", "sm", "-p", patterns, "--save", sm_image}).status, 0);
+    const std::string bytes = slurp(image);
+    const std::string cut = dir_.write("cut.img", bytes.substr(0, bytes.size() - 1));
+    const std::string junk = dir_.write("junk.img", "not an image at all");
+    const std::string in = dir_.write("in.txt", "ushers");
+    vael_cli_test::check_rows(dir_, {
+        {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""}, {{"--load", cut, in}, 2, "", "damaged"},
+        {{"--load", junk, in}, 2, "", "not an image"}, {{"--load", dir_.path("none.img"), in}, 2, "", "No such file"},
+        {{"--load", image, "-p", patterns, in}, 2, "", "not both"},
+        {{"-p", patterns, "--save", dir_.path("no/dir/x.img")}, 2, "", "No such file"},
+        {{"-p", patterns, "--dump-bnfa", "xml"}, 2, "", "accepted: csv, jflap"},
+        {{"--load", image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"-p", dir_.write("w.txt", "1\tword\tmoney\n"), "--dump-bnfa", "csv"}, 2, "", "no Thin NFA"},
+        {{"--engine", "sm", "--load", image, in}, 2, "", "other --engine"},
+        {{"--load", sm_image, in}, 2, "", "other --engine"},
+        {{"--engine", "dfa", "-p", patterns, in}, 2, "", "bad engine 'dfa' (accepted: thin, sm)"},
+        {{"--engine", "sm", "--load", sm_image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"--engine", "sm", "-p", patterns, "--stats", "--memory", in}, 0, "5:4\n", "SM"},
+    }, false);
+    // The dump of the loaded automaton is the dump of the compiled one.
+    const auto dumped = dir_.run({"--load", image, "--dump-bnfa", "csv"}).out;
+    EXPECT_NE(dumped.find(','), std::string::npos);
+    EXPECT_EQ(dumped, dir_.run({"-p", patterns, "--dump-bnfa", "csv"}).out);
 }
 
 }  // namespace
