@@ -1,21 +1,155 @@
 // End-to-end tests of the vael-scan program: each test writes a pattern file and inputs into its own directory, runs
 // the built binary and checks its exact output, messages and exit status. Scans; the runs that answer one question
 // (--verify, --gen-buf, --dump-dfa, --stats); --engine, --save, --load and --dump-bnfa, where an image loads only
-// under the engine that saved it and prints what the pattern file would.
+// under the engine that saved it and prints what the pattern file would. And the pattern-file reader on its own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "pattern_file.h"
-#include "scan_runner.h"
+#include "read_file.h"
+
+extern char **environ;
+
+// vael-scan run as a user runs it: a scratch directory for the test's files, a run that gives the exit status and
+// both outputs, and the check of a table of such runs.
+namespace vael_cli_test {
+
+namespace fs = std::filesystem;
+using Args = std::vector<std::string>;
+
+struct Result {
+    int status = -1;  // -1 when the program did not exit normally
+    std::string out, err;
+    long max_rss_kib = 0;           // the child's peak resident memory
+    std::size_t stdin_written = 0;  // bytes the child's standard input took before it closed
+};
+
+// How the child is started, beyond its arguments.
+struct Launch {
+    std::string stdin_bytes;               // written to a pipe on its standard input
+    std::vector<std::string> env = {};     // NAME=VALUE added to the environment
+    rlim_t address_space = RLIM_INFINITY;  // RLIMIT_AS of the child
+};
+
+inline std::string slurp(const fs::path &path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+// A directory of one test's own, removed at the test's end.
+class Scratch {
+public:
+    explicit Scratch(const std::string &tag)
+        : dir_(fs::temp_directory_path() / ("vael_" + tag + "_" + std::to_string(::getpid()))) {
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    ~Scratch() { fs::remove_all(dir_); }
+
+    std::string path(const std::string &name) const { return (dir_ / name).string(); }
+    std::string write(const std::string &name, const std::string &bytes) const {
+        fs::create_directories((dir_ / name).parent_path());
+        std::ofstream(dir_ / name, std::ios::binary) << bytes;
+        return path(name);
+    }
+
+    // vael-scan with `args`, started in this directory.
+    Result run(Args args, const Launch &launch = {}) const {
+        args.insert(args.begin(), VAEL_SCAN_PATH);
+        std::vector<std::string> env(launch.env);
+        for (char **e = environ; *e != nullptr; ++e) env.emplace_back(*e);
+        std::vector<char *> argv, envp;
+        for (auto &s : args) argv.push_back(s.data());
+        for (auto &s : env) envp.push_back(s.data());
+        argv.push_back(nullptr);
+        envp.push_back(nullptr);
+        const std::string out = path(".scan_out"), err = path(".scan_err");
+        int in_pipe[2];
+        if (::pipe(in_pipe) != 0) return {};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addchdir_np(&actions, dir_.c_str());
+        posix_spawn_file_actions_adddup2(&actions, in_pipe[0], 0);
+        posix_spawn_file_actions_addclose(&actions, in_pipe[0]);
+        posix_spawn_file_actions_addclose(&actions, in_pipe[1]);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        // The child takes the limit from this process, which lifts it again at once; posix_spawn shares the memory
+        // rather than copying it, so the child's peak resident memory is its own.
+        rlimit saved{};
+        ::getrlimit(RLIMIT_AS, &saved);
+        rlimit limit = saved;
+        limit.rlim_cur = std::min(launch.address_space, saved.rlim_max);
+        ::setrlimit(RLIMIT_AS, &limit);
+        pid_t pid = -1;
+        const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+        ::setrlimit(RLIMIT_AS, &saved);
+        posix_spawn_file_actions_destroy(&actions);
+        EXPECT_EQ(spawned, 0) << "cannot start " << argv[0];
+        ::close(in_pipe[0]);
+        ::signal(SIGPIPE, SIG_IGN);  // the child may stop reading early (-q)
+        Result result;
+        const std::string &in = launch.stdin_bytes;
+        for (ssize_t n = 1; n > 0 && result.stdin_written < in.size(); result.stdin_written += n > 0 ? n : 0)
+            n = ::write(in_pipe[1], in.data() + result.stdin_written, in.size() - result.stdin_written);
+        ::close(in_pipe[1]);
+        int wait_status = 0;
+        rusage usage{};
+        while (spawned == 0 && ::wait4(pid, &wait_status, 0, &usage) < 0 && errno == EINTR) {
+        }
+        if (spawned == 0 && WIFEXITED(wait_status)) result.status = WEXITSTATUS(wait_status);
+        result.out = slurp(out);
+        result.err = slurp(err);
+        result.max_rss_kib = usage.ru_maxrss;
+        return result;
+    }
+
+private:
+    fs::path dir_;
+};
+
+// One run of a table: the arguments, the exit status, and what the outputs
+// hold: the whole output, or a piece of it when the table checks pieces.
+struct Row { Args args; int status; std::string out, err; };
+
+inline void check_rows(const Scratch &dir, const std::vector<Row> &rows, bool whole) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.args));
+        const Result r = dir.run(row.args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        if (whole) {
+            EXPECT_EQ(r.out, row.out);
+            EXPECT_EQ(r.err, row.err);
+        } else {
+            EXPECT_NE(r.out.find(row.out), std::string::npos) << r.out;
+            EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
+            EXPECT_EQ(r.out.empty(), row.out.empty()) << r.out;
+        }
+    }
+}
+
+}  // namespace vael_cli_test
 
 namespace {
 
@@ -27,6 +161,10 @@ using Set = std::multiset<std::string>;
 using vael_cli_test::check_rows;
 using vael_cli_test::Scratch;
 using vael_cli_test::slurp;
+using vael::cli::parse_pattern_text;
+using vael::cli::PatternFileError;
+using vael::cli::PatternKind;
+using vael::cli::PatternRecord;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kSanitized = true;  // the sanitizer's shadow memory makes RSS and address limits meaningless
@@ -635,6 +773,141 @@ TEST_F(ImageCli, ErrorsAndDumps) {
     const auto dumped = dir_.run({"--load", image, "--dump-bnfa", "csv"}).out;
     EXPECT_NE(dumped.find(','), std::string::npos);
     EXPECT_EQ(dumped, dir_.run({"-p", patterns, "--dump-bnfa", "csv"}).out);
+}
+
+PatternRecord rec(std::size_t line, std::int32_t id, std::string bytes, PatternKind kind = PatternKind::str) {
+    return PatternRecord{line, id, kind, std::move(bytes)};
+}
+
+// Files that parse: the records of each line.
+TEST(PatternFile, GoodLinesGiveRecords) {
+    const struct { const char *name; std::string text; std::vector<PatternRecord> expected; } rows[] = {
+        {"Ids", "1\tGET /\n-5\tabc\n2147483647\ta\n-2147483648\tb\n-5\tc\n",
+         {rec(1, 1, "GET /"), rec(2, -5, "abc"), rec(3, 2147483647, "a"), rec(4, INT32_MIN, "b"), rec(5, -5, "c")}},
+        {"Escapes", "1\t\\x41\\x6a\\x6A\\t\\n\\r\\\\z\n2\ta\\x00b\n3\t\\\\x41\n4\t#x\n",
+         {rec(1, 1, "Ajj\t\n\r\\z"), rec(2, 2, "a\0b"s), rec(3, 3, "\\x41"), rec(4, 4, "#x")}},
+        {"RawBytesPassThrough", "1\t\xff\xfe\x01 \xd0\xbf\xd1\x80\n", {rec(1, 1, "\xff\xfe\x01 \xd0\xbf\xd1\x80")}},
+        {"CommentsAndBlankLinesCountAsLines", "# header\n\n   \n\t\t\n\v\f \n2\tx\n#3\ty\n", {rec(6, 2, "x")}},
+        // One CR before the LF is dropped, an escaped one is text.
+        {"CrLf", "1\tabc\r\n# c\r\n\r\n2\tdef\r\r\n3\tg\\r\r\n",
+         {rec(1, 1, "abc"), rec(4, 2, "def\r"), rec(5, 3, "g\r")}},
+        // Every kind, and what the reader leaves to the library.
+        {"Kinds", "1\ta\n2\tre\tb\n3\tstr\tc\n4\tword\td\n5\tre\n6\tkw\n",
+         {rec(1, 1, "a"), rec(2, 2, "b", PatternKind::re), rec(3, 3, "c"), rec(4, 4, "d", PatternKind::word),
+          rec(5, 5, "re"), rec(6, 6, "kw")}},
+        {"MetadataIsLeftInTheText", "1\t{caseless}:abc\n2\tre\t{LSS(ab)}:a.b\n3\tword\t{x\n",
+         {rec(1, 1, "{caseless}:abc"), rec(2, 2, "{LSS(ab)}:a.b", PatternKind::re), rec(3, 3, "{x", PatternKind::word)}},
+        {"EscapesInKeywordRule", "1\tkw\ta\\tb\\x41\n", {rec(1, 1, "a\tbA", PatternKind::kw)}},
+        // Only a keyword rule is a C string; the other kinds carry their length.
+        {"NulOutsideKeywordRules", "1\tre\ta\\x00b\n2\tword\ta\\x00b\n",
+         {rec(1, 1, "a\0b"s, PatternKind::re), rec(2, 2, "a\0b"s, PatternKind::word)}},
+        {"ByteOrderMark", "\xEF\xBB\xBF" "1\tabc\n2\t\xEF\xBB\xBF\n", {rec(1, 1, "abc"), rec(2, 2, "\xEF\xBB\xBF")}},
+        {"OnlyComments", "# one\n#two\n\n", {}},
+    };
+    for (const auto &row : rows) {
+        const auto result = parse_pattern_text(row.text);
+        ASSERT_TRUE(result.ok()) << row.name << ": " << result.error->message;
+        EXPECT_EQ(result.records, row.expected) << row.name;
+    }
+        // Every kind name the reader accepts comes back from kind_name, so what
+        // --explain prints can be written back into a pattern file.
+    for (const char *name : {"str", "re", "word", "word-continuous", "kw", "kw-nohistory"}) {
+        const auto result = parse_pattern_text("1\t"s + name + "\tx\n");
+        ASSERT_TRUE(result.ok()) << name;
+        EXPECT_EQ(vael::cli::kind_name(result.records.at(0).kind), name);
+    }
+}
+
+// Files that are refused: the first bad line and its message, and no records.
+TEST(PatternFile, BadLinesGiveTheFirstError) {
+    const std::string kHexHint = " (\\x takes two hex digits)";
+    const struct { const char *name; std::string text; std::size_t line; std::string message; } rows[] = {
+        {"NoTab", "abc\n", 1, "missing TAB between pattern id and text"},
+        {"IndentedComment", " # note\n", 1, "missing TAB between pattern id and text"},
+        {"MissingId", "\tabc\n", 1, "missing pattern id"},
+        {"TooManyFields", "1\tstr\ta\tb\n", 1, "too many TAB-separated fields (write a TAB inside the text as \\t)"},
+        {"IdNotANumber", "x1\tabc\n", 1, "bad pattern id 'x1' (not a decimal integer)"},
+        {"IdAboveInt32", "2147483648\tabc\n", 1, "pattern id '2147483648' is out of range (signed 32-bit)"},
+        {"EmptyText", "1\t\n", 1, "empty pattern text"}, {"EmptyTextBeforeCrLf", "1\t\r\n", 1, "empty pattern text"},
+        {"UnknownEscape", "1\tab\\q\n", 1, "bad escape '\\q'"},
+        {"BackslashAtEnd", "1\tab\\\n", 1, "bad escape '\\' at end of line"},
+        {"HexOneDigitThenJunk", "1\t\\x4g\n", 1, "bad escape '\\x4g'"s + kHexHint},
+        {"HexNoDigitsAtEnd", "1\ta\\x\n", 1, "bad escape '\\x'"s + kHexHint},
+        {"EscapedMultibyteCharShownWhole", "1\t\\\xc3\xa9\n", 1, "bad escape '\\\xc3\xa9'"},
+        {"EscapedControlByteShownAsHex", "1\t\\\x01\n", 1, "bad escape '\\\\x01'"},
+        {"KindUnknown", "1\tregex\tabc\n", 1, "unknown pattern kind 'regex'"},
+        {"KindEmpty", "1\t\tabc\n", 1, "empty pattern kind"},
+        {"KindWithControlByte", "1\tk\x01\tabc\n", 1, "unknown pattern kind 'k\\x01'"},
+        // A keyword rule is handed over as a C string.
+        {"EscapedNulInKw", "1\tkw\tpart:\\x00\n", 1, "NUL byte in keyword rule 'part:\\x00'"},
+        {"NulInKwNamesItsLine", "1\ta\\x00\n# c\n2\tkw\tx\n3\tkw\tx\\x00\n", 4, "NUL byte in keyword rule 'x\\x00'"},
+        // Which error wins: fields left to right, lines top to bottom.
+        {"KindCheckedBeforeText", "1\tfoo\t\\q\n", 1, "unknown pattern kind 'foo'"},
+        {"LineNumberAfterByteOrderMark", "\xEF\xBB\xBF" "1\ta\nbad\n", 2, "missing TAB between pattern id and text"},
+        {"FirstBadLineWins", "1\ta\n2\t\\q\n3\t\n", 2, "bad escape '\\q'"},
+    };
+    for (const auto &row : rows) {
+        const auto result = parse_pattern_text(row.text);
+        ASSERT_FALSE(result.ok()) << row.name;
+        EXPECT_EQ(*result.error, (PatternFileError{row.line, row.message})) << row.name;
+        EXPECT_TRUE(result.records.empty());
+    }
+}
+
+// Items of a metadata block that vael-scan reads itself: whole items only,
+// with an LSS(...) stepped over whole even when it holds ';' or '}'.
+TEST(MetadataItems, FindsWholeItemsOnly) {
+    const struct { const char *text; bool has_utf8; } rows[] = {
+        {"{utf8}:a", true},           {"{caseless;utf8}:a", true}, {"{LSS(a;utf8)}:a", false},
+        {"{LSS(a;b}c);utf8}:a", true}, {"{utf8x}:a", false},       {"{xutf8}:a", false},
+        {"utf8", false},              {"{LSS(ab:a", false},        {"{caseless}:{utf8}:a", false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(vael::cli::metadata_has_item(row.text, "utf8"), row.has_utf8) << row.text;
+}
+
+// Rendering of bytes inside messages: controls and broken UTF-8 as hex, whole characters kept, long texts cut.
+TEST(PatternFile, PrintableBytes) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"GET /a b~", "GET /a b~"},          {"\x01\t\n\x1f\x7f"s, "\\x01\\x09\\x0a\\x1f\\x7f"},
+        {"a\0b"s, "a\\x00b"},              {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},
+        {"\xc3x", "\\xc3x"},               {"\x80", "\\x80"},
+        {"\xc0\xaf", "\\xc0\\xaf"},          {std::string(60, 'a'), std::string(60, 'a')},
+        {std::string(61, 'a'), std::string(60, 'a') + "..."},
+    };
+    for (const auto &[in, out] : rows) EXPECT_EQ(vael::cli::printable(in), out);
+}
+
+// Through the file: records as from text, an error with its line, a file that cannot be read at line 0, and whole
+// files read byte for byte within their limit.
+TEST(PatternFile, ReadsFromDisk) {
+    const vael_cli_test::Scratch dir("pattern_file");
+    const auto good = vael::cli::read_pattern_file(dir.write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
+    ASSERT_TRUE(good.ok());
+    EXPECT_EQ(good.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));
+    const std::pair<std::string, PatternFileError> bad[] = {
+        {dir.write("b.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"), {3, "NUL byte in keyword rule 'c\\x00'"}},
+        {dir.path("missing.txt"), {0, "No such file or directory"}}, {dir.path(""), {0, "Is a directory"}},
+    };
+    for (const auto &[path, error] : bad) {
+        const auto result = vael::cli::read_pattern_file(path);
+        ASSERT_FALSE(result.ok()) << path;
+        EXPECT_EQ(*result.error, error) << path;
+    }
+    std::string bytes(200 * 1024, '\0');  // more than one read's worth
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + (i >> 9));
+    const auto path = dir.write("data.bin", bytes);
+
+    std::string out = "stale";
+    EXPECT_EQ(vael::cli::read_whole_file(path, out, bytes.size()), std::nullopt);
+    EXPECT_EQ(out, bytes);
+    const auto error = vael::cli::read_whole_file(path, out, bytes.size() - 1);
+    EXPECT_EQ(error, "file too large (more than " + std::to_string(bytes.size() - 1) + " bytes)");
+    EXPECT_TRUE(out.empty());
+
+    out = "stale";
+    EXPECT_EQ(vael::cli::read_whole_file(dir.write("empty.bin", ""), out), std::nullopt);
+    EXPECT_TRUE(out.empty());
 }
 
 }  // namespace
