@@ -30,7 +30,7 @@ extern char **environ;
 
 // vael-scan run as a user runs it: a scratch directory for the test's files, a run that gives the exit status and
 // both outputs, and the check of a table of such runs.
-namespace vael_cli_test {
+namespace {
 
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
@@ -149,18 +149,8 @@ inline void check_rows(const Scratch &dir, const std::vector<Row> &rows, bool wh
     }
 }
 
-}  // namespace vael_cli_test
-
-namespace {
-
 using namespace std::string_literals;
-using vael_cli_test::Args;
-using vael_cli_test::Launch;
-using vael_cli_test::Result;
 using Set = std::multiset<std::string>;
-using vael_cli_test::check_rows;
-using vael_cli_test::Scratch;
-using vael_cli_test::slurp;
 using vael::cli::parse_pattern_text;
 using vael::cli::PatternFileError;
 using vael::cli::PatternKind;
@@ -186,7 +176,7 @@ protected:
     Result run(Args args, const Launch &launch = {}) { return dir_.run(std::move(args), launch); }
     Result run(Args args, std::string stdin_bytes) { return run(std::move(args), Launch{std::move(stdin_bytes)}); }
 
-    vael_cli_test::Scratch dir_{"scan_"s + testing::UnitTest::GetInstance()->current_test_info()->name()};
+    Scratch dir_{"scan_"s + testing::UnitTest::GetInstance()->current_test_info()->name()};
 };
 
 // Brute force: every (end offset, id) of the strings in data, in the order
@@ -652,7 +642,7 @@ TEST(OneShotCli, DumpDfa) {
     auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
     const Scratch dir("dump_dfa");
     dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
-    std::vector<vael_cli_test::Row> rows = {
+    std::vector<Row> rows = {
         {{"--rem", "--dump-dfa", "1", "csv"}, 0,
          "The dfa has 3 states.\nstate_id,level,is_final,a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z\n1,0,0,2" +
              times(25, ",1") + "\n2,1,0,2,0" + times(24, ",1") + "\n0,2,1" + times(26, ",0") + "\n", ""},
@@ -688,7 +678,7 @@ TEST(OneShotCli, StatsReportAfterTheScan) {
         {"--stats=FORMAT=CSV", 2,
          {"vael-scan: --stats: Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}},
     };
-    const vael_cli_test::Result plain = dir.run({"-p", "p.txt", "in.txt"});
+    const Result plain = dir.run({"-p", "p.txt", "in.txt"});
     ASSERT_EQ(plain.err, "");
     for (const auto &row : rows) {
         const auto [status, out, err, rss, written] = dir.run({"-p", "p.txt", row.option, "in.txt"});
@@ -703,14 +693,9 @@ TEST(OneShotCli, StatsReportAfterTheScan) {
     }
 }
 
-class ImageCli : public testing::Test {
-protected:
-    vael_cli_test::Scratch dir_{"image_cli"};
-};
-
 // Every kind of pattern line, and an input that hits each, split over the
 // program's reads by a small block size in one row.
-TEST_F(ImageCli, SameOutputCompiledOrLoadedUnderEitherEngine) {
+TEST_F(VaelScan, ImageSameOutputCompiledOrLoadedUnderEitherEngine) {
     const std::string patterns = dir_.write(
         "p.txt", "1\tGET /\n2\tstr\t{caseless}:host:\n3\tre\tabc[0-9]+de\n4\tword\tfree money\n"
                  "5\tkw\t{LSS(k=)}:data: \"k=\"; test: 1, =, 0x39, 0, relative;\n6\tabcd\n7\tcd\n8\tX7\n"
@@ -746,7 +731,7 @@ TEST_F(ImageCli, SameOutputCompiledOrLoadedUnderEitherEngine) {
     }
 }
 
-TEST_F(ImageCli, ErrorsAndDumps) {
+TEST_F(VaelScan, ImageErrorsAndDumps) {
     const std::string patterns = dir_.write("p.txt", "1\the\n2\tshe\n3\this\n4\thers\n");
     const std::string image = dir_.path("p.img"), sm_image = dir_.path("sm.img");
     ASSERT_EQ(dir_.run({"-p", patterns, "--save", image}).status, 0);
@@ -755,7 +740,7 @@ TEST_F(ImageCli, ErrorsAndDumps) {
     const std::string cut = dir_.write("cut.img", bytes.substr(0, bytes.size() - 1));
     const std::string junk = dir_.write("junk.img", "not an image at all");
     const std::string in = dir_.write("in.txt", "ushers");
-    vael_cli_test::check_rows(dir_, {
+    check_rows(dir_, {
         {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""}, {{"--load", cut, in}, 2, "", "damaged"},
         {{"--load", junk, in}, 2, "", "not an image"}, {{"--load", dir_.path("none.img"), in}, 2, "", "No such file"},
         {{"--load", image, "-p", patterns, in}, 2, "", "not both"},
@@ -881,7 +866,7 @@ TEST(PatternFile, PrintableBytes) {
 // Through the file: records as from text, an error with its line, a file that cannot be read at line 0, and whole
 // files read byte for byte within their limit.
 TEST(PatternFile, ReadsFromDisk) {
-    const vael_cli_test::Scratch dir("pattern_file");
+    const Scratch dir("pattern_file");
     const auto good = vael::cli::read_pattern_file(dir.write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
     ASSERT_TRUE(good.ok());
     EXPECT_EQ(good.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));

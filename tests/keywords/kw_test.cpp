@@ -23,129 +23,6 @@
 #include "tests/support/vael_test_support.h"
 #include "vael/vael_kw_gen.h"
 
-// A keyword rule as the tests use it: compiled from its text, alone or in a PM, written to an image, loaded back and
-// run over a buffer.
-namespace kw_run {
-
-inline vael_kw_mgr *compile(const std::string &rule, vael_pm_error *err) {
-    vael_pm_error_init(err);
-    vael_pmglob_string *s =
-        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
-    vael_test::LogCapture quiet;
-    auto *mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(s, 0, 0, err));
-    vael_pmglob_string_destroy(s);
-    return mgr;
-}
-
-inline std::string repeat(const std::string &text, int times) {
-    std::string out;
-    for (int i = 0; i < times; i++)
-        out += text;
-    return out;
-}
-
-using Mgr = std::unique_ptr<vael_kw_mgr, void (*)(void *)>;
-
-// The rule compiled, destroyed with the scope.
-inline Mgr compiled(const std::string &rule) {
-    vael_pm_error err;
-    Mgr mgr(compile(rule, &err), vael_kw_mgr_destroy);
-    EXPECT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
-    return mgr;
-}
-
-struct PmRule { std::string lss, rule; int32_t id; bool no_history; };
-
-inline int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset,
-                    vael_vbuf *, int *) {
-    static_cast<std::vector<vael_test::Hit> *>(arg)->push_back(vael_test::Hit{id, offset});
-    return 0;
-}
-
-// A PM of keyword rules; its matches go to the std::vector<Hit> given to the run.
-inline vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_error *err) {
-    vael_pm_patterns *list = vael_pm_patterns_create();
-    for (const auto &r : rules)
-        EXPECT_EQ((r.no_history ? vael_pm_patterns_add_pattern_kw_nohistory : vael_pm_patterns_add_pattern_kw)(
-                      list, r.lss.data(), (uint32_t)r.lss.size(), r.rule.c_str(), r.id),
-                  0);
-    vael_test::LogCapture quiet;
-    vael_pm_handle *pm = vael_pm_compile(list, on_match, 0, err, "kw test");
-    vael_pm_patterns_destroy(list);
-    return pm;
-}
-
-inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
-    std::vector<unsigned char> image(vael_kw_mgr_serialize_get_size(mgr));
-    unsigned char *p = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), 0);
-    return image;
-}
-
-// From a block of exactly `size` bytes, so a read past it is ASan's. With
-// `quiet` off the load's log lines reach the caller's capture.
-inline vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size, bool quiet = true) {
-    auto *copy = static_cast<unsigned char *>(std::malloc(size ? size : 1));
-    std::memcpy(copy, image.data(), size);
-    const unsigned char *p = copy;
-    uint32_t space = size;
-    std::unique_ptr<vael_test::LogCapture> capture(quiet ? new vael_test::LogCapture : nullptr);
-    auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
-    std::free(copy);
-    return mgr;
-}
-
-// -1: no match; else the match's end.
-inline int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
-    int is_match = 0;
-    uint32_t end = 0;
-    vael_test::LogCapture quiet;
-    EXPECT_EQ(vael_kw_mgr_exec(mgr, (const unsigned char *)buf.data(), (uint32_t)buf.size(), &is_match, &end), 0);
-    return is_match ? (int64_t)end : -1;
-}
-
-// Buffers and the end of the rule's match over each, -1 for none.
-using Runs = std::vector<std::pair<std::string, int64_t>>;
-
-// The verdicts of the rule as compiled, as loaded from its image and as
-// duplicated, which must agree.
-inline void expect_verdicts(const std::string &rule, const Runs &runs) {
-    vael_pm_error err;
-    vael_kw_mgr *mgr = compile(rule, &err);
-    ASSERT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
-    vael_test::LogCapture quiet;
-    vael_kw_mgr *const all[] = {mgr, load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr)),
-                               static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))};
-    for (size_t i = 0; i < 3; i++) {
-        EXPECT_NE(all[i], nullptr) << rule << " copy " << i;
-        for (const auto &[buf, end] : runs)
-            EXPECT_EQ(all[i] ? verdict(all[i], buf) : -2, end) << rule << " over '" << buf << "', copy " << i;
-        vael_kw_mgr_destroy(all[i]);
-    }
-}
-
-struct Refusal { std::string rule; const char *text; uint32_t type = 0; };
-
-// Each rule is refused with its text and error type, alone and through the PM
-// with the user's id, with nothing held.
-inline void expect_refusals(const std::vector<Refusal> &cases) {
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.rule);
-        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
-        vael_pm_error err;
-        EXPECT_EQ(compile(c.rule, &err), nullptr);
-        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
-        EXPECT_EQ(err.error_type, c.type);
-        EXPECT_EQ(pm_compile({{"zz", R"(data: "zz";)", 1, false}, {"ab", c.rule, 42, false}}, &err), nullptr);
-        EXPECT_EQ(err.pattern_id, 42);
-        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
-        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
-        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore);
-    }
-}
-
-}  // namespace kw_run
 
 // A fake keeps the text the manager handed to its create. The bytes between
 // its first two '"' are a needle: it then acts as `data` does (floating,
@@ -280,11 +157,127 @@ class Install {
 namespace {
 
 using vael_test::LogCapture;
-using kw_run::image_of;
-using kw_run::load;
-using kw_run::pm_compile;
-using kw_run::verdict;
 using namespace std::string_literals;
+
+// A keyword rule as the tests use it: compiled from its text, alone or in a PM, written to an image, loaded back and
+// run over a buffer.
+inline vael_kw_mgr *compile(const std::string &rule, vael_pm_error *err) {
+    vael_pm_error_init(err);
+    vael_pmglob_string *s =
+        vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(rule.data()), (uint32_t)rule.size(), -1, 0);
+    vael_test::LogCapture quiet;
+    auto *mgr = static_cast<vael_kw_mgr *>(vael_pm_compile_keywords(s, 0, 0, err));
+    vael_pmglob_string_destroy(s);
+    return mgr;
+}
+
+inline std::string repeat(const std::string &text, int times) {
+    std::string out;
+    for (int i = 0; i < times; i++)
+        out += text;
+    return out;
+}
+
+using Mgr = std::unique_ptr<vael_kw_mgr, void (*)(void *)>;
+
+// The rule compiled, destroyed with the scope.
+inline Mgr compiled(const std::string &rule) {
+    vael_pm_error err;
+    Mgr mgr(compile(rule, &err), vael_kw_mgr_destroy);
+    EXPECT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
+    return mgr;
+}
+
+struct PmRule { std::string lss, rule; int32_t id; bool no_history; };
+
+inline int on_match(vael_pm_handle *, int32_t id, void *arg, const unsigned char *, uint32_t, uint32_t offset,
+                    vael_vbuf *, int *) {
+    static_cast<std::vector<vael_test::Hit> *>(arg)->push_back(vael_test::Hit{id, offset});
+    return 0;
+}
+
+// A PM of keyword rules; its matches go to the std::vector<Hit> given to the run.
+inline vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_error *err) {
+    vael_pm_patterns *list = vael_pm_patterns_create();
+    for (const auto &r : rules)
+        EXPECT_EQ((r.no_history ? vael_pm_patterns_add_pattern_kw_nohistory : vael_pm_patterns_add_pattern_kw)(
+                      list, r.lss.data(), (uint32_t)r.lss.size(), r.rule.c_str(), r.id),
+                  0);
+    vael_test::LogCapture quiet;
+    vael_pm_handle *pm = vael_pm_compile(list, on_match, 0, err, "kw test");
+    vael_pm_patterns_destroy(list);
+    return pm;
+}
+
+inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
+    std::vector<unsigned char> image(vael_kw_mgr_serialize_get_size(mgr));
+    unsigned char *p = image.data();
+    uint32_t space = (uint32_t)image.size();
+    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), 0);
+    return image;
+}
+
+// From a block of exactly `size` bytes, so a read past it is ASan's. With
+// `quiet` off the load's log lines reach the caller's capture.
+inline vael_kw_mgr *load(const std::vector<unsigned char> &image, uint32_t size, bool quiet = true) {
+    auto *copy = static_cast<unsigned char *>(std::malloc(size ? size : 1));
+    std::memcpy(copy, image.data(), size);
+    const unsigned char *p = copy;
+    uint32_t space = size;
+    std::unique_ptr<vael_test::LogCapture> capture(quiet ? new vael_test::LogCapture : nullptr);
+    auto *mgr = static_cast<vael_kw_mgr *>(vael_kw_mgr_deserialize(&p, &space, nullptr, nullptr));
+    std::free(copy);
+    return mgr;
+}
+
+// -1: no match; else the match's end.
+inline int64_t verdict(vael_kw_mgr *mgr, const std::string &buf) {
+    int is_match = 0;
+    uint32_t end = 0;
+    vael_test::LogCapture quiet;
+    EXPECT_EQ(vael_kw_mgr_exec(mgr, (const unsigned char *)buf.data(), (uint32_t)buf.size(), &is_match, &end), 0);
+    return is_match ? (int64_t)end : -1;
+}
+
+// Buffers and the end of the rule's match over each, -1 for none.
+using Runs = std::vector<std::pair<std::string, int64_t>>;
+
+// The verdicts of the rule as compiled, as loaded from its image and as
+// duplicated, which must agree.
+inline void expect_verdicts(const std::string &rule, const Runs &runs) {
+    vael_pm_error err;
+    vael_kw_mgr *mgr = compile(rule, &err);
+    ASSERT_NE(mgr, nullptr) << rule << ": " << (err.error_string ? err.error_string : "");
+    vael_test::LogCapture quiet;
+    vael_kw_mgr *const all[] = {mgr, load(image_of(mgr), vael_kw_mgr_serialize_get_size(mgr)),
+                               static_cast<vael_kw_mgr *>(vael_kw_mgr_duplicate(mgr))};
+    for (size_t i = 0; i < 3; i++) {
+        EXPECT_NE(all[i], nullptr) << rule << " copy " << i;
+        for (const auto &[buf, end] : runs)
+            EXPECT_EQ(all[i] ? verdict(all[i], buf) : -2, end) << rule << " over '" << buf << "', copy " << i;
+        vael_kw_mgr_destroy(all[i]);
+    }
+}
+
+struct Refusal { std::string rule; const char *text; uint32_t type = 0; };
+
+// Each rule is refused with its text and error type, alone and through the PM
+// with the user's id, with nothing held.
+inline void expect_refusals(const std::vector<Refusal> &cases) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.rule);
+        const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
+        vael_pm_error err;
+        EXPECT_EQ(compile(c.rule, &err), nullptr);
+        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
+        EXPECT_EQ(err.error_type, c.type);
+        EXPECT_EQ(pm_compile({{"zz", R"(data: "zz";)", 1, false}, {"ab", c.rule, 42, false}}, &err), nullptr);
+        EXPECT_EQ(err.pattern_id, 42);
+        EXPECT_STREQ(err.error_string ? err.error_string : "", c.text);
+        EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
+        EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore);
+    }
+}
 
 constexpr uint32_t A = VAEL_KW_PROP_ABSOLUTE;
 
@@ -305,12 +298,12 @@ TEST(KwGrammar, KeywordTexts) {
         {R"(delim=#;data: #a;b#; data: "c";)", {R"(data: "a;b",)", R"(data: "c",)"}, {0, 0}},
         {"test: 1; testing: 2; lengths: 3; dataX: 4;", {"test: 1,", "testing: 2,", "lengths: 3,", "dataX: 4,"},
          {2, 2, 1, 0}},
-        {kw_run::repeat("length: min; ", 100), std::vector<std::string>(100, "length: min,"),
+        {repeat("length: min; ", 100), std::vector<std::string>(100, "length: min,"),
          std::vector<uint32_t>(100, 1)},
     };
     kw_fake::Install fakes;
     for (const auto &c : cases) {
-        const kw_run::Mgr mgr = kw_run::compiled(c.rule);
+        const Mgr mgr = compiled(c.rule);
         ASSERT_NE(mgr, nullptr);
         std::vector<std::string> texts;
         std::vector<uint32_t> types;
@@ -389,7 +382,7 @@ TEST(KwRun, RulesOverBuffers) {
     };
     kw_fake::Install fakes;
     for (const auto &c : cases) {
-        const kw_run::Mgr mgr = kw_run::compiled(c.rule);
+        const Mgr mgr = compiled(c.rule);
         ASSERT_NE(mgr, nullptr);
         for (int pass = 0; pass < 2; pass++) {  // nothing of a run stays for the next
             SCOPED_TRACE(testing::Message() << c.rule << " over " << c.buf << " pass " << pass);
@@ -412,7 +405,7 @@ TEST(KwRun, RulesOverBuffers) {
 // pop restores three words and leaves the keyword's prev_scan word.
 TEST(KwRun, StackBounds) {
     kw_fake::Install fakes;
-    const kw_run::Mgr mgr = kw_run::compiled(R"(data: "a", relative, depth 2;)");  // floating: it pushes
+    const Mgr mgr = compiled(R"(data: "a", relative, depth 2;)");  // floating: it pushes
     ASSERT_NE(mgr, nullptr);
     uint32_t slots[8] = {0, 0, 0, 77, 0, 0, 0, 0};
     vael_kw_stack stack{0, 1, slots};
@@ -436,7 +429,7 @@ TEST(KwRun, StackBounds) {
 // failure, with nothing held.
 TEST(KwRun, SecondTierExecFailures) {
     kw_fake::Install fakes;
-    const kw_run::Mgr mgr = kw_run::compiled(R"(data: "b", relative;)");
+    const Mgr mgr = compiled(R"(data: "b", relative;)");
     ASSERT_NE(mgr, nullptr);
     vael_pm_exec_cb_ctx ctx{[](vael_pm_exec_cb_ctx *, uint32_t, uint32_t *, int32_t) { return 3; },
                             nullptr, nullptr, 1, 9, nullptr, 0, nullptr, 0};
@@ -454,7 +447,7 @@ TEST(KwRun, SecondTierExecFailures) {
 // Each rule, as compiled, loaded from its image and duplicated, over buffers: the end of its match, -1 for none.
 TEST(KwRules, Verdicts) {
     const std::string pad(40, '.');
-    const std::pair<std::string, kw_run::Runs> cases[] = {
+    const std::pair<std::string, Runs> cases[] = {
         // Back to a number: the first "k=" is followed by the wrong digit (the engine's backtracking over strings is
         // held to its traces in the engine test, over real keywords through the PM below).
         {R"(data: "k="; test: 1, =, 0x39, 0, relative;)", {{"k=1 k=9", 5}, {"k=1 k=8", -1}}},
@@ -504,7 +497,7 @@ TEST(KwRules, Verdicts) {
         {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
     };
     for (const auto &[rule, runs] : cases)
-        kw_run::expect_verdicts(rule, runs);
+        expect_verdicts(rule, runs);
 }
 
 // Refused rules: the text the author reads, the keyword's own first.
@@ -516,13 +509,13 @@ TEST(KwRules, Refusals) {
     const char *slash = "Regexp needs to be enclosed in delimiter / in pcre keyword";
     const char *delim = "Space/letter/digit cannot be used as ending delimiter in pcre keyword";
     const char *recursive = "Recursive operations are not supported in PM for pcre_dfa_exec";
-    kw_run::expect_refusals({
+    expect_refusals({
         {R"(data: "a"; dataX: "b";)", unsupported}, {R"(data: "|4|";)", "incomplete hex data in data keyword"},
         {R"(data: "a"; data: "b")", illegal, 1}, {R"(data: "a;)", illegal, 1}, {"   \t ", illegal, 1},
         {"delim=';", illegal, 1}, {"delim=' x;data: 'a';", illegal, 1}, {"delim=", illegal, 1},
         {R"(data: "a"; Data: "b";)", "Rule contains illegal keyword name"},
         {"data: \"a\"; jump: 1, 0, signed;", unsupported}, {R"(data: "a"; pcre: "/(?=a)b/";)", recursive},
-        {kw_run::repeat("length: 1, min; ", 101), "Rule contains too many keywords", 2},
+        {repeat("length: 1, min; ", 101), "Rule contains too many keywords", 2},
         // jump
         {"jump: 5, 0;", bad_len}, {"jump: 12, 0, string;", bad_len}, {"jump: 2, 0, signed;", unsupported},
         {"jump: 2, 0, unsigned, relative;", unsupported},
@@ -557,7 +550,7 @@ const char kRule[] = R"(data: "ab|43|", nocase; test: 2, >, 5, 0, relative, stri
 // Every cut of an image and the corruptions the checks name are refused
 // with nothing held; whole, it loads from memory and from small blocks.
 TEST(KwRules, ImageCutsAndCorruptions) {
-    const kw_run::Mgr mgr = kw_run::compiled(kRule);
+    const Mgr mgr = compiled(kRule);
     ASSERT_NE(mgr, nullptr);
     const auto image = image_of(mgr.get());
     std::vector<unsigned char> small(image.size() - 1, 0xee);
@@ -684,13 +677,13 @@ TEST(KwPcre, AgainstRe) {
             char pcre[100], re[100];
             std::snprintf(pcre, sizeof pcre, form, "pcre", e);
             std::snprintf(re, sizeof re, form, "re", e);
-            const kw_run::Mgr a = kw_run::compiled(pcre), b = kw_run::compiled(re);
+            const Mgr a = compiled(pcre), b = compiled(re);
             ASSERT_TRUE(a && b);
             for (int n = 0; n < kBuffers; n++) {
                 std::string buf(rng() % 12, ' ');
                 for (char &c : buf)
                     c = "abcxX01"[rng() % 7];
-                EXPECT_EQ(kw_run::verdict(a.get(), buf), kw_run::verdict(b.get(), buf)) << e << " over " << buf;
+                EXPECT_EQ(verdict(a.get(), buf), verdict(b.get(), buf)) << e << " over " << buf;
             }
         }
 }
@@ -698,13 +691,13 @@ TEST(KwPcre, AgainstRe) {
 // The expression compiles with the rule: a run allocates the engine's stack
 // and, under pcre_dfa_exec, PCRE's workspace, and gives both back.
 TEST(KwPcre, NothingCompiledPerRun) {
-    const kw_run::Mgr mgr = kw_run::compiled(R"(data: "k"; pcre: "/v+w/", relative;)");
+    const Mgr mgr = compiled(R"(data: "k"; pcre: "/v+w/", relative;)");
     ASSERT_NE(mgr, nullptr);
     for (int dfa : {1, 0}) {
         vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, dfa);
         const intptr_t before = vael_pmglob_memory_get_alloc_total(), kbefore = qx_kmem_get_alloc_total();
         const int allocations = alloc_number;
-        EXPECT_EQ(kw_run::verdict(mgr.get(), "xxkvvw"), 5);
+        EXPECT_EQ(verdict(mgr.get(), "xxkvvw"), 5);
         EXPECT_EQ(alloc_number - allocations, 1 + dfa);
         EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
         EXPECT_EQ(qx_kmem_get_alloc_total(), kbefore);
@@ -715,18 +708,18 @@ TEST(KwPcre, NothingCompiledPerRun) {
 // compile, duplicate and load over rules with these keywords are the rules'
 // test's).
 TEST(KwPcre, ImageCutsAndAWrongRow) {
-    const kw_run::Mgr mgr = kw_run::compiled(R"(pcre: "/a+b/i"; data: "k", relative; re: "/c+d/", relative;)");
+    const Mgr mgr = compiled(R"(pcre: "/a+b/i"; data: "k", relative; re: "/c+d/", relative;)");
     ASSERT_NE(mgr, nullptr);
-    auto image = kw_run::image_of(mgr.get());
-    const kw_run::Mgr copy(kw_run::load(image, (uint32_t)image.size()), vael_kw_mgr_destroy);
+    auto image = image_of(mgr.get());
+    const Mgr copy(load(image, (uint32_t)image.size()), vael_kw_mgr_destroy);
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(kw_run::verdict(copy.get(), "xAABkcd"), 6);
+    EXPECT_EQ(verdict(copy.get(), "xAABkcd"), 6);
     const intptr_t before = vael_pmglob_memory_get_alloc_total();
     for (uint32_t cut = 0; cut < image.size(); cut++)
-        EXPECT_EQ(kw_run::load(image, cut), nullptr) << cut;
+        EXPECT_EQ(load(image, cut), nullptr) << cut;
     for (uint32_t row : {2u, 3u, 0xffffffffu}) {
         std::memcpy(image.data() + 8 + 4 + 28, &row, 4);  // the pcre keyword's row
-        EXPECT_EQ(kw_run::load(image, (uint32_t)image.size()), nullptr) << row;
+        EXPECT_EQ(load(image, (uint32_t)image.size()), nullptr) << row;
     }
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), before);
 }
@@ -811,12 +804,12 @@ TEST(KwGenTestBuf, RulesJudgeTheirOwnBuffers) {
         const Generated miss = generate(row.rule, 0);
         EXPECT_EQ(miss.rc, 0);
         EXPECT_EQ(miss.buf, kMiss);
-        const kw_run::Mgr mgr = kw_run::compiled(row.rule);
+        const Mgr mgr = compiled(row.rule);
         ASSERT_NE(mgr, nullptr);
         if (hit.buf != kFail) {
-            EXPECT_NE(kw_run::verdict(mgr.get(), hit.buf), -1) << "the rule does not match its buffer";
+            EXPECT_NE(verdict(mgr.get(), hit.buf), -1) << "the rule does not match its buffer";
         }
-        EXPECT_EQ(kw_run::verdict(mgr.get(), miss.buf), -1) << "the rule matches the mismatch buffer";
+        EXPECT_EQ(verdict(mgr.get(), miss.buf), -1) << "the rule matches the mismatch buffer";
     }
 }
 
@@ -998,47 +991,47 @@ TEST(KwKeyword, Execute) {
     }
 }
 
-struct Call { uint32_t start, size; int from_backtrack, match; uint32_t next_offset, prev_scan_after; };
-// Calls of one `data` keyword in a row over one buffer, as a backtracking
-// rule makes them, its scan memory carried between them.
-void run_calls(const char *text, const std::string &data, const std::vector<Call> &calls) {
-    Keyword k(text);
-    ASSERT_NE(k.kw, nullptr) << k.error();
-    uint32_t prev_scan = 0;
-    for (size_t i = 0; i < calls.size(); i++) {
-        const Call &c = calls[i];
-        SCOPED_TRACE(testing::Message() << text << " call " << i);
-        uint32_t next = 0;
-        int match = -1;
-        ASSERT_EQ(vael_kw_data_execute(k.kw, u(data), (uint32_t)data.size(), nullptr, c.start, c.size,
-                                       c.from_backtrack, &prev_scan, &next, &match),
-                  0);
-        EXPECT_EQ(match, c.match);
-        EXPECT_EQ(match ? next : c.next_offset, c.next_offset);
-        EXPECT_EQ(prev_scan, c.prev_scan_after);
-    }
-}
-
+// Calls of one `data` keyword in a row over one buffer, as a backtracking rule makes them, its scan memory carried
+// between them.
 TEST(KwData, ScanMemoryAndResumption) {
-    // A first scan from 0 with no depth covers the whole buffer; reached
-    // again further on, the keyword does not scan at all.
-    run_calls("data: \"a\", relative;", "xaxxxaxx", {{0, 8, 0, 1, 2, 1}, {3, 5, 0, 0, 0, 1}});
-    // With a depth the former scan covered [0, 4): the next one is narrowed
-    // to what lies behind it, a find that straddles its end included.
-    run_calls("data: \"b\", relative, depth 4;", "aaaaabaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 6, 3}});
-    run_calls("data: \"bc\", relative, depth 4;", "aaabcaaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 5, 3}});
-    run_calls("data: \"b\", relative, depth 4;", "abaaaaaa", {{3, 4, 0, 0, 0, 4}, {1, 4, 0, 1, 2, 2}});
-    run_calls("data: \"b\", relative, depth 2;", "aaaaabaa", {{0, 2, 0, 0, 0, 1}, {4, 2, 0, 1, 6, 5}});
-    // A negated keyword neither reads nor writes the memory; too short a
-    // range scans nothing.
-    run_calls("data: !\"a\", relative;", "bbbb", {{0, 4, 0, 0, 0, 0}, {1, 3, 0, 0, 0, 0}});
-    run_calls("data: \"abc\", relative;", "abcabc", {{4, 2, 0, 0, 0, 0}});
-    // Resumed, the search goes back by the period behind the earlier find's
-    // start: 2 for "abab", so the overlap is found; 3 for "abc".
-    run_calls("data: \"abab\", relative;", "abababab",
-              {{0, 8, 0, 1, 4, 1}, {4, 4, 1, 1, 6, 1}, {6, 2, 1, 1, 8, 1}, {8, 0, 1, 0, 0, 1}});
-    run_calls("data: \"abc\", relative;", "abcabc", {{0, 6, 0, 1, 3, 1}, {3, 3, 1, 1, 6, 1}, {6, 0, 1, 0, 0, 1}});
-    run_calls("data: \"abc\", relative;", "abcabc", {{2, 4, 1, 0, 0, 0}});
+    struct Call { uint32_t start, size; int from_backtrack, match; uint32_t next_offset, prev_scan_after; };
+    const struct { const char *text; std::string data; std::vector<Call> calls; } rows[] = {
+        // A first scan from 0 with no depth covers the whole buffer; reached again further on, the keyword does not
+        // scan at all.
+        {"data: \"a\", relative;", "xaxxxaxx", {{0, 8, 0, 1, 2, 1}, {3, 5, 0, 0, 0, 1}}},
+        // With a depth the former scan covered [0, 4): the next one is narrowed to what lies behind it, a find that
+        // straddles its end included.
+        {"data: \"b\", relative, depth 4;", "aaaaabaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 6, 3}}},
+        {"data: \"bc\", relative, depth 4;", "aaabcaaa", {{0, 4, 0, 0, 0, 1}, {2, 4, 0, 1, 5, 3}}},
+        {"data: \"b\", relative, depth 4;", "abaaaaaa", {{3, 4, 0, 0, 0, 4}, {1, 4, 0, 1, 2, 2}}},
+        {"data: \"b\", relative, depth 2;", "aaaaabaa", {{0, 2, 0, 0, 0, 1}, {4, 2, 0, 1, 6, 5}}},
+        // A negated keyword neither reads nor writes the memory; too short a range scans nothing.
+        {"data: !\"a\", relative;", "bbbb", {{0, 4, 0, 0, 0, 0}, {1, 3, 0, 0, 0, 0}}},
+        {"data: \"abc\", relative;", "abcabc", {{4, 2, 0, 0, 0, 0}}},
+        // Resumed, the search goes back by the period behind the earlier find's start: 2 for "abab", so the overlap
+        // is found; 3 for "abc".
+        {"data: \"abab\", relative;", "abababab", {{0, 8, 0, 1, 4, 1}, {4, 4, 1, 1, 6, 1}, {6, 2, 1, 1, 8, 1},
+                                                   {8, 0, 1, 0, 0, 1}}},
+        {"data: \"abc\", relative;", "abcabc", {{0, 6, 0, 1, 3, 1}, {3, 3, 1, 1, 6, 1}, {6, 0, 1, 0, 0, 1}}},
+        {"data: \"abc\", relative;", "abcabc", {{2, 4, 1, 0, 0, 0}}},
+    };
+    for (const auto &row : rows) {
+        Keyword k(row.text);
+        ASSERT_NE(k.kw, nullptr) << k.error();
+        uint32_t prev_scan = 0;
+        for (size_t i = 0; i < row.calls.size(); i++) {
+            const Call &c = row.calls[i];
+            SCOPED_TRACE(testing::Message() << row.text << " call " << i);
+            uint32_t next = 0;
+            int match = -1;
+            ASSERT_EQ(vael_kw_data_execute(k.kw, u(row.data), (uint32_t)row.data.size(), nullptr, c.start, c.size,
+                                           c.from_backtrack, &prev_scan, &next, &match),
+                      0);
+            EXPECT_EQ(match, c.match);
+            EXPECT_EQ(match ? next : c.next_offset, c.next_offset);
+            EXPECT_EQ(prev_scan, c.prev_scan_after);
+        }
+    }
 }
 
 const char *const kTexts[] = {"data: \"abab\", relative;", "data: \"AbC|00ff|\", nocase, depth 9, offset 3;",

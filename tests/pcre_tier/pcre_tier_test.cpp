@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -174,11 +175,13 @@ TEST(PcreExec, LimitsCountAsNoMatch) {
     EXPECT_EQ(run(h.get(), "axxxxxxxxxxb axb", kAll).matches.size(), 2u);
 }
 
-// Each flag bit shown by what the pattern then matches.
+// Each flag bit shown by what the pattern then matches. Under pcre_exec (exec 1) a quantifier takes as little as it
+// can (PCRE_UNGREEDY) and '?' behind it makes it greedy; the recursive constructs compile, carry their bit, and run.
 TEST(PcreCompile, OptionsFromFlags) {
     struct Row {
         const char *pattern; uint32_t pattern_flags, compile_flags; std::string text;
         std::vector<Match> want;  // all matches, with starts
+        int exec = 0; bool recursive = false;
     };
     const uint32_t ml = VAEL_PCRE_MULTILINE;
     const std::vector<Row> rows = {
@@ -195,14 +198,24 @@ TEST(PcreCompile, OptionsFromFlags) {
         {".b", 0, 0, "\xc3\xa9" "b", {{2, 1}}}, {"abc", VAEL_PM_BOUND, 0, "xabc abc", {{7, 5}}},
         {"^abc$", VAEL_PM_LITERAL, 0, "abc", {{2, 0}}},
         {"a|b$", 0, 0, "ab", {{1, 1}}},                             // (a|b)$
+        {"a+", 0, 0, "aaa", {{0, 0}, {1, 1}, {2, 2}}, 1}, {"a+?", 0, 0, "aaa", {{2, 0}}, 1},
+        {"a{1,3}", 0, 0, "aaa", {{0, 0}, {1, 1}, {2, 2}}, 1}, {"a{1,3}?", 0, 0, "aaa", {{2, 0}}, 1},
+        {"a.*b", 0, 0, "ab ab", {{1, 0}, {4, 3}}, 1}, {"a.*?b", 0, 0, "ab ab", {{4, 0}}, 1},
+        {"(?=a)a", 0, 0, "ba", {{1, 1}}, 1, true},
+        {"(?>a+)b", 0, 0, "aab", {{2, 1}}, 1, true}, // a lazy a+ inside an atomic group
+        {"a(?R)?b", 0, 0, "xaabb", {{4, 1}}, 1, true}, {"(?(?=a)ab|c)", 0, 0, "c ab", {{0, 0}, {3, 2}}, 1, true},
+        {"(?<=a)b", 0, 0, "bab", {{2, 2}}, 1, true},
     };
     for (const Row &r : rows) {
+        SCOPED_TRACE(testing::Message() << r.pattern << " flags " << std::hex << r.pattern_flags << "/"
+                                        << r.compile_flags << " exec " << r.exec);
+        vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, !r.exec);
         auto h = compile(r.pattern, r.pattern_flags, r.compile_flags);
-        ASSERT_TRUE(h) << r.pattern;
+        ASSERT_TRUE(h);
+        EXPECT_EQ(h->flags, r.recursive ? (uint32_t)VAEL_PCRE_FLAG_RECURSIVE : 0u);
         auto got = run(h.get(), r.text, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START);
         EXPECT_EQ(got.result, 0);
-        EXPECT_EQ(got.matches, r.want) << r.pattern << " flags " << std::hex << r.pattern_flags << "/"
-                                       << r.compile_flags;
+        EXPECT_EQ(got.matches, r.want);
     }
 }
 
@@ -253,29 +266,6 @@ TEST(PcreCompile, Refusals) {
     }
 }
 
-// Under pcre_exec: a quantifier takes as little as it can (PCRE_UNGREEDY) and '?' behind it makes it greedy; the
-// recursive constructs compile, carry bit 0x1, and run; a handle without the bit runs under either matcher.
-TEST(PcreCompile, UngreedyAndRecursiveUnderPcreExec) {
-    vael_test::ScopedGlobal exec_mode(vael_pm_pcre_use_dfa_exec, 0);
-    struct Row { const char *pattern; const char *text; std::vector<Match> want; bool recursive; };
-    const std::vector<Row> rows = {
-        {"a+", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a+?", "aaa", {{2, 0}}, false},
-        {"a{1,3}", "aaa", {{0, 0}, {1, 1}, {2, 2}}, false}, {"a{1,3}?", "aaa", {{2, 0}}, false},
-        {"a.*b", "ab ab", {{1, 0}, {4, 3}}, false}, {"a.*?b", "ab ab", {{4, 0}}, false},
-        {"(?=a)a", "ba", {{1, 1}}, true},
-        {"(?>a+)b", "aab", {{2, 1}}, true}, // a lazy a+ inside an atomic group
-        {"a(?R)?b", "xaabb", {{4, 1}}, true}, {"(?(?=a)ab|c)", "c ab", {{0, 0}, {3, 2}}, true},
-        {"(?<=a)b", "bab", {{2, 2}}, true},
-    };
-    for (const Row &r : rows) {
-        auto h = compile(r.pattern);
-        ASSERT_TRUE(h) << r.pattern;
-        EXPECT_EQ(h->flags, r.recursive ? (uint32_t)VAEL_PCRE_FLAG_RECURSIVE : 0u) << r.pattern;
-        auto got = run(h.get(), r.text, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START);
-        EXPECT_EQ(got.matches, r.want) << r.pattern;
-    }
-}
-
 TEST(PcreCompile, RecursiveOpScan) {
     const std::pair<int, std::vector<const char *>> rows[] = {
         {1, {"(?=a)", "(?!a)", "(?<=a)", "(?<!a)", "(?>a)", "(?(1)a|b)", "(?R)", "(?0)", "(?1)", "(?+1)", "(?-1)",
@@ -303,29 +293,6 @@ std::vector<std::vector<Match>> behaviour(vael_pcre_handle *h) {
     for (const char *t : kTexts)
         out.push_back(run(h, t, VAEL_PM_EXEC_ALL_MATCHES | VAEL_PM_EXEC_MATCH_START).matches);
     return out;
-}
-
-// x* leaves pcre_study nothing to keep: the image holds no study data.
-const struct { const char *pattern; uint32_t flags; } kPatterns[] = {
-    {"abc", 0}, {"a.c", VAEL_PM_CASELESS}, {"[a-c]+", VAEL_PM_BOUND}, {"x*", 0}, {"^ab\\ncd$", VAEL_PCRE_MULTILINE},
-};
-
-// A handle read back from its image runs the same, keeps its flags and its compile figures, and writes the same image.
-TEST(PcreImage, RoundTrip) {
-    for (const auto &r : kPatterns) {
-        auto h = compile(r.pattern, r.flags);
-        ASSERT_TRUE(h) << r.pattern;
-        h->stats.memory = 1234;
-        h->stats.compile_time = 56;
-        auto image = image_of(h.get());
-        auto back = load(image, (uint32_t)image.size());
-        ASSERT_TRUE(back) << r.pattern;
-        EXPECT_TRUE(vael_pcre_is_valid(back.get()));
-        EXPECT_EQ(back->stats.memory, 1234u);
-        EXPECT_EQ(back->stats.compile_time, 56u);
-        EXPECT_EQ(behaviour(back.get()), behaviour(h.get())) << r.pattern;
-        EXPECT_EQ(image_of(back.get()), image) << r.pattern;
-    }
 }
 
 // A cut image at every length, a wrong magic, a size PCRE would read past:
@@ -395,8 +362,8 @@ TEST(PcreImage, ArgumentsAndSpace) {
 struct CompileCase { const char *pattern; uint32_t flags; };
 const CompileCase kCompileCases[] = {
     {"abc[0-9]+de", 0},
-    {"x*", 0}, // no study data: the library's own extra block
-    {"^word$", VAEL_PM_BOUND | VAEL_PM_CASELESS},
+    {"x*", 0}, // no study data: the library's own extra block, and an image without it
+    {"^word$", VAEL_PM_BOUND | VAEL_PM_CASELESS}, {"^ab\\ncd$", VAEL_PCRE_MULTILINE},
     {"a+?", VAEL_PM_VERIFY_SYNTAX}, // refused after its text was made
     {"(?=a)b", 0},                   // refused after PCRE compiled it
 };
@@ -426,41 +393,37 @@ TEST(PcreFailmem, Compile) {
     }
 }
 
-// The copies run as the original and keep its flags; under pcre_exec the recursive pattern compiles, and its bit
-// must travel too.
+// The copies run as the original and keep its flags and compile figures, the loaded one writes the same image; under
+// pcre_exec the recursive pattern compiles, and its bit must travel too.
 TEST(PcreFailmem, DuplicateAndLoad) {
     vael_test::ScopedGlobal mode(vael_pm_pcre_use_dfa_exec, 0);
     for (const CompileCase &c : kCompileCases) {
         if (c.flags & VAEL_PM_VERIFY_SYNTAX)
             continue;
+        SCOPED_TRACE(c.pattern);
         auto h = compile(c.pattern, c.flags);
         ASSERT_TRUE(h);
+        h->stats.memory = 1234;
+        h->stats.compile_time = 56;
         const auto want = behaviour(h.get());
         const uint32_t flags = h->flags;
-        auto image = image_of(h.get());
+        const auto image = image_of(h.get());
         Handle kept;
-        auto succeeded = [&] { return kept != nullptr; };
-        auto failed_cleanly = [&] { return !kept; };
-
-        auto dup = [&] {
-            kept.reset(static_cast<vael_pcre_handle *>(vael_pcre_duplicate(h.get())));
-            return succeeded();
-        };
-        vael_test::failmem_walk_each_allocation(dup, failed_cleanly);
-        ASSERT_TRUE(kept);
-        h.reset(); // the copy owns nothing of the original
-        EXPECT_EQ(behaviour(kept.get()), want);
-        EXPECT_EQ(kept->flags, flags) << c.pattern;
-        kept.reset();
-
-        auto flat = [&] {
-            kept = load(image, (uint32_t)image.size());
-            return succeeded();
-        };
-        vael_test::failmem_walk_each_allocation(flat, failed_cleanly);
-        ASSERT_TRUE(kept);
-        EXPECT_EQ(behaviour(kept.get()), want);
-        EXPECT_EQ(kept->flags, flags) << c.pattern;
+        const std::function<vael_pcre_handle *()> copies[] = {
+            [&] { return static_cast<vael_pcre_handle *>(vael_pcre_duplicate(h.get())); },
+            [&] { return load(image, (uint32_t)image.size()).release(); }};
+        for (const auto &copy : copies) {
+            kept.reset();  // the walk's accounts start without the other copy
+            vael_test::failmem_walk_each_allocation([&] { return (kept.reset(copy()), kept != nullptr); },
+                                                    [&] { return !kept; });
+            ASSERT_TRUE(kept);
+            h.reset();  // the copy owns nothing of the original
+            EXPECT_TRUE(vael_pcre_is_valid(kept.get()));
+            EXPECT_EQ(behaviour(kept.get()), want);
+            EXPECT_EQ(kept->flags, flags);
+            EXPECT_EQ(std::make_pair(kept->stats.memory, kept->stats.compile_time), std::make_pair(1234u, 56u));
+        }
+        EXPECT_EQ(image_of(kept.get()), image);
     }
 }
 
