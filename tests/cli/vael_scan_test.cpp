@@ -162,6 +162,8 @@ constexpr bool kSanitized = true;  // the sanitizer's shadow memory makes RSS an
 constexpr bool kSanitized = false;
 #endif
 
+const std::string kTry = "\nTry 'vael-scan --help' for more information.\n";
+
 // A run's output lines as a set: the order within a run may differ.
 Set lines(const std::string &out) {
     Set set;
@@ -388,8 +390,7 @@ TEST_F(VaelScan, GrepHabits) {
 // Errors and warnings: exact messages, naming what failed and why.
 TEST_F(VaelScan, Messages) {
     const auto f = write("f", "abc def");
-    const std::string usage = "\nTry 'vael-scan --help' for more information.\n", blocks = "' (accepted: 1 to "
-                                                                                         "1073741824, or 1K to 1024M)";
+    const std::string blocks = "' (accepted: 1 to 1073741824, or 1K to 1024M)";
     const struct {
         std::string patterns; Args args; std::vector<std::string> env; std::string err; int status;
     } rows[] = {
@@ -411,21 +412,21 @@ TEST_F(VaelScan, Messages) {
         {"1\ta\\x00b\n", {}, {}, "", 1},  // no NUL note unasked
         {"1\tabc\n", {"--debug", "pm,bogus", "-p", "P", "F"}, {},
          "vael-scan: unknown debug topic 'bogus' (accepted: all, dfa, error, htab, kw, memory, misc, pcre, pm, "
-         "pm_int, pmdump, rem, sm, thinnfa, vbuf, warning)" + usage, 2},
+         "pm_int, pmdump, rem, sm, thinnfa, vbuf, warning)" + kTry, 2},
         {"1\tabc\n", {"--debug-level", "loud", "-p", "P", "F"}, {},
-         "vael-scan: bad debug level 'loud' (accepted: NONE, ERR, WRN, NOTICE, INFO)" + usage, 2},
+         "vael-scan: bad debug level 'loud' (accepted: NONE, ERR, WRN, NOTICE, INFO)" + kTry, 2},
         {"1\tabc\n", {}, {"vael_thin_nfa_full_tiers_num=abc"},
          "vael-scan: environment: bad value 'abc' for vael_thin_nfa_full_tiers_num (accepted: a decimal integer "
          "from 0 to 2147483647)\n", 2},
         {"1\tabc\n", {}, {"vael_thin_nfa_full_tiers_num=3"}, "", 0},
-        {"1\tabc\n", {"--block-size=0", "-p", "P", "F"}, {}, "vael-scan: bad block size '0" + blocks + usage, 2},
-        {"1\tabc\n", {"--block-size=1x", "-p", "P", "F"}, {}, "vael-scan: bad block size '1x" + blocks + usage, 2},
-        {"1\tabc\n", {"F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + usage, 2},
-        {"1\tabc\n", {"--explain=yes", "-p", "P"}, {}, "vael-scan: option '--explain' takes no value" + usage, 2},
-        {"1\tabc\n", {"-p"}, {}, "vael-scan: option '-p' needs a value" + usage, 2},
-        {"1\tabc\n", {"-p", "P", "-p", "P", "F"}, {}, "vael-scan: only one pattern file may be given" + usage, 2},
-        {"1\tabc\n", {"--bogus", "-p", "P", "F"}, {}, "vael-scan: unknown option '--bogus'" + usage, 2},
-        {"1\tabc\n", {"-qz", "-p", "P", "F"}, {}, "vael-scan: unknown option '-z'" + usage, 2},
+        {"1\tabc\n", {"--block-size=0", "-p", "P", "F"}, {}, "vael-scan: bad block size '0" + blocks + kTry, 2},
+        {"1\tabc\n", {"--block-size=1x", "-p", "P", "F"}, {}, "vael-scan: bad block size '1x" + blocks + kTry, 2},
+        {"1\tabc\n", {"F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + kTry, 2},
+        {"1\tabc\n", {"--explain=yes", "-p", "P"}, {}, "vael-scan: option '--explain' takes no value" + kTry, 2},
+        {"1\tabc\n", {"-p"}, {}, "vael-scan: option '-p' needs a value" + kTry, 2},
+        {"1\tabc\n", {"-p", "P", "-p", "P", "F"}, {}, "vael-scan: only one pattern file may be given" + kTry, 2},
+        {"1\tabc\n", {"--bogus", "-p", "P", "F"}, {}, "vael-scan: unknown option '--bogus'" + kTry, 2},
+        {"1\tabc\n", {"-qz", "-p", "P", "F"}, {}, "vael-scan: unknown option '-z'" + kTry, 2},
     };
     for (const auto &row : rows) {
         const auto p = write("p.txt", row.patterns);
@@ -583,13 +584,11 @@ TEST_F(VaelScan, BundledSamples) {
               (std::set<std::string>{"20001", "20002", "20003", "20004", "20005", "20006", "20007", "20008"}));
 }
 
-const std::string kTry = "\nTry 'vael-scan --help' for more information.\n";
-
-// Exact standard output and error.
-TEST(OneShotCli, VerifyAnswers) {
+// --verify, --verify-word, --gen-buf and --gen-buf-miss: exact standard output and error.
+TEST(OneShotCli, Answers) {
     const std::string ok = "Success - pattern has identical meaning in new and old regular expression engines";
     const std::string both = "--verify and --verify-word take no pattern file or input";
-    check_rows(Scratch("verify_cli"), {
+    check_rows(Scratch("one_shot_cli"), {
         {{"-i", "--verify", "ab[0-9]+c"}, 0, "pm: ok\nregexp: ok\nmeaning: code 0, type 0, offset -1: " + ok + "\n", ""},
         {{"--verify", "ab"}, 1,
          "pm: ok\nregexp: ok\nmeaning: code -2, type 3, offset -1: Old regular expression engine (Regexp) is "
@@ -609,12 +608,7 @@ TEST(OneShotCli, VerifyAnswers) {
         {{"--verify", "a", "file.txt"}, 2, "", "vael-scan: " + both + kTry},
         {{"-p", "p.txt", "--verify-word", "b"}, 2, "", "vael-scan: " + both + kTry},
         {{"--verify"}, 2, "", "vael-scan: option '--verify' needs a value" + kTry},
-    }, true);
-}
-
-// The buffer printed, the rule's verdict over it, exactly.
-TEST(OneShotCli, GenBufAnswers) {
-    check_rows(Scratch("gen_buf_cli"), {
+        // The buffer printed, the rule's verdict over it.
         {{"--gen-buf", "data: \"abc\";"}, 0,
          "buffer: 11 bytes: \"abc........\"\nverdict: match, ends at 2 (expected: match): agrees\n", ""},
         {{"--gen-buf-miss", "data: \"abc\";"}, 0,

@@ -39,18 +39,10 @@ struct Fake {
     char *text;  // the create's text, NUL-ended
 };
 
-// Every execute, in order: "^" for a resumption, the needle (or without one
-// the keyword's name), "@start+size".
-std::vector<std::string> &trace() {
-    static std::vector<std::string> t;
-    return t;
-}
-
-// The prev_scan word the first execute of a trace found.
-uint32_t &first_prev_scan() {
-    static uint32_t v;
-    return v;
-}
+// Every execute, in order: "^" for a resumption, the needle (or without one the keyword's name), "@start+size"; and
+// the prev_scan word the first execute of a trace found.
+std::vector<std::string> trace;
+uint32_t first_prev_scan;
 
 const char *text_of(const vael_kw_abs *kw) { return reinterpret_cast<const Fake *>(kw)->text; }
 
@@ -99,9 +91,9 @@ int execute(vael_kw_abs *kw, const unsigned char *buf, uint32_t len, vael_vbuf *
     const std::string text = text_of(kw);
     const size_t q1 = text.find('"'), q2 = text.find('"', q1 + 1);
     const std::string needle = q1 == std::string::npos ? "" : text.substr(q1 + 1, q2 - q1 - 1);
-    if (trace().empty())
-        first_prev_scan() = *prev_scan;
-    trace().push_back((from_backtrack ? "^" : "") + (needle.empty() ? text.substr(0, text.find(':')) : needle) + "@" +
+    if (trace.empty())
+        first_prev_scan = *prev_scan;
+    trace.push_back((from_backtrack ? "^" : "") + (needle.empty() ? text.substr(0, text.find(':')) : needle) + "@" +
                       std::to_string(start) + "+" + std::to_string(size));
     *next_offset = start;
     *is_match = 0;
@@ -141,7 +133,7 @@ class Install {
             if (i < VAEL_KW_TYPE_RE)
                 vael_kw_table[i].vtable = &kVtable;
         }
-        trace().clear();
+        trace.clear();
     }
     ~Install() {
         for (int i = 0; i < VAEL_KW_TYPE_NUM; i++)
@@ -386,7 +378,7 @@ TEST(KwRun, RulesOverBuffers) {
         ASSERT_NE(mgr, nullptr);
         for (int pass = 0; pass < 2; pass++) {  // nothing of a run stays for the next
             SCOPED_TRACE(testing::Message() << c.rule << " over " << c.buf << " pass " << pass);
-            kw_fake::trace().clear();
+            kw_fake::trace.clear();
             int is_match = -1;
             uint32_t match_end = 12345;
             LogCapture quiet;
@@ -395,8 +387,8 @@ TEST(KwRun, RulesOverBuffers) {
                       c.rc);
             EXPECT_EQ(is_match, c.is_match);
             EXPECT_EQ(c.is_match == 1 ? match_end : c.match_end, c.match_end);
-            EXPECT_EQ(kw_fake::trace(), c.trace);
-            EXPECT_EQ(kw_fake::first_prev_scan(), 0u);
+            EXPECT_EQ(kw_fake::trace, c.trace);
+            EXPECT_EQ(kw_fake::first_prev_scan, 0u);
         }
     }
 }
@@ -493,7 +485,6 @@ TEST(KwRules, Verdicts) {
         {R"(pcre: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
         {R"(re: "/a[0-9]/"; data: "z", relative, depth 1;)", {{"a1xa2z", 5}, {"a1xa2x", -1}}},
         {R"(pcre: "/aa/"; data: "b", relative, depth 1;)", {{"aaab", -1}, {"aaaab", 4}}},  // no overlap
-        {R"(re: "/a+b/";)", {{"xaab", 3}}},
         {R"(data: "L"; jump: 1, 0, relative; pcre: "/^ok/", relative;)", {{"L\004abcok", 6}, {"L\003abcok", -1}}},
     };
     for (const auto &[rule, runs] : cases)
@@ -680,9 +671,7 @@ TEST(KwPcre, AgainstRe) {
             const Mgr a = compiled(pcre), b = compiled(re);
             ASSERT_TRUE(a && b);
             for (int n = 0; n < kBuffers; n++) {
-                std::string buf(rng() % 12, ' ');
-                for (char &c : buf)
-                    c = "abcxX01"[rng() % 7];
+                const std::string buf = vael_test::random_word(rng, "abcxX01", 0, 11);
                 EXPECT_EQ(verdict(a.get(), buf), verdict(b.get(), buf)) << e << " over " << buf;
             }
         }
@@ -1136,11 +1125,10 @@ TEST(KwBm, AgainstNaiveSearch) {
     for (int round = 0; round < 4000; round++) {
         const std::string &alpha = alphabets[round % 4];
         const bool caseless = (round / 4) % 2;
-        std::string p, hay;
-        for (int i = 0, m = 1 + (int)(rng() % 8); i < m; i++)
-            p += caseless ? (char)lower(alpha[rng() % alpha.size()]) : alpha[rng() % alpha.size()];
-        for (int i = 0, n = (int)(rng() % 64); i < n; i++)
-            hay += alpha[rng() % alpha.size()];
+        std::string p = vael_test::random_word(rng, alpha, 1, 8);
+        const std::string hay = vael_test::random_word(rng, alpha, 0, 63);
+        if (caseless)
+            std::transform(p.begin(), p.end(), p.begin(), lower);
         SCOPED_TRACE(testing::Message() << "pattern " << p << " hay " << hay << " caseless " << caseless);
         const std::vector<uint32_t> want = naive_all(hay, p, caseless), got = bm_all(hay, p, caseless);
         // Every find is a true place, in rising order; with at most one

@@ -94,10 +94,7 @@ TEST(PcreExec, DfaAndBacktrackingAgree) {
         auto h = compile(pattern, (uint32_t)(rng() % 2) * VAEL_PM_CASELESS, 0, &err);
         ASSERT_TRUE(h) << pattern << ": " << (err.error_string ? err.error_string : "");
         for (int t = 0; t < 5; t++, pairs++) {
-            std::string text;
-            const int len = (int)(rng() % 16);
-            for (int i = 0; i < len; i++)
-                text += "abcA\n"[rng() % 5];
+            const std::string text = vael_test::random_word(rng, "abcA\n", 0, 15);
             const auto *buf = reinterpret_cast<const unsigned char *>(text.data());
             int rc[2], end[2], start[2];
             for (int dfa : {1, 0}) {

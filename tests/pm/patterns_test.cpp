@@ -285,12 +285,8 @@ int sign(int v) { return (v > 0) - (v < 0); }
 // that every border (empty, NUL inside, needle longer than hay) comes up.
 TEST(StringsBytes, SearchesAndComparesAgreeWithAReference) {
     std::mt19937 rng(7);
-    auto random_text = [&](size_t max) {
-        std::string s;
-        for (size_t n = rng() % (max + 1); n > 0; n--)
-            s += "abzABZ\0"[rng() % 7];
-        return s;
-    };
+    const std::string alphabet("abzABZ\0", 7);
+    auto random_text = [&](size_t max) { return vael_test::random_word(rng, alphabet, 0, max); };
     for (int i = 0; i < 20000; i++) {
         const std::string h = random_text(8), n = random_text(3);
         SCOPED_TRACE(testing::PrintToString(h) + " / " + testing::PrintToString(n));

@@ -39,14 +39,10 @@ void PrintTo(const Match &m, std::ostream *os) { *os << "{id " << m.id << ", " <
 struct Rx { std::string text; bool caseless; };
 
 constexpr int32_t kIdBase = 100;
-const char kAlphabet[] = "abcdzABZ01";
+const std::string kAlphabet = "abcdzABZ01";
 
 std::string random_literal(std::mt19937 &rng, int min_len, int max_len) {
-    std::string s;
-    int n = std::uniform_int_distribution<int>(min_len, max_len)(rng);
-    for (int i = 0; i < n; i++)
-        s += "abcdz01"[rng() % 7];
-    return s;
+    return vael_test::random_word(rng, "abcdz01", min_len, max_len);
 }
 
 // literal, a repeated class or dot, maybe a second literal; sometimes anchored at the start or end.
@@ -64,14 +60,6 @@ Rx random_regex(std::mt19937 &rng) {
     if (rng() % 8 == 0)
         s += '$';
     return Rx{s, rng() % 4 == 0};
-}
-
-std::string random_text(std::mt19937 &rng, size_t max_len) {
-    std::string t;
-    size_t n = std::uniform_int_distribution<size_t>(0, max_len)(rng);
-    for (size_t i = 0; i < n; i++)
-        t += kAlphabet[rng() % (sizeof kAlphabet - 1)];
-    return t;
 }
 
 // PCRE alone over the whole text, with the options of the second tier.
@@ -180,7 +168,7 @@ TEST(RegexDifferential, PmAgreesWithPcrePerPattern) {
         for (bool e : pm.exact())
             exact_patterns += e;
         for (int t = 0; t < 4; t++) {
-            const std::string text = random_text(rng, 200);
+            const std::string text = vael_test::random_word(rng, kAlphabet, 0, 200);
             if (text.empty())
                 continue;
             SCOPED_TRACE("round " + std::to_string(round) + " text " + text);
@@ -214,7 +202,7 @@ TEST(RegexDifferential, SplitsAndMasksAgreeWithTheFlatRun) {
             if ((on[i] = rng() % 2)) {
                 ASSERT_EQ(vael_pm_mask_set(mask, kIdBase + (int32_t)i), 0);
             }
-        const std::string text = random_text(rng, 160) + "ab";
+        const std::string text = vael_test::random_word(rng, kAlphabet, 0, 160) + "ab";
         std::vector<size_t> cuts;
         for (int c = 0, k = 1 + (int)(rng() % 3); c < k; c++)
             cuts.push_back(rng() % (text.size() + 1));
