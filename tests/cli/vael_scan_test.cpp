@@ -636,20 +636,18 @@ TEST(OneShotCli, DumpDfa) {
     auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
     const Scratch dir("dump_dfa");
     dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
-    std::vector<Row> rows = {
-        {{"--rem", "--dump-dfa", "1", "csv"}, 0,
+    check_rows(dir, {
+        {{"-p", "p.txt", "--rem", "--dump-dfa", "1", "csv"}, 0,
          "The dfa has 3 states.\nstate_id,level,is_final,a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z\n1,0,0,2" +
              times(25, ",1") + "\n2,1,0,2,0" + times(24, ",1") + "\n0,2,1" + times(26, ",0") + "\n", ""},
-        {{"--dump-dfa=1", "jflap"}, 0, "?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
-        {{"--dump-dfa", "2", "csv"}, 2, "", "--dump-dfa: no re line with id 2"},
-        {{"--dump-dfa", "4", "csv"}, 2, "",
+        {{"-p", "p.txt", "--dump-dfa=1", "jflap"}, 0, "?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
+        {{"-p", "p.txt", "--dump-dfa", "2", "csv"}, 2, "", "--dump-dfa: no re line with id 2"},
+        {{"-p", "p.txt", "--dump-dfa", "4", "csv"}, 2, "",
          "p.txt:4: the REM machine refuses pattern 4: Illegal sequence beginning with '{'"},
-        {{"--dump-dfa", "1"}, 2, "", "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
-        {{"--dump-dfa", "1x", "csv"}, 2, "", "bad pattern id '1x' for --dump-dfa"},
-    };
-    for (auto &row : rows)
-        row.args.insert(row.args.begin(), {"-p", "p.txt"});
-    check_rows(dir, rows, false);
+        {{"-p", "p.txt", "--dump-dfa", "1"}, 2, "",
+         "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
+        {{"-p", "p.txt", "--dump-dfa", "1x", "csv"}, 2, "", "bad pattern id '1x' for --dump-dfa"},
+    }, false);
 }
 
 // The report after the scan on standard error, its pieces in order; the
@@ -788,8 +786,8 @@ TEST(PatternFile, GoodLinesGiveRecords) {
         ASSERT_TRUE(result.ok()) << row.name << ": " << result.error->message;
         EXPECT_EQ(result.records, row.expected) << row.name;
     }
-        // Every kind name the reader accepts comes back from kind_name, so what
-        // --explain prints can be written back into a pattern file.
+    // Every kind name the reader accepts comes back from kind_name, so what --explain prints can be written back into
+    // a pattern file.
     for (const char *name : {"str", "re", "word", "word-continuous", "kw", "kw-nohistory"}) {
         const auto result = parse_pattern_text("1\t"s + name + "\tx\n");
         ASSERT_TRUE(result.ok()) << name;

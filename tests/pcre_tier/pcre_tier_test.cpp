@@ -276,12 +276,6 @@ TEST(PcreCompile, RecursiveOpScan) {
             EXPECT_EQ(vael_pcre_pattern_uses_recursive_op(text, 0), recursive) << text;
 }
 
-uint32_t word_at(const std::vector<unsigned char> &image, size_t at) {
-    uint32_t w;
-    std::memcpy(&w, image.data() + at, 4);
-    return w;
-}
-
 // Texts over which a handle and its copies must agree.
 const char *const kTexts[] = {"", "abc", "xxabcabcxx", "ab\ncd", "ABC abc", "aaaa bbbb", "a1b2c3"};
 
@@ -298,7 +292,9 @@ TEST(PcreImage, BadImages) {
     auto h = compile("abc");
     ASSERT_TRUE(h);
     auto image = image_of(h.get());
-    const uint32_t s = word_at(image, 0), t = word_at(image, 4 + s);
+    uint32_t s, t;  // the sizes of the pattern and of its study data, each in front of it
+    std::memcpy(&s, image.data(), 4);
+    std::memcpy(&t, image.data() + 4 + s, 4);
     const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
     for (uint32_t cut = 0; cut < image.size(); cut++)
         EXPECT_FALSE(load(image, cut)) << "cut at " << cut;

@@ -41,10 +41,6 @@ struct Rx { std::string text; bool caseless; };
 constexpr int32_t kIdBase = 100;
 const std::string kAlphabet = "abcdzABZ01";
 
-std::string random_literal(std::mt19937 &rng, int min_len, int max_len) {
-    return vael_test::random_word(rng, "abcdz01", min_len, max_len);
-}
-
 // literal, a repeated class or dot, maybe a second literal; sometimes anchored at the start or end.
 Rx random_regex(std::mt19937 &rng) {
     static const char *kRepeats[] = {"[a-c]+", "d*", ".*", "[^a]+", "\\d+", "(ab|c)+", "[0-9a]*", ".+"};
@@ -52,11 +48,11 @@ Rx random_regex(std::mt19937 &rng) {
     std::string s;
     if (rng() % 6 == 0)
         s += '^';
-    s += random_literal(rng, 2, 3);
+    s += vael_test::random_word(rng, "abcdz01", 2, 3);
     s += kFixed[rng() % 5];
     s += kRepeats[rng() % 8];
     if (rng() % 2)
-        s += random_literal(rng, 1, 2);
+        s += vael_test::random_word(rng, "abcdz01", 1, 2);
     if (rng() % 8 == 0)
         s += '$';
     return Rx{s, rng() % 4 == 0};
@@ -336,16 +332,10 @@ TEST(RegexUpdate, EqualsAFreshCompile) {
 
 // Deterministic strings with few shared prefixes, so the trie is large.
 std::vector<Pattern> many_patterns(int count, int len) {
+    std::mt19937 rng(2463534242u);
     std::vector<Pattern> out;
-    uint32_t x = 2463534242u;
-    for (int i = 0; i < count; i++) {
-        std::string s;
-        for (int j = 0; j < len; j++) {
-            x ^= x << 13, x ^= x >> 17, x ^= x << 5;
-            s += (char)('a' + x % 26);
-        }
-        out.push_back(Pattern{s, i, 0});
-    }
+    for (int i = 0; i < count; i++)
+        out.push_back(Pattern{vael_test::random_word(rng, "abcdefghijklmnopqrstuvwxyz", len, len), i, 0});
     return out;
 }
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <iterator>
 #include <map>
 #include <sstream>
@@ -14,7 +13,6 @@
 
 #include "tests/pm/pm_test_util.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/vael_test_support.h"
 #include "tests/tools/ctl_host.h"
 #include "vael/vael_apps.h"
 
