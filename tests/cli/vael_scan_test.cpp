@@ -1,33 +1,168 @@
 // End-to-end tests of the vael-scan program: each test writes a pattern file and inputs into its own directory, runs
-// the built binary and checks its exact output, messages and exit status.
+// the built binary and checks its exact output, messages and exit status. Scans; the runs that answer one question
+// (--verify, --gen-buf, --dump-dfa, --stats); --engine, --save, --load and --dump-bnfa, where an image loads only
+// under the engine that saved it and prints what the pattern file would. And the pattern-file reader on its own.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "pattern_file.h"
-#include "scan_runner.h"
+#include "read_file.h"
 
+extern char **environ;
+
+// vael-scan run as a user runs it: a scratch directory for the test's files, a run that gives the exit status and
+// both outputs, and the check of a table of such runs.
 namespace {
 
+namespace fs = std::filesystem;
+using Args = std::vector<std::string>;
+
+struct Result {
+    int status = -1;  // -1 when the program did not exit normally
+    std::string out, err;
+    long max_rss_kib = 0;           // the child's peak resident memory
+    std::size_t stdin_written = 0;  // bytes the child's standard input took before it closed
+};
+
+// How the child is started, beyond its arguments.
+struct Launch {
+    std::string stdin_bytes;               // written to a pipe on its standard input
+    std::vector<std::string> env = {};     // NAME=VALUE added to the environment
+    rlim_t address_space = RLIM_INFINITY;  // RLIMIT_AS of the child
+};
+
+inline std::string slurp(const fs::path &path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+// A directory of one test's own, removed at the test's end.
+class Scratch {
+public:
+    explicit Scratch(const std::string &tag)
+        : dir_(fs::temp_directory_path() / ("vael_" + tag + "_" + std::to_string(::getpid()))) {
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    ~Scratch() { fs::remove_all(dir_); }
+
+    std::string path(const std::string &name) const { return (dir_ / name).string(); }
+    std::string write(const std::string &name, const std::string &bytes) const {
+        fs::create_directories((dir_ / name).parent_path());
+        std::ofstream(dir_ / name, std::ios::binary) << bytes;
+        return path(name);
+    }
+
+    // vael-scan with `args`, started in this directory.
+    Result run(Args args, const Launch &launch = {}) const {
+        args.insert(args.begin(), VAEL_SCAN_PATH);
+        std::vector<std::string> env(launch.env);
+        for (char **e = environ; *e != nullptr; ++e) env.emplace_back(*e);
+        std::vector<char *> argv, envp;
+        for (auto &s : args) argv.push_back(s.data());
+        for (auto &s : env) envp.push_back(s.data());
+        argv.push_back(nullptr);
+        envp.push_back(nullptr);
+        const std::string out = path(".scan_out"), err = path(".scan_err");
+        int in_pipe[2];
+        if (::pipe(in_pipe) != 0) return {};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addchdir_np(&actions, dir_.c_str());
+        posix_spawn_file_actions_adddup2(&actions, in_pipe[0], 0);
+        posix_spawn_file_actions_addclose(&actions, in_pipe[0]);
+        posix_spawn_file_actions_addclose(&actions, in_pipe[1]);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        // The child takes the limit from this process, which lifts it again at once; posix_spawn shares the memory
+        // rather than copying it, so the child's peak resident memory is its own.
+        rlimit saved{};
+        ::getrlimit(RLIMIT_AS, &saved);
+        rlimit limit = saved;
+        limit.rlim_cur = std::min(launch.address_space, saved.rlim_max);
+        ::setrlimit(RLIMIT_AS, &limit);
+        pid_t pid = -1;
+        const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+        ::setrlimit(RLIMIT_AS, &saved);
+        posix_spawn_file_actions_destroy(&actions);
+        EXPECT_EQ(spawned, 0) << "cannot start " << argv[0];
+        ::close(in_pipe[0]);
+        ::signal(SIGPIPE, SIG_IGN);  // the child may stop reading early (-q)
+        Result result;
+        const std::string &in = launch.stdin_bytes;
+        for (ssize_t n = 1; n > 0 && result.stdin_written < in.size(); result.stdin_written += n > 0 ? n : 0)
+            n = ::write(in_pipe[1], in.data() + result.stdin_written, in.size() - result.stdin_written);
+        ::close(in_pipe[1]);
+        int wait_status = 0;
+        rusage usage{};
+        while (spawned == 0 && ::wait4(pid, &wait_status, 0, &usage) < 0 && errno == EINTR) {
+        }
+        if (spawned == 0 && WIFEXITED(wait_status)) result.status = WEXITSTATUS(wait_status);
+        result.out = slurp(out);
+        result.err = slurp(err);
+        result.max_rss_kib = usage.ru_maxrss;
+        return result;
+    }
+
+private:
+    fs::path dir_;
+};
+
+// One run of a table: the arguments, the exit status, and what the outputs
+// hold: the whole output, or a piece of it when the table checks pieces.
+struct Row { Args args; int status; std::string out, err; };
+
+inline void check_rows(const Scratch &dir, const std::vector<Row> &rows, bool whole) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.args));
+        const Result r = dir.run(row.args);
+        EXPECT_EQ(r.status, row.status) << r.err;
+        if (whole) {
+            EXPECT_EQ(r.out, row.out);
+            EXPECT_EQ(r.err, row.err);
+        } else {
+            EXPECT_NE(r.out.find(row.out), std::string::npos) << r.out;
+            EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
+            EXPECT_EQ(r.out.empty(), row.out.empty()) << r.out;
+        }
+    }
+}
+
 using namespace std::string_literals;
-using vael_cli_test::Args;
-using vael_cli_test::Launch;
-using vael_cli_test::Result;
 using Set = std::multiset<std::string>;
+using vael::cli::parse_pattern_text;
+using vael::cli::PatternFileError;
+using vael::cli::PatternKind;
+using vael::cli::PatternRecord;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kSanitized = true;  // the sanitizer's shadow memory makes RSS and address limits meaningless
 #else
 constexpr bool kSanitized = false;
 #endif
+
+const std::string kTry = "\nTry 'vael-scan --help' for more information.\n";
 
 // A run's output lines as a set: the order within a run may differ.
 Set lines(const std::string &out) {
@@ -43,7 +178,7 @@ protected:
     Result run(Args args, const Launch &launch = {}) { return dir_.run(std::move(args), launch); }
     Result run(Args args, std::string stdin_bytes) { return run(std::move(args), Launch{std::move(stdin_bytes)}); }
 
-    vael_cli_test::Scratch dir_{"scan_"s + testing::UnitTest::GetInstance()->current_test_info()->name()};
+    Scratch dir_{"scan_"s + testing::UnitTest::GetInstance()->current_test_info()->name()};
 };
 
 // Brute force: every (end offset, id) of the strings in data, in the order
@@ -255,8 +390,7 @@ TEST_F(VaelScan, GrepHabits) {
 // Errors and warnings: exact messages, naming what failed and why.
 TEST_F(VaelScan, Messages) {
     const auto f = write("f", "abc def");
-    const std::string usage = "\nTry 'vael-scan --help' for more information.\n", blocks = "' (accepted: 1 to "
-                                                                                         "1073741824, or 1K to 1024M)";
+    const std::string blocks = "' (accepted: 1 to 1073741824, or 1K to 1024M)";
     const struct {
         std::string patterns; Args args; std::vector<std::string> env; std::string err; int status;
     } rows[] = {
@@ -278,21 +412,21 @@ TEST_F(VaelScan, Messages) {
         {"1\ta\\x00b\n", {}, {}, "", 1},  // no NUL note unasked
         {"1\tabc\n", {"--debug", "pm,bogus", "-p", "P", "F"}, {},
          "vael-scan: unknown debug topic 'bogus' (accepted: all, dfa, error, htab, kw, memory, misc, pcre, pm, "
-         "pm_int, pmdump, rem, sm, thinnfa, vbuf, warning)" + usage, 2},
+         "pm_int, pmdump, rem, sm, thinnfa, vbuf, warning)" + kTry, 2},
         {"1\tabc\n", {"--debug-level", "loud", "-p", "P", "F"}, {},
-         "vael-scan: bad debug level 'loud' (accepted: NONE, ERR, WRN, NOTICE, INFO)" + usage, 2},
+         "vael-scan: bad debug level 'loud' (accepted: NONE, ERR, WRN, NOTICE, INFO)" + kTry, 2},
         {"1\tabc\n", {}, {"vael_thin_nfa_full_tiers_num=abc"},
          "vael-scan: environment: bad value 'abc' for vael_thin_nfa_full_tiers_num (accepted: a decimal integer "
          "from 0 to 2147483647)\n", 2},
         {"1\tabc\n", {}, {"vael_thin_nfa_full_tiers_num=3"}, "", 0},
-        {"1\tabc\n", {"--block-size=0", "-p", "P", "F"}, {}, "vael-scan: bad block size '0" + blocks + usage, 2},
-        {"1\tabc\n", {"--block-size=1x", "-p", "P", "F"}, {}, "vael-scan: bad block size '1x" + blocks + usage, 2},
-        {"1\tabc\n", {"F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + usage, 2},
-        {"1\tabc\n", {"--explain=yes", "-p", "P"}, {}, "vael-scan: option '--explain' takes no value" + usage, 2},
-        {"1\tabc\n", {"-p"}, {}, "vael-scan: option '-p' needs a value" + usage, 2},
-        {"1\tabc\n", {"-p", "P", "-p", "P", "F"}, {}, "vael-scan: only one pattern file may be given" + usage, 2},
-        {"1\tabc\n", {"--bogus", "-p", "P", "F"}, {}, "vael-scan: unknown option '--bogus'" + usage, 2},
-        {"1\tabc\n", {"-qz", "-p", "P", "F"}, {}, "vael-scan: unknown option '-z'" + usage, 2},
+        {"1\tabc\n", {"--block-size=0", "-p", "P", "F"}, {}, "vael-scan: bad block size '0" + blocks + kTry, 2},
+        {"1\tabc\n", {"--block-size=1x", "-p", "P", "F"}, {}, "vael-scan: bad block size '1x" + blocks + kTry, 2},
+        {"1\tabc\n", {"F"}, {}, "vael-scan: no pattern file given (use -p PATTERN_FILE)" + kTry, 2},
+        {"1\tabc\n", {"--explain=yes", "-p", "P"}, {}, "vael-scan: option '--explain' takes no value" + kTry, 2},
+        {"1\tabc\n", {"-p"}, {}, "vael-scan: option '-p' needs a value" + kTry, 2},
+        {"1\tabc\n", {"-p", "P", "-p", "P", "F"}, {}, "vael-scan: only one pattern file may be given" + kTry, 2},
+        {"1\tabc\n", {"--bogus", "-p", "P", "F"}, {}, "vael-scan: unknown option '--bogus'" + kTry, 2},
+        {"1\tabc\n", {"-qz", "-p", "P", "F"}, {}, "vael-scan: unknown option '-z'" + kTry, 2},
     };
     for (const auto &row : rows) {
         const auto p = write("p.txt", row.patterns);
@@ -448,6 +582,309 @@ TEST_F(VaelScan, BundledSamples) {
     EXPECT_LT(hits.size() * 2, patterns.records.size()) << "most sample patterns should not occur";
     EXPECT_EQ(hit_ids("/rules.txt"),
               (std::set<std::string>{"20001", "20002", "20003", "20004", "20005", "20006", "20007", "20008"}));
+}
+
+// --verify, --verify-word, --gen-buf and --gen-buf-miss: exact standard output and error.
+TEST(OneShotCli, Answers) {
+    const std::string ok = "Success - pattern has identical meaning in new and old regular expression engines";
+    const std::string both = "--verify and --verify-word take no pattern file or input";
+    check_rows(Scratch("one_shot_cli"), {
+        {{"-i", "--verify", "ab[0-9]+c"}, 0, "pm: ok\nregexp: ok\nmeaning: code 0, type 0, offset -1: " + ok + "\n", ""},
+        {{"--verify", "ab"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -2, type 3, offset -1: Old regular expression engine (Regexp) is "
+         "caseless, but new regular expression engine (PM) is case-sensitive\n", ""},
+        {{"--verify=a\\d", "--caseless"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -8, type 2, offset 2: Found decimal special character '\\d'\n", ""},
+        {{"-i", "--verify", "a(b"}, 1,
+         "pm: refused (type 0, index 3): Missing a closing ')'\nregexp: refused\nmeaning: code -6, type 1, offset "
+         "-1: Syntax verification failed for new regular expression engine (PM)\n", ""},
+        {{"-i", "--rem", "--verify", "x^y"}, 1,
+         "pm: ok\nregexp: ok\nmeaning: code -22, type 1, offset 1: Found anchor '^' in the middle of the "
+         "pattern\n", ""},
+        {{"--verify-word", "foo bar"}, 0, "word: ok\n", ""},
+        {{"--verify-word", "ab\xC3"}, 1, "word: refused: not valid utf8 char in the phrase\n", ""},
+        {{"--verify", "a", "--verify-word", "b"}, 2, "",
+         "vael-scan: --verify and --verify-word cannot be given together" + kTry},
+        {{"--verify", "a", "file.txt"}, 2, "", "vael-scan: " + both + kTry},
+        {{"-p", "p.txt", "--verify-word", "b"}, 2, "", "vael-scan: " + both + kTry},
+        {{"--verify"}, 2, "", "vael-scan: option '--verify' needs a value" + kTry},
+        // The buffer printed, the rule's verdict over it.
+        {{"--gen-buf", "data: \"abc\";"}, 0,
+         "buffer: 11 bytes: \"abc........\"\nverdict: match, ends at 2 (expected: match): agrees\n", ""},
+        {{"--gen-buf-miss", "data: \"abc\";"}, 0,
+         "buffer: 23 bytes: \"---Miss-Match Buffer---\"\nverdict: no match (expected: no match): agrees\n", ""},
+        {{"--gen-buf", "data: \"k\"; test: 2, >, 1000, 0, relative, little; pcre: \"/\\d{2}z/\", relative, offset 2;"},
+         0, "buffer: 14 bytes: \"k\\xe9\\x0300z........\"\nverdict: match, ends at 5 (expected: match): agrees\n",
+         ""},
+        {{"--gen-buf", "data: \"x\"; length: 6, exact, relative;"}, 0,
+         "buffer: 7 bytes: \"x......\"\nverdict: match, ends at 0 (expected: match): agrees\n", ""},
+        // The mismatch text itself holds what this rule looks for.
+        {{"--gen-buf-miss", "data: \"Miss\";"}, 1,
+         "buffer: 23 bytes: \"---Miss-Match Buffer---\"\nverdict: match, ends at 6 (expected: no match): "
+         "disagrees\n", ""},
+        // An absolute test as second keyword cannot be placed.
+        {{"--gen-buf", "data: \"x\"; test: 1, =, 1, 0;"}, 1,
+         "buffer: 21 bytes: \"---Invalide Buffer---\"\nverdict: none: no buffer can be made for this rule\n", ""},
+        {{"--gen-buf", "data: \"abc\""}, 2, "", "rule refused: Keyword rule given by the user is illegal\n"},
+        {{"--gen-buf", "data: \"a\"", "input.txt"}, 2, "",
+         "vael-scan: --gen-buf and --gen-buf-miss take no pattern file or input" + kTry},
+    }, true);
+}
+
+// The machine's dump of one re line, or a message and status 2.
+TEST(OneShotCli, DumpDfa) {
+    auto times = [](int n, const std::string &piece) { std::string s; while (n-- > 0) s += piece; return s; };
+    const Scratch dir("dump_dfa");
+    dir.write("p.txt", "1\tre\tab\n2\tstr\tfoo\n3\tre\t{caseless}:x[a-c]y\n4\tre\ta{x\n");
+    check_rows(dir, {
+        {{"-p", "p.txt", "--rem", "--dump-dfa", "1", "csv"}, 0,
+         "The dfa has 3 states.\nstate_id,level,is_final,a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z\n1,0,0,2" +
+             times(25, ",1") + "\n2,1,0,2,0" + times(24, ",1") + "\n0,2,1" + times(26, ",0") + "\n", ""},
+        {{"-p", "p.txt", "--dump-dfa=1", "jflap"}, 0, "?>\n<!--Created with JFLAP 6.0.--> <structure>", ""},
+        {{"-p", "p.txt", "--dump-dfa", "2", "csv"}, 2, "", "--dump-dfa: no re line with id 2"},
+        {{"-p", "p.txt", "--dump-dfa", "4", "csv"}, 2, "",
+         "p.txt:4: the REM machine refuses pattern 4: Illegal sequence beginning with '{'"},
+        {{"-p", "p.txt", "--dump-dfa", "1"}, 2, "",
+         "option '--dump-dfa' takes an id and then a format: text, csv or jflap"},
+        {{"-p", "p.txt", "--dump-dfa", "1x", "csv"}, 2, "", "bad pattern id '1x' for --dump-dfa"},
+    }, false);
+}
+
+// The report after the scan on standard error, its pieces in order; the
+// matches on standard output as without it; bad flags refused.
+TEST(OneShotCli, StatsReportAfterTheScan) {
+    const Scratch dir("stats_cli");
+    dir.write("p.txt", "1\tabc\n2\txyz\n3\tre\t{LSS(foo)}:foo[0-9]+bar\n");
+    dir.write("in.txt", "abc foo bar\nxyz foo12bar\n");
+    // The option, the exit status and pieces of standard error, in this order.
+    const struct { const char *option; int status; std::vector<std::string> err; } rows[] = {
+        {"--stats", 0,
+         {"Printing PM 0 stats ( vael-scan )\n", "Number of patterns in PM: 3\n", "Number of matches in first tier: 3\n",
+          "LSS (matched: 1, matches that resulted in pm match: 1, match ratio: 1/1 ):foo\n"}},
+        {"--stats=S=ID,D,LEVEL=TIER2,FORMAT=CSV", 0,
+         {"PM id;PM name;Pattern id;Inetrnal pattern id;flags;LSS matches #;", "\n0;vael-scan;3;2;0x00000000;1;1;1/1;"
+                                                                              "\"foo\";FALSE;\"foo[0-9]+bar\";TRUE;PCRE;",
+          "\n0;vael-scan;2;1;", "\n0;vael-scan;1;0;"}},
+        {"--stats=/LEVEL=PM", 0, {"Number of second tiers which ran is: 1\n"}},
+        {"--stats=X", 2, {"vael-scan: --stats: Failed to parse flags: Unknown flag\nTry 'vael-scan --help'"}},
+        {"--stats=FORMAT=CSV", 2,
+         {"vael-scan: --stats: Can't print CSV format for more than one level. Specify LEVEL=PM/TIER1/TIER2\n"}},
+    };
+    const Result plain = dir.run({"-p", "p.txt", "in.txt"});
+    ASSERT_EQ(plain.err, "");
+    for (const auto &row : rows) {
+        const auto [status, out, err, rss, written] = dir.run({"-p", "p.txt", row.option, "in.txt"});
+        EXPECT_EQ(status, row.status) << row.option;
+        EXPECT_EQ(out, row.status == 0 ? plain.out : "") << row.option;
+        size_t at = 0;
+        for (const std::string &piece : row.err) {
+            const size_t found = err.find(piece, at);
+            EXPECT_NE(found, std::string::npos) << row.option << ": " << piece << "\n" << err;
+            at = found == std::string::npos ? at : found + piece.size();
+        }
+    }
+}
+
+// Every kind of pattern line, and an input that hits each, split over the
+// program's reads by a small block size in one row.
+TEST_F(VaelScan, ImageSameOutputCompiledOrLoadedUnderEitherEngine) {
+    const std::string patterns = dir_.write(
+        "p.txt", "1\tGET /\n2\tstr\t{caseless}:host:\n3\tre\tabc[0-9]+de\n4\tword\tfree money\n"
+                 "5\tkw\t{LSS(k=)}:data: \"k=\"; test: 1, =, 0x39, 0, relative;\n6\tabcd\n7\tcd\n8\tX7\n"
+                 "9\tre\t{LSS(user)}:user=[a-z]{2,5};\n");
+    std::string input;
+    for (int i = 0; i < 3; i++)
+        input += "GET / HOST: x abc12de k=9 free money user=abc; k=1 abcd x7 X3 ";
+    const std::string in = dir_.write("in.txt", input);
+    const std::string images[2] = {dir_.path("thin.img"), dir_.path("sm.img")}, engines[2] = {"thin", "sm"};
+    for (int e = 0; e < 2; e++)
+        ASSERT_EQ(dir_.run({"--engine", engines[e], "-p", patterns, "--save", images[e]}).status, 0);
+    // Compile flags have no meaning for a loaded image: those rows are not loadable.
+    const struct { Args options; bool loadable; } rows[] = {
+        {{}, true}, {{"--start", "--all", "--block-size", "7"}, true},
+        {{"-c", "-i", "--all"}, false}, {{"--start", "--all", "--digitless"}, false}, {{"--rem", "-l"}, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.options));
+        std::string want;
+        for (int e = 0; e < 2; e++)
+            for (int load = 0; load < (row.loadable ? 2 : 1); load++) {
+                Args args{"--engine", engines[e]};
+                args.insert(args.end(), {load ? "--load" : "-p", load ? images[e] : patterns});
+                args.insert(args.end(), row.options.begin(), row.options.end());
+                args.push_back(in);
+                const auto r = dir_.run(args);
+                EXPECT_EQ(r.status, 0) << r.err;
+                if (want.empty())
+                    want = r.out;
+                EXPECT_EQ(r.out, want) << engines[e] << (load ? " loaded" : " compiled");
+            }
+        EXPECT_FALSE(want.empty());
+    }
+}
+
+TEST_F(VaelScan, ImageErrorsAndDumps) {
+    const std::string patterns = dir_.write("p.txt", "1\the\n2\tshe\n3\this\n4\thers\n");
+    const std::string image = dir_.path("p.img"), sm_image = dir_.path("sm.img");
+    ASSERT_EQ(dir_.run({"-p", patterns, "--save", image}).status, 0);
+    ASSERT_EQ(dir_.run({"--engine", "sm", "-p", patterns, "--save", sm_image}).status, 0);
+    const std::string bytes = slurp(image);
+    const std::string cut = dir_.write("cut.img", bytes.substr(0, bytes.size() - 1));
+    const std::string junk = dir_.write("junk.img", "not an image at all");
+    const std::string in = dir_.write("in.txt", "ushers");
+    check_rows(dir_, {
+        {{"--load", image, in}, 0, "3:2\n3:1\n5:4\n", ""}, {{"--load", cut, in}, 2, "", "damaged"},
+        {{"--load", junk, in}, 2, "", "not an image"}, {{"--load", dir_.path("none.img"), in}, 2, "", "No such file"},
+        {{"--load", image, "-p", patterns, in}, 2, "", "not both"},
+        {{"-p", patterns, "--save", dir_.path("no/dir/x.img")}, 2, "", "No such file"},
+        {{"-p", patterns, "--dump-bnfa", "xml"}, 2, "", "accepted: csv, jflap"},
+        {{"--load", image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"-p", dir_.write("w.txt", "1\tword\tmoney\n"), "--dump-bnfa", "csv"}, 2, "", "no Thin NFA"},
+        {{"--engine", "sm", "--load", image, in}, 2, "", "other --engine"},
+        {{"--load", sm_image, in}, 2, "", "other --engine"},
+        {{"--engine", "dfa", "-p", patterns, in}, 2, "", "bad engine 'dfa' (accepted: thin, sm)"},
+        {{"--engine", "sm", "--load", sm_image, "--dump-bnfa", "jflap"}, 0, "<structure>", ""},
+        {{"--engine", "sm", "-p", patterns, "--stats", "--memory", in}, 0, "5:4\n", "SM"},
+    }, false);
+    // The dump of the loaded automaton is the dump of the compiled one.
+    const auto dumped = dir_.run({"--load", image, "--dump-bnfa", "csv"}).out;
+    EXPECT_NE(dumped.find(','), std::string::npos);
+    EXPECT_EQ(dumped, dir_.run({"-p", patterns, "--dump-bnfa", "csv"}).out);
+}
+
+PatternRecord rec(std::size_t line, std::int32_t id, std::string bytes, PatternKind kind = PatternKind::str) {
+    return PatternRecord{line, id, kind, std::move(bytes)};
+}
+
+// Files that parse: the records of each line.
+TEST(PatternFile, GoodLinesGiveRecords) {
+    const struct { const char *name; std::string text; std::vector<PatternRecord> expected; } rows[] = {
+        {"Ids", "1\tGET /\n-5\tabc\n2147483647\ta\n-2147483648\tb\n-5\tc\n",
+         {rec(1, 1, "GET /"), rec(2, -5, "abc"), rec(3, 2147483647, "a"), rec(4, INT32_MIN, "b"), rec(5, -5, "c")}},
+        {"Escapes", "1\t\\x41\\x6a\\x6A\\t\\n\\r\\\\z\n2\ta\\x00b\n3\t\\\\x41\n4\t#x\n",
+         {rec(1, 1, "Ajj\t\n\r\\z"), rec(2, 2, "a\0b"s), rec(3, 3, "\\x41"), rec(4, 4, "#x")}},
+        {"RawBytesPassThrough", "1\t\xff\xfe\x01 \xd0\xbf\xd1\x80\n", {rec(1, 1, "\xff\xfe\x01 \xd0\xbf\xd1\x80")}},
+        {"CommentsAndBlankLinesCountAsLines", "# header\n\n   \n\t\t\n\v\f \n2\tx\n#3\ty\n", {rec(6, 2, "x")}},
+        // One CR before the LF is dropped, an escaped one is text.
+        {"CrLf", "1\tabc\r\n# c\r\n\r\n2\tdef\r\r\n3\tg\\r\r\n",
+         {rec(1, 1, "abc"), rec(4, 2, "def\r"), rec(5, 3, "g\r")}},
+        // Every kind, and what the reader leaves to the library.
+        {"Kinds", "1\ta\n2\tre\tb\n3\tstr\tc\n4\tword\td\n5\tre\n6\tkw\n",
+         {rec(1, 1, "a"), rec(2, 2, "b", PatternKind::re), rec(3, 3, "c"), rec(4, 4, "d", PatternKind::word),
+          rec(5, 5, "re"), rec(6, 6, "kw")}},
+        {"MetadataIsLeftInTheText", "1\t{caseless}:abc\n2\tre\t{LSS(ab)}:a.b\n3\tword\t{x\n",
+         {rec(1, 1, "{caseless}:abc"), rec(2, 2, "{LSS(ab)}:a.b", PatternKind::re), rec(3, 3, "{x", PatternKind::word)}},
+        {"EscapesInKeywordRule", "1\tkw\ta\\tb\\x41\n", {rec(1, 1, "a\tbA", PatternKind::kw)}},
+        // Only a keyword rule is a C string; the other kinds carry their length.
+        {"NulOutsideKeywordRules", "1\tre\ta\\x00b\n2\tword\ta\\x00b\n",
+         {rec(1, 1, "a\0b"s, PatternKind::re), rec(2, 2, "a\0b"s, PatternKind::word)}},
+        {"ByteOrderMark", "\xEF\xBB\xBF" "1\tabc\n2\t\xEF\xBB\xBF\n", {rec(1, 1, "abc"), rec(2, 2, "\xEF\xBB\xBF")}},
+        {"OnlyComments", "# one\n#two\n\n", {}},
+    };
+    for (const auto &row : rows) {
+        const auto result = parse_pattern_text(row.text);
+        ASSERT_TRUE(result.ok()) << row.name << ": " << result.error->message;
+        EXPECT_EQ(result.records, row.expected) << row.name;
+    }
+    // Every kind name the reader accepts comes back from kind_name, so what --explain prints can be written back into
+    // a pattern file.
+    for (const char *name : {"str", "re", "word", "word-continuous", "kw", "kw-nohistory"}) {
+        const auto result = parse_pattern_text("1\t"s + name + "\tx\n");
+        ASSERT_TRUE(result.ok()) << name;
+        EXPECT_EQ(vael::cli::kind_name(result.records.at(0).kind), name);
+    }
+}
+
+// Files that are refused: the first bad line and its message, and no records.
+TEST(PatternFile, BadLinesGiveTheFirstError) {
+    const std::string kHexHint = " (\\x takes two hex digits)";
+    const struct { const char *name; std::string text; std::size_t line; std::string message; } rows[] = {
+        {"NoTab", "abc\n", 1, "missing TAB between pattern id and text"},
+        {"IndentedComment", " # note\n", 1, "missing TAB between pattern id and text"},
+        {"MissingId", "\tabc\n", 1, "missing pattern id"},
+        {"TooManyFields", "1\tstr\ta\tb\n", 1, "too many TAB-separated fields (write a TAB inside the text as \\t)"},
+        {"IdNotANumber", "x1\tabc\n", 1, "bad pattern id 'x1' (not a decimal integer)"},
+        {"IdAboveInt32", "2147483648\tabc\n", 1, "pattern id '2147483648' is out of range (signed 32-bit)"},
+        {"EmptyText", "1\t\n", 1, "empty pattern text"}, {"EmptyTextBeforeCrLf", "1\t\r\n", 1, "empty pattern text"},
+        {"UnknownEscape", "1\tab\\q\n", 1, "bad escape '\\q'"},
+        {"BackslashAtEnd", "1\tab\\\n", 1, "bad escape '\\' at end of line"},
+        {"HexOneDigitThenJunk", "1\t\\x4g\n", 1, "bad escape '\\x4g'"s + kHexHint},
+        {"HexNoDigitsAtEnd", "1\ta\\x\n", 1, "bad escape '\\x'"s + kHexHint},
+        {"EscapedMultibyteCharShownWhole", "1\t\\\xc3\xa9\n", 1, "bad escape '\\\xc3\xa9'"},
+        {"EscapedControlByteShownAsHex", "1\t\\\x01\n", 1, "bad escape '\\\\x01'"},
+        {"KindUnknown", "1\tregex\tabc\n", 1, "unknown pattern kind 'regex'"},
+        {"KindEmpty", "1\t\tabc\n", 1, "empty pattern kind"},
+        {"KindWithControlByte", "1\tk\x01\tabc\n", 1, "unknown pattern kind 'k\\x01'"},
+        // A keyword rule is handed over as a C string.
+        {"EscapedNulInKw", "1\tkw\tpart:\\x00\n", 1, "NUL byte in keyword rule 'part:\\x00'"},
+        {"NulInKwNamesItsLine", "1\ta\\x00\n# c\n2\tkw\tx\n3\tkw\tx\\x00\n", 4, "NUL byte in keyword rule 'x\\x00'"},
+        // Which error wins: fields left to right, lines top to bottom.
+        {"KindCheckedBeforeText", "1\tfoo\t\\q\n", 1, "unknown pattern kind 'foo'"},
+        {"LineNumberAfterByteOrderMark", "\xEF\xBB\xBF" "1\ta\nbad\n", 2, "missing TAB between pattern id and text"},
+        {"FirstBadLineWins", "1\ta\n2\t\\q\n3\t\n", 2, "bad escape '\\q'"},
+    };
+    for (const auto &row : rows) {
+        const auto result = parse_pattern_text(row.text);
+        ASSERT_FALSE(result.ok()) << row.name;
+        EXPECT_EQ(*result.error, (PatternFileError{row.line, row.message})) << row.name;
+        EXPECT_TRUE(result.records.empty());
+    }
+}
+
+// Items of a metadata block that vael-scan reads itself: whole items only,
+// with an LSS(...) stepped over whole even when it holds ';' or '}'.
+TEST(MetadataItems, FindsWholeItemsOnly) {
+    const struct { const char *text; bool has_utf8; } rows[] = {
+        {"{utf8}:a", true},           {"{caseless;utf8}:a", true}, {"{LSS(a;utf8)}:a", false},
+        {"{LSS(a;b}c);utf8}:a", true}, {"{utf8x}:a", false},       {"{xutf8}:a", false},
+        {"utf8", false},              {"{LSS(ab:a", false},        {"{caseless}:{utf8}:a", false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(vael::cli::metadata_has_item(row.text, "utf8"), row.has_utf8) << row.text;
+}
+
+// Rendering of bytes inside messages: controls and broken UTF-8 as hex, whole characters kept, long texts cut.
+TEST(PatternFile, PrintableBytes) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"GET /a b~", "GET /a b~"},          {"\x01\t\n\x1f\x7f"s, "\\x01\\x09\\x0a\\x1f\\x7f"},
+        {"a\0b"s, "a\\x00b"},              {"\xc3\xa9t\xc3\xa9", "\xc3\xa9t\xc3\xa9"},
+        {"\xc3x", "\\xc3x"},               {"\x80", "\\x80"},
+        {"\xc0\xaf", "\\xc0\\xaf"},          {std::string(60, 'a'), std::string(60, 'a')},
+        {std::string(61, 'a'), std::string(60, 'a') + "..."},
+    };
+    for (const auto &[in, out] : rows) EXPECT_EQ(vael::cli::printable(in), out);
+}
+
+// Through the file: records as from text, an error with its line, a file that cannot be read at line 0, and whole
+// files read byte for byte within their limit.
+TEST(PatternFile, ReadsFromDisk) {
+    const Scratch dir("pattern_file");
+    const auto good = vael::cli::read_pattern_file(dir.write("p.txt", "# c\r\n1\tab\\x00\r\n\r\n-2\tstr\tz\\tz\n"));
+    ASSERT_TRUE(good.ok());
+    EXPECT_EQ(good.records, (std::vector<PatternRecord>{rec(2, 1, "ab\0"s), rec(4, -2, "z\tz")}));
+    const std::pair<std::string, PatternFileError> bad[] = {
+        {dir.write("b.txt", "1\ta\n2\tb\n3\tkw\tc\\x00\n"), {3, "NUL byte in keyword rule 'c\\x00'"}},
+        {dir.path("missing.txt"), {0, "No such file or directory"}}, {dir.path(""), {0, "Is a directory"}},
+    };
+    for (const auto &[path, error] : bad) {
+        const auto result = vael::cli::read_pattern_file(path);
+        ASSERT_FALSE(result.ok()) << path;
+        EXPECT_EQ(*result.error, error) << path;
+    }
+    std::string bytes(200 * 1024, '\0');  // more than one read's worth
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + (i >> 9));
+    const auto path = dir.write("data.bin", bytes);
+
+    std::string out = "stale";
+    EXPECT_EQ(vael::cli::read_whole_file(path, out, bytes.size()), std::nullopt);
+    EXPECT_EQ(out, bytes);
+    const auto error = vael::cli::read_whole_file(path, out, bytes.size() - 1);
+    EXPECT_EQ(error, "file too large (more than " + std::to_string(bytes.size() - 1) + " bytes)");
+    EXPECT_TRUE(out.empty());
+
+    out = "stale";
+    EXPECT_EQ(vael::cli::read_whole_file(dir.write("empty.bin", ""), out), std::nullopt);
+    EXPECT_TRUE(out.empty());
 }
 
 }  // namespace

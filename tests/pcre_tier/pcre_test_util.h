@@ -41,35 +41,30 @@ struct Match {
 };
 inline void PrintTo(const Match &m, std::ostream *os) { *os << "{last " << m.last << ", start " << m.start << "}"; }
 
-struct Run { int result = 0; std::vector<Match> matches; };
-
-// What the context's function does at each match: stop_after > 0 writes 0 in
-// keep_going at that match; fail_at > 0 returns non-zero there.
-struct Collector { Run run; int stop_after = 0; int fail_at = 0; };
+// What a run gave; stop_after > 0 writes 0 in keep_going at that match, fail_at > 0 returns non-zero there.
+struct Run { int result = 0; std::vector<Match> matches; int stop_after = 0, fail_at = 0; };
 
 inline int collect(vael_pm_exec_cb_ctx *ctx, uint32_t offset, uint32_t *extra, int32_t pattern_id) {
-    auto *c = static_cast<Collector *>(ctx->user_arg);
+    auto *r = static_cast<Run *>(ctx->user_arg);
     EXPECT_EQ(pattern_id, -1);
-    c->run.matches.push_back(Match{offset, extra[1]});
-    const int n = (int)c->run.matches.size();
-    if (c->stop_after == n)
+    r->matches.push_back(Match{offset, extra[1]});
+    const int n = (int)r->matches.size();
+    if (r->stop_after == n)
         ctx->keep_going = 0;
-    return c->fail_at == n ? 7 : 0;
+    return r->fail_at == n ? 7 : 0;
 }
 
 inline Run run(vael_pcre_handle *h, const std::string &text, uint32_t exec_flags = 0, uint32_t start = 0,
                int stop_after = 0, int fail_at = 0) {
-    Collector c;
-    c.stop_after = stop_after;
-    c.fail_at = fail_at;
+    Run r{0, {}, stop_after, fail_at};
     vael_pm_exec_cb_ctx ctx{};
     ctx.fn = collect;
-    ctx.user_arg = &c;
+    ctx.user_arg = &r;
     ctx.keep_going = 1;
     ctx.pattern_id = -1;
-    c.run.result = vael_pcre_exec(h, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(),
-                                  nullptr, start, nullptr, exec_flags, &ctx);
-    return c.run;
+    r.result = vael_pcre_exec(h, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr,
+                              start, nullptr, exec_flags, &ctx);
+    return r;
 }
 
 // The image of a handle, whole.
