@@ -8,7 +8,6 @@
 
 #include "rem/vael_rem_parser.h"
 #include "tests/support/failmem_walk.h"
-#include "tests/support/random_regex.h"
 #include "tests/support/vael_test_support.h"
 
 namespace {
