@@ -161,8 +161,6 @@ TEST(LssFinder, AllocationFailuresEndInNoResult) {
     }
 }
 
-using Strings = std::vector<std::string>;
-
 struct Read { bool ok = false; Strings strings; uint32_t anchors = 0; bool mark = false; };
 
 Read read_lss(const std::string &text, bool literal, bool digitless, uint32_t string_flags = 0) {

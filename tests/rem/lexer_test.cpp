@@ -306,13 +306,12 @@ const vael_rem_operator_conf kConf[VAEL_REM_NUM_CLASSES] = {
     {VAEL_REM_CLASS_BINARY_QUANT, eval_unary, 1}, {VAEL_REM_CLASS_MIN_QUANT, eval_unary, 1},
 };
 
-class RemParser : public testing::Test {
+class RemParser : public RemLexer {
   protected:
     void SetUp() override {
-        vael_rem_parser_init();
+        RemLexer::SetUp();
         ASSERT_EQ(vael_rem_build_token_array(vael_rem_token_class_array_default, kConf, destroy_value, classes_), 0);
     }
-    void TearDown() override { vael_rem_parser_fini(); }
 
     struct Parsed {
         std::string tree;  // empty on failure
