@@ -436,6 +436,9 @@ TEST(WordMatcherImage, RoundTrip) {
     auto twice = load(image_of(loaded.get()), (uint32_t)image.size());
     ASSERT_TRUE(twice);
     EXPECT_EQ(image_of(twice.get()), image);
+    Handle dup(static_cast<vael_wm_handle *>(vael_wm_duplicate(h.get())));
+    ASSERT_TRUE(dup);
+    expect_same_behaviour(h.get(), dup.get());
 
     // From a vbuf whose blocks cut through fields and phrases.
     vael_vbuf *vbuf = vael_test::vbuf_of(image.data(), image.size(), 7);
