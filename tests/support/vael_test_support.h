@@ -107,6 +107,14 @@ inline std::vector<Hit> drain_queue(lst_list *queue) {
     return hits;
 }
 
+// Patterns numbered from 0.
+inline std::vector<Pattern> numbered(const std::vector<std::string> &texts, uint32_t flags = 0) {
+    std::vector<Pattern> out;
+    for (const auto &text : texts)
+        out.push_back({text, (int32_t)out.size(), flags});
+    return out;
+}
+
 // min_len to max_len bytes of `alphabet`: the length drawn first, then each byte.
 template <class Rng>
 std::string random_word(Rng &rng, const std::string &alphabet, size_t min_len, size_t max_len) {

@@ -15,15 +15,9 @@
 namespace {
 
 using vael_test::Hit;
+using vael_test::numbered;
 using vael_test::Pattern;
 using vael_test::ScopedGlobal;
-
-std::vector<Pattern> numbered(const std::vector<std::string> &texts) {
-    std::vector<Pattern> out;
-    for (size_t i = 0; i < texts.size(); i++)
-        out.push_back({texts[i], (int32_t)i + 1});
-    return out;
-}
 
 std::vector<vael_thin_nfa_prefilter_find_fn> searches() {
     std::vector<vael_thin_nfa_prefilter_find_fn> out = {vael_thin_nfa_prefilter_find_plain_fn()};
@@ -51,12 +45,7 @@ vael_thin_nfa *bare_copy(const vael_thin_nfa *nfa) {
 TEST(ThinNfaPrefilter, NoPatternStartIsPassedOver) {
     std::mt19937 rng(4711);
     const std::string alphabet = "abcAB01";
-    auto word = [&](size_t lo, size_t hi) {
-        std::string w;
-        for (size_t n = lo + rng() % (hi - lo + 1); n > 0; n--)
-            w += alphabet[rng() % alphabet.size()];
-        return w;
-    };
+    auto word = [&](size_t lo, size_t hi) { return vael_test::random_word(rng, alphabet, lo, hi); };
     const uint32_t folds[] = {0, VAEL_PM_CASELESS, VAEL_PM_DIGITLESS, VAEL_PM_CASELESS | VAEL_PM_DIGITLESS};
 #if defined(__SANITIZE_ADDRESS__)
     const int rounds = 48;  // every fold, tier count and text kind still meet

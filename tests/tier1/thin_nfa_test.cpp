@@ -31,6 +31,7 @@ using vael_test::Pattern;
 using vael_test::ScopedGlobal;
 using vael_test::ScopedTopic;
 using vael_test::ThinNfa;
+using vael_test::numbered;
 
 constexpr uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
 constexpr uint32_t kStart = VAEL_PM_LSS_START_ANCHOR, kEnd = VAEL_PM_LSS_END_ANCHOR;
@@ -122,14 +123,6 @@ TEST(ThinNfaLimits, AMillionStatesCompileOneMoreDoesNot) {
     EXPECT_EQ(nfa.error().error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
     EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_mem);
     EXPECT_EQ(qx_kmem_get_alloc_total(), all_mem);
-}
-
-// Patterns numbered from 0.
-std::vector<Pattern> numbered(const std::vector<std::string> &texts, uint32_t flags = 0) {
-    std::vector<Pattern> out;
-    for (const auto &text : texts)
-        out.push_back({text, (int32_t)out.size(), flags});
-    return out;
 }
 
 // Blocks of a vbuf that point into strings the caller keeps alive.
