@@ -15,9 +15,9 @@
 namespace {
 
 using vael_test::Hit;
-using vael_test::numbered;
 using vael_test::Pattern;
 using vael_test::ScopedGlobal;
+using vael_test::numbered;
 
 std::vector<vael_thin_nfa_prefilter_find_fn> searches() {
     std::vector<vael_thin_nfa_prefilter_find_fn> out = {vael_thin_nfa_prefilter_find_plain_fn()};
