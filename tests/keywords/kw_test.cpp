@@ -202,11 +202,9 @@ inline vael_pm_handle *pm_compile(const std::vector<PmRule> &rules, vael_pm_erro
 }
 
 inline std::vector<unsigned char> image_of(vael_kw_mgr *mgr) {
-    std::vector<unsigned char> image(vael_kw_mgr_serialize_get_size(mgr));
-    unsigned char *p = image.data();
-    uint32_t space = (uint32_t)image.size();
-    EXPECT_EQ(vael_kw_mgr_serialize(mgr, &p, &space), 0);
-    return image;
+    return vael_test::write_image(vael_kw_mgr_serialize_get_size(mgr), [&](unsigned char **at, uint32_t *space) {
+        return vael_kw_mgr_serialize(mgr, at, space);
+    });
 }
 
 // From a block of exactly `size` bytes, so a read past it is ASan's. With

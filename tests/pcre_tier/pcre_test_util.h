@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "pcre_tier/vael_pcre.h"
+#include "tests/support/vael_test_support.h"
 
 namespace vael_pcre_test {
 
@@ -69,12 +70,9 @@ inline Run run(vael_pcre_handle *h, const std::string &text, uint32_t exec_flags
 
 // The image of a handle, whole.
 inline std::vector<unsigned char> image_of(vael_pcre_handle *h) {
-    std::vector<unsigned char> out(vael_pcre_get_serialized_size(h));
-    unsigned char *p = out.data();
-    uint32_t space = (uint32_t)out.size();
-    EXPECT_EQ(vael_pcre_serialize(h, &p, &space), 0);
-    EXPECT_EQ(space, 0u);
-    return out;
+    return vael_test::write_image(vael_pcre_get_serialized_size(h), [&](unsigned char **at, uint32_t *space) {
+        return vael_pcre_serialize(h, at, space);
+    });
 }
 
 inline Handle load(const std::vector<unsigned char> &image, uint32_t size) {
