@@ -1,26 +1,93 @@
 // The PCRE tier: the options the flags give and the refusals with their exact texts and indexes; what a run delivers,
 // pcre_dfa_exec against pcre_exec over random patterns, long inputs and PCRE's limits; the image, duplicate and
 // destroy, and every allocation failure of compile, duplicate and load with the byte accounts back where they were.
+// A host program that uses PCRE itself, beside the library: its blocks, made before, during and after the library's
+// life and on threads of its own, are released by the allocator that made them (ASan reports any other), and none of
+// them enters the library's accounts.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "tests/pcre_tier/pcre_test_util.h"
+#include "pcre_tier/vael_pcre.h"
 #include "tests/support/failmem_walk.h"
 #include "tests/support/vael_test_support.h"
 
 namespace {
 
-using vael_pcre_test::compile;
-using vael_pcre_test::Match;
-using vael_pcre_test::run;
-using vael_pcre_test::Handle;
-using vael_pcre_test::image_of;
-using vael_pcre_test::load;
+// A handle that destroys itself, and a run that collects what the tier delivers through a run context.
+struct HandleDeleter {
+    void operator()(vael_pcre_handle *h) const { vael_pcre_destroy(h); }
+};
+using Handle = std::unique_ptr<vael_pcre_handle, HandleDeleter>;
+
+inline Handle compile(const std::string &pattern, uint32_t pattern_flags = 0, uint32_t compile_flags = 0,
+                      vael_pm_error *err = nullptr) {
+    vael_pm_error local;
+    if (!err)
+        err = &local;
+    vael_pm_error_init(err);
+    vael_pmglob_string *s = vael_pmglob_string_create(reinterpret_cast<const unsigned char *>(pattern.data()),
+                                                      (uint32_t)pattern.size(), -1, pattern_flags);
+    EXPECT_NE(s, nullptr);
+    Handle h(static_cast<vael_pcre_handle *>(vael_pcre_compile(s, compile_flags, pattern_flags, err)));
+    vael_pmglob_string_destroy(s);
+    return h;
+}
+
+// One delivered match: the offset of its last byte and extra's second word.
+struct Match {
+    uint32_t last;
+    uint32_t start;
+    bool operator==(const Match &o) const { return last == o.last && start == o.start; }
+};
+inline void PrintTo(const Match &m, std::ostream *os) { *os << "{last " << m.last << ", start " << m.start << "}"; }
+
+// What a run gave; stop_after > 0 writes 0 in keep_going at that match, fail_at > 0 returns non-zero there.
+struct Run { int result = 0; std::vector<Match> matches; int stop_after = 0, fail_at = 0; };
+
+inline int collect(vael_pm_exec_cb_ctx *ctx, uint32_t offset, uint32_t *extra, int32_t pattern_id) {
+    auto *r = static_cast<Run *>(ctx->user_arg);
+    EXPECT_EQ(pattern_id, -1);
+    r->matches.push_back(Match{offset, extra[1]});
+    const int n = (int)r->matches.size();
+    if (r->stop_after == n)
+        ctx->keep_going = 0;
+    return r->fail_at == n ? 7 : 0;
+}
+
+inline Run run(vael_pcre_handle *h, const std::string &text, uint32_t exec_flags = 0, uint32_t start = 0,
+               int stop_after = 0, int fail_at = 0) {
+    Run r{0, {}, stop_after, fail_at};
+    vael_pm_exec_cb_ctx ctx{};
+    ctx.fn = collect;
+    ctx.user_arg = &r;
+    ctx.keep_going = 1;
+    ctx.pattern_id = -1;
+    r.result = vael_pcre_exec(h, reinterpret_cast<const unsigned char *>(text.data()), (uint32_t)text.size(), nullptr,
+                              start, nullptr, exec_flags, &ctx);
+    return r;
+}
+
+// The image of a handle, whole.
+inline std::vector<unsigned char> image_of(vael_pcre_handle *h) {
+    return vael_test::write_image(vael_pcre_get_serialized_size(h), [&](unsigned char **at, uint32_t *space) {
+        return vael_pcre_serialize(h, at, space);
+    });
+}
+
+inline Handle load(const std::vector<unsigned char> &image, uint32_t size) {
+    const unsigned char *p = image.data();
+    uint32_t space = size;
+    return Handle(static_cast<vael_pcre_handle *>(vael_pcre_deserialize(&p, &space, nullptr, nullptr)));
+}
 
 const uint32_t kAll = VAEL_PM_EXEC_ALL_MATCHES;
 const uint32_t kStart = VAEL_PM_EXEC_MATCH_START;
@@ -418,6 +485,123 @@ TEST(PcreFailmem, DuplicateAndLoad) {
         }
         EXPECT_EQ(image_of(kept.get()), image);
     }
+}
+
+// What a host does: compile, study, match, and keep the blocks.
+struct HostPattern { pcre *re = nullptr; pcre_extra *extra = nullptr; };
+
+HostPattern host_compile(const char *pattern) {
+    HostPattern p;
+    const char *message = nullptr;
+    int offset = 0;
+    p.re = pcre_compile(pattern, 0, &message, &offset, nullptr);
+    EXPECT_NE(p.re, nullptr) << pattern;
+    if (p.re)
+        p.extra = pcre_study(p.re, 0, &message);
+    return p;
+}
+
+bool host_matches(const HostPattern &p, const char *text) {
+    int ovector[30];
+    return pcre_exec(p.re, p.extra, text, (int)strlen(text), 0, 0, ovector, 30) >= 0;
+}
+
+void host_free(HostPattern &p) {
+    pcre_free(p.extra); // a host of this PCRE releases both through pcre_free
+    pcre_free(p.re);
+    p = HostPattern{};
+}
+
+int restart_pcre_tier() { return vael_pcre_init(&pm_tier2_funcs[VAEL_PM_TIER2_PCRE]); }
+
+TEST(PcreHost, BlocksAroundAndBetweenLibraryCalls) {
+    const intptr_t kmem_start = qx_kmem_get_alloc_total();
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+
+    // The library's hooks are in: a host block is still the host's.
+    HostPattern during = host_compile("host(a|b)+");
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+    auto lib = compile("lib[0-9]+");
+    ASSERT_TRUE(lib);
+    EXPECT_GT(vael_pmglob_memory_get_alloc_total(), pm_start);
+    EXPECT_TRUE(host_matches(during, "xhostab"));
+    EXPECT_EQ(run(lib.get(), "a lib42").matches.size(), 1u);
+
+    // Stop: the hooks go back; a block made now is plain.
+    vael_pcre_fini();
+    auto *const stock_malloc = pcre_malloc;
+    HostPattern after = host_compile("after");
+    EXPECT_TRUE(host_matches(after, "xafter"));
+    // A handle of the library outlives the stop and is released by it.
+    EXPECT_EQ(run(lib.get(), "lib7").matches.size(), 1u);
+    lib.reset();
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+
+    // Start again: blocks of both earlier periods go to the stock free.
+    ASSERT_EQ(restart_pcre_tier(), 0);
+    EXPECT_NE(pcre_malloc, stock_malloc);
+    host_free(during);
+    host_free(after);
+    auto lib2 = compile("again");
+    ASSERT_TRUE(lib2);
+    HostPattern between = host_compile("between");
+    lib2.reset();
+    EXPECT_TRUE(host_matches(between, "between"));
+    host_free(between);
+    EXPECT_EQ(qx_kmem_get_alloc_total(), kmem_start);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
+}
+
+// A host that installs hooks of its own after the start keeps them at the
+// stop; the library's compile refuses while they are in.
+TEST(PcreHost, HostHooksSurviveTheStop) {
+    vael_pcre_fini();
+    auto *const stock_malloc = pcre_malloc;
+    auto *const stock_free = pcre_free;
+    ASSERT_EQ(restart_pcre_tier(), 0);
+    static std::atomic<int> host_allocs;
+    host_allocs = 0;
+    auto host_malloc = [](size_t n) -> void * {
+        host_allocs++;
+        return malloc(n);
+    };
+    pcre_malloc = host_malloc;
+    pcre_free = free;
+    vael_pm_error err;
+    EXPECT_FALSE(compile("abc", 0, 0, &err));
+    EXPECT_EQ(err.error_type, (uint32_t)VAEL_PM_ERROR_INTERNAL);
+    vael_pcre_fini();
+    EXPECT_EQ(pcre_malloc, static_cast<void *(*)(size_t)>(host_malloc));
+    HostPattern p = host_compile("abc");
+    EXPECT_GT(host_allocs.load(), 0);
+    host_free(p);
+    pcre_malloc = stock_malloc;
+    pcre_free = stock_free;
+    ASSERT_EQ(restart_pcre_tier(), 0);
+    EXPECT_TRUE(compile("abc"));
+}
+
+// A host thread compiles, matches and frees while the library compiles and
+// destroys on another: each call's blocks go by the thread it runs on.
+TEST(PcreHost, ConcurrentHostThread) {
+    const intptr_t pm_start = vael_pmglob_memory_get_alloc_total();
+    std::atomic<bool> ok{true};
+    std::thread host([&] {
+        for (int i = 0; i < 300; i++) {
+            HostPattern p = host_compile("h[a-z]+o");
+            if (!host_matches(p, "xhello"))
+                ok = false;
+            host_free(p);
+        }
+    });
+    for (int i = 0; i < 300; i++) {
+        auto h = compile("w[a-z]+d");
+        ASSERT_TRUE(h);
+        EXPECT_EQ(run(h.get(), "world").matches.size(), 1u);
+    }
+    host.join();
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(vael_pmglob_memory_get_alloc_total(), pm_start);
 }
 
 }  // namespace
