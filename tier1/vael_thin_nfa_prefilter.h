@@ -58,9 +58,9 @@ extern "C" {
 #define THIN_NFA_PREFILTER_CONFIRM_DEPTH 16u
 
 typedef struct vael_thin_nfa_prefilter_tables {
-    uint32_t domain_bits; /* 8..16: the table has 1 << domain_bits entries */
+    uint32_t domain_bits; /* 8..14: the table has 1 << domain_bits entries */
     uint32_t domain_mask; /* keeps the domain's bits of a little-endian 16-bit load */
-    uint32_t fold;        /* ORed into the 16-bit load first: 0x2020 when case folds, else 0 */
+    uint32_t fold;        /* ORed into the 16-bit load first: 0x2020 within the mask when case folds, else 0 */
     /* Entry d, byte 7 - k, bit b: no beginning in bucket b shows domain d
      * at offset k. Stored reversed so that a lookup at position q, shifted
      * left by q's place in its block, lands each byte on the start it
