@@ -37,12 +37,12 @@ constexpr uint32_t kMinConfirmLog2 = 12; // 512 bytes
 // size past the minimum, the first stage's table a quarter too: the filter
 // stays small beside the automaton it serves.
 constexpr uint32_t kMaxConfirmLog2 = 21;
-// Domain bits: a byte and up to 4 bits of the next. Each bit more halves the
+// Domain bits: a byte and up to 6 bits of the next. Each bit more halves the
 // chance that text collides with a beginning at an offset, and doubles the
-// table; at 32 KiB it still sits in the first-level cache.
-// Past 32 KiB the table grows only while text would still collide with
-// a beginning at an offset more often than about one time in two; the
-// largest sets then keep it in the second-level cache.
+// table. Up to 32 KiB it sits in the first-level cache; past that it grows
+// only while text would still collide with a beginning at an offset more
+// often than about one time in two, and the largest sets keep it in the
+// second-level cache.
 constexpr uint32_t kMinDomainBits = 8;
 constexpr uint32_t kCacheDomainBits = 12;
 constexpr uint32_t kMaxDomainBits = 14;
@@ -89,7 +89,7 @@ void index_raw_bytes(const vael_thin_nfa *nfa, uint8_t fold, RawBytes &raw) {
 // state's table by canonical byte.
 struct Frame {
     uint32_t offset;
-    uint32_t next;      // the next transition index, or the next byte of a full table
+    uint32_t next; // the next transition index, or the next byte of a full table
     uint32_t fail; // a full state's fail state; it tells children from folded fail transitions
 };
 
@@ -311,23 +311,30 @@ Deal deal_buckets(const uint32_t (&beginnings)[kDepth + 1], uint32_t domain_bits
     return deal;
 }
 
-// Visits every beginning: a path of 8 bytes, or a shorter one that ends in
-// a finite state (the paths below it need no beginnings of their own, for
-// the shorter pattern's start is a candidate already). visit(len).
+// Tells the beginnings among the states a walk visits, parents first: a
+// path of 8 bytes, or a shorter one that ends in a finite state (the paths
+// below it need no beginnings of their own, for the shorter pattern's start
+// is a candidate already).
+struct Beginnings {
+    uint32_t under = 0; // depth of the finite state the walk is below; 0: none
+
+    bool is_one(uint32_t depth, bool finite) {
+        if (under && depth <= under)
+            under = 0;
+        if (under || depth > kDepth || !(finite || depth == kDepth))
+            return false;
+        under = depth < kDepth ? depth : 0;
+        return true;
+    }
+};
+
+// Visits every beginning: visit(len).
 template <class F>
 int walk_beginnings(Walk &w, F &&visit) {
-    uint32_t under = 0; // depth of the finite state the walk is below; 0: none
+    Beginnings beginnings;
     return walk_trie(w, kDepth, [&](uint32_t d, uint32_t offset) {
-        if (under && d <= under)
-            under = 0;
-        if (under)
-            return;
-        if (d == kDepth) {
+        if (beginnings.is_one(d, w.bnfa[offset] & BNFA_STATE_FINITE))
             visit(d);
-        } else if (w.bnfa[offset] & BNFA_STATE_FINITE) {
-            visit(d);
-            under = d;
-        }
     });
 }
 
@@ -417,21 +424,17 @@ __attribute__((always_inline)) inline const unsigned char *find_blocks(const vae
         return _mm_or_si128(_mm_or_si128(_mm_or_si128(e0, e1), _mm_or_si128(e2, e3)),
                             _mm_or_si128(_mm_or_si128(e4, e5), _mm_or_si128(e6, e7)));
     };
-    // The first candidate among the starts of `open` from `base` on.
-    const unsigned char *found = nullptr;
-    auto first_standing = [&](const unsigned char *base, uint32_t open) {
+    // The first start of `open`, counted from `base`, that the confirmation
+    // lets stand; `last` once past it; null when none.
+    auto first_standing = [&](const unsigned char *base, uint32_t open) -> const unsigned char * {
         for (; open; open &= open - 1) {
             const unsigned char *q = base + __builtin_ctz(open);
-            if (q >= last) {
-                found = last;
-                return true;
-            }
-            if (vael_thin_nfa_prefilter_confirm(pf, q, end)) {
-                found = q;
-                return true;
-            }
+            if (q >= last)
+                return last;
+            if (vael_thin_nfa_prefilter_confirm(pf, q, end))
+                return q;
         }
-        return false;
+        return nullptr;
     };
     // The starts before p, bytes 0..6 of the first block, are refused.
     __m128i carry = _mm_set_epi64x(0, 0x00ffffffffffffffll);
@@ -445,17 +448,16 @@ __attribute__((always_inline)) inline const unsigned char *find_blocks(const vae
         const __m128i done = _mm_unpacklo_epi64(a, _mm_or_si128(_mm_srli_si128(a, 8), b));
         carry = _mm_srli_si128(b, 8);
         uint32_t open = ~(uint32_t)_mm_movemask_epi8(_mm_cmpeq_epi8(done, ones)) & 0xffffu;
-        if (__builtin_expect(open != 0, 0)) {
-            if (first_standing(block - 7, open))
-                return found;
-        }
+        if (__builtin_expect(open != 0, 0))
+            if (const unsigned char *q = first_standing(block - 7, open))
+                return q;
         block += 16;
     }
     if (end - block >= (ptrdiff_t)THIN_NFA_PREFILTER_LOAD) {
         const __m128i a = _mm_or_si128(carry, lookups(block));
         uint32_t open = ~(uint32_t)_mm_movemask_epi8(_mm_cmpeq_epi8(a, ones)) & 0xffu;
-        if (open && first_standing(block - 7, open))
-            return found;
+        if (const unsigned char *q = open ? first_standing(block - 7, open) : nullptr)
+            return q;
         block += 8;
     }
     // The starts the blocks did not finish, each looked up alone.
@@ -542,7 +544,7 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
     // The deep walk: the confirmation's keys and the beginnings per length.
     uint32_t lengths = 0;
     uint32_t beginnings[kDepth + 1] = {};
-    uint32_t under = 0;
+    Beginnings tell;
     uint64_t lo = 0, hi = 0;
     int walked = walk_trie(w, kConfirmDepth, [&](uint32_t d, uint32_t offset) {
         // path[0 .. d) in two words, as the search loads the data; the hash
@@ -556,13 +558,8 @@ extern "C" int vael_thin_nfa_prefilter_build(vael_thin_nfa *nfa) {
         }
         if (d == 8)
             set_confirm(pf, lo, 0, THIN_NFA_PREFILTER_TAG_PREFIX8);
-        // The beginnings, as walk_beginnings visits them.
-        if (under && d <= under)
-            under = 0;
-        if (!under && d <= kDepth && (finite || d == kDepth)) {
+        if (tell.is_one(d, finite))
             beginnings[d]++;
-            under = d < kDepth ? d : 0;
-        }
     });
     pf->confirm_lengths = lengths;
     if (walked != 0 || lengths == 0) {
